@@ -1,0 +1,187 @@
+// The native methods of NativePKCS11: the loaded module as a whole.
+#include "it_quarvel_pkcs11_nat_NativePKCS11.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "jniUtil.h"
+#include "pkcs11Bridge.h"
+#include "trace.h"
+
+namespace {
+
+/// Sends standard output to the trace log from here on and switches tracing on.
+void startTrace() {
+  std::puts("getenv done ");
+  std::printf("redirecting stdout to /var/tmp/vorlenk0.log ");
+  // Line buffered, so that the last line before a crash inside a module is in the log.
+  if (std::FILE* log = std::freopen("/var/tmp/vorlenk0.log", "a+", stdout); log != nullptr) {
+    std::setvbuf(log, nullptr, _IOLBF, 0);
+  }
+  std::puts("setting debug to 1");
+  debug = 1;
+}
+
+}  // namespace
+
+// ---- Library lifecycle ----
+
+JNIEXPORT jlong JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_loadPKCS11Library(JNIEnv* env,
+                                                                                  jclass /*cla*/,
+                                                                                  jstring libName) {
+  if (std::getenv("PKCS11_ZOV_DEBUG") != nullptr) startTrace();
+  TRACE("JNI: start loadPKCS11Library ");
+  const char* path = takeChars(env, libName, "Internal error (Null parameter)");
+  if (path == nullptr) return 0;
+  TRACE("(arg= %s)\n", path);
+
+  CK_FUNCTION_LIST_PTR funcList = nullptr;
+  if (check(env, bridge::loadLib(path, &funcList))) {
+    TRACE("JNI: library loaded: (FuncList ptr=%lx)\n", reinterpret_cast<unsigned long>(funcList));
+    traceLine("JNI: end loadPKCS11Library");
+  }
+  env->ReleaseStringUTFChars(libName, path);
+  return CK2J_PTR(funcList);
+}
+
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_libInitialize(JNIEnv* env,
+                                                                             jobject /*obj*/) {
+  traceLine("JNI: PKCS11.libInitialize");
+  check(env, bridge::initLib());
+}
+
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_libFinalize(JNIEnv* /*env*/,
+                                                                           jobject /*obj*/) {
+  traceLine("JNI: PKCS11.libFinalize");
+  bridge::finalizeLib();
+}
+
+JNIEXPORT jstring JNICALL
+Java_it_quarvel_pkcs11_nat_NativePKCS11_getBridgeVersion(JNIEnv* env, jobject /*obj*/) {
+  static const char bridgev[] = "1.16";
+  TRACE("JNI: start PKCS11.getBridgeVersion: %s\n", bridgev);
+  return env->NewStringUTF(bridgev);
+}
+
+// ---- Module information ----
+
+JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_getInfo(JNIEnv* env,
+                                                                          jobject /*obj*/) {
+  traceLine("JNI: start PKCS11.getInfo");
+  CK_INFO ckInfo = {};
+  if (!check(env, bridge::getInfo(&ckInfo))) return nullptr;
+
+  TRACE("JNI: creating jobject PKCS11Info...");
+  const jstring manufacturer = CK2J_STR(env, ckInfo.manufacturerID);
+  if (manufacturer == nullptr) return nullptr;
+  const jstring description = CK2J_STR(env, ckInfo.libraryDescription);
+  if (description == nullptr) return nullptr;
+  const jobject info =
+      newObject(env, "it/quarvel/pkcs11/PKCS11Info", "(ILjava/lang/String;ILjava/lang/String;I)V",
+                CK2J_VER(ckInfo.cryptokiVersion), manufacturer, CK2J_FLAGS(ckInfo.flags),
+                description, CK2J_VER(ckInfo.libraryVersion));
+  if (info != nullptr) traceLine("OK");
+  return info;
+}
+
+JNIEXPORT jobjectArray JNICALL
+Java_it_quarvel_pkcs11_nat_NativePKCS11_getSlotList(JNIEnv* env, jobject obj, jboolean tokenIn) {
+  traceLine("JNI: start PKCS11.getSlotList");
+  CK_SLOT_ID_PTR ckSlots = nullptr;
+  CK_ULONG ckCount = 0;
+  if (!check(env, bridge::getSlotList(&ckSlots, J2CK_BOOL(tokenIn), &ckCount))) return nullptr;
+  const HeapBlock<CK_SLOT_ID> slots(ckSlots);
+  if (ckCount == 0 || !fitsJavaArray(env, ckCount, bridge::CKR_ZOV_NOSPACE)) return nullptr;
+
+  TRACE("JNI: creating array of %li PKCS11Slot\n", ckCount);
+  const Constructor slot = findConstructor(env, kSlotClass, kSlotInit);
+  if (slot.init == nullptr) return nullptr;
+  const jobjectArray array = env->NewObjectArray(CK2J_INT(ckCount), slot.cl, nullptr);
+  if (array == nullptr) return nullptr;
+  for (jint i = 0; i < CK2J_INT(ckCount); ++i) {
+    TRACE("JNI: adding element %li ...", static_cast<long>(i));
+    const jint slotN = CK2J_SLOT(ckSlots[i]);
+    TRACE(" value= %li ...", static_cast<long>(slotN));
+    const jobject element = env->NewObject(slot.cl, slot.init, obj, slotN);
+    if (element == nullptr) return nullptr;
+    env->SetObjectArrayElement(array, i, element);
+    traceLine(" OK");
+  }
+  return array;
+}
+
+JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_waitForSlotEvent(
+    JNIEnv* env, jobject /*obj*/, jboolean /*blocking*/) {
+  notSupported(env);
+  return nullptr;
+}
+
+// ---- RSA credential lookup ----
+
+JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_getRSAcredential(
+    JNIEnv* env, jobject obj, jstring alias, jint flags, jstring pin) {
+  traceLine("JNI: start getRSAcredential... ");
+  const char* utf_alias = takeChars(env, alias);
+  if (utf_alias == nullptr) return nullptr;
+  const CK_ULONG utf_aliaslen = std::strlen(utf_alias);
+  TRACE(" alias len =%li \n", utf_aliaslen);
+  const CK_FLAGS ckFlags = J2CK_FLAGS(flags);
+  TRACE("JNI: pin is null ?... ");
+  const bool isNullPin = pin == nullptr;
+  const char* utf_str_pin = isNullPin ? nullptr : env->GetStringUTFChars(pin, nullptr);
+  if (!isNullPin && utf_str_pin == nullptr) {
+    env->ReleaseStringUTFChars(alias, utf_alias);
+    throwExc(env, kInternalError);
+    return nullptr;
+  }
+  const CK_ULONG utf_str_pinlen = isNullPin ? 0 : std::strlen(utf_str_pin);
+  TRACE(" pin len =%li \n", utf_str_pinlen);
+
+  CK_SLOT_ID slotID = 0;
+  CK_SESSION_HANDLE ckSession = CK_INVALID_HANDLE;
+  CK_OBJECT_HANDLE ckObj[3] = {};  // private key, public key, certificate
+  const CK_RV ckRv =
+      bridge::getRSACred(moduleBytes(utf_alias), utf_aliaslen, ckFlags, moduleBytes(utf_str_pin),
+                         utf_str_pinlen, &slotID, &ckSession, &ckObj[0], &ckObj[1], &ckObj[2]);
+  env->ReleaseStringUTFChars(alias, utf_alias);
+  if (!isNullPin) env->ReleaseStringUTFChars(pin, utf_str_pin);
+  if (ckRv != CKR_OK) {
+    throwCKExcAS(env, ckRv);
+    return nullptr;
+  }
+
+  traceLine("JNI: creating PKCS11Slot");
+  const Constructor slotMade = findConstructor(env, kSlotClass, kSlotInit);
+  if (slotMade.init == nullptr) return nullptr;
+  const jint slotN = CK2J_SLOT(slotID);
+  TRACE(" value= %li ...", static_cast<long>(slotN));
+  const jobject slot = env->NewObject(slotMade.cl, slotMade.init, obj, slotN);
+  if (slot == nullptr) return nullptr;
+  traceLine(" slot OK");
+
+  TRACE("JNI: creating PKCS11Session...");
+  const jobject session = newSession(env, slot, ckSession);
+  if (session == nullptr) return nullptr;
+  traceLine(" session OK");
+
+  TRACE("JNI: creating array PKCS11Object...");
+  const Constructor objMade = findConstructor(env, kObjectClass, kObjectInit);
+  if (objMade.init == nullptr) return nullptr;
+  const jobjectArray objArray = env->NewObjectArray(3, objMade.cl, nullptr);
+  if (objArray == nullptr) return nullptr;
+  for (jint i = 0; i < 3; ++i) {
+    TRACE("JNI: adding element %li ...", static_cast<long>(i));
+    jobject object = nullptr;
+    if (ckObj[i] == CK_INVALID_HANDLE) {
+      TRACE("NULL found");
+    } else {
+      TRACE("%li found", ckObj[i]);
+      object = env->NewObject(objMade.cl, objMade.init, session, CK2J_INT(ckObj[i]));
+      if (object == nullptr) return nullptr;
+    }
+    env->SetObjectArrayElement(objArray, i, object);
+    traceLine(" OK");
+  }
+  return objArray;
+}
