@@ -1,0 +1,368 @@
+// The native methods of NativePKCS11Object: one token object and its attributes.
+#include "it_quarvel_pkcs11_nat_NativePKCS11Object.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "jniUtil.h"
+#include "pkcs11Bridge.h"
+#include "trace.h"
+
+namespace {
+
+constexpr int kTableSize = 17;
+constexpr int kDateSize = 8;
+
+// Which attribute types the generic getter reads as which Java type. The fill of -1 counts as an
+// entry: the type -1 is read as an int.
+const jint J_INT[kTableSize] = {CKA_CLASS,
+                                CKA_CERTIFICATE_TYPE,
+                                CKA_KEY_TYPE,
+                                CKA_MODULUS_BITS,
+                                CKA_VALUE_BITS,
+                                CKA_VALUE_LEN,
+                                -1,
+                                -1,
+                                -1,
+                                -1,
+                                -1,
+                                -1,
+                                -1,
+                                -1,
+                                -1,
+                                -1,
+                                -1};
+const jint J_BOOL[kTableSize] = {CKA_TOKEN,
+                                 CKA_PRIVATE,
+                                 CKA_SENSITIVE,
+                                 CKA_ENCRYPT,
+                                 CKA_DECRYPT,
+                                 CKA_WRAP,
+                                 CKA_UNWRAP,
+                                 CKA_SIGN,
+                                 CKA_SIGN_RECOVER,
+                                 CKA_VERIFY,
+                                 CKA_VERIFY_RECOVER,
+                                 CKA_DERIVE,
+                                 CKA_EXTRACTABLE,
+                                 CKA_LOCAL,
+                                 CKA_NEVER_EXTRACTABLE,
+                                 CKA_ALWAYS_SENSITIVE,
+                                 CKA_MODIFIABLE};
+const jint J_STR[kTableSize] = {
+    CKA_LABEL, CKA_APPLICATION, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+const jint J_BYTE[kTableSize] = {CKA_VALUE,    CKA_ISSUER, CKA_SERIAL_NUMBER,
+                                 CKA_SUBJECT,  CKA_ID,     CKA_EC_PARAMS,
+                                 CKA_EC_POINT, -1,         -1,
+                                 -1,           -1,         -1,
+                                 -1,           -1,         -1,
+                                 -1,           -1};
+const jint J_DATE[kTableSize] = {0x0AC, CKA_END_DATE, -1, -1, -1, -1, -1, -1, -1,
+                                 -1,    -1,           -1, -1, -1, -1, -1, -1};
+const jint J_BIGI[kTableSize] = {CKA_MODULUS,
+                                 CKA_PUBLIC_EXPONENT,
+                                 CKA_PRIVATE_EXPONENT,
+                                 CKA_PRIME_1,
+                                 CKA_PRIME_2,
+                                 CKA_EXPONENT_1,
+                                 CKA_EXPONENT_2,
+                                 CKA_COEFFICIENT,
+                                 CKA_PRIME,
+                                 CKA_SUBPRIME,
+                                 CKA_BASE,
+                                 -1,
+                                 -1,
+                                 -1,
+                                 -1,
+                                 -1,
+                                 -1};
+
+int isIn(jint val, const jint (&list)[kTableSize]) {
+  return std::find(std::begin(list), std::end(list), val) != std::end(list) ? 1 : 0;
+}
+
+struct Handles {
+  CK_SESSION_HANDLE session;
+  CK_OBJECT_HANDLE object;
+};
+
+/// The object's handle and that of its session; empty with an exception pending.
+std::optional<Handles> readHandles(JNIEnv* env, jobject obj) {
+  const std::optional<CK_OBJECT_HANDLE> ckObj = getObjectID(env, obj);
+  if (!ckObj) return std::nullopt;
+  const std::optional<CK_SESSION_HANDLE> ckSessionID = getObjSessionID(env, obj);
+  if (!ckSessionID) return std::nullopt;
+  return Handles{*ckSessionID, *ckObj};
+}
+
+void traceHandles(const Handles& handles) {
+  TRACE("(obj= %li)(ses=%li)\n", handles.object, handles.session);
+}
+
+/// The handles, traced: the opening of the methods whose start text comes just before.
+std::optional<Handles> beginOnObject(JNIEnv* env, jobject obj) {
+  const std::optional<Handles> handles = readHandles(env, obj);
+  if (handles) traceHandles(*handles);
+  return handles;
+}
+
+/// One attribute value as the bridge returned it: `size` bytes and a zero byte after them.
+struct Value {
+  HeapBlock<CK_BYTE> bytes;  // null after a failure, with an exception pending
+  CK_ULONG size;
+};
+
+Value readValue(JNIEnv* env, const std::optional<Handles>& handles, jint attr) {
+  CK_ATTRIBUTE ckAttr = {J2CK_INT(attr), nullptr, 0};
+  if (!handles ||
+      !check(env, bridge::getAttributeValue(handles->session, handles->object, &ckAttr))) {
+    return {nullptr, 0};
+  }
+  return {HeapBlock<CK_BYTE>(static_cast<CK_BYTE*>(ckAttr.pValue)), ckAttr.ulValueLen};
+}
+
+/// The same for a type that has no empty values: refuses one with the message `msg`.
+Value readFilledValue(JNIEnv* env, const std::optional<Handles>& handles, jint attr,
+                      const char* msg) {
+  Value value = readValue(env, handles, attr);
+  if (value.bytes != nullptr && value.size == 0) {
+    throwExc(env, msg);
+    value.bytes.reset();
+  }
+  return value;
+}
+
+/// @return empty with an exception pending
+std::optional<jboolean> readBool(JNIEnv* env, jobject obj, jint attr) {
+  TRACE("JNI: start PKCS11Object.getAttr(%li) Bool... ", static_cast<long>(attr));
+  const Value value = readFilledValue(env, beginOnObject(env, obj), attr, "VOID boolean field");
+  if (value.bytes == nullptr) return std::nullopt;
+  return CK2J_BOOL(*value.bytes);
+}
+
+/// @return empty with an exception pending
+std::optional<jint> readInt(JNIEnv* env, jobject obj, jint attr) {
+  TRACE("JNI: start PKCS11Object.getAttr(%li) Int... ", static_cast<long>(attr));
+  const Value value = readFilledValue(env, beginOnObject(env, obj), attr, "VOID int field");
+  if (value.bytes == nullptr) return std::nullopt;
+  // A module built with a narrower integer returns fewer bytes; padded with zeros they read right.
+  CK_ULONG number = 0;
+  std::memcpy(&number, value.bytes.get(), std::min<CK_ULONG>(value.size, sizeof number));
+  return CK2J_INT(number);
+}
+
+jstring readString(JNIEnv* env, jobject obj, jint attr) {
+  TRACE("JNI: start PKCS11Object.getAttr(%li) String... ", static_cast<long>(attr));
+  const Value value = readValue(env, beginOnObject(env, obj), attr);
+  if (value.bytes == nullptr) return nullptr;
+  return env->NewStringUTF(reinterpret_cast<const char*>(value.bytes.get()));
+}
+
+/// A byte[] of `lead` zero bytes and the value; null with an exception pending.
+jbyteArray newByteArray(JNIEnv* env, const Value& value, jint lead) {
+  if (!fitsJavaArray(env, value.size + J2CK_INT(lead), bridge::CKR_ZOV_NOSPACE)) return nullptr;
+  const jsize size = CK2J_INT(value.size);
+  const jbyteArray array = env->NewByteArray(lead + size);
+  if (array == nullptr) return nullptr;
+  env->SetByteArrayRegion(array, lead, size, reinterpret_cast<const jbyte*>(value.bytes.get()));
+  return array;
+}
+
+jbyteArray readByteArray(JNIEnv* env, jobject obj, jint attr) {
+  TRACE("JNI: start PKCS11Object.getAttr(%li) ByteArray... ", static_cast<long>(attr));
+  const Value value = readValue(env, beginOnObject(env, obj), attr);
+  return value.bytes != nullptr ? newByteArray(env, value, 0) : nullptr;
+}
+
+/// The first eight bytes of a value as text; digit values 1 to 9 in place of ASCII digits are
+/// what some tokens store.
+void dateText(const CK_BYTE* bytes, char (&date)[kDateSize + 1]) {
+  const int offset = bytes[0] <= 9 ? '0' : 0;
+  for (int i = 0; i < kDateSize; ++i) date[i] = static_cast<char>(bytes[i] + offset);
+  date[kDateSize] = '\0';
+}
+
+jobject readDate(JNIEnv* env, jobject obj, jint attr) {
+  constexpr char kVoid[] = "VOID Date field";
+  TRACE("JNI: start PKCS11Object.getDateAttr(%li)... ", static_cast<long>(attr));
+  const Value value = readFilledValue(env, readHandles(env, obj), attr, kVoid);
+  if (value.bytes == nullptr) return nullptr;
+  if (*value.bytes == 0) traceLine("strelen(ckDatePtr) = 0!");
+  if (*value.bytes == 0 || value.size < kDateSize) {
+    throwExc(env, kVoid);
+    return nullptr;
+  }
+  char date[kDateSize + 1];
+  dateText(value.bytes.get(), date);
+
+  TRACE("JNI: creating jobject Date...");
+  jclass formatCl = nullptr;
+  const jobject format = newDateFormat(env, &formatCl);
+  if (format == nullptr) return nullptr;
+  const jmethodID parse =
+      env->GetMethodID(formatCl, "parse", "(Ljava/lang/String;)Ljava/util/Date;");
+  if (parse == nullptr) return nullptr;
+  const jstring text = env->NewStringUTF(date);
+  if (text == nullptr) return nullptr;
+  const jobject result = env->CallObjectMethod(format, parse, text);
+  if (env->ExceptionCheck() != JNI_FALSE) return nullptr;
+  traceLine("OK");
+  return result;
+}
+
+jobject readBigInteger(JNIEnv* env, jobject obj, jint attr) {
+  TRACE("JNI: start PKCS11Object.getAttr(%li) BigInt... ", static_cast<long>(attr));
+  const Value value = readFilledValue(env, beginOnObject(env, obj), attr, "VOID BigInteger field");
+  if (value.bytes == nullptr) return nullptr;
+  // A new array is all zeros, so the leading byte that keeps the number positive is there already.
+  const jbyteArray magnitude = newByteArray(env, value, 1);
+  if (magnitude == nullptr) return nullptr;
+  TRACE("JNI: creating jobject BigInteger...");
+  const jobject number = newObject(env, "java/math/BigInteger", "([B)V", magnitude);
+  if (number != nullptr) traceLine("OK");
+  return number;
+}
+
+/// Sets one attribute to a value of this call.
+void setValue(JNIEnv* env, jobject obj, jint attr, void* ckVal, CK_ULONG size) {
+  TRACE("JNI: start PKCS11Object.setAttr(%li)... ", static_cast<long>(attr));
+  const std::optional<Handles> handles = beginOnObject(env, obj);
+  if (!handles) return;
+  CK_ATTRIBUTE ckAttr = {J2CK_INT(attr), ckVal, size};
+  check(env, bridge::setAttributeValue(handles->session, handles->object, &ckAttr, 1));
+}
+
+}  // namespace
+
+// ---- The object as a whole ----
+
+JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_copy(JNIEnv* env,
+                                                                             jobject /*obj*/,
+                                                                             jintArray /*a*/,
+                                                                             jobjectArray /*b*/) {
+  notSupported(env);
+  return nullptr;
+}
+
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_destroy(JNIEnv* env,
+                                                                             jobject obj) {
+  TRACE("JNI: start PKCS11Object.destroy... ");
+  const std::optional<Handles> handles = beginOnObject(env, obj);
+  if (handles) check(env, bridge::destroyObject(handles->session, handles->object));
+}
+
+JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_size(JNIEnv* env,
+                                                                          jobject obj) {
+  TRACE("JNI: start PKCS11Object.size... ");
+  const std::optional<Handles> handles = beginOnObject(env, obj);
+  CK_ULONG ckSize = 0;
+  if (!handles || !check(env, bridge::getObjectSize(handles->session, handles->object, &ckSize))) {
+    return -1;
+  }
+  return CK2J_INT(ckSize);
+}
+
+// ---- Reading attributes ----
+
+JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getAttributeValue(
+    JNIEnv* env, jobject obj, jint attr) {
+  jobject result = nullptr;
+  if (isIn(attr, J_INT) != 0) {
+    const std::optional<jint> intVal = readInt(env, obj, attr);
+    if (!intVal) return nullptr;
+    TRACE("JNI: creating jobject Integer...");
+    result = newObject(env, "java/lang/Integer", "(I)V", *intVal);
+  } else if (isIn(attr, J_BOOL) != 0) {
+    const std::optional<jboolean> boolVal = readBool(env, obj, attr);
+    if (!boolVal) return nullptr;
+    TRACE("JNI: creating jobject Boolean...");
+    result = newObject(env, "java/lang/Boolean", "(Z)V", *boolVal);
+  } else if (isIn(attr, J_STR) != 0) {
+    return readString(env, obj, attr);
+  } else if (isIn(attr, J_BYTE) != 0) {
+    return readByteArray(env, obj, attr);
+  } else if (isIn(attr, J_DATE) != 0) {
+    return readDate(env, obj, attr);
+  } else if (isIn(attr, J_BIGI) != 0) {
+    return readBigInteger(env, obj, attr);
+  } else {
+    throwExc(env, "Object type not valid");
+    return nullptr;
+  }
+  if (result != nullptr) traceLine("OK");
+  return result;
+}
+
+JNIEXPORT jboolean JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getBoolAttributeValue(
+    JNIEnv* env, jobject obj, jint attr) {
+  return readBool(env, obj, attr).value_or(JNI_FALSE);
+}
+
+JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getIntAttributeValue(
+    JNIEnv* env, jobject obj, jint attr) {
+  return readInt(env, obj, attr).value_or(-1);
+}
+
+JNIEXPORT jstring JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getStringAttributeValue(
+    JNIEnv* env, jobject obj, jint attr) {
+  return readString(env, obj, attr);
+}
+
+JNIEXPORT jbyteArray JNICALL
+Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getByteArrayAttributeValue(JNIEnv* env, jobject obj,
+                                                                         jint attr) {
+  return readByteArray(env, obj, attr);
+}
+
+JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getDateAttributeValue(
+    JNIEnv* env, jobject obj, jint attr) {
+  return readDate(env, obj, attr);
+}
+
+JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getBigIntegerAttributeValue(
+    JNIEnv* env, jobject obj, jint attr) {
+  return readBigInteger(env, obj, attr);
+}
+
+// ---- Writing attributes ----
+
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttributeValue(
+    JNIEnv* env, jobject obj, jint attr, jobject value) {
+  TRACE("JNI: start PKCS11Object.setAttr(%li)... ", static_cast<long>(attr));
+  const std::optional<Handles> handles = beginOnObject(env, obj);
+  if (!handles) return;
+  CK_ATTRIBUTE ckAttr;
+  if (J2CK_ATTR(env, attr, value, &ckAttr) == 0) {
+    traceLine("\nERROR: cannot parse passed object");
+    return;
+  }
+  const CK_RV ckRv = bridge::setAttributeValue(handles->session, handles->object, &ckAttr, 1);
+  std::free(ckAttr.pValue);
+  check(env, ckRv);
+}
+
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttributeValues(
+    JNIEnv* env, jobject obj, jintArray attrArray, jobjectArray valArray) {
+  TRACE("JNI: start PKCS11Object.setAttrValues... ");
+  const std::optional<Handles> handles = beginOnObject(env, obj);
+  if (!handles) return;
+  CK_ATTRIBUTE* ckAttr = nullptr;
+  CK_ULONG ckCount = 0;
+  jint* attrA = buildTemplate(env, attrArray, valArray, false, &ckAttr, &ckCount);
+  if (attrA == nullptr) return;
+  check(env, bridge::setAttributeValue(handles->session, handles->object, ckAttr, ckCount));
+  releaseTypes(env, attrArray, attrA);
+  freeTemplate(ckAttr, ckCount);
+}
+
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setBoolAttributeValue(
+    JNIEnv* env, jobject obj, jint attr, jboolean value) {
+  CK_BBOOL ckVal = J2CK_BOOL(value);
+  setValue(env, obj, attr, &ckVal, sizeof ckVal);
+}
+
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setIntAttributeValue(
+    JNIEnv* env, jobject obj, jint attr, jint value) {
+  CK_ULONG ckVal = J2CK_INT(value);
+  setValue(env, obj, attr, &ckVal, sizeof ckVal);
+}
