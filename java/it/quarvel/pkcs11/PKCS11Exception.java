@@ -1,0 +1,97 @@
+package it.quarvel.pkcs11;
+
+/**
+ * A failure of the module, or of the library in front of it.
+ *
+ * <p>A standard PKCS#11 return value arrives as its code, with a message such as "CKR_PIN_INCORRECT
+ * (0xA0)". Everything else arrives as a message alone, with the code 0: "Internal error" stands for
+ * a module that is not loaded or not initialised, that lacks the function, or that answered with a
+ * vendor-defined value; other messages name an argument or an attribute that cannot be used.
+ */
+public class PKCS11Exception extends Exception {
+  private static final long serialVersionUID = 1L;
+
+  /** The return value, 0 when there is only a message. */
+  private final int errorCode;
+
+  /** Whether the return value lies in the vendor-defined range. */
+  private final boolean vendorDefined;
+
+  /** The return value by name, empty when there is only a message. */
+  private final String name;
+
+  /**
+   * Makes an exception that carries only a message.
+   *
+   * @param message what went wrong
+   */
+  public PKCS11Exception(String message) {
+    super(message);
+    errorCode = 0;
+    vendorDefined = false;
+    name = "";
+  }
+
+  /**
+   * Makes an exception for a standard return value.
+   *
+   * @param errorCode the {@code CKR_} value
+   */
+  public PKCS11Exception(int errorCode) {
+    this(errorCode, false);
+  }
+
+  /**
+   * Makes an exception for any return value.
+   *
+   * @param errorCode the low 32 bits of the return value
+   * @param vendorDefined true when the return value is 0x80000000 or above
+   */
+  public PKCS11Exception(int errorCode, boolean vendorDefined) {
+    super(describe(errorCode, vendorDefined));
+    this.errorCode = errorCode;
+    this.vendorDefined = vendorDefined;
+    this.name = nameOf(errorCode, vendorDefined);
+  }
+
+  /**
+   * Returns the return value.
+   *
+   * @return a {@code CKR_} value, or 0 when the exception carries only a message
+   */
+  public int errorCode() {
+    return errorCode;
+  }
+
+  /**
+   * Tells whether the code is the vendor's own, so that no {@code CKR_} constant applies.
+   *
+   * @return true for a vendor-defined return value
+   */
+  public boolean isVendorDefined() {
+    return vendorDefined;
+  }
+
+  /**
+   * Names the return value.
+   *
+   * @return "CKR_PIN_INCORRECT" for instance, a text with the number where there is no name, or
+   *     empty when the exception carries only a message
+   */
+  public String name() {
+    return name;
+  }
+
+  private static String describe(int errorCode, boolean vendorDefined) {
+    String name = nameOf(errorCode, vendorDefined);
+    return name.startsWith("CKR_") ? "%s (0x%X)".formatted(name, errorCode) : name;
+  }
+
+  private static String nameOf(int errorCode, boolean vendorDefined) {
+    if (vendorDefined) {
+      return "vendor-defined 0x%08X".formatted(errorCode);
+    }
+    String name = PKCS11Constants.returnValueName(errorCode);
+    return name.startsWith("CKR_") ? name : "CKR " + name;
+  }
+}

@@ -1,0 +1,102 @@
+package it.quarvel.pkcs11.nat;
+
+import java.io.File;
+import java.io.FileNotFoundException;
+import java.io.IOException;
+import java.io.InputStream;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.attribute.FileAttribute;
+import java.nio.file.attribute.PosixFilePermissions;
+import java.util.ArrayList;
+import java.util.List;
+
+/** Finds and loads the native library. */
+final class NativeLibrary {
+  private static final String NAME = "quarvelpkcs11";
+  private static final String FILE_PROPERTY = "it.quarvel.pkcs11.library";
+  private static final String TMPDIR_PROPERTY = "it.quarvel.pkcs11.tmpdir";
+  private static final String RESOURCE =
+      "/it/quarvel/pkcs11/nat/linux-" + System.getProperty("os.arch") + "/lib" + NAME + ".so";
+
+  private interface Loader {
+    void load() throws IOException;
+  }
+
+  private NativeLibrary() {}
+
+  /** Loads the library, or tells in one error everything that was tried and why it failed. */
+  @SuppressWarnings("restricted")
+  static void load() {
+    List<String> failures = new ArrayList<>();
+    String file = System.getProperty(FILE_PROPERTY);
+    boolean loaded =
+        file != null
+            ? succeeds(
+                "file " + file + " named by the system property " + FILE_PROPERTY,
+                () -> System.load(new File(file).getAbsolutePath()),
+                failures)
+            : succeeds("library " + NAME, () -> System.loadLibrary(NAME), failures)
+                || succeeds("resource " + RESOURCE, NativeLibrary::loadResource, failures);
+    if (!loaded) {
+      throw new UnsatisfiedLinkError(
+          "The native library cannot be loaded. Name its file with -D%s=FILE.\n%s"
+              .formatted(FILE_PROPERTY, String.join("\n", failures)));
+    }
+  }
+
+  private static boolean succeeds(String attempt, Loader loader, List<String> failures) {
+    try {
+      loader.load();
+      return true;
+    } catch (IllegalCallerException e) {
+      throw accessDenied(e);
+    } catch (UnsatisfiedLinkError | IOException e) {
+      failures.add(attempt + ": " + e.getMessage());
+      return false;
+    }
+  }
+
+  private static UnsatisfiedLinkError accessDenied(IllegalCallerException cause) {
+    Module module = NativeLibrary.class.getModule();
+    String name = module.isNamed() ? module.getName() : "ALL-UNNAMED";
+    UnsatisfiedLinkError error =
+        new UnsatisfiedLinkError(
+            "This Java denies native access: start it with --enable-native-access=" + name);
+    error.initCause(cause);
+    return error;
+  }
+
+  /** Loads a private copy of the resource; the mapped library outlives its deleted file. */
+  @SuppressWarnings("restricted")
+  private static void loadResource() throws IOException {
+    try (InputStream in = NativeLibrary.class.getResourceAsStream(RESOURCE)) {
+      if (in == null) {
+        throw new FileNotFoundException("not in the jar");
+      }
+      File directory = createPrivateDirectory().toFile();
+      File copy = new File(directory, "lib" + NAME + ".so");
+      try {
+        Files.copy(in, copy.toPath());
+        System.load(copy.getPath());
+      } catch (UnsatisfiedLinkError e) {
+        throw new IOException(
+            e.getMessage() + "; -D%s=DIR moves the copy elsewhere".formatted(TMPDIR_PROPERTY), e);
+      } finally {
+        copy.delete();
+        directory.delete();
+      }
+    }
+  }
+
+  private static Path createPrivateDirectory() throws IOException {
+    String parent = System.getProperty(TMPDIR_PROPERTY, System.getProperty("java.io.tmpdir"));
+    FileAttribute<?> ownerOnly =
+        PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------"));
+    try {
+      return Files.createTempDirectory(Path.of(parent).toAbsolutePath(), NAME + "-", ownerOnly);
+    } catch (IOException e) {
+      throw new IOException("no directory can be made in " + parent + " (" + e + ")", e);
+    }
+  }
+}

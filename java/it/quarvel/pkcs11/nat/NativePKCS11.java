@@ -1,0 +1,159 @@
+package it.quarvel.pkcs11.nat;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Info;
+import java.util.List;
+
+/**
+ * The PKCS#11 module of this process.
+ *
+ * <pre>{@code
+ * NativePKCS11.loadPKCS11Library("/usr/lib/softhsm/libsofthsm2.so");
+ * NativePKCS11 module = new NativePKCS11();
+ * module.libInitialize();
+ * try {
+ *   for (NativePKCS11Slot slot : module.slots(true)) {
+ *     System.out.println(slot.getTokenInfo().trimmedLabel());
+ *   }
+ * } finally {
+ *   module.libFinalize();
+ * }
+ * }</pre>
+ *
+ * <p>What holds for this class and for slots, sessions and objects alike:
+ *
+ * <ul>
+ *   <li>There is one module at a time in the whole process, whatever the number of objects of this
+ *       class, and it is initialised without locking: make one call at a time, from whichever
+ *       thread, and load, initialise or finalise beside no other call.
+ *   <li>Every failure is a {@link PKCS11Exception}. Its code is the module's return value; its
+ *       message is "Internal error" when no module is initialised, when the module lacks the
+ *       function, or when the return value is vendor-defined. A null key or byte array, or a length
+ *       beyond its array, is refused with CKR_ARGUMENTS_BAD before the module is called; a null
+ *       string with "Internal error".
+ *   <li>Handles are {@code int}. A module with handles of 64 bits works only behind p11-kit-proxy,
+ *       which gives it small ones.
+ *   <li>A mechanism reaches the module without parameters; the parameter objects are not read.
+ *       Offsets are not read either: data starts at the first element of its array.
+ *   <li>Attribute values are given as {@code String}, {@code byte[]}, {@code Integer}, {@code
+ *       Boolean}, {@code BigInteger} or {@code Date}. A null or a value of another class stops the
+ *       method silently: the module is not called, nothing is raised, the result is null. A {@link
+ *       it.quarvel.pkcs11.PKCS11Template} takes no such value.
+ *   <li>Attribute and mechanism types of the vendor-defined range cannot be named, since an {@code
+ *       int} reaches the module with its sign extended to 64 bits.
+ * </ul>
+ *
+ * <p>With the environment variable PKCS11_ZOV_DEBUG present, the process's standard output goes to
+ * /var/tmp/vorlenk0.log from the first load on, with a trace of every call.
+ */
+public class NativePKCS11 {
+  /** The version that the native library must have. */
+  public static final String BRIDGE_VERSION = "1.16";
+
+  static {
+    NativeLibrary.load();
+    String version = libraryVersion();
+    if (!BRIDGE_VERSION.equals(version)) {
+      throw new UnsatisfiedLinkError(
+          "The native library has version %s, its Java classes need version %s"
+              .formatted(version, BRIDGE_VERSION));
+    }
+  }
+
+  /** Makes an object to call the module through; loading and initialising it are separate calls. */
+  public NativePKCS11() {}
+
+  /**
+   * Loads a module ({@code C_GetFunctionList}). The first of all calls; {@link #libInitialize}
+   * follows.
+   *
+   * @param libName path of the module's shared library
+   * @return address of the module's function list, never 0
+   * @throws PKCS11Exception with "Internal error" when the file cannot be opened or is no module,
+   *     with "Internal error (Null parameter)" for a null path
+   */
+  public static native long loadPKCS11Library(String libName) throws PKCS11Exception;
+
+  /**
+   * Initialises the loaded module ({@code C_Initialize} without arguments).
+   *
+   * @throws PKCS11Exception with the module's return value, for instance
+   *     CKR_CRYPTOKI_ALREADY_INITIALIZED, or with "Internal error" when no module is loaded
+   */
+  public native void libInitialize() throws PKCS11Exception;
+
+  /**
+   * Finalises the module ({@code C_Finalize}) and closes it. Never fails; slots, sessions and
+   * objects are of no more use afterwards. Load again to start over.
+   *
+   * @throws PKCS11Exception never
+   */
+  public native void libFinalize() throws PKCS11Exception;
+
+  /**
+   * Returns the version of the native library, with or without a module.
+   *
+   * @return {@link #BRIDGE_VERSION}
+   */
+  public native String getBridgeVersion();
+
+  /**
+   * Returns what the module says of itself ({@code C_GetInfo}).
+   *
+   * @return the module's information
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native PKCS11Info getInfo() throws PKCS11Exception;
+
+  /**
+   * Lists the slots ({@code C_GetSlotList}); {@link #slots} does without the null.
+   *
+   * @param tokenIn true for the slots that hold a token, false for all
+   * @return the slots in the module's order, or null when there is none
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native NativePKCS11Slot[] getSlotList(boolean tokenIn) throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param blocking not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native NativePKCS11Slot waitForSlotEvent(boolean blocking) throws PKCS11Exception;
+
+  /**
+   * Looks an RSA credential up by name. There is no lookup behind it yet: every call fails.
+   *
+   * @param alias name of the credential
+   * @param flags flags for the lookup
+   * @param pin PIN of the token, or null for none
+   * @return private key, public key and certificate, null for each that is missing
+   * @throws PKCS11Exception always, with the vendor-defined code -1; with "Internal error" for a
+   *     null alias
+   */
+  public native NativePKCS11Object[] getRSAcredential(String alias, int flags, String pin)
+      throws PKCS11Exception;
+
+  /**
+   * Lists the slots.
+   *
+   * @param tokenPresent true for the slots that hold a token, false for all
+   * @return the slots in the module's order, empty when there is none
+   * @throws PKCS11Exception when the module refuses
+   */
+  public List<NativePKCS11Slot> slots(boolean tokenPresent) throws PKCS11Exception {
+    NativePKCS11Slot[] slots = getSlotList(tokenPresent);
+    return slots == null ? List.of() : List.of(slots);
+  }
+
+  /** Asks the library, which may be any other one when a property names its file. */
+  private static String libraryVersion() {
+    try {
+      return new NativePKCS11().getBridgeVersion();
+    } catch (UnsatisfiedLinkError e) {
+      return "none";
+    }
+  }
+}

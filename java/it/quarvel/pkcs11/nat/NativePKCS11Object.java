@@ -1,0 +1,214 @@
+package it.quarvel.pkcs11.nat;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import java.math.BigInteger;
+import java.text.ParseException;
+import java.util.Date;
+
+/**
+ * An object on the token or in a session: a key, a certificate or data. Searches and creations of
+ * {@link NativePKCS11Session} return them, and its calls run in that session.
+ *
+ * <p>The getters read one attribute each ({@code C_GetAttributeValue}). A getter fails with
+ * CKR_ATTRIBUTE_TYPE_INVALID when the object has no such attribute and with CKR_ATTRIBUTE_SENSITIVE
+ * when the token keeps the value to itself.
+ */
+public class NativePKCS11Object {
+  private final NativePKCS11Session session;
+  private final int objectID;
+
+  /**
+   * Makes an object for a handle that is known.
+   *
+   * @param session the session in which the handle is valid
+   * @param objectID the handle
+   */
+  public NativePKCS11Object(NativePKCS11Session session, int objectID) {
+    this.session = session;
+    this.objectID = objectID;
+  }
+
+  /**
+   * Returns the session.
+   *
+   * @return the session in which the object's calls run
+   */
+  public NativePKCS11Session session() {
+    return session;
+  }
+
+  /**
+   * Returns the handle.
+   *
+   * @return the low 32 bits of the object handle
+   */
+  public int objectID() {
+    return objectID;
+  }
+
+  /**
+   * Not supported.
+   *
+   * @param attrTypes not read
+   * @param attrValues not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native NativePKCS11Object copy(int[] attrTypes, Object[] attrValues)
+      throws PKCS11Exception;
+
+  /**
+   * Deletes the object ({@code C_DestroyObject}); its handle is of no more use afterwards.
+   *
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void destroy() throws PKCS11Exception;
+
+  /**
+   * Returns the object's size ({@code C_GetObjectSize}).
+   *
+   * @return bytes on the token as the module counts them; -1 from modules that do not
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native int size() throws PKCS11Exception;
+
+  /**
+   * Reads an attribute in the Java class that suits its type: {@code Integer}, {@code Boolean},
+   * {@code String}, {@code byte[]}, {@code Date} or {@code BigInteger}.
+   *
+   * <p>It knows the common attributes of data, certificates and keys. Others, {@code
+   * CKA_START_DATE} among them, are read by the getter of their Java type.
+   *
+   * @param attr a {@code CKA_} constant
+   * @return the value
+   * @throws PKCS11Exception when the module refuses; with "Object type not valid" for an attribute
+   *     that it does not know; otherwise as the getter of the Java type
+   * @throws ParseException when a date attribute holds no date
+   */
+  public native Object getAttributeValue(int attr) throws PKCS11Exception, ParseException;
+
+  /**
+   * Reads a truth value.
+   *
+   * @param attr a {@code CKA_} constant
+   * @return whether the first byte is not zero
+   * @throws PKCS11Exception when the module refuses; with "VOID boolean field" for an empty value
+   */
+  public native boolean getBoolAttributeValue(int attr) throws PKCS11Exception;
+
+  /**
+   * Reads a number.
+   *
+   * @param attr a {@code CKA_} constant
+   * @return the low 32 bits
+   * @throws PKCS11Exception when the module refuses; with "VOID int field" for an empty value
+   */
+  public native int getIntAttributeValue(int attr) throws PKCS11Exception;
+
+  /**
+   * Reads a text.
+   *
+   * @param attr a {@code CKA_} constant
+   * @return the bytes up to the first zero, read as modified UTF-8; empty for an empty value
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native String getStringAttributeValue(int attr) throws PKCS11Exception;
+
+  /**
+   * Reads any attribute as the bytes that the module gives, numbers in the machine's byte order.
+   *
+   * @param attr a {@code CKA_} constant
+   * @return the bytes, none for an empty value
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native byte[] getByteArrayAttributeValue(int attr) throws PKCS11Exception;
+
+  /**
+   * Reads a date; {@link #getDate} has the type.
+   *
+   * @param attr {@code CKA_START_DATE} or {@code CKA_END_DATE}
+   * @return a {@code Date}: midnight of that day in the default time zone
+   * @throws PKCS11Exception when the module refuses; with "VOID Date field" when no date is set
+   * @throws ParseException when the value is no date
+   */
+  public native Object getDateAttributeValue(int attr) throws PKCS11Exception, ParseException;
+
+  /**
+   * Reads a big number; {@link #getBigInteger} has the type.
+   *
+   * @param attr {@code CKA_MODULUS} for instance
+   * @return a {@code BigInteger}, never negative
+   * @throws PKCS11Exception when the module refuses; with "VOID BigInteger field" for an empty
+   *     value
+   */
+  public native Object getBigIntegerAttributeValue(int attr) throws PKCS11Exception;
+
+  /**
+   * Changes an attribute ({@code C_SetAttributeValue}).
+   *
+   * @param attr a {@code CKA_} constant
+   * @param value the new value, of one of the classes that {@link NativePKCS11} names; any other
+   *     changes nothing and raises nothing
+   * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_READ_ONLY for what never
+   *     changes
+   */
+  public native void setAttributeValue(int attr, Object value) throws PKCS11Exception;
+
+  /**
+   * Changes several attributes in one call ({@code C_SetAttributeValue}).
+   *
+   * @param attrArray the {@code CKA_} constants
+   * @param valArray the new values in the same order; one that is null or of a class that {@link
+   *     NativePKCS11} does not name changes nothing and raises nothing
+   * @throws PKCS11Exception when the module refuses; with "Different array length" unless both
+   *     arrays have the same length
+   */
+  public native void setAttributeValues(int[] attrArray, Object[] valArray) throws PKCS11Exception;
+
+  /**
+   * Changes an attribute that is a truth value ({@code C_SetAttributeValue}).
+   *
+   * @param attr a {@code CKA_} constant
+   * @param value the new value, one byte in the module
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void setBoolAttributeValue(int attr, boolean value) throws PKCS11Exception;
+
+  /**
+   * Changes an attribute that is a number ({@code C_SetAttributeValue}).
+   *
+   * @param attr a {@code CKA_} constant
+   * @param value the new value, a {@code CK_ULONG} with the sign extended in the module
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void setIntAttributeValue(int attr, int value) throws PKCS11Exception;
+
+  /**
+   * Reads a date.
+   *
+   * @param attr {@code CKA_START_DATE} or {@code CKA_END_DATE}
+   * @return midnight of that day in the default time zone
+   * @throws PKCS11Exception when the module refuses; with "VOID Date field" when no date is set
+   * @throws ParseException when the value is no date
+   */
+  public Date getDate(int attr) throws PKCS11Exception, ParseException {
+    return (Date) getDateAttributeValue(attr);
+  }
+
+  /**
+   * Reads a big number.
+   *
+   * @param attr {@code CKA_MODULUS} for instance
+   * @return the number, never negative
+   * @throws PKCS11Exception when the module refuses; with "VOID BigInteger field" for an empty
+   *     value
+   */
+  public BigInteger getBigInteger(int attr) throws PKCS11Exception {
+    return (BigInteger) getBigIntegerAttributeValue(attr);
+  }
+
+  @Override
+  public String toString() {
+    return "NativePKCS11Object[objectID=" + objectID + "]";
+  }
+}

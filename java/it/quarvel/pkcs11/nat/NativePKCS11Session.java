@@ -1,0 +1,962 @@
+package it.quarvel.pkcs11.nat;
+
+import static it.quarvel.pkcs11.PKCS11Constants.CKR_BUFFER_TOO_SMALL;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11SessionInfo;
+import it.quarvel.pkcs11.PKCS11Template;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.Optional;
+
+/**
+ * A session with a token; {@link NativePKCS11Slot#openSession(int)} opens it and {@link #close}
+ * ends it. {@link NativePKCS11} tells what holds for every call.
+ *
+ * <p>Logging in counts for all sessions of this application with the token, and ends when the last
+ * of them is closed.
+ *
+ * <p>Methods that take a {@link PKCS11Template}, or return an array instead of filling one, do the
+ * usual steps of an operation in one call. The others are the PKCS#11 functions one by one.
+ */
+public class NativePKCS11Session implements AutoCloseable {
+  private static final int SMALLEST_WRAP_ROOM = 4 * 1024;
+  private static final int LARGEST_WRAP_ROOM = 64 * 1024;
+
+  private final NativePKCS11Slot slot;
+  private final int sessionID;
+
+  /**
+   * The two halves of a new key pair.
+   *
+   * @param publicKey the public key
+   * @param privateKey the private key
+   */
+  public record KeyPair(NativePKCS11Object publicKey, NativePKCS11Object privateKey) {}
+
+  /** Ends a search when the block that runs it ends, however it ends. */
+  private interface Search extends AutoCloseable {
+    @Override
+    void close() throws PKCS11Exception;
+  }
+
+  /**
+   * Makes an object for a session whose handle is known.
+   *
+   * @param slot the slot
+   * @param sessionID the session handle
+   */
+  public NativePKCS11Session(NativePKCS11Slot slot, int sessionID) {
+    this.slot = slot;
+    this.sessionID = sessionID;
+  }
+
+  /**
+   * Returns the slot.
+   *
+   * @return the slot that the session was opened on
+   */
+  public NativePKCS11Slot slot() {
+    return slot;
+  }
+
+  /**
+   * Returns the handle.
+   *
+   * @return the low 32 bits of the session handle
+   */
+  public int sessionID() {
+    return sessionID;
+  }
+
+  /**
+   * Ends the session ({@code C_CloseSession}). Closing it twice is the module's
+   * CKR_SESSION_HANDLE_INVALID.
+   *
+   * @throws PKCS11Exception when the module refuses
+   */
+  @Override
+  public native void close() throws PKCS11Exception;
+
+  /**
+   * Returns the session's state ({@code C_GetSessionInfo}).
+   *
+   * @return who is logged in and what the session may do
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native PKCS11SessionInfo getInfo() throws PKCS11Exception;
+
+  /**
+   * Logs in ({@code C_Login}). A {@code String} cannot be wiped from memory; {@link #loginellips}
+   * takes bytes that can. An empty PIN is a PIN without characters, not the reader's PIN pad, which
+   * {@link #loginAuthPath} asks for.
+   *
+   * @param isSO true for the security officer, false for the user
+   * @param pin the PIN, sent as modified UTF-8
+   * @throws PKCS11Exception when the module refuses, with CKR_PIN_INCORRECT for a wrong PIN
+   */
+  public native void login(boolean isSO, String pin) throws PKCS11Exception;
+
+  /**
+   * Logs out ({@code C_Logout}), all sessions with the token alike.
+   *
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void logout() throws PKCS11Exception;
+
+  /**
+   * Sets the user's PIN ({@code C_InitPIN}) in a read/write session of the security officer. The
+   * {@code String} cannot be wiped from memory.
+   *
+   * @param newPin the PIN, sent as modified UTF-8
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void initPIN(String newPin) throws PKCS11Exception;
+
+  /**
+   * Changes the PIN of whoever is logged in, else the user's ({@code C_SetPIN}). A {@code String}
+   * cannot be wiped from memory; {@link #setPINellips} takes bytes that can.
+   *
+   * @param oldPin the PIN that holds now, sent as modified UTF-8
+   * @param newPin the PIN to come, sent as modified UTF-8
+   * @throws PKCS11Exception when the module refuses, with CKR_PIN_INCORRECT for a wrong old PIN
+   */
+  public native void setPIN(String oldPin, String newPin) throws PKCS11Exception;
+
+  /**
+   * Starts a signature ({@code C_SignInit}).
+   *
+   * @param mech a {@code CKM_} value
+   * @param param not read
+   * @param key a private or secret key
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void signInit(int mech, Object param, NativePKCS11Object key)
+      throws PKCS11Exception;
+
+  /**
+   * Signs all data at once ({@code C_Sign}). Ends the operation, unless it only asks for the length
+   * or fails with CKR_BUFFER_TOO_SMALL.
+   *
+   * @param inData the data
+   * @param inOffset not read: data starts at index 0
+   * @param inLen bytes of data
+   * @param outData room for the signature; null or empty to ask for its length
+   * @param outOffset not read: the signature starts at index 0
+   * @return bytes of the signature, or the room that it needs
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native int sign(byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Starts an encryption ({@code C_EncryptInit}).
+   *
+   * @param mech a {@code CKM_} value
+   * @param param not read
+   * @param key a public or secret key
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void encryptInit(int mech, Object param, NativePKCS11Object key)
+      throws PKCS11Exception;
+
+  /**
+   * Encrypts all data at once ({@code C_Encrypt}). The module is told that there is room for {@code
+   * inLen} bytes, however long {@code outData} is, so that only mechanisms serve whose output is no
+   * longer than their input. There is no way to ask for the length.
+   *
+   * @param inData the data
+   * @param inOffset not read: data starts at index 0
+   * @param inLen bytes of data
+   * @param outData at least {@code inLen} bytes of room
+   * @param outOffset not read: the result starts at index 0
+   * @return bytes of the result
+   * @throws PKCS11Exception when the module refuses; with CKR_BUFFER_TOO_SMALL, the operation still
+   *     active, when the result is longer than {@code inLen} or {@code outData} is shorter
+   */
+  public native int encrypt(byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Starts a decryption ({@code C_DecryptInit}).
+   *
+   * @param mech a {@code CKM_} value
+   * @param param not read
+   * @param key a private or secret key
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void decryptInit(int mech, Object param, NativePKCS11Object key)
+      throws PKCS11Exception;
+
+  /**
+   * Decrypts all data at once ({@code C_Decrypt}). Ends the operation, unless it only asks for the
+   * length or fails with CKR_BUFFER_TOO_SMALL.
+   *
+   * @param inData the encrypted data
+   * @param inOffset not read: data starts at index 0
+   * @param inLen bytes of data
+   * @param outData room for the result; null or empty to ask for its length
+   * @param outOffset not read: the result starts at index 0
+   * @return bytes of the result, or the room that it needs at most
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native int decrypt(byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Starts a search ({@code C_FindObjectsInit}); {@link #findAll} and {@link #findFirst} run one
+   * whole. A value that is null or of a class that {@link NativePKCS11} does not name starts none
+   * and raises nothing; {@link #findObject} then fails with CKR_OPERATION_NOT_INITIALIZED.
+   *
+   * @param attrArray the {@code CKA_} constants to match; null, as {@code valArray} then has to be
+   *     as well, for every object
+   * @param valArray the values to match in the same order
+   * @throws PKCS11Exception when the module refuses; with "Different array length" for arrays of
+   *     different lengths or one that is null
+   */
+  public native void findObjectsInit(int[] attrArray, Object[] valArray) throws PKCS11Exception;
+
+  /**
+   * Returns the next object of the search ({@code C_FindObjects}).
+   *
+   * @return the object, or null when there is no further one
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native NativePKCS11Object findObject() throws PKCS11Exception;
+
+  /**
+   * Ends the search ({@code C_FindObjectsFinal}), which the session needs before the next one.
+   *
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void findObjectsFinal() throws PKCS11Exception;
+
+  /**
+   * Logs in with the exact bytes of the PIN ({@code C_Login}); wipe the array afterwards. An
+   * empty array is not the reader's PIN pad: {@link #loginAuthPath} is.
+   *
+   * @param isSO true for the security officer, false for the user
+   * @param pin the PIN
+   * @throws PKCS11Exception when the module refuses, with CKR_PIN_INCORRECT for a wrong PIN
+   */
+  public native void loginellips(boolean isSO, byte[] pin) throws PKCS11Exception;
+
+  /**
+   * Changes the PIN with exact bytes ({@code C_SetPIN}); wipe the arrays afterwards.
+   *
+   * @param oldPin the PIN that holds now
+   * @param newPin the PIN to come
+   * @throws PKCS11Exception when the module refuses, with CKR_PIN_INCORRECT for a wrong old PIN
+   */
+  public native void setPINellips(byte[] oldPin, byte[] newPin) throws PKCS11Exception;
+
+  /**
+   * Logs in with the reader's own PIN pad or other protected path ({@code C_Login} without a PIN).
+   * For tokens whose flags have CKF_PROTECTED_AUTHENTICATION_PATH; waits for the person.
+   *
+   * @param isSO true for the security officer, false for the user
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void loginAuthPath(boolean isSO) throws PKCS11Exception;
+
+  /**
+   * Reads the life-cycle status of the Identrus application on an Oberthur card. Runs a search of
+   * its own, so no other may be open in the session; writes its progress to standard output.
+   *
+   * @return the status byte, -128 to 127; 8 before first use
+   * @throws PKCS11Exception when the module refuses, as it does without such an application
+   */
+  public native int getCardStatus() throws PKCS11Exception;
+
+  /**
+   * Sets the life-cycle status of the Identrus application on an Oberthur card, after reading it as
+   * {@link #getCardStatus} does.
+   *
+   * @param status the status; its low 8 bits are written
+   * @throws PKCS11Exception when the module refuses, as it does without such an application
+   */
+  public native void setCardStatus(int status) throws PKCS11Exception;
+
+  /**
+   * Returns the Identrus application of an Oberthur card. Runs a search of its own, so no other may
+   * be open in the session; writes its progress to standard output.
+   *
+   * @return an object in any case: its handle is 0 when there is no such application, -1 or -2 when
+   *     the search failed
+   * @throws PKCS11Exception never
+   */
+  public native NativePKCS11Object getIdentrusObject() throws PKCS11Exception;
+
+  /**
+   * Generates a key pair ({@code C_GenerateKeyPair}).
+   *
+   * @param mech a {@code CKM_} value, {@code CKM_RSA_PKCS_KEY_PAIR_GEN} for instance
+   * @param param not read
+   * @param pubAttrs attributes of the public key
+   * @param pubVals their values in the same order
+   * @param prvAttrs attributes of the private key
+   * @param prvVals their values in the same order
+   * @return the public key and the private key, or null when a value cannot be converted
+   * @throws PKCS11Exception when the module refuses; with "Different array length for PublicKey" or
+   *     "... for PrivateKey" unless the two arrays of each have the same length
+   */
+  public native Object[] generateKeyPair(
+      int mech, Object param, int[] pubAttrs, Object[] pubVals, int[] prvAttrs, Object[] prvVals)
+      throws PKCS11Exception;
+
+  /**
+   * Generates an "Identity" or "Utility" key pair on the card ({@code C_GenerateKeyPair}): RSA of
+   * 1024 bits, marked with a vendor-defined attribute that only the cards it is made for accept.
+   * Writes its progress to standard output.
+   *
+   * @param mech a {@code CKM_} value, {@code CKM_RSA_PKCS_KEY_PAIR_GEN} for instance
+   * @param isIdentity true for "Identity", false for "Utility"
+   * @return the public key and the private key
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native Object[] generateKeyPairOB(int mech, boolean isIdentity) throws PKCS11Exception;
+
+  /**
+   * Creates an object ({@code C_CreateObject}).
+   *
+   * @param attrArray its attributes
+   * @param valArray their values in the same order
+   * @return the object, or null when a value cannot be converted
+   * @throws PKCS11Exception when the module refuses; with "Different array length" unless both
+   *     arrays have the same length
+   */
+  public native NativePKCS11Object createObject(int[] attrArray, Object[] valArray)
+      throws PKCS11Exception;
+
+  /**
+   * Stores an X.509 certificate on the card ({@code C_CreateObject}), with a vendor-defined
+   * attribute for its number that only the cards it is made for accept; {@link
+   * #createObject(PKCS11Template)} serves other tokens. The texts are stored as modified UTF-8, not
+   * as DER. Writes its progress to standard output.
+   *
+   * @param certID number of the certificate
+   * @param certStr the certificate in DER
+   * @param certLen not read: the whole array is stored
+   * @param subject the subject
+   * @param sn the serial number
+   * @param issuer the issuer
+   * @param label the label
+   * @throws PKCS11Exception when the module refuses
+   */
+  public native void installCertificate(
+      long certID,
+      byte[] certStr,
+      long certLen,
+      String subject,
+      String sn,
+      String issuer,
+      String label)
+      throws PKCS11Exception;
+
+  /**
+   * Generates a secret key ({@code C_GenerateKey}).
+   *
+   * @param mech a {@code CKM_} value, {@code CKM_AES_KEY_GEN} for instance
+   * @param param not read
+   * @param attrTypes attributes of the key
+   * @param attrValues their values in the same order; further ones are ignored
+   * @return the key, or null when a value cannot be converted
+   * @throws PKCS11Exception when the module refuses; with "Different array length" when there are
+   *     fewer values than attributes
+   */
+  public native NativePKCS11Object generateKey(
+      int mech, Object param, int[] attrTypes, Object[] attrValues) throws PKCS11Exception;
+
+  /**
+   * Wraps a key ({@code C_WrapKey}). There is no way to ask for the length.
+   *
+   * @param mech a {@code CKM_} value
+   * @param mechParameters not read
+   * @param wrappingKey the key that wraps
+   * @param key the key to wrap
+   * @param outData room for the wrapped key
+   * @param outOffset not read: the wrapped key starts at index 0
+   * @return bytes of the wrapped key
+   * @throws PKCS11Exception when the module refuses, with CKR_BUFFER_TOO_SMALL for too little room
+   */
+  public native int wrapKey(
+      int mech,
+      Object mechParameters,
+      NativePKCS11Object wrappingKey,
+      NativePKCS11Object key,
+      byte[] outData,
+      int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Makes a key of its wrapped form ({@code C_UnwrapKey}).
+   *
+   * @param mech a {@code CKM_} value
+   * @param param not read
+   * @param unwrappingKey the key that unwraps
+   * @param inkeyData the wrapped key
+   * @param inkeyOffset not read: the wrapped key starts at index 0
+   * @param inkeyLen bytes of the wrapped key
+   * @param attrTypes attributes of the new key
+   * @param attrValues their values in the same order; further ones are ignored
+   * @return the new key, or null when a value cannot be converted
+   * @throws PKCS11Exception when the module refuses; with "Different array length" when there are
+   *     fewer values than attributes
+   */
+  public native NativePKCS11Object unwrapKey(
+      int mech,
+      Object param,
+      NativePKCS11Object unwrappingKey,
+      byte[] inkeyData,
+      int inkeyOffset,
+      int inkeyLen,
+      int[] attrTypes,
+      Object[] attrValues)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported YET.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @throws PKCS11Exception always, with "Not supported YET"
+   */
+  public native void signUpdate(byte[] inData, int inOffset, int inLen) throws PKCS11Exception;
+
+  /**
+   * Not supported YET.
+   *
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported YET"
+   */
+  public native int signFinal(byte[] outData, int outOffset) throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native byte[] getOperationState() throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param state not read
+   * @param encryptionKey not read
+   * @param authenticationKey not read
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void setOperationState(
+      byte[] state, NativePKCS11Object encryptionKey, NativePKCS11Object authenticationKey)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int encryptUpdate(
+      byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int encryptFinal(byte[] outData, int outOffset) throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int decryptUpdate(
+      byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int decryptFinal(byte[] outData, int outOffset) throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param mech not read
+   * @param param not read
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void digestInit(int mech, Object param) throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int digest(byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void digestUpdate(byte[] inData, int inOffset, int inLen) throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param key not read
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void digestKey(NativePKCS11Object key) throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int digestFinal(byte[] outData, int outOffset) throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param mech not read
+   * @param param not read
+   * @param key not read
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void signRecoverInit(int mech, Object param, NativePKCS11Object key)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int signRecover(
+      byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param mech not read
+   * @param param not read
+   * @param key not read
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void verifyInit(int mech, Object param, NativePKCS11Object key)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @param signature not read
+   * @param sigOffset not read
+   * @param sigLen not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native boolean verify(
+      byte[] inData, int inOffset, int inLen, byte[] signature, int sigOffset, int sigLen)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void verifyUpdate(byte[] inData, int inOffset, int inLen) throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param signature not read
+   * @param sigOffset not read
+   * @param sigLen not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native boolean verifyFinal(byte[] signature, int sigOffset, int sigLen)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param mech not read
+   * @param param not read
+   * @param key not read
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void verifyRecoverInit(int mech, Object param, NativePKCS11Object key)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param signature not read
+   * @param sigOffset not read
+   * @param sigLen not read
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int verifyRecover(
+      byte[] signature, int sigOffset, int sigLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int digestEncryptUpdate(
+      byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int decryptDigestUpdate(
+      byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int signEncryptUpdate(
+      byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param inData not read
+   * @param inOffset not read
+   * @param inLen not read
+   * @param outData not read
+   * @param outOffset not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native int decryptVerifyUpdate(
+      byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param mech not read
+   * @param param not read
+   * @param baseKey not read
+   * @param attrTypes not read
+   * @param attrValues not read
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native NativePKCS11Object deriveKey(
+      int mech, Object param, NativePKCS11Object baseKey, int[] attrTypes, Object[] attrValues)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param seed not read
+   * @param seedOffset not read
+   * @param seedLen not read
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void seedRandom(byte[] seed, int seedOffset, int seedLen) throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @param outData not read
+   * @param outOffset not read
+   * @param outLen not read
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void generateRandom(byte[] outData, int outOffset, int outLen)
+      throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @return nothing
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native boolean getFunctionStatus() throws PKCS11Exception;
+
+  /**
+   * Not supported.
+   *
+   * @throws PKCS11Exception always, with "Not supported"
+   */
+  public native void cancelFunction() throws PKCS11Exception;
+
+  /**
+   * Finds every object that matches.
+   *
+   * @param template the attributes to match; null or empty for every object
+   * @return the objects in the module's order
+   * @throws PKCS11Exception when the module refuses
+   */
+  public List<NativePKCS11Object> findAll(PKCS11Template template) throws PKCS11Exception {
+    return find(template, Integer.MAX_VALUE);
+  }
+
+  /**
+   * Finds an object that matches.
+   *
+   * @param template the attributes to match; null or empty for every object
+   * @return the first object in the module's order
+   * @throws PKCS11Exception when the module refuses
+   */
+  public Optional<NativePKCS11Object> findFirst(PKCS11Template template) throws PKCS11Exception {
+    return find(template, 1).stream().findFirst();
+  }
+
+  @SuppressWarnings("try")
+  private List<NativePKCS11Object> find(PKCS11Template template, int most) throws PKCS11Exception {
+    PKCS11Template attributes = template == null ? new PKCS11Template() : template;
+    List<NativePKCS11Object> found = new ArrayList<>();
+    findObjectsInit(attributes.types(), attributes.values());
+    try (Search search = this::findObjectsFinal) {
+      NativePKCS11Object object;
+      while (found.size() < most && (object = findObject()) != null) {
+        found.add(object);
+      }
+    }
+    return found;
+  }
+
+  /**
+   * Signs data.
+   *
+   * @param mech a {@code CKM_} value
+   * @param key a private or secret key
+   * @param data the data
+   * @return the signature
+   * @throws PKCS11Exception when the module refuses
+   */
+  public byte[] sign(int mech, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
+    int length = data.length;
+    signInit(mech, null, key);
+    byte[] out = room(sign(data, 0, length, null, 0));
+    return prefix(out, sign(data, 0, length, out, 0));
+  }
+
+  /**
+   * Encrypts data with a mechanism whose output is no longer than its input: raw RSA on a whole
+   * block, block ciphers without padding on whole blocks.
+   *
+   * @param mech a {@code CKM_} value
+   * @param key a public or secret key
+   * @param data the data
+   * @return the encrypted data
+   * @throws PKCS11Exception when the module refuses; with CKR_BUFFER_TOO_SMALL, the operation still
+   *     active, when the result is longer than the data
+   */
+  public byte[] encrypt(int mech, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
+    byte[] out = new byte[data.length];
+    encryptInit(mech, null, key);
+    return prefix(out, encrypt(data, 0, data.length, out, 0));
+  }
+
+  /**
+   * Decrypts data.
+   *
+   * @param mech a {@code CKM_} value
+   * @param key a private or secret key
+   * @param data the encrypted data
+   * @return the decrypted data
+   * @throws PKCS11Exception when the module refuses
+   */
+  public byte[] decrypt(int mech, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
+    int length = data.length;
+    decryptInit(mech, null, key);
+    byte[] out = room(decrypt(data, 0, length, null, 0));
+    return prefix(out, decrypt(data, 0, length, out, 0));
+  }
+
+  /**
+   * Creates an object.
+   *
+   * @param template its attributes
+   * @return the object
+   * @throws PKCS11Exception when the module refuses
+   */
+  public NativePKCS11Object createObject(PKCS11Template template) throws PKCS11Exception {
+    return createObject(template.types(), template.values());
+  }
+
+  /**
+   * Generates a secret key.
+   *
+   * @param mech a {@code CKM_} value, {@code CKM_AES_KEY_GEN} for instance
+   * @param template its attributes
+   * @return the key
+   * @throws PKCS11Exception when the module refuses
+   */
+  public NativePKCS11Object generateKey(int mech, PKCS11Template template) throws PKCS11Exception {
+    return generateKey(mech, null, template.types(), template.values());
+  }
+
+  /**
+   * Generates a key pair.
+   *
+   * @param mech a {@code CKM_} value, {@code CKM_RSA_PKCS_KEY_PAIR_GEN} for instance
+   * @param pub attributes of the public key
+   * @param prv attributes of the private key
+   * @return the two keys
+   * @throws PKCS11Exception when the module refuses
+   */
+  public KeyPair generateKeyPair(int mech, PKCS11Template pub, PKCS11Template prv)
+      throws PKCS11Exception {
+    Object[] keys =
+        generateKeyPair(mech, null, pub.types(), pub.values(), prv.types(), prv.values());
+    return new KeyPair((NativePKCS11Object) keys[0], (NativePKCS11Object) keys[1]);
+  }
+
+  /**
+   * Wraps a key, of up to 64 KiB in its wrapped form.
+   *
+   * @param mech a {@code CKM_} value
+   * @param wrappingKey the key that wraps
+   * @param key the key to wrap
+   * @return the wrapped key
+   * @throws PKCS11Exception when the module refuses, with CKR_BUFFER_TOO_SMALL for a longer key
+   */
+  public byte[] wrapKey(int mech, NativePKCS11Object wrappingKey, NativePKCS11Object key)
+      throws PKCS11Exception {
+    for (int room = SMALLEST_WRAP_ROOM; ; room *= 2) {
+      byte[] out = new byte[room];
+      try {
+        return prefix(out, wrapKey(mech, null, wrappingKey, key, out, 0));
+      } catch (PKCS11Exception e) {
+        if (e.errorCode() != CKR_BUFFER_TOO_SMALL || room == LARGEST_WRAP_ROOM) {
+          throw e;
+        }
+      }
+    }
+  }
+
+  /**
+   * Makes a key of its wrapped form.
+   *
+   * @param mech a {@code CKM_} value
+   * @param unwrappingKey the key that unwraps
+   * @param wrapped the wrapped key
+   * @param template attributes of the new key
+   * @return the new key
+   * @throws PKCS11Exception when the module refuses
+   */
+  public NativePKCS11Object unwrapKey(
+      int mech, NativePKCS11Object unwrappingKey, byte[] wrapped, PKCS11Template template)
+      throws PKCS11Exception {
+    return unwrapKey(
+        mech,
+        null,
+        unwrappingKey,
+        wrapped,
+        0,
+        wrapped.length,
+        template.types(),
+        template.values());
+  }
+
+  @Override
+  public String toString() {
+    return "NativePKCS11Session[sessionID=" + sessionID + "]";
+  }
+
+  /** Never empty: an empty array would turn the operation into another question for the length. */
+  private static byte[] room(int length) throws PKCS11Exception {
+    if (length < 0) {
+      throw new PKCS11Exception("The module announces a result of " + length + " bytes");
+    }
+    return new byte[Math.max(1, length)];
+  }
+
+  private static byte[] prefix(byte[] out, int length) throws PKCS11Exception {
+    if (length < 0 || length > out.length) {
+      throw new PKCS11Exception(
+          "The module reports %d bytes in an array of %d".formatted(length, out.length));
+    }
+    return length == out.length ? out : Arrays.copyOf(out, length);
+  }
+}
