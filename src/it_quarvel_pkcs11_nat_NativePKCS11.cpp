@@ -23,6 +23,56 @@ void startTrace() {
   debug = 1;
 }
 
+/// A slot object for the ID, whose Java form is traced; null with the virtual machine's error.
+jobject newSlot(JNIEnv* env, const Constructor& slotCostr, jobject module, CK_SLOT_ID slotID) {
+  const jint slotN = CK2J_SLOT(slotID);
+  TRACE(" value= %li ...", static_cast<long>(slotN));
+  return env->NewObject(slotCostr.cl, slotCostr.init, module, slotN);
+}
+
+/// What the credential lookup found; a handle of 0 stands for an object that is not there.
+struct Credential {
+  CK_SLOT_ID slotID;
+  CK_SESSION_HANDLE ckSession;
+  CK_OBJECT_HANDLE ckObj[3];  // private key, public key, certificate
+};
+
+/// The Java objects of a credential: three token objects (null for none) that share one new
+/// session on one new slot; null with the virtual machine's error.
+jobjectArray newCredential(JNIEnv* env, jobject module, const Credential& found) {
+  traceLine("JNI: creating PKCS11Slot");
+  const Constructor slotCostr = findConstructor(env, kSlotClass, kSlotInit);
+  if (slotCostr.init == nullptr) return nullptr;
+  const jobject slot = newSlot(env, slotCostr, module, found.slotID);
+  if (slot == nullptr) return nullptr;
+  traceLine(" slot OK");
+
+  TRACE("JNI: creating PKCS11Session...");
+  const jobject session = newSession(env, slot, found.ckSession);
+  if (session == nullptr) return nullptr;
+  traceLine(" session OK");
+
+  TRACE("JNI: creating array PKCS11Object...");
+  const Constructor objCostr = findConstructor(env, kTokenObjectClass, kTokenObjectInit);
+  if (objCostr.init == nullptr) return nullptr;
+  const jobjectArray objArray = env->NewObjectArray(3, objCostr.cl, nullptr);
+  if (objArray == nullptr) return nullptr;
+  for (jint i = 0; i < 3; ++i) {
+    TRACE("JNI: adding element %li ...", static_cast<long>(i));
+    jobject object = nullptr;
+    if (found.ckObj[i] == CK_INVALID_HANDLE) {
+      TRACE("NULL found");
+    } else {
+      TRACE("%li found", found.ckObj[i]);
+      object = env->NewObject(objCostr.cl, objCostr.init, session, CK2J_INT(found.ckObj[i]));
+      if (object == nullptr) return nullptr;
+    }
+    env->SetObjectArrayElement(objArray, i, object);
+    traceLine(" OK");
+  }
+  return objArray;
+}
+
 }  // namespace
 
 // ---- Library lifecycle ----
@@ -37,7 +87,7 @@ JNIEXPORT jlong JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_loadPKCS11Librar
   TRACE("(arg= %s)\n", path);
 
   CK_FUNCTION_LIST_PTR funcList = nullptr;
-  if (check(env, bridge::loadLib(path, &funcList))) {
+  if (!throwIfFailed(env, bridge::loadLib(path, &funcList))) {
     TRACE("JNI: library loaded: (FuncList ptr=%lx)\n", reinterpret_cast<unsigned long>(funcList));
     traceLine("JNI: end loadPKCS11Library");
   }
@@ -48,7 +98,7 @@ JNIEXPORT jlong JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_loadPKCS11Librar
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_libInitialize(JNIEnv* env,
                                                                              jobject /*obj*/) {
   traceLine("JNI: PKCS11.libInitialize");
-  check(env, bridge::initLib());
+  throwIfFailed(env, bridge::initLib());
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_libFinalize(JNIEnv* /*env*/,
@@ -70,7 +120,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_getInfo(JNIEnv
                                                                           jobject /*obj*/) {
   traceLine("JNI: start PKCS11.getInfo");
   CK_INFO ckInfo = {};
-  if (!check(env, bridge::getInfo(&ckInfo))) return nullptr;
+  if (throwIfFailed(env, bridge::getInfo(&ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11Info...");
   const jstring manufacturer = CK2J_STR(env, ckInfo.manufacturerID);
@@ -90,20 +140,21 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11_getSlotList(JNIEnv* env, jobject obj, jb
   traceLine("JNI: start PKCS11.getSlotList");
   CK_SLOT_ID_PTR ckSlots = nullptr;
   CK_ULONG ckCount = 0;
-  if (!check(env, bridge::getSlotList(&ckSlots, J2CK_BOOL(tokenIn), &ckCount))) return nullptr;
+  if (throwIfFailed(env, bridge::getSlotList(&ckSlots, J2CK_BOOL(tokenIn), &ckCount))) {
+    return nullptr;
+  }
   const HeapBlock<CK_SLOT_ID> slots(ckSlots);
-  if (ckCount == 0 || !fitsJavaArray(env, ckCount, bridge::CKR_ZOV_NOSPACE)) return nullptr;
+  if (ckCount == 0) return nullptr;
+  if (!fitsJavaArray(env, ckCount, bridge::CKR_ZOV_NOSPACE)) return nullptr;
 
   TRACE("JNI: creating array of %li PKCS11Slot\n", ckCount);
-  const Constructor slot = findConstructor(env, kSlotClass, kSlotInit);
-  if (slot.init == nullptr) return nullptr;
-  const jobjectArray array = env->NewObjectArray(CK2J_INT(ckCount), slot.cl, nullptr);
+  const Constructor slotCostr = findConstructor(env, kSlotClass, kSlotInit);
+  if (slotCostr.init == nullptr) return nullptr;
+  const jobjectArray array = env->NewObjectArray(CK2J_INT(ckCount), slotCostr.cl, nullptr);
   if (array == nullptr) return nullptr;
   for (jint i = 0; i < CK2J_INT(ckCount); ++i) {
     TRACE("JNI: adding element %li ...", static_cast<long>(i));
-    const jint slotN = CK2J_SLOT(ckSlots[i]);
-    TRACE(" value= %li ...", static_cast<long>(slotN));
-    const jobject element = env->NewObject(slot.cl, slot.init, obj, slotN);
+    const jobject element = newSlot(env, slotCostr, obj, slots[static_cast<std::size_t>(i)]);
     if (element == nullptr) return nullptr;
     env->SetObjectArrayElement(array, i, element);
     traceLine(" OK");
@@ -138,50 +189,15 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_getRSAcre
   const CK_ULONG utf_str_pinlen = isNullPin ? 0 : std::strlen(utf_str_pin);
   TRACE(" pin len =%li \n", utf_str_pinlen);
 
-  CK_SLOT_ID slotID = 0;
-  CK_SESSION_HANDLE ckSession = CK_INVALID_HANDLE;
-  CK_OBJECT_HANDLE ckObj[3] = {};  // private key, public key, certificate
-  const CK_RV ckRv =
-      bridge::getRSACred(moduleBytes(utf_alias), utf_aliaslen, ckFlags, moduleBytes(utf_str_pin),
-                         utf_str_pinlen, &slotID, &ckSession, &ckObj[0], &ckObj[1], &ckObj[2]);
+  Credential found = {};
+  const CK_RV ckRv = bridge::getRSACred(
+      moduleBytes(utf_alias), utf_aliaslen, ckFlags, moduleBytes(utf_str_pin), utf_str_pinlen,
+      &found.slotID, &found.ckSession, &found.ckObj[0], &found.ckObj[1], &found.ckObj[2]);
   env->ReleaseStringUTFChars(alias, utf_alias);
   if (!isNullPin) env->ReleaseStringUTFChars(pin, utf_str_pin);
   if (ckRv != CKR_OK) {
     throwCKExcAS(env, ckRv);
     return nullptr;
   }
-
-  traceLine("JNI: creating PKCS11Slot");
-  const Constructor slotMade = findConstructor(env, kSlotClass, kSlotInit);
-  if (slotMade.init == nullptr) return nullptr;
-  const jint slotN = CK2J_SLOT(slotID);
-  TRACE(" value= %li ...", static_cast<long>(slotN));
-  const jobject slot = env->NewObject(slotMade.cl, slotMade.init, obj, slotN);
-  if (slot == nullptr) return nullptr;
-  traceLine(" slot OK");
-
-  TRACE("JNI: creating PKCS11Session...");
-  const jobject session = newSession(env, slot, ckSession);
-  if (session == nullptr) return nullptr;
-  traceLine(" session OK");
-
-  TRACE("JNI: creating array PKCS11Object...");
-  const Constructor objMade = findConstructor(env, kObjectClass, kObjectInit);
-  if (objMade.init == nullptr) return nullptr;
-  const jobjectArray objArray = env->NewObjectArray(3, objMade.cl, nullptr);
-  if (objArray == nullptr) return nullptr;
-  for (jint i = 0; i < 3; ++i) {
-    TRACE("JNI: adding element %li ...", static_cast<long>(i));
-    jobject object = nullptr;
-    if (ckObj[i] == CK_INVALID_HANDLE) {
-      TRACE("NULL found");
-    } else {
-      TRACE("%li found", ckObj[i]);
-      object = env->NewObject(objMade.cl, objMade.init, session, CK2J_INT(ckObj[i]));
-      if (object == nullptr) return nullptr;
-    }
-    env->SetObjectArrayElement(objArray, i, object);
-    traceLine(" OK");
-  }
-  return objArray;
+  return newCredential(env, obj, found);
 }

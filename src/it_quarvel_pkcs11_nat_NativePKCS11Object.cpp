@@ -2,7 +2,11 @@
 #include "it_quarvel_pkcs11_nat_NativePKCS11Object.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <cstring>
+#include <initializer_list>
+#include <optional>
 
 #include "jniUtil.h"
 #include "pkcs11Bridge.h"
@@ -10,75 +14,37 @@
 
 namespace {
 
-constexpr int kTableSize = 17;
-constexpr int kDateSize = 8;
+constexpr std::size_t kTableSize = 17;
+using Table = std::array<jint, kTableSize>;
+constexpr std::size_t kDateSize = 8;
+
+/// The types, then -1 up to the table's size.
+constexpr Table table(std::initializer_list<CK_ATTRIBUTE_TYPE> types) {
+  Table slots = {};
+  std::size_t slot = 0;
+  for (const CK_ATTRIBUTE_TYPE type : types) slots.at(slot++) = static_cast<jint>(type);
+  while (slot < kTableSize) slots[slot++] = -1;
+  return slots;
+}
 
 // Which attribute types the generic getter reads as which Java type. The fill of -1 counts as an
 // entry: the type -1 is read as an int.
-const jint J_INT[kTableSize] = {CKA_CLASS,
-                                CKA_CERTIFICATE_TYPE,
-                                CKA_KEY_TYPE,
-                                CKA_MODULUS_BITS,
-                                CKA_VALUE_BITS,
-                                CKA_VALUE_LEN,
-                                -1,
-                                -1,
-                                -1,
-                                -1,
-                                -1,
-                                -1,
-                                -1,
-                                -1,
-                                -1,
-                                -1,
-                                -1};
-const jint J_BOOL[kTableSize] = {CKA_TOKEN,
-                                 CKA_PRIVATE,
-                                 CKA_SENSITIVE,
-                                 CKA_ENCRYPT,
-                                 CKA_DECRYPT,
-                                 CKA_WRAP,
-                                 CKA_UNWRAP,
-                                 CKA_SIGN,
-                                 CKA_SIGN_RECOVER,
-                                 CKA_VERIFY,
-                                 CKA_VERIFY_RECOVER,
-                                 CKA_DERIVE,
-                                 CKA_EXTRACTABLE,
-                                 CKA_LOCAL,
-                                 CKA_NEVER_EXTRACTABLE,
-                                 CKA_ALWAYS_SENSITIVE,
-                                 CKA_MODIFIABLE};
-const jint J_STR[kTableSize] = {
-    CKA_LABEL, CKA_APPLICATION, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
-const jint J_BYTE[kTableSize] = {CKA_VALUE,    CKA_ISSUER, CKA_SERIAL_NUMBER,
-                                 CKA_SUBJECT,  CKA_ID,     CKA_EC_PARAMS,
-                                 CKA_EC_POINT, -1,         -1,
-                                 -1,           -1,         -1,
-                                 -1,           -1,         -1,
-                                 -1,           -1};
-const jint J_DATE[kTableSize] = {0x0AC, CKA_END_DATE, -1, -1, -1, -1, -1, -1, -1,
-                                 -1,    -1,           -1, -1, -1, -1, -1, -1};
-const jint J_BIGI[kTableSize] = {CKA_MODULUS,
-                                 CKA_PUBLIC_EXPONENT,
-                                 CKA_PRIVATE_EXPONENT,
-                                 CKA_PRIME_1,
-                                 CKA_PRIME_2,
-                                 CKA_EXPONENT_1,
-                                 CKA_EXPONENT_2,
-                                 CKA_COEFFICIENT,
-                                 CKA_PRIME,
-                                 CKA_SUBPRIME,
-                                 CKA_BASE,
-                                 -1,
-                                 -1,
-                                 -1,
-                                 -1,
-                                 -1,
-                                 -1};
+constexpr Table J_INT = table({CKA_CLASS, CKA_CERTIFICATE_TYPE, CKA_KEY_TYPE, CKA_MODULUS_BITS,
+                               CKA_VALUE_BITS, CKA_VALUE_LEN});
+constexpr Table J_BOOL =
+    table({CKA_TOKEN, CKA_PRIVATE, CKA_SENSITIVE, CKA_ENCRYPT, CKA_DECRYPT, CKA_WRAP, CKA_UNWRAP,
+           CKA_SIGN, CKA_SIGN_RECOVER, CKA_VERIFY, CKA_VERIFY_RECOVER, CKA_DERIVE, CKA_EXTRACTABLE,
+           CKA_LOCAL, CKA_NEVER_EXTRACTABLE, CKA_ALWAYS_SENSITIVE, CKA_MODIFIABLE});
+constexpr Table J_STR = table({CKA_LABEL, CKA_APPLICATION});
+constexpr Table J_BYTE = table(
+    {CKA_VALUE, CKA_ISSUER, CKA_SERIAL_NUMBER, CKA_SUBJECT, CKA_ID, CKA_EC_PARAMS, CKA_EC_POINT});
+constexpr Table J_DATE = table({0x0AC, CKA_END_DATE});
+constexpr Table J_BIGI =
+    table({CKA_MODULUS, CKA_PUBLIC_EXPONENT, CKA_PRIVATE_EXPONENT, CKA_PRIME_1, CKA_PRIME_2,
+           CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT, CKA_PRIME, CKA_SUBPRIME, CKA_BASE});
 
-int isIn(jint val, const jint (&list)[kTableSize]) {
-  return std::find(std::begin(list), std::end(list), val) != std::end(list) ? 1 : 0;
+bool isIn(jint val, const Table& list) {
+  return std::find(list.begin(), list.end(), val) != list.end();
 }
 
 struct Handles {
@@ -95,14 +61,10 @@ std::optional<Handles> readHandles(JNIEnv* env, jobject obj) {
   return Handles{*ckSessionID, *ckObj};
 }
 
-void traceHandles(const Handles& handles) {
-  TRACE("(obj= %li)(ses=%li)\n", handles.object, handles.session);
-}
-
-/// The handles, traced: the opening of the methods whose start text comes just before.
-std::optional<Handles> beginOnObject(JNIEnv* env, jobject obj) {
+/// The same, traced; what follows the start text of every method but the date getter.
+std::optional<Handles> traceHandles(JNIEnv* env, jobject obj) {
   const std::optional<Handles> handles = readHandles(env, obj);
-  if (handles) traceHandles(*handles);
+  if (handles) TRACE("(obj= %li)(ses=%li)\n", handles->object, handles->session);
   return handles;
 }
 
@@ -115,7 +77,7 @@ struct Value {
 Value readValue(JNIEnv* env, const std::optional<Handles>& handles, jint attr) {
   CK_ATTRIBUTE ckAttr = {J2CK_INT(attr), nullptr, 0};
   if (!handles ||
-      !check(env, bridge::getAttributeValue(handles->session, handles->object, &ckAttr))) {
+      throwIfFailed(env, bridge::getAttributeValue(handles->session, handles->object, &ckAttr))) {
     return {nullptr, 0};
   }
   return {HeapBlock<CK_BYTE>(static_cast<CK_BYTE*>(ckAttr.pValue)), ckAttr.ulValueLen};
@@ -135,15 +97,15 @@ Value readFilledValue(JNIEnv* env, const std::optional<Handles>& handles, jint a
 /// @return empty with an exception pending
 std::optional<jboolean> readBool(JNIEnv* env, jobject obj, jint attr) {
   TRACE("JNI: start PKCS11Object.getAttr(%li) Bool... ", static_cast<long>(attr));
-  const Value value = readFilledValue(env, beginOnObject(env, obj), attr, "VOID boolean field");
+  const Value value = readFilledValue(env, traceHandles(env, obj), attr, "VOID boolean field");
   if (value.bytes == nullptr) return std::nullopt;
-  return CK2J_BOOL(*value.bytes);
+  return CK2J_BOOL(value.bytes[0]);
 }
 
 /// @return empty with an exception pending
 std::optional<jint> readInt(JNIEnv* env, jobject obj, jint attr) {
   TRACE("JNI: start PKCS11Object.getAttr(%li) Int... ", static_cast<long>(attr));
-  const Value value = readFilledValue(env, beginOnObject(env, obj), attr, "VOID int field");
+  const Value value = readFilledValue(env, traceHandles(env, obj), attr, "VOID int field");
   if (value.bytes == nullptr) return std::nullopt;
   // A module built with a narrower integer returns fewer bytes; padded with zeros they read right.
   CK_ULONG number = 0;
@@ -153,8 +115,9 @@ std::optional<jint> readInt(JNIEnv* env, jobject obj, jint attr) {
 
 jstring readString(JNIEnv* env, jobject obj, jint attr) {
   TRACE("JNI: start PKCS11Object.getAttr(%li) String... ", static_cast<long>(attr));
-  const Value value = readValue(env, beginOnObject(env, obj), attr);
+  const Value value = readValue(env, traceHandles(env, obj), attr);
   if (value.bytes == nullptr) return nullptr;
+  if (!fitsJavaArray(env, value.size, bridge::CKR_ZOV_NOSPACE)) return nullptr;
   return env->NewStringUTF(reinterpret_cast<const char*>(value.bytes.get()));
 }
 
@@ -170,15 +133,15 @@ jbyteArray newByteArray(JNIEnv* env, const Value& value, jint lead) {
 
 jbyteArray readByteArray(JNIEnv* env, jobject obj, jint attr) {
   TRACE("JNI: start PKCS11Object.getAttr(%li) ByteArray... ", static_cast<long>(attr));
-  const Value value = readValue(env, beginOnObject(env, obj), attr);
+  const Value value = readValue(env, traceHandles(env, obj), attr);
   return value.bytes != nullptr ? newByteArray(env, value, 0) : nullptr;
 }
 
-/// The first eight bytes of a value as text; digit values 1 to 9 in place of ASCII digits are
-/// what some tokens store.
+/// The first eight bytes of a value as text. Some tokens store digit values in place of ASCII
+/// digits; the first byte, which is not 0, tells.
 void dateText(const CK_BYTE* bytes, char (&date)[kDateSize + 1]) {
   const int offset = bytes[0] <= 9 ? '0' : 0;
-  for (int i = 0; i < kDateSize; ++i) date[i] = static_cast<char>(bytes[i] + offset);
+  for (std::size_t i = 0; i < kDateSize; ++i) date[i] = static_cast<char>(bytes[i] + offset);
   date[kDateSize] = '\0';
 }
 
@@ -187,8 +150,8 @@ jobject readDate(JNIEnv* env, jobject obj, jint attr) {
   TRACE("JNI: start PKCS11Object.getDateAttr(%li)... ", static_cast<long>(attr));
   const Value value = readFilledValue(env, readHandles(env, obj), attr, kVoid);
   if (value.bytes == nullptr) return nullptr;
-  if (*value.bytes == 0) traceLine("strelen(ckDatePtr) = 0!");
-  if (*value.bytes == 0 || value.size < kDateSize) {
+  if (value.bytes[0] == 0) traceLine("strelen(ckDatePtr) = 0!");
+  if (value.bytes[0] == 0 || value.size < kDateSize) {
     throwExc(env, kVoid);
     return nullptr;
   }
@@ -212,7 +175,7 @@ jobject readDate(JNIEnv* env, jobject obj, jint attr) {
 
 jobject readBigInteger(JNIEnv* env, jobject obj, jint attr) {
   TRACE("JNI: start PKCS11Object.getAttr(%li) BigInt... ", static_cast<long>(attr));
-  const Value value = readFilledValue(env, beginOnObject(env, obj), attr, "VOID BigInteger field");
+  const Value value = readFilledValue(env, traceHandles(env, obj), attr, "VOID BigInteger field");
   if (value.bytes == nullptr) return nullptr;
   // A new array is all zeros, so the leading byte that keeps the number positive is there already.
   const jbyteArray magnitude = newByteArray(env, value, 1);
@@ -223,13 +186,13 @@ jobject readBigInteger(JNIEnv* env, jobject obj, jint attr) {
   return number;
 }
 
-/// Sets one attribute to a value of this call.
-void setValue(JNIEnv* env, jobject obj, jint attr, void* ckVal, CK_ULONG size) {
+/// Sets one attribute to the `size` bytes at `ckVal`.
+void setScalar(JNIEnv* env, jobject obj, jint attr, void* ckVal, CK_ULONG size) {
   TRACE("JNI: start PKCS11Object.setAttr(%li)... ", static_cast<long>(attr));
-  const std::optional<Handles> handles = beginOnObject(env, obj);
+  const std::optional<Handles> handles = traceHandles(env, obj);
   if (!handles) return;
   CK_ATTRIBUTE ckAttr = {J2CK_INT(attr), ckVal, size};
-  check(env, bridge::setAttributeValue(handles->session, handles->object, &ckAttr, 1));
+  throwIfFailed(env, bridge::setAttributeValue(handles->session, handles->object, &ckAttr, 1));
 }
 
 }  // namespace
@@ -247,16 +210,17 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_copy(JNI
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_destroy(JNIEnv* env,
                                                                              jobject obj) {
   TRACE("JNI: start PKCS11Object.destroy... ");
-  const std::optional<Handles> handles = beginOnObject(env, obj);
-  if (handles) check(env, bridge::destroyObject(handles->session, handles->object));
+  const std::optional<Handles> handles = traceHandles(env, obj);
+  if (handles) throwIfFailed(env, bridge::destroyObject(handles->session, handles->object));
 }
 
 JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_size(JNIEnv* env,
                                                                           jobject obj) {
   TRACE("JNI: start PKCS11Object.size... ");
-  const std::optional<Handles> handles = beginOnObject(env, obj);
+  const std::optional<Handles> handles = traceHandles(env, obj);
   CK_ULONG ckSize = 0;
-  if (!handles || !check(env, bridge::getObjectSize(handles->session, handles->object, &ckSize))) {
+  if (!handles ||
+      throwIfFailed(env, bridge::getObjectSize(handles->session, handles->object, &ckSize))) {
     return -1;
   }
   return CK2J_INT(ckSize);
@@ -267,23 +231,23 @@ JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_size(JNIEnv
 JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getAttributeValue(
     JNIEnv* env, jobject obj, jint attr) {
   jobject result = nullptr;
-  if (isIn(attr, J_INT) != 0) {
+  if (isIn(attr, J_INT)) {
     const std::optional<jint> intVal = readInt(env, obj, attr);
     if (!intVal) return nullptr;
     TRACE("JNI: creating jobject Integer...");
     result = newObject(env, "java/lang/Integer", "(I)V", *intVal);
-  } else if (isIn(attr, J_BOOL) != 0) {
+  } else if (isIn(attr, J_BOOL)) {
     const std::optional<jboolean> boolVal = readBool(env, obj, attr);
     if (!boolVal) return nullptr;
     TRACE("JNI: creating jobject Boolean...");
     result = newObject(env, "java/lang/Boolean", "(Z)V", *boolVal);
-  } else if (isIn(attr, J_STR) != 0) {
+  } else if (isIn(attr, J_STR)) {
     return readString(env, obj, attr);
-  } else if (isIn(attr, J_BYTE) != 0) {
+  } else if (isIn(attr, J_BYTE)) {
     return readByteArray(env, obj, attr);
-  } else if (isIn(attr, J_DATE) != 0) {
+  } else if (isIn(attr, J_DATE)) {
     return readDate(env, obj, attr);
-  } else if (isIn(attr, J_BIGI) != 0) {
+  } else if (isIn(attr, J_BIGI)) {
     return readBigInteger(env, obj, attr);
   } else {
     throwExc(env, "Object type not valid");
@@ -329,7 +293,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getBigIn
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttributeValue(
     JNIEnv* env, jobject obj, jint attr, jobject value) {
   TRACE("JNI: start PKCS11Object.setAttr(%li)... ", static_cast<long>(attr));
-  const std::optional<Handles> handles = beginOnObject(env, obj);
+  const std::optional<Handles> handles = traceHandles(env, obj);
   if (!handles) return;
   CK_ATTRIBUTE ckAttr;
   if (J2CK_ATTR(env, attr, value, &ckAttr) == 0) {
@@ -338,19 +302,19 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttribut
   }
   const CK_RV ckRv = bridge::setAttributeValue(handles->session, handles->object, &ckAttr, 1);
   std::free(ckAttr.pValue);
-  check(env, ckRv);
+  throwIfFailed(env, ckRv);
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttributeValues(
     JNIEnv* env, jobject obj, jintArray attrArray, jobjectArray valArray) {
   TRACE("JNI: start PKCS11Object.setAttrValues... ");
-  const std::optional<Handles> handles = beginOnObject(env, obj);
+  const std::optional<Handles> handles = traceHandles(env, obj);
   if (!handles) return;
   CK_ATTRIBUTE* ckAttr = nullptr;
   CK_ULONG ckCount = 0;
-  jint* attrA = buildTemplate(env, attrArray, valArray, false, &ckAttr, &ckCount);
+  jint* attrA = buildTemplate(env, attrArray, valArray, Surplus::kRefused, &ckAttr, &ckCount);
   if (attrA == nullptr) return;
-  check(env, bridge::setAttributeValue(handles->session, handles->object, ckAttr, ckCount));
+  throwIfFailed(env, bridge::setAttributeValue(handles->session, handles->object, ckAttr, ckCount));
   releaseTypes(env, attrArray, attrA);
   freeTemplate(ckAttr, ckCount);
 }
@@ -358,11 +322,11 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttribut
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setBoolAttributeValue(
     JNIEnv* env, jobject obj, jint attr, jboolean value) {
   CK_BBOOL ckVal = J2CK_BOOL(value);
-  setValue(env, obj, attr, &ckVal, sizeof ckVal);
+  setScalar(env, obj, attr, &ckVal, sizeof ckVal);
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setIntAttributeValue(
     JNIEnv* env, jobject obj, jint attr, jint value) {
   CK_ULONG ckVal = J2CK_INT(value);
-  setValue(env, obj, attr, &ckVal, sizeof ckVal);
+  setScalar(env, obj, attr, &ckVal, sizeof ckVal);
 }

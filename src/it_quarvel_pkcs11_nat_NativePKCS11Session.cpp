@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "jniUtil.h"
 #include "pkcs11Bridge.h"
@@ -12,7 +14,7 @@
 
 namespace {
 
-/// The opening of most session methods: start text, session handle, its trace.
+/// The opening of a method that has nothing else to read first: start text, session handle, trace.
 std::optional<CK_SESSION_HANDLE> beginInSession(JNIEnv* env, jobject session,
                                                 const char* startText) {
   TRACE("%s", startText);
@@ -39,7 +41,17 @@ void startOperation(JNIEnv* env, jobject session, jint mech, jobject key, const 
   if (!ckKey) return;
   CK_MECHANISM ckMech = mechanism(mech);
   TRACE("(session= %li)\n", *ckSessionNum);
-  check(env, call(*ckSessionNum, &ckMech, *ckKey));
+  throwIfFailed(env, call(*ckSessionNum, &ckMech, *ckKey));
+}
+
+/// The elements of an output array of which the module may write the first `room` bytes; null after
+/// raising CKR_BUFFER_TOO_SMALL for a shorter array, or as takeBytes.
+jbyte* takeRoom(JNIEnv* env, jbyteArray outData, jint room) {
+  if (outData != nullptr && env->GetArrayLength(outData) < room) {
+    throwCKExc(env, CKR_BUFFER_TOO_SMALL);
+    return nullptr;
+  }
+  return takeBytes(env, outData);
 }
 
 /// sign and decrypt: without room in `outData` (null or empty) the call asks for the length.
@@ -65,7 +77,7 @@ jint signOrDecrypt(JNIEnv* env, jobject session, jbyteArray inData, jint inLen, 
                           ckOutLen != 0 ? moduleBytes(ckOutData) : nullptr, &ckOutLen);
   releaseBytes(env, inData, ckInData);
   if (outData != nullptr) releaseBytes(env, outData, ckOutData);
-  return check(env, ckRv) ? CK2J_INT(ckOutLen) : -1;
+  return throwIfFailed(env, ckRv) ? -1 : CK2J_INT(ckOutLen);
 }
 
 /// Room for the public and the private template of a key pair; both or, with an exception, none.
@@ -74,17 +86,28 @@ bool newTemplatePair(JNIEnv* env, CK_ULONG pubLen, CK_ULONG prvLen, CK_ATTRIBUTE
   *pubAttr = newTemplate(env, pubLen);
   if (*pubAttr == nullptr) return false;
   *prvAttr = newTemplate(env, prvLen);
-  if (*prvAttr == nullptr) std::free(*pubAttr);
-  return *prvAttr != nullptr;
+  if (*prvAttr != nullptr) return true;
+  std::free(*pubAttr);
+  *pubAttr = nullptr;
+  return false;
 }
 
-/// The object that stands for the Identrus application on the card: the first one whose attribute
-/// 0x80000201 holds four given bytes.
-/// @return 0 when there is none, -1 when the search cannot be started, -2 when it fails (it then
-/// stays active in the module)
+// The vendor-defined attributes of the card.
+constexpr CK_ATTRIBUTE_TYPE kApplicationType = CKA_VENDOR_DEFINED + 0x201;
+constexpr CK_ATTRIBUTE_TYPE kLifeCycle = CKA_VENDOR_DEFINED + 0x4400;
+constexpr CK_ATTRIBUTE_TYPE kCertificateID = CKA_VENDOR_DEFINED + 0x2000;
+constexpr CK_ATTRIBUTE_TYPE kUtilityKey = CKA_VENDOR_DEFINED + 0x6001;
+constexpr CK_ATTRIBUTE_TYPE kIdentityKey = CKA_VENDOR_DEFINED + 0x6002;
+
+constexpr std::uint32_t kIdentrusApplication = 0x80008001;  // an application type
+constexpr jint kPreFirstUse = 8;                            // a life-cycle status
+
+/// The first object that the card shows for its Identrus application.
+/// @return 0 when there is none, -1 when the search cannot be started, -2 when it fails; after -2
+/// the search is left to the caller to end
 CK_OBJECT_HANDLE getIdentrusApplication(CK_SESSION_HANDLE session) {
-  std::uint32_t type = 0x80008001;
-  CK_ATTRIBUTE _template = {CKA_VENDOR_DEFINED + 0x201, &type, sizeof type};
+  std::uint32_t type = kIdentrusApplication;
+  CK_ATTRIBUTE _template = {kApplicationType, &type, sizeof type};
   CK_OBJECT_HANDLE identrusApplication = CK_INVALID_HANDLE;
   if (bridge::findObjectsInit(session, &_template, 1) != CKR_OK) return static_cast<CK_ULONG>(-1);
   if (bridge::findObjects(session, &identrusApplication) != CKR_OK) {
@@ -93,9 +116,6 @@ CK_OBJECT_HANDLE getIdentrusApplication(CK_SESSION_HANDLE session) {
   bridge::findObjectsFinal(session);
   return identrusApplication;
 }
-
-constexpr CK_ATTRIBUTE_TYPE kLifeCycle = CKA_VENDOR_DEFINED + 0x4400;
-constexpr jint kPreFirstUse = 8;
 
 /// The opening of getCardStatus and setCardStatus, traced in any case: finds the application
 /// object and reads its life-cycle byte.
@@ -112,7 +132,8 @@ bool readLifeCycle(JNIEnv* env, jobject session, const char* startText,
   std::printf("Identrus application id = %i\n", CK2J_INT(*identrusApplication));
 
   CK_ATTRIBUTE lifeCycle = {kLifeCycle, nullptr, 0};
-  if (!check(env, bridge::getAttributeValue(*ckSessionNum, *identrusApplication, &lifeCycle))) {
+  if (throwIfFailed(env,
+                    bridge::getAttributeValue(*ckSessionNum, *identrusApplication, &lifeCycle))) {
     return false;
   }
   *status = *static_cast<signed char*>(lifeCycle.pValue);
@@ -128,7 +149,7 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_close(JNIE
                                                                             jobject session) {
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.closeSession... ");
-  if (ckSessionNum) check(env, bridge::closeSession(*ckSessionNum));
+  if (ckSessionNum) throwIfFailed(env, bridge::closeSession(*ckSessionNum));
 }
 
 JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getInfo(JNIEnv* env,
@@ -136,7 +157,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getInfo
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.getInfo... ");
   CK_SESSION_INFO ckSessionInfo = {};
-  if (!ckSessionNum || !check(env, bridge::getSessionInfo(*ckSessionNum, &ckSessionInfo))) {
+  if (!ckSessionNum || throwIfFailed(env, bridge::getSessionInfo(*ckSessionNum, &ckSessionInfo))) {
     return nullptr;
   }
   TRACE("JNI: creating jobject PKCS11SessionInfo...");
@@ -157,7 +178,7 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_login(JNIE
   const char* utf_str = takeChars(env, pin);
   if (utf_str == nullptr) return;
   TRACE("(session= %li)\n", *ckSessionNum);
-  check(env, bridge::login(*ckSessionNum, userType(isSO), moduleBytes(utf_str)));
+  throwIfFailed(env, bridge::login(*ckSessionNum, userType(isSO), moduleBytes(utf_str)));
   env->ReleaseStringUTFChars(pin, utf_str);
 }
 
@@ -165,7 +186,7 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_logout(JNI
                                                                              jobject session) {
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.logout... ");
-  if (ckSessionNum) check(env, bridge::logout(*ckSessionNum));
+  if (ckSessionNum) throwIfFailed(env, bridge::logout(*ckSessionNum));
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_initPIN(JNIEnv* env,
@@ -176,7 +197,7 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_initPIN(JN
   if (!ckSessionNum) return;
   const char* newPinStr = takeChars(env, newPin);
   if (newPinStr == nullptr) return;
-  check(env, bridge::initPin(*ckSessionNum, moduleBytes(newPinStr)));
+  throwIfFailed(env, bridge::initPin(*ckSessionNum, moduleBytes(newPinStr)));
   env->ReleaseStringUTFChars(newPin, newPinStr);
 }
 
@@ -191,7 +212,8 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPIN(JNI
   if (oldPinStr == nullptr) return;
   const char* newPinStr = takeChars(env, newPin);
   if (newPinStr != nullptr) {
-    check(env, bridge::setPin(*ckSessionNum, moduleBytes(oldPinStr), moduleBytes(newPinStr)));
+    throwIfFailed(env,
+                  bridge::setPin(*ckSessionNum, moduleBytes(oldPinStr), moduleBytes(newPinStr)));
   }
   env->ReleaseStringUTFChars(oldPin, oldPinStr);
   if (newPinStr != nullptr) env->ReleaseStringUTFChars(newPin, newPinStr);
@@ -226,22 +248,18 @@ JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_encrypt(
   if (!ckSessionNum) return -1;
   jbyte* ckInData = takeInput(env, inData, inLen);
   if (ckInData == nullptr) return -1;
-  jbyte* ckOutData = takeBytes(env, outData);
+  jbyte* ckOutData = takeRoom(env, outData, inLen);
   if (ckOutData == nullptr) {
     releaseBytes(env, inData, ckInData);
     return -1;
   }
-  // The room announced is the input's length, so an output array below it must not get that far.
   CK_ULONG ckOutLen = J2CK_INT(inLen);
-  CK_RV ckRv = CKR_BUFFER_TOO_SMALL;
-  if (env->GetArrayLength(outData) >= inLen) {
-    TRACE("(session= %li)\n", *ckSessionNum);
-    ckRv = bridge::encrypt(*ckSessionNum, moduleBytes(ckInData), J2CK_INT(inLen),
-                           moduleBytes(ckOutData), &ckOutLen);
-  }
+  TRACE("(session= %li)\n", *ckSessionNum);
+  const CK_RV ckRv = bridge::encrypt(*ckSessionNum, moduleBytes(ckInData), J2CK_INT(inLen),
+                                     moduleBytes(ckOutData), &ckOutLen);
   releaseBytes(env, inData, ckInData);
   releaseBytes(env, outData, ckOutData);
-  return check(env, ckRv) ? CK2J_INT(ckOutLen) : -1;
+  return throwIfFailed(env, ckRv) ? -1 : CK2J_INT(ckOutLen);
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_decryptInit(
@@ -459,14 +477,14 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_findObject
       beginInSession(env, session, "JNI: start PKCS11Session.findObjectsInit... ");
   if (!ckSessionNum) return;
   if (attrArray == nullptr && valArray == nullptr) {
-    check(env, bridge::findObjectsInit(*ckSessionNum, nullptr, 0));
+    throwIfFailed(env, bridge::findObjectsInit(*ckSessionNum, nullptr, 0));
     return;
   }
   CK_ATTRIBUTE* ckAttr = nullptr;
   CK_ULONG ckCount = 0;
-  jint* attrA = buildTemplate(env, attrArray, valArray, false, &ckAttr, &ckCount);
+  jint* attrA = buildTemplate(env, attrArray, valArray, Surplus::kRefused, &ckAttr, &ckCount);
   if (attrA == nullptr) return;
-  check(env, bridge::findObjectsInit(*ckSessionNum, ckAttr, ckCount));
+  throwIfFailed(env, bridge::findObjectsInit(*ckSessionNum, ckAttr, ckCount));
   releaseTypes(env, attrArray, attrA);
   freeTemplate(ckAttr, ckCount);
 }
@@ -476,7 +494,9 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11Session_findObject(JNIEnv* env, jobject s
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.findObject... ");
   CK_OBJECT_HANDLE ckObj = CK_INVALID_HANDLE;
-  if (!ckSessionNum || !check(env, bridge::findObjects(*ckSessionNum, &ckObj))) return nullptr;
+  if (!ckSessionNum || throwIfFailed(env, bridge::findObjects(*ckSessionNum, &ckObj))) {
+    return nullptr;
+  }
   if (ckObj == CK_INVALID_HANDLE) {
     traceLine("JNI: No more objects (NULL found)");
     return nullptr;
@@ -491,7 +511,7 @@ JNIEXPORT void JNICALL
 Java_it_quarvel_pkcs11_nat_NativePKCS11Session_findObjectsFinal(JNIEnv* env, jobject session) {
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.findObjectsFinal... ");
-  if (ckSessionNum) check(env, bridge::findObjectsFinal(*ckSessionNum));
+  if (ckSessionNum) throwIfFailed(env, bridge::findObjectsFinal(*ckSessionNum));
 }
 
 // ---- Card-specific extensions ----
@@ -510,7 +530,7 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginellip
   const CK_RV ckRv =
       bridge::loginellips(*ckSessionNum, userType(isSO), moduleBytes(ckPin), ckPinLen);
   releaseBytes(env, pin, ckPin);
-  check(env, ckRv);
+  throwIfFailed(env, ckRv);
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPINellips(
@@ -531,7 +551,7 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPINelli
                                           moduleBytes(cknewPin), cknewPinLen);
   releaseBytes(env, oldPin, ckoldPin);
   releaseBytes(env, newPin, cknewPin);
-  check(env, ckRv);
+  throwIfFailed(env, ckRv);
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginAuthPath(JNIEnv* env,
@@ -539,7 +559,7 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginAuthP
                                                                                     jboolean isSO) {
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.login... ");
-  if (ckSessionNum) check(env, bridge::loginAuthPath(*ckSessionNum, userType(isSO)));
+  if (ckSessionNum) throwIfFailed(env, bridge::loginAuthPath(*ckSessionNum, userType(isSO)));
 }
 
 JNIEXPORT jint JNICALL
@@ -573,7 +593,7 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setCardSta
   std::printf("Setting lifeCycle status to %d\n", static_cast<signed char>(applicationLifeCycle));
   const CK_RV ckRv = bridge::setAttributeValue(ckSessionNum, identrusApplication, &lifeCycle, 1);
   if (ckRv != CKR_OK) std::printf("Error number : %li\n", ckRv);
-  check(env, ckRv);
+  throwIfFailed(env, ckRv);
 }
 
 JNIEXPORT jobject JNICALL
@@ -586,14 +606,14 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getIdentrusObject(JNIEnv* env, jo
   std::printf("Identrus application id = %i", CK2J_INT(identrusApplication));
   std::printf("JNI: creating PKCS11Object (%li)...", identrusApplication);
 
-  const Constructor object = findConstructor(env, kObjectClass, kObjectInit);
-  if (object.init == nullptr) {
-    std::printf(object.cl == nullptr ? "Unable to find class NativePKCS11Object"
-                                     : "Unable to find constructor for class NativePKCS11Object");
+  const Constructor objCostr = findConstructor(env, kTokenObjectClass, kTokenObjectInit);
+  if (objCostr.init == nullptr) {
+    std::printf(objCostr.cl == nullptr ? "Unable to find class NativePKCS11Object"
+                                       : "Unable to find constructor for class NativePKCS11Object");
     return nullptr;
   }
   const jobject application =
-      env->NewObject(object.cl, object.init, session, CK2J_INT(identrusApplication));
+      env->NewObject(objCostr.cl, objCostr.init, session, CK2J_INT(identrusApplication));
   if (application == nullptr) {
     std::printf("Unable to find construct new object for class NativePKCS11Object");
   }
@@ -605,18 +625,17 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getIdentrusObject(JNIEnv* env, jo
 JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_generateKeyPair(
     JNIEnv* env, jobject session, jint mech, jobject /*param*/, jintArray pubAttrs,
     jobjectArray pubVals, jintArray prvAttrs, jobjectArray prvVals) {
-  TRACE("JNI: start PKCS11Session.genKeyPair... ");
-  const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
+  const std::optional<CK_SESSION_HANDLE> ckSessionNum =
+      beginInSession(env, session, "JNI: start PKCS11Session.genKeyPair... ");
   if (!ckSessionNum) return nullptr;
   CK_MECHANISM ckMech = mechanism(mech);
-  TRACE("(session= %li)\n", *ckSessionNum);
 
   CK_ULONG ckPubLen = 0;
   CK_ULONG ckPrvLen = 0;
-  if (!templateLength(env, pubAttrs, pubVals, false, "Different array length for PublicKey",
-                      &ckPubLen) ||
-      !templateLength(env, prvAttrs, prvVals, false, "Different array length for PrivateKey",
-                      &ckPrvLen)) {
+  if (!templateLength(env, pubAttrs, pubVals, Surplus::kRefused,
+                      "Different array length for PublicKey", &ckPubLen) ||
+      !templateLength(env, prvAttrs, prvVals, Surplus::kRefused,
+                      "Different array length for PrivateKey", &ckPrvLen)) {
     return nullptr;
   }
   CK_ATTRIBUTE* ckPubAttr = nullptr;
@@ -646,7 +665,7 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_ge
   const CK_RV ckRv = bridge::generateKeyPair(*ckSessionNum, &ckMech, ckPubAttr, ckPubLen, ckPrvAttr,
                                              ckPrvLen, &ckPubKey, &ckPrvKey);
   const jobjectArray keyPair =
-      check(env, ckRv) ? newKeyPair(env, session, ckPubKey, ckPrvKey) : nullptr;
+      throwIfFailed(env, ckRv) ? nullptr : newKeyPair(env, session, ckPubKey, ckPrvKey);
   freeTemplate(ckPubAttr, ckPubLen);
   freeTemplate(ckPrvAttr, ckPrvLen);
   return keyPair;
@@ -663,13 +682,14 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_ge
   constexpr CK_ULONG kKeyPairEntries = 4;
   CK_ATTRIBUTE* ckPubAttr = nullptr;
   CK_ATTRIBUTE* ckPrvAttr = nullptr;
-  if (!newTemplatePair(env, kKeyPairEntries, kKeyPairEntries, &ckPubAttr, &ckPrvAttr))
+  if (!newTemplatePair(env, kKeyPairEntries, kKeyPairEntries, &ckPubAttr, &ckPrvAttr)) {
     return nullptr;
+  }
 
   CK_ULONG modulus = 1024;
   CK_BYTE pubExponent[] = {0x01, 0x00, 0x01};
   CK_BBOOL vero = CK_TRUE;
-  // The card knows both labels as eight bytes: "Utility" takes its terminating zero along.
+  // Eight bytes are announced for either label: "Utility" takes its terminating zero along.
   char identity[] = "Identity";
   char utility[] = "Utility";
   const bool forIdentity = isIdentity != JNI_FALSE;
@@ -680,7 +700,7 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_ge
   ckPrvAttr[0] = {CKA_TOKEN, &vero, sizeof vero};
   ckPrvAttr[1] = {CKA_SIGN, &vero, sizeof vero};
   ckPrvAttr[2] = {CKA_SIGN_RECOVER, &vero, sizeof vero};
-  ckPrvAttr[3] = {CKA_VENDOR_DEFINED + (forIdentity ? 0x6002UL : 0x6001UL), &vero, sizeof vero};
+  ckPrvAttr[3] = {forIdentity ? kIdentityKey : kUtilityKey, &vero, sizeof vero};
 
   std::printf("Start generating keypair...");
   CK_OBJECT_HANDLE ckPubKey = CK_INVALID_HANDLE;
@@ -689,7 +709,7 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_ge
                                              ckPrvAttr, kKeyPairEntries, &ckPubKey, &ckPrvKey);
   std::puts("Done.");
   const jobjectArray keyPair =
-      check(env, ckRv) ? newKeyPair(env, session, ckPubKey, ckPrvKey) : nullptr;
+      throwIfFailed(env, ckRv) ? nullptr : newKeyPair(env, session, ckPubKey, ckPrvKey);
 
   std::puts("Clearing memory...");
   std::printf("    --> Public attr values done\n...");
@@ -712,7 +732,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_createO
   TRACE("(ses=%li)\n", *ckSessionID);
   CK_ATTRIBUTE* ckAttr = nullptr;
   CK_ULONG ckCount = 0;
-  jint* attrA = buildTemplate(env, attrArray, valArray, false, &ckAttr, &ckCount);
+  jint* attrA = buildTemplate(env, attrArray, valArray, Surplus::kRefused, &ckAttr, &ckCount);
   if (attrA == nullptr) return nullptr;
   releaseTypes(env, attrArray, attrA);
 
@@ -720,11 +740,11 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_createO
   const CK_RV ckRv = bridge::createObject(*ckSessionID, &ckObj, ckAttr, ckCount);
   traceLine("JNI: createObject PKCS11Session.createObj...");
   jobject object = nullptr;
-  if (check(env, ckRv)) {
+  if (!throwIfFailed(env, ckRv)) {
     TRACE("JNI: creating PKCS11Object (%li)...", ckObj);
-    const Constructor made = findConstructor(env, kObjectClass, kObjectInit);
-    if (made.init != nullptr) {
-      object = env->NewObject(made.cl, made.init, session, CK2J_INT(ckObj));
+    const Constructor objCostr = findConstructor(env, kTokenObjectClass, kTokenObjectInit);
+    if (objCostr.init != nullptr) {
+      object = env->NewObject(objCostr.cl, objCostr.init, session, CK2J_INT(ckObj));
       traceLine("OK");  // also when no object came of it
     }
   }
@@ -738,50 +758,49 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_createO
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_installCertificate(
     JNIEnv* env, jobject session, jlong certID, jbyteArray certStr, jlong /*certLen*/,
     jstring subject, jstring sn, jstring issuer, jstring label) {
-  constexpr int kFixed = 4;
-  constexpr int kStrings = 4;
-  const jstring strings[kStrings] = {label, subject, sn, issuer};
-  const char* chars[kStrings] = {};
-
-  CK_OBJECT_CLASS classe = CKO_CERTIFICATE;
-  CK_CERTIFICATE_TYPE type = CKC_X_509;
-  auto slot = static_cast<CK_ULONG>(certID);
-  CK_ATTRIBUTE certTemplate[kFixed + kStrings] = {
-      {CKA_CLASS, &classe, sizeof classe},
-      {CKA_CERTIFICATE_TYPE, &type, sizeof type},
-      {CKA_VENDOR_DEFINED + 0x2000, &slot, sizeof slot},
-      {CKA_VALUE, nullptr, 0},
-      {CKA_LABEL, nullptr, 0},
-      {CKA_SUBJECT, nullptr, 0},
-      {CKA_SERIAL_NUMBER, nullptr, 0},
-      {CKA_ISSUER, nullptr, 0},
-  };
   std::printf("JNI: start PKCS11Session.createObj... ");
   const std::optional<CK_SESSION_HANDLE> ckSessionID = getSessionID(env, session);
   if (!ckSessionID) return;
   std::printf("(ses=%li)\n", *ckSessionID);
   jbyte* cert = takeBytes(env, certStr);
   if (cert == nullptr) return;
-  certTemplate[kFixed - 1].pValue = cert;
-  certTemplate[kFixed - 1].ulValueLen = J2CK_INT(env->GetArrayLength(certStr));
 
-  int held = 0;
-  for (; held < kStrings; ++held) {
-    chars[held] = takeChars(env, strings[held]);
-    if (chars[held] == nullptr) break;
-    std::printf("Label: %s\n", chars[held]);
-    certTemplate[kFixed + held].pValue = moduleBytes(chars[held]);
-    certTemplate[kFixed + held].ulValueLen = std::strlen(chars[held]);
+  CK_OBJECT_CLASS classe = CKO_CERTIFICATE;
+  CK_CERTIFICATE_TYPE type = CKC_X_509;
+  auto slot = static_cast<CK_ULONG>(certID);
+  constexpr int kFirstString = 4;
+  constexpr int nbAttributes = 8;
+  CK_ATTRIBUTE certTemplate[nbAttributes] = {
+      {CKA_CLASS, &classe, sizeof classe},
+      {CKA_CERTIFICATE_TYPE, &type, sizeof type},
+      {kCertificateID, &slot, sizeof slot},
+      {CKA_VALUE, cert, J2CK_INT(env->GetArrayLength(certStr))},
+      {CKA_LABEL, nullptr, 0},
+      {CKA_SUBJECT, nullptr, 0},
+      {CKA_SERIAL_NUMBER, nullptr, 0},
+      {CKA_ISSUER, nullptr, 0},
+  };
+  const jstring strings[nbAttributes] = {nullptr, nullptr, nullptr, nullptr,
+                                         label,   subject, sn,      issuer};
+  int filled = kFirstString;
+  for (; filled < nbAttributes; ++filled) {
+    const char* chars = takeChars(env, strings[filled]);
+    if (chars == nullptr) break;
+    std::printf("Label: %s\n", chars);
+    certTemplate[filled].pValue = moduleBytes(chars);
+    certTemplate[filled].ulValueLen = std::strlen(chars);
   }
-  if (held == kStrings) {
+  if (filled == nbAttributes) {
     CK_OBJECT_HANDLE objectIdentifier = 0;
     const CK_RV ckRv =
-        bridge::createObject(*ckSessionID, &objectIdentifier, certTemplate, kFixed + kStrings);
+        bridge::createObject(*ckSessionID, &objectIdentifier, certTemplate, nbAttributes);
     if (ckRv != CKR_OK) std::printf("C_CreateObject fails.");
-    check(env, ckRv);
+    throwIfFailed(env, ckRv);
   }
   releaseBytes(env, certStr, cert);
-  for (int i = 0; i < held; ++i) env->ReleaseStringUTFChars(strings[i], chars[i]);
+  for (int i = kFirstString; i < filled; ++i) {
+    env->ReleaseStringUTFChars(strings[i], static_cast<const char*>(certTemplate[i].pValue));
+  }
 }
 
 // ---- Secret key generation ----
@@ -796,7 +815,9 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_generat
   CK_MECHANISM ckMech = mechanism(mech);
   traceLine("JNI: mechanism OK");
   CK_ULONG ckLen = 0;
-  if (!templateLength(env, attrTypes, attrValues, true, kDifferentLength, &ckLen)) return nullptr;
+  if (!templateLength(env, attrTypes, attrValues, Surplus::kIgnored, kDifferentLength, &ckLen)) {
+    return nullptr;
+  }
   traceLine("JNI: ckLen OK");
   CK_ATTRIBUTE* ckAttr = allocateTemplate(ckLen);
   traceLine("JNI: ckAttr OK");
@@ -831,7 +852,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_generat
 
   CK_OBJECT_HANDLE ckKey = CK_INVALID_HANDLE;
   jobject secretKey = nullptr;
-  if (check(env, bridge::generateKey(*ckSessionNum, &ckMech, ckAttr, ckLen, &ckKey))) {
+  if (!throwIfFailed(env, bridge::generateKey(*ckSessionNum, &ckMech, ckAttr, ckLen, &ckKey))) {
     TRACE("JNI: creating 2 jobject PKCS11Object...");
     secretKey = newTokenObject(env, session, ckKey);
   }
@@ -865,7 +886,7 @@ JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_wrapKey(
   traceLine("JNI: wrapOK OK");
   releaseBytes(env, outData, ckOutData);
   traceLine("JNI: release OK");
-  return check(env, ckRv) ? CK2J_INT(ckOutLen) : -1;
+  return throwIfFailed(env, ckRv) ? -1 : CK2J_INT(ckOutLen);
 }
 
 JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_unwrapKey(
@@ -880,7 +901,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_unwrapK
   CK_MECHANISM ckMech = mechanism(mech);
   CK_ATTRIBUTE* ckAttr = nullptr;
   CK_ULONG ckAttrLen = 0;
-  jint* attrA = buildTemplate(env, attrTypes, attrValues, true, &ckAttr, &ckAttrLen);
+  jint* attrA = buildTemplate(env, attrTypes, attrValues, Surplus::kIgnored, &ckAttr, &ckAttrLen);
   if (attrA == nullptr) return nullptr;
   releaseTypes(env, attrTypes, attrA);
   jbyte* ckInkeyData = takeInput(env, inkeyData, inkeyLen);
@@ -896,7 +917,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_unwrapK
                         J2CK_INT(inkeyLen), ckAttr, ckAttrLen, &ckKey);
   releaseBytes(env, inkeyData, ckInkeyData);
   freeTemplate(ckAttr, ckAttrLen);
-  if (!check(env, ckRv)) return nullptr;
+  if (throwIfFailed(env, ckRv)) return nullptr;
   TRACE("JNI: creating PKCS11Object (%li)...", ckKey);
   const jobject object = newTokenObject(env, session, ckKey);
   if (object != nullptr) traceLine("OK");

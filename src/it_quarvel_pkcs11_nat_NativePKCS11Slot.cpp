@@ -2,6 +2,7 @@
 #include "it_quarvel_pkcs11_nat_NativePKCS11Slot.h"
 
 #include <cstring>
+#include <optional>
 
 #include "jniUtil.h"
 #include "pkcs11Bridge.h"
@@ -21,7 +22,7 @@ std::optional<CK_SLOT_ID> beginOnSlot(JNIEnv* env, jobject slot, const char* sta
 bool readTokenInfo(JNIEnv* env, jobject slot, CK_TOKEN_INFO* ckInfo) {
   const std::optional<CK_SLOT_ID> ckSlot =
       beginOnSlot(env, slot, "JNI: start PKCS11Slot.getInfo... ");
-  if (!ckSlot || !check(env, bridge::getTokenInfo(*ckSlot, ckInfo))) return false;
+  if (!ckSlot || throwIfFailed(env, bridge::getTokenInfo(*ckSlot, ckInfo))) return false;
   TRACE("JNI: creating jobject PKCS11TokenInfo...");
   return true;
 }
@@ -43,7 +44,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getInfo(JN
   const std::optional<CK_SLOT_ID> ckSlot =
       beginOnSlot(env, slot, "JNI: start PKCS11Slot.getInfo... ");
   CK_SLOT_INFO ckInfo = {};
-  if (!ckSlot || !check(env, bridge::getSlotInfo(*ckSlot, &ckInfo))) return nullptr;
+  if (!ckSlot || throwIfFailed(env, bridge::getSlotInfo(*ckSlot, &ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11SlotInfo...");
   const jstring description = CK2J_STR(env, ckInfo.slotDescription);
@@ -99,16 +100,17 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getMechanismList(JNIEnv* env, jobjec
       beginOnSlot(env, slot, "JNI: start PKCS11Slot.getMechList... ");
   CK_MECHANISM_TYPE_PTR ckMechs = nullptr;
   CK_ULONG ckCount = 0;
-  if (!ckSlot || !check(env, bridge::getMechanismList(*ckSlot, &ckMechs, &ckCount))) {
+  if (!ckSlot || throwIfFailed(env, bridge::getMechanismList(*ckSlot, &ckMechs, &ckCount))) {
     return nullptr;
   }
-  const HeapBlock<CK_MECHANISM_TYPE> mechs(ckMechs);
+  HeapBlock<CK_MECHANISM_TYPE> mechs(ckMechs);
   if (!fitsJavaArray(env, ckCount, bridge::CKR_ZOV_NOSPACE)) return nullptr;
 
   TRACE("JNI: creating array of %li Mechanism...", ckCount);
   const jintArray array = env->NewIntArray(CK2J_INT(ckCount));
   if (array == nullptr) return nullptr;
-  env->SetIntArrayRegion(array, 0, CK2J_INT(ckCount), narrow(ckMechs, ckCount));
+  env->SetIntArrayRegion(array, 0, CK2J_INT(ckCount), narrow(mechs.get(), ckCount));
+  mechs.reset();
   traceLine("OK");
   return array;
 }
@@ -122,7 +124,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getMechani
   const CK_MECHANISM_TYPE ckMech = J2CK_INT(mech);
   TRACE("(slot= %li) (mach=%li)\n", *ckSlot, ckMech);
   CK_MECHANISM_INFO ckInfo = {};
-  if (!check(env, bridge::getMechanismInfo(*ckSlot, ckMech, &ckInfo))) return nullptr;
+  if (throwIfFailed(env, bridge::getMechanismInfo(*ckSlot, ckMech, &ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11MechanismInfo...");
   const jobject info = newObject(env, "it/quarvel/pkcs11/PKCS11MechanismInfo", "(III)V",
@@ -144,7 +146,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_openSessio
   const std::optional<CK_SLOT_ID> ckSlot =
       beginOnSlot(env, slot, "JNI: start PKCS11Slot.getInfo... ");
   CK_SESSION_HANDLE ckSession = CK_INVALID_HANDLE;
-  if (!ckSlot || !check(env, bridge::openSession(*ckSlot, J2CK_FLAGS(flags), &ckSession))) {
+  if (!ckSlot || throwIfFailed(env, bridge::openSession(*ckSlot, J2CK_FLAGS(flags), &ckSession))) {
     return nullptr;
   }
   TRACE("JNI: creating jobject NativePKCS11Session...");
@@ -157,5 +159,5 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_closeAllSessi
                                                                                     jobject slot) {
   const std::optional<CK_SLOT_ID> ckSlot =
       beginOnSlot(env, slot, "JNI: start PKCS11Slot.closeAllSessions... ");
-  if (ckSlot) check(env, bridge::closeAllSessions(*ckSlot));
+  if (ckSlot) throwIfFailed(env, bridge::closeAllSessions(*ckSlot));
 }

@@ -44,11 +44,11 @@ int setValue(CK_ATTRIBUTE* ckAttr, void* value, CK_ULONG size) {
   return 1;
 }
 
-/// Fills the entry with a copy of `size` bytes, taking `room` bytes for it.
-int setCopy(CK_ATTRIBUTE* ckAttr, const void* bytes, std::size_t size, std::size_t room) {
-  void* value = std::malloc(room);
+/// Fills the entry with a copy of `copied` bytes, the first `size` of which are its value.
+int setCopy(CK_ATTRIBUTE* ckAttr, const void* bytes, std::size_t copied, std::size_t size) {
+  void* value = std::malloc(copied);
   if (value == nullptr) return 0;
-  std::memcpy(value, bytes, room);
+  std::memcpy(value, bytes, copied);
   return setValue(ckAttr, value, size);
 }
 
@@ -56,7 +56,7 @@ int setString(JNIEnv* env, jstring string, CK_ATTRIBUTE* ckAttr) {
   const char* utf_str = takeChars(env, string, "Internal error (creating String)");
   if (utf_str == nullptr) return 0;
   const std::size_t size = std::strlen(utf_str);
-  const int res = setCopy(ckAttr, utf_str, size, size + 1);
+  const int res = setCopy(ckAttr, utf_str, size + 1, size);
   env->ReleaseStringUTFChars(string, utf_str);
   return res;
 }
@@ -149,9 +149,9 @@ void throwCKExcAS(JNIEnv* env, CK_RV errCode) {
   raise(env, "(IZ)V", CK2J_INT(errCode), vendor);
 }
 
-bool check(JNIEnv* env, CK_RV ckRv) {
+bool throwIfFailed(JNIEnv* env, CK_RV ckRv) {
   if (ckRv != CKR_OK) throwCKExc(env, ckRv);
-  return ckRv == CKR_OK;
+  return ckRv != CKR_OK;
 }
 
 void notSupported(JNIEnv* env) { throwExc(env, "Not supported"); }
@@ -184,7 +184,7 @@ jstring CK2J_STR(JNIEnv* env, const CK_CHAR* str, int size) {
   jstring string = nullptr;
   if (text != nullptr) {
     std::memcpy(text.get(), str, length);
-    text.get()[length] = '\0';
+    text[length] = '\0';
     string = env->NewStringUTF(text.get());
   }
   if (string == nullptr) std::puts("JNI:##########ERROR CK2J_STR################");
@@ -192,7 +192,7 @@ jstring CK2J_STR(JNIEnv* env, const CK_CHAR* str, int size) {
 }
 
 bool fitsJavaArray(JNIEnv* env, CK_ULONG count, CK_RV refusal) {
-  return check(env, count <= INT32_MAX ? CKR_OK : refusal);
+  return !throwIfFailed(env, count <= INT32_MAX ? CKR_OK : refusal);
 }
 
 // ---- New Java objects ----
@@ -209,21 +209,21 @@ jobject newSession(JNIEnv* env, jobject slot, CK_SESSION_HANDLE handle) {
 }
 
 jobject newTokenObject(JNIEnv* env, jobject session, CK_OBJECT_HANDLE handle) {
-  return newObject(env, kObjectClass, kObjectInit, session, CK2J_INT(handle));
+  return newObject(env, kTokenObjectClass, kTokenObjectInit, session, CK2J_INT(handle));
 }
 
 jobjectArray newKeyPair(JNIEnv* env, jobject session, CK_OBJECT_HANDLE pubKey,
                         CK_OBJECT_HANDLE prvKey) {
   TRACE("JNI: creating 2 jobject PKCS11Object...");
-  const Constructor object = findConstructor(env, kObjectClass, kObjectInit);
-  if (object.init == nullptr) return nullptr;
-  const jobject temp1 = env->NewObject(object.cl, object.init, session, CK2J_INT(pubKey));
+  const Constructor costr = findConstructor(env, kTokenObjectClass, kTokenObjectInit);
+  if (costr.init == nullptr) return nullptr;
+  const jobject temp1 = env->NewObject(costr.cl, costr.init, session, CK2J_INT(pubKey));
   if (temp1 == nullptr) return nullptr;
-  const jobject temp2 = env->NewObject(object.cl, object.init, session, CK2J_INT(prvKey));
+  const jobject temp2 = env->NewObject(costr.cl, costr.init, session, CK2J_INT(prvKey));
   if (temp2 == nullptr) return nullptr;
-  const jclass objCl = env->FindClass("java/lang/Object");
-  if (objCl == nullptr) return nullptr;
-  const jobjectArray keyPair = env->NewObjectArray(2, objCl, nullptr);
+  const jclass elementCl = env->FindClass("java/lang/Object");
+  if (elementCl == nullptr) return nullptr;
+  const jobjectArray keyPair = env->NewObjectArray(2, elementCl, nullptr);
   if (keyPair == nullptr) return nullptr;
   env->SetObjectArrayElement(keyPair, 0, temp1);
   env->SetObjectArrayElement(keyPair, 1, temp2);
@@ -232,12 +232,12 @@ jobjectArray newKeyPair(JNIEnv* env, jobject session, CK_OBJECT_HANDLE pubKey,
 }
 
 jobject newDateFormat(JNIEnv* env, jclass* formatCl) {
-  const Constructor format =
+  const Constructor costr =
       findConstructor(env, "java/text/SimpleDateFormat", "(Ljava/lang/String;)V");
-  if (format.init == nullptr) return nullptr;
-  *formatCl = format.cl;
+  if (costr.init == nullptr) return nullptr;
+  *formatCl = costr.cl;
   const jstring pattern = env->NewStringUTF("yyyyMMdd");
-  return pattern != nullptr ? env->NewObject(format.cl, format.init, pattern) : nullptr;
+  return pattern != nullptr ? env->NewObject(costr.cl, costr.init, pattern) : nullptr;
 }
 
 // ---- Java strings and arrays held for one call ----
@@ -298,12 +298,13 @@ int J2CK_ATTR(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* ckAttr) {
   return 0;
 }
 
-bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, bool surplus,
+bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
                     const char* msg, CK_ULONG* ckCount) {
   if (types != nullptr && values != nullptr) {
     *ckCount = J2CK_INT(env->GetArrayLength(types));
     const CK_ULONG valueCount = J2CK_INT(env->GetArrayLength(values));
-    if (valueCount == *ckCount || (surplus && valueCount > *ckCount)) return true;
+    if (valueCount == *ckCount || (surplus == Surplus::kIgnored && valueCount > *ckCount))
+      return true;
   }
   throwExc(env, msg);
   return false;
@@ -344,7 +345,7 @@ jint* fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, CK_ATTRIBU
   return attrA;
 }
 
-jint* buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, bool surplus,
+jint* buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
                     CK_ATTRIBUTE** ckAttr, CK_ULONG* ckCount) {
   if (!templateLength(env, types, values, surplus, kDifferentLength, ckCount)) return nullptr;
   *ckAttr = newTemplate(env, *ckCount);

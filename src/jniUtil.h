@@ -13,13 +13,15 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
-#include <type_traits>
 
 #include "pkcs11.h"
 
+struct Free {
+  void operator()(void* block) const { std::free(block); }
+};
 /// A block of the C heap, freed at scope exit.
 template <typename T>
-using HeapBlock = std::unique_ptr<T, std::integral_constant<void (*)(void*), std::free>>;
+using HeapBlock = std::unique_ptr<T[], Free>;
 
 // ---- Exceptions ----
 
@@ -34,12 +36,13 @@ void throwExc(JNIEnv* env, const char* msg);
 /// the message "Internal error", 0 as "Unknown internal error".
 void throwCKExc(JNIEnv* env, CK_RV errCode);
 
-/// Raises PKCS11Exception with the low 32 bits of a return value and whether it exceeds 0x7FFFFFFF.
+/// Raises PKCS11Exception with the low 32 bits of a return value and whether it exceeds 0x7FFFFFFF;
+/// for 0 as throwCKExc.
 void throwCKExcAS(JNIEnv* env, CK_RV errCode);
 
-/// Raises what throwCKExc raises for a value other than CKR_OK.
-/// @return whether the value is CKR_OK
-bool check(JNIEnv* env, CK_RV ckRv);
+/// Raises what throwCKExc raises, for a value other than CKR_OK.
+/// @return whether it raised
+bool throwIfFailed(JNIEnv* env, CK_RV ckRv);
 
 /// Raises the refusal of a method that the library does not offer.
 void notSupported(JNIEnv* env);
@@ -85,15 +88,16 @@ jstring CK2J_STR(JNIEnv* env, const CK_CHAR (&field)[size]) {
   return CK2J_STR(env, field, static_cast<int>(size));
 }
 
-/// Whether `count` elements fit a Java array; raises PKCS11Exception for `refusal` if not.
+/// Whether `count` elements fit a Java array; raises PKCS11Exception if not, for the return value
+/// `refusal` that stands for it.
 bool fitsJavaArray(JNIEnv* env, CK_ULONG count, CK_RV refusal);
 
 // ---- New Java objects ----
 
 inline constexpr char kSlotClass[] = "it/quarvel/pkcs11/nat/NativePKCS11Slot";
 inline constexpr char kSlotInit[] = "(Lit/quarvel/pkcs11/nat/NativePKCS11;I)V";
-inline constexpr char kObjectClass[] = "it/quarvel/pkcs11/nat/NativePKCS11Object";
-inline constexpr char kObjectInit[] = "(Lit/quarvel/pkcs11/nat/NativePKCS11Session;I)V";
+inline constexpr char kTokenObjectClass[] = "it/quarvel/pkcs11/nat/NativePKCS11Object";
+inline constexpr char kTokenObjectInit[] = "(Lit/quarvel/pkcs11/nat/NativePKCS11Session;I)V";
 
 /// A class with one of its constructors.
 struct Constructor {
@@ -107,8 +111,8 @@ Constructor findConstructor(JNIEnv* env, const char* className, const char* sign
 /// states them); null with the virtual machine's error pending.
 template <typename... Args>
 jobject newObject(JNIEnv* env, const char* className, const char* signature, Args... args) {
-  const Constructor made = findConstructor(env, className, signature);
-  return made.init != nullptr ? env->NewObject(made.cl, made.init, args...) : nullptr;
+  const Constructor costr = findConstructor(env, className, signature);
+  return costr.init != nullptr ? env->NewObject(costr.cl, costr.init, args...) : nullptr;
 }
 
 /// A new NativePKCS11Session for the handle, on `slot`; null with the virtual machine's error.
@@ -161,10 +165,12 @@ inline CK_BYTE_PTR moduleBytes(const char* chars) {
 /// whose characters cannot be had raises "Internal error (creating String)")
 int J2CK_ATTR(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* ckAttr);
 
+/// What becomes of values without a type.
+enum class Surplus { kRefused, kIgnored };
+
 /// Reads the number of entries from the arrays of types and values.
-/// @param surplus whether there may be more values than types
 /// @return false after raising `msg` for a null array or lengths that do not go together
-bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, bool surplus,
+bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
                     const char* msg, CK_ULONG* ckCount);
 
 /// Room for ckCount entries (also for 0) in the C heap; null without memory, with nothing raised.
@@ -186,7 +192,7 @@ jint* fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, CK_ATTRIBU
 
 /// The whole template procedure: templateLength, newTemplate, fillTemplate.
 /// @return as fillTemplate, with the template in *ckAttr; on null there is nothing to free
-jint* buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, bool surplus,
+jint* buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
                     CK_ATTRIBUTE** ckAttr, CK_ULONG* ckCount);
 
 /// Frees the values of entries 0 to ckCount - 1.

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "trace.h"
 
@@ -28,32 +29,29 @@ Function functionOf(Function CK_FUNCTION_LIST::*entry) {
   return pFunctionList != nullptr ? pFunctionList->*entry : nullptr;
 }
 
-/// The start of a call-through with an ending of its own: refusal or text, then the function.
+/// The start of every call-through: refusal or trace, then the function.
+/// @param text what to trace, or a function that traces it with arguments
 /// @return CKR_OK with `function` set, CKR_ZOV_NOTINIT or CKR_ZOV_NOFUNCPTR
-template <typename Function>
-CK_RV begin(const char* text, Function CK_FUNCTION_LIST::*entry, Function* function) {
+template <typename Text, typename Function>
+CK_RV begin(Text text, Function CK_FUNCTION_LIST::*entry, Function* function) {
   if (loaded == 0) return CKR_ZOV_NOTINIT;
-  TRACE("%s", text);
+  if constexpr (std::is_invocable_v<Text>) {
+    text();
+  } else {
+    TRACE("%s", text);
+  }
   *function = functionOf(entry);
   return *function != nullptr ? CKR_OK : CKR_ZOV_NOFUNCPTR;
 }
 
-/// The rest of a call-through that has traced a text of its own: function, call, " Done".
-template <typename Function, typename... Args>
-CK_RV finish(Function CK_FUNCTION_LIST::*entry, Args... args) {
-  const Function function = functionOf(entry);
-  if (function == nullptr) return CKR_ZOV_NOFUNCPTR;
+/// A whole call-through of the common shape.
+template <typename Text, typename Function, typename... Args>
+CK_RV call(Text text, Function CK_FUNCTION_LIST::*entry, Args... args) {
+  Function function;
+  if (const CK_RV refusal = begin(text, entry, &function); refusal != CKR_OK) return refusal;
   const CK_RV ckRv = function(args...);
   traceLine(" Done");
   return ckRv;
-}
-
-/// A whole call-through of the common shape.
-template <typename Function, typename... Args>
-CK_RV call(const char* text, Function CK_FUNCTION_LIST::*entry, Args... args) {
-  if (loaded == 0) return CKR_ZOV_NOTINIT;
-  TRACE("%s", text);
-  return finish(entry, args...);
 }
 
 /// The same for a function whose last argument is the length of its output, which is traced.
@@ -81,8 +79,8 @@ CK_RV readList(const char* text, Function CK_FUNCTION_LIST::*entry, Selector sel
   if (ckRv != CKR_OK) return ckRv;
 
   const CK_ULONG room = *pCounter;
-  if (room > SIZE_MAX / sizeof(CK_ULONG)) return CKR_ZOV_NOSPACE;
-  *items = static_cast<CK_ULONG*>(std::malloc(room * sizeof(CK_ULONG)));
+  // Zeroed, so that a module that then writes less than it says discloses nothing of the heap.
+  *items = static_cast<CK_ULONG*>(std::calloc(room, sizeof(CK_ULONG)));
   if (*items == nullptr) return CKR_ZOV_NOSPACE;
 
   ckRv = function(selector, *items, pCounter);
@@ -113,7 +111,12 @@ CK_RV loadLib(const char* libName, CK_FUNCTION_LIST_PTR* pFuncList) {
   if (symbol == nullptr) return CKR_ZOV_NOFUNCPTR;
 
   TRACE("JNI:BRIDGE: Calling FuncList...");
+  // Cleared first: a module that reports success and writes nothing must not pass for the owner of
+  // an earlier module's list. A failed load leaves that list in use.
+  const CK_FUNCTION_LIST_PTR earlier = pFunctionList;
+  pFunctionList = nullptr;
   const CK_RV ckRv = reinterpret_cast<CK_C_GetFunctionList>(symbol)(&pFunctionList);
+  if (ckRv != CKR_OK && pFunctionList == nullptr) pFunctionList = earlier;
   TRACE(" Done: %lx\n", address(pFunctionList));
   if (ckRv != CKR_OK) return ckRv;
   if (pFunctionList == nullptr) return CKR_ZOV_NOFUNCPTR;
@@ -125,8 +128,10 @@ CK_RV loadLib(const char* libName, CK_FUNCTION_LIST_PTR* pFuncList) {
 
 CK_RV initLib() {
   TRACE("JNI:BRIDGE: Initializing...");
-  if (!listUsable || pFunctionList->C_Initialize == nullptr) return CKR_ZOV_NOFUNCPTR;
-  const CK_RV ckRv = pFunctionList->C_Initialize(nullptr);
+  const CK_C_Initialize function =
+      listUsable ? functionOf(&CK_FUNCTION_LIST::C_Initialize) : nullptr;
+  if (function == nullptr) return CKR_ZOV_NOFUNCPTR;
+  const CK_RV ckRv = function(nullptr);
   TRACE(" Done: %li\n", ckRv);
   if (ckRv == CKR_OK) loaded = 1;
   return ckRv;
@@ -134,8 +139,9 @@ CK_RV initLib() {
 
 CK_RV finalizeLib() {
   TRACE("JNI:BRIDGE: Finalizing...");
-  if (!listUsable || pFunctionList->C_Finalize == nullptr) return CKR_ZOV_NOFUNCPTR;
-  const CK_RV ckRv = pFunctionList->C_Finalize(nullptr);
+  const CK_C_Finalize function = listUsable ? functionOf(&CK_FUNCTION_LIST::C_Finalize) : nullptr;
+  if (function == nullptr) return CKR_ZOV_NOFUNCPTR;
+  const CK_RV ckRv = function(nullptr);
   TRACE(" Done: %li\n", ckRv);
   TRACE("JNI:BRIDGE: It's ok the dlclose ???");
   dlclose(hLibrary);
@@ -215,24 +221,25 @@ CK_RV setPin(CK_SESSION_HANDLE session, CK_CHAR_PTR oldPin, CK_CHAR_PTR newPin) 
 
 CK_RV setPinellips(CK_SESSION_HANDLE session, CK_BYTE_PTR oldPin, CK_ULONG oldPinLen,
                    CK_BYTE_PTR newPin, CK_ULONG newPinLen) {
-  if (loaded == 0) return CKR_ZOV_NOTINIT;
-  TRACE("JNI:BRIDGE: Calling C_SetPIN...");
-  TRACE("JNI:BRIDGE: Calling C_SetPIN (len=%i)...", static_cast<int>(oldPinLen));
-  TRACE("JNI:BRIDGE: Calling C_SetPIN (len=%i)...", static_cast<int>(newPinLen));
-  return finish(&CK_FUNCTION_LIST::C_SetPIN, session, oldPin, oldPinLen, newPin, newPinLen);
+  return call(
+      [=] {
+        TRACE("JNI:BRIDGE: Calling C_SetPIN...");
+        TRACE("JNI:BRIDGE: Calling C_SetPIN (len=%i)...", static_cast<int>(oldPinLen));
+        TRACE("JNI:BRIDGE: Calling C_SetPIN (len=%i)...", static_cast<int>(newPinLen));
+      },
+      &CK_FUNCTION_LIST::C_SetPIN, session, oldPin, oldPinLen, newPin, newPinLen);
 }
 
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_CHAR_PTR pPin) {
-  if (loaded == 0) return CKR_ZOV_NOTINIT;
-  TRACE("JNI:BRIDGE: Calling C_Login (l=%i)...", static_cast<int>(length(pPin)));
-  return finish(&CK_FUNCTION_LIST::C_Login, session, user, pPin, length(pPin));
+  return call(
+      [=] { TRACE("JNI:BRIDGE: Calling C_Login (l=%i)...", static_cast<int>(length(pPin))); },
+      &CK_FUNCTION_LIST::C_Login, session, user, pPin, length(pPin));
 }
 
 CK_RV loginellips(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_BYTE_PTR pPin,
                   CK_ULONG pPinLen) {
-  if (loaded == 0) return CKR_ZOV_NOTINIT;
-  TRACE("JNI:BRIDGE: Calling C_Login (len=%i)...", static_cast<int>(pPinLen));
-  return finish(&CK_FUNCTION_LIST::C_Login, session, user, pPin, pPinLen);
+  return call([=] { TRACE("JNI:BRIDGE: Calling C_Login (len=%i)...", static_cast<int>(pPinLen)); },
+              &CK_FUNCTION_LIST::C_Login, session, user, pPin, pPinLen);
 }
 
 CK_RV loginAuthPath(CK_SESSION_HANDLE session, CK_USER_TYPE user) {
@@ -284,10 +291,11 @@ CK_RV getObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObj, CK_ULONG*
 }
 
 CK_RV getAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObj, CK_ATTRIBUTE* attr) {
-  if (loaded == 0) return CKR_ZOV_NOTINIT;
-  TRACE("JNI:BRIDGE: Calling C_GetAttributeValue %lx ...", attr->type);
-  const CK_C_GetAttributeValue function = functionOf(&CK_FUNCTION_LIST::C_GetAttributeValue);
-  if (function == nullptr) return CKR_ZOV_NOFUNCPTR;
+  CK_C_GetAttributeValue function;
+  const CK_RV refusal =
+      begin([=] { TRACE("JNI:BRIDGE: Calling C_GetAttributeValue %lx ...", attr->type); },
+            &CK_FUNCTION_LIST::C_GetAttributeValue, &function);
+  if (refusal != CKR_OK) return refusal;
 
   attr->pValue = nullptr;
   attr->ulValueLen = 0;
@@ -297,7 +305,7 @@ CK_RV getAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObj, CK_AT
 
   const CK_ULONG room = attr->ulValueLen;
   if (room == SIZE_MAX) return CKR_ZOV_NOSPACE;
-  auto* value = static_cast<CK_BYTE*>(std::malloc(room + 1));
+  auto* value = static_cast<CK_BYTE*>(std::calloc(room + 1, 1));
   if (value == nullptr) return CKR_ZOV_NOSPACE;
 
   attr->pValue = value;
@@ -361,8 +369,9 @@ CK_RV unwrapKey(CK_SESSION_HANDLE session, CK_MECHANISM_PTR pMechanism,
   CK_C_UnwrapKey function;
   if (const CK_RV refusal =
           begin("JNI:BRIDGE: Calling C_UnwrapKey ...", &CK_FUNCTION_LIST::C_UnwrapKey, &function);
-      refusal != CKR_OK)
+      refusal != CKR_OK) {
     return refusal;
+  }
   return function(session, pMechanism, hUnwrappingKey, pWrappedKey, ulWrappedKeyLen, pTemplate,
                   ulAttributeCount, phKey);
 }

@@ -1,0 +1,274 @@
+#include "hooks.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+#include <type_traits>
+
+#include "scripted.h"
+
+// The functions that the library may use. Java's variadic entries arrive as their V forms.
+#define QUARVEL_JNI(X)                                                                         \
+  X(FindClass) X(GetObjectClass) X(IsInstanceOf) X(GetFieldID) X(GetIntField) X(GetObjectField) \
+  X(GetMethodID) X(NewObjectV) X(CallIntMethodV) X(CallBooleanMethodV) X(CallObjectMethodV)    \
+  X(Throw) X(ThrowNew) X(ExceptionCheck) X(NewStringUTF) X(GetStringUTFChars)                  \
+  X(ReleaseStringUTFChars) X(GetArrayLength) X(NewByteArray) X(NewIntArray) X(NewObjectArray)  \
+  X(GetObjectArrayElement) X(SetObjectArrayElement) X(GetByteArrayElements)                    \
+  X(ReleaseByteArrayElements) X(GetIntArrayElements) X(ReleaseIntArrayElements)                \
+  X(GetByteArrayRegion) X(SetByteArrayRegion) X(SetIntArrayRegion)
+
+extern "C" {
+void* __real_malloc(std::size_t size);
+void __real_free(void* block);
+void* __real_calloc(std::size_t count, std::size_t size);
+void* __wrap_malloc(std::size_t size);
+void* __wrap_calloc(std::size_t count, std::size_t size);
+void __wrap_free(void* block);
+}
+
+namespace hooks {
+
+Run* run = nullptr;
+
+namespace {
+
+JNIEnv* realEnv = nullptr;
+std::set<void*> blocks;
+
+// ---- Java arrays and strings handed out ----
+
+constexpr std::size_t kGuard = 16;
+constexpr unsigned char kGuardByte = 0xC5;
+
+struct Held {
+  std::string by;  // the function that took it
+  std::size_t size;
+};
+std::map<void*, Held> held;
+
+void violation(const std::string& text) { run->violations.push_back(text); }
+
+/// A copy between guard bytes, so that a write beyond the array shows.
+void* handOut(const std::string& by, const void* bytes, std::size_t size) {
+  auto* block = static_cast<unsigned char*>(__real_malloc(size + 2 * kGuard));
+  std::memset(block, kGuardByte, size + 2 * kGuard);
+  std::memcpy(block + kGuard, bytes, size);
+  held[block + kGuard] = {by, size};
+  return block + kGuard;
+}
+
+/// Takes it back; calls `copyBack` with the elements while they are there.
+template <typename CopyBack>
+void takeBack(const std::string& by, const void* elements, CopyBack copyBack) {
+  const auto found = held.find(const_cast<void*>(elements));
+  if (found == held.end() || found->second.by != by) {
+    violation("given back, but not held: elements of " + by);
+    return;
+  }
+  auto* block = static_cast<unsigned char*>(found->first) - kGuard;
+  const std::size_t size = found->second.size;
+  const auto intact = [](unsigned char byte) { return byte == kGuardByte; };
+  if (!std::all_of(block, block + kGuard, intact) ||
+      !std::all_of(block + kGuard + size, block + 2 * kGuard + size, intact)) {
+    violation("written beyond the elements of " + by);
+  }
+  copyBack(block + kGuard, static_cast<jsize>(size));
+  held.erase(found);
+  __real_free(block);
+}
+
+const jbyte* GetStringUTFChars(jstring string, jboolean*) {
+  const char* chars = realEnv->GetStringUTFChars(string, nullptr);
+  void* copy = handOut("GetStringUTFChars", chars, std::strlen(chars) + 1);
+  realEnv->ReleaseStringUTFChars(string, chars);
+  return static_cast<const jbyte*>(copy);
+}
+
+// ---- The hooked entries ----
+
+std::string lastFunction;
+
+bool worksWithException(const std::string& function) {
+  return function.starts_with("Release") || function == "ExceptionCheck";
+}
+bool runsJavaCode(const std::string& function) { return function.starts_with("Call"); }
+
+/// Counts and checks one call. @return whether it is to fail
+bool enter(const std::string& function) {
+  run->jni.push_back({function, scripted::calls.size()});
+  if (!worksWithException(function) && realEnv->ExceptionCheck() != JNI_FALSE) {
+    violation(function + " with an exception pending");
+  }
+  if (runsJavaCode(lastFunction) != (function == "ExceptionCheck")) {
+    violation(function + " right after " + lastFunction);
+  }
+  lastFunction = function;
+  return run->jni.size() == run->failJni && canFail(function);
+}
+
+/// The error that the virtual machine raises when the function fails.
+void raiseFailure(const std::string& function) {
+  const std::map<std::string, const char*> errors = {
+      {"FindClass", "java/lang/NoClassDefFoundError"},
+      {"GetFieldID", "java/lang/NoSuchFieldError"},
+      {"GetMethodID", "java/lang/NoSuchMethodError"},
+      {"CallIntMethodV", "java/lang/IllegalStateException"},
+      {"CallBooleanMethodV", "java/lang/IllegalStateException"},
+      {"CallObjectMethodV", "java/lang/IllegalStateException"},
+      {"GetObjectArrayElement", "java/lang/ArrayIndexOutOfBoundsException"}};
+  if (function.starts_with("Get") && function.find("Elements") != std::string::npos) return;
+  if (function == "GetStringUTFChars") return;  // out of memory: null alone
+  const auto error = errors.find(function);
+  realEnv->ThrowNew(realEnv->FindClass(error != errors.end() ? error->second
+                                                             : "java/lang/OutOfMemoryError"),
+                    "injected");
+}
+
+enum class Entry {
+#define QUARVEL_NAME(NAME) NAME,
+  QUARVEL_JNI(QUARVEL_NAME)
+};
+const char* const kNames[] = {
+#define QUARVEL_TEXT(NAME) #NAME,
+    QUARVEL_JNI(QUARVEL_TEXT)};
+
+template <Entry entry, typename Function>
+struct Hook;
+
+template <Entry entry, typename R, typename... Args>
+struct Hook<entry, R (*)(JNIEnv*, Args...)> {
+  static inline R (*real)(JNIEnv*, Args...);
+
+  static R call(JNIEnv* /*env*/, Args... args) {
+    const std::string function = kNames[static_cast<int>(entry)];
+    if (enter(function)) {
+      raiseFailure(function);
+      return R();
+    }
+    return perform(args...);
+  }
+
+  static R perform(Args... args) {
+    if constexpr (entry == Entry::GetByteArrayElements || entry == Entry::GetIntArrayElements) {
+      return copyOut(kNames[static_cast<int>(entry)], args...);
+    } else if constexpr (entry == Entry::GetStringUTFChars) {
+      return reinterpret_cast<R>(GetStringUTFChars(args...));
+    } else if constexpr (entry == Entry::ReleaseByteArrayElements) {
+      copyIn("GetByteArrayElements", 0, args...);
+    } else if constexpr (entry == Entry::ReleaseIntArrayElements) {
+      copyIn("GetIntArrayElements", JNI_ABORT, args...);
+    } else if constexpr (entry == Entry::ReleaseStringUTFChars) {
+      [](jstring, const char* chars) {
+        takeBack("GetStringUTFChars", chars, [](void*, jsize) {});
+      }(args...);
+    } else {
+      return real(realEnv, args...);
+    }
+  }
+
+  template <typename Array>
+  static R copyOut(const char* name, Array array, jboolean* /*isCopy*/) {
+    const auto size = static_cast<std::size_t>(realEnv->GetArrayLength(array));
+    auto* elements = static_cast<R>(realEnv->GetPrimitiveArrayCritical(array, nullptr));
+    void* copy = handOut(name, elements, size * sizeof *elements);
+    realEnv->ReleasePrimitiveArrayCritical(array, elements, JNI_ABORT);
+    return static_cast<R>(copy);
+  }
+
+  template <typename Array, typename Element>
+  static void copyIn(const char* takenBy, jint expected, Array array, Element* elements,
+                     jint mode) {
+    if (mode != expected) violation(std::string("release mode of ") + takenBy);
+    takeBack(takenBy, elements, [=](void* bytes, jsize size) {
+      if (mode != JNI_ABORT) {
+        realEnv->SetByteArrayRegion(reinterpret_cast<jbyteArray>(array), 0, size,
+                                    static_cast<jbyte*>(bytes));
+      }
+    });
+  }
+};
+
+[[noreturn]] void forbidden() {
+  std::fprintf(stderr, "a JNI function was called that the library does not use\n");
+  std::abort();
+}
+
+}  // namespace
+
+bool canFail(const std::string& function) {
+  // The others cannot fail with the arguments that the library gives them.
+  for (const char* infallible :
+       {"GetObjectClass", "IsInstanceOf", "GetIntField", "GetObjectField", "Throw", "ThrowNew",
+        "ExceptionCheck", "GetArrayLength", "SetObjectArrayElement", "GetByteArrayRegion",
+        "SetByteArrayRegion", "SetIntArrayRegion"}) {
+    if (function == infallible) return false;
+  }
+  return !function.starts_with("Release");
+}
+
+JNIEnv* hookedEnv(JNIEnv* real) {
+  static JNINativeInterface_ table;
+  static JNIEnv env;
+  realEnv = real;
+  void (*trap)() = forbidden;
+  for (std::size_t at = 0; at < sizeof table; at += sizeof trap) {
+    std::memcpy(reinterpret_cast<char*>(&table) + at, &trap, sizeof trap);
+  }
+#define QUARVEL_HOOK(NAME)                                    \
+  {                                                           \
+    using Hooked = Hook<Entry::NAME, decltype(table.NAME)>;   \
+    Hooked::real = real->functions->NAME;                     \
+    table.NAME = Hooked::call;                                \
+  }
+  QUARVEL_JNI(QUARVEL_HOOK)
+  env.functions = &table;
+  return &env;
+}
+
+void begin(Run* next) {
+  lastFunction.clear();
+  run = next;
+}
+
+void end() {
+  Run* ended = run;
+  for (const auto& [elements, by] : held) ended->violations.push_back("not given back: " + by.by);
+  held.clear();
+  ended->blocks = blocks.size();
+  blocks.clear();
+  run = nullptr;
+}
+
+}  // namespace hooks
+
+// ---- The C heap, by the linker's --wrap ----
+
+static void* allocate(void* (*take)(std::size_t, std::size_t), std::size_t count,
+                      std::size_t size) {
+  hooks::Run* run = hooks::run;
+  if (run == nullptr) return take(count, size);
+  if (++run->allocations == run->failHeap) return nullptr;
+  void* block = take(count, size);
+  if (block != nullptr) hooks::blocks.insert(block);
+  return block;
+}
+
+void* __wrap_malloc(std::size_t size) {
+  return allocate([](std::size_t n, std::size_t) { return __real_malloc(n); }, size, 0);
+}
+
+void* __wrap_calloc(std::size_t count, std::size_t size) {
+  return allocate(__real_calloc, count, size);
+}
+
+void __wrap_free(void* block) {
+  if (hooks::run != nullptr && block != nullptr && hooks::blocks.erase(block) == 0) {
+    hooks::run->violations.push_back("freed, but not taken");
+    return;
+  }
+  __real_free(block);
+}

@@ -1,0 +1,373 @@
+#include "java.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <type_traits>
+
+#include "it_quarvel_pkcs11_nat_NativePKCS11.h"
+#include "it_quarvel_pkcs11_nat_NativePKCS11Object.h"
+#include "it_quarvel_pkcs11_nat_NativePKCS11Session.h"
+#include "it_quarvel_pkcs11_nat_NativePKCS11Slot.h"
+#include "pkcs11Bridge.h"
+#include "trace.h"
+
+namespace {
+
+JNIEnv* javaEnv = nullptr;
+JNIEnv* hooked = nullptr;
+
+const std::string kPackage = "it/quarvel/pkcs11/nat/";
+
+jobject newObject(const char* name, const char* signature, auto... args) {
+  const jclass cl = javaEnv->FindClass(name);
+  return javaEnv->NewObject(cl, javaEnv->GetMethodID(cl, "<init>", signature), args...);
+}
+
+jobject newHandle(const std::string& name, const std::string& owner, jobject of, jint handle) {
+  const std::string signature = "(L" + kPackage + owner + ";I)V";
+  return javaEnv->NewGlobalRef(newObject((kPackage + name).c_str(), signature.c_str(), of, handle));
+}
+
+// ---- Values from text ----
+
+bool skip(const char** text, const char* token) {
+  while (**text == ' ' || **text == ',') ++*text;
+  const std::size_t size = std::strlen(token);
+  const bool found = std::strncmp(*text, token, size) == 0;
+  if (found) *text += size;
+  return found;
+}
+
+jint parseInt(const char** text) {
+  char* end = nullptr;
+  const auto value = static_cast<jint>(std::strtol(*text, &end, 0));
+  if (end == *text) {
+    std::fprintf(stderr, "not a value: %s\n", *text);
+    std::abort();
+  }
+  *text = end;
+  return value;
+}
+
+jbyteArray parseBytes(const char** text) {
+  std::vector<jbyte> bytes;
+  while (!skip(text, "]")) {
+    char* end = nullptr;
+    bytes.push_back(static_cast<jbyte>(std::strtol(*text, &end, 16)));
+    *text = end;
+    if (skip(text, "*")) bytes.resize(static_cast<std::size_t>(parseInt(text)), bytes.back());
+  }
+  const auto size = static_cast<jsize>(bytes.size());
+  const jbyteArray array = javaEnv->NewByteArray(size);
+  javaEnv->SetByteArrayRegion(array, 0, size, bytes.data());
+  return array;
+}
+
+jobject parseDate(const char** text) {
+  const std::string digits(*text, 8);
+  *text += 8;
+  const jobject format = newObject("java/text/SimpleDateFormat", "(Ljava/lang/String;)V",
+                                   javaEnv->NewStringUTF("yyyyMMdd"));
+  const jmethodID parse = javaEnv->GetMethodID(javaEnv->GetObjectClass(format), "parse",
+                                               "(Ljava/lang/String;)Ljava/util/Date;");
+  return javaEnv->CallObjectMethod(format, parse, javaEnv->NewStringUTF(digits.c_str()));
+}
+
+jobject parseObject(const char** text) {
+  if (skip(text, "null")) return nullptr;
+  if (skip(text, "key")) return objects().object;
+  if (skip(text, "true")) return newObject("java/lang/Boolean", "(Z)V", JNI_TRUE);
+  if (skip(text, "false")) return newObject("java/lang/Boolean", "(Z)V", JNI_FALSE);
+  if (skip(text, "foreign")) return newObject("java/lang/Long", "(J)V", jlong{1});
+  if (skip(text, "date")) return parseDate(text);
+  if (skip(text, "big[")) return newObject("java/math/BigInteger", "([B)V", parseBytes(text));
+  if (skip(text, "[")) return parseBytes(text);
+  if (**text == '"') return javaEnv->NewStringUTF(unquote(text).c_str());
+  return newObject("java/lang/Integer", "(I)V", parseInt(text));
+}
+
+template <typename Item>
+std::vector<Item> parseItems(const char** text, Item (*item)(const char**)) {
+  std::vector<Item> items;
+  while (!skip(text, "}")) items.push_back(item(text));
+  return items;
+}
+
+jarray parseArray(char type, const char** text) {
+  if (type == 'A') {
+    const std::vector<jint> ints = parseItems(text, parseInt);
+    const auto size = static_cast<jsize>(ints.size());
+    const jintArray array = javaEnv->NewIntArray(size);
+    javaEnv->SetIntArrayRegion(array, 0, size, ints.data());
+    return array;
+  }
+  const std::vector<jobject> items = parseItems(text, parseObject);
+  const auto size = static_cast<jsize>(items.size());
+  const jobjectArray array =
+      javaEnv->NewObjectArray(size, javaEnv->FindClass("java/lang/Object"), nullptr);
+  for (jsize i = 0; i < size; ++i) {
+    javaEnv->SetObjectArrayElement(array, i, items[static_cast<std::size_t>(i)]);
+  }
+  return array;
+}
+
+// ---- The table of native methods ----
+
+template <typename T>
+constexpr char letter() {
+  if constexpr (std::is_void_v<T>) return 'V';
+  else if constexpr (std::is_same_v<T, jint>) return 'I';
+  else if constexpr (std::is_same_v<T, jboolean>) return 'Z';
+  else if constexpr (std::is_same_v<T, jlong>) return 'J';
+  else if constexpr (std::is_same_v<T, jstring>) return 'S';
+  else if constexpr (std::is_same_v<T, jbyteArray>) return 'B';
+  else if constexpr (std::is_same_v<T, jintArray>) return 'A';
+  else if constexpr (std::is_same_v<T, jobjectArray>) return 'O';
+  else return 'L';
+}
+
+template <typename T>
+T pick(const jvalue& value) {
+  if constexpr (std::is_same_v<T, jint>) return value.i;
+  else if constexpr (std::is_same_v<T, jboolean>) return value.z;
+  else if constexpr (std::is_same_v<T, jlong>) return value.j;
+  else return static_cast<T>(value.l);
+}
+
+template <typename T>
+jvalue wrap(T value) {
+  jvalue wrapped = {};
+  if constexpr (std::is_same_v<T, jint>) wrapped.i = value;
+  else if constexpr (std::is_same_v<T, jboolean>) wrapped.z = value;
+  else if constexpr (std::is_same_v<T, jlong>) wrapped.j = value;
+  else wrapped.l = value;
+  return wrapped;
+}
+
+template <typename R, typename Self, typename... Args>
+Method describe(const std::string& name, R (*native)(JNIEnv*, Self, Args...)) {
+  const auto invoke = [=](JNIEnv* env, jobject self, const std::vector<jvalue>& values) -> jvalue {
+    return [&]<std::size_t... i>(std::index_sequence<i...>) {
+      const auto receiver = static_cast<Self>(self);
+      if constexpr (std::is_void_v<R>) {
+        native(env, receiver, pick<Args>(values[i])...);
+        return jvalue{};
+      } else {
+        return wrap<R>(native(env, receiver, pick<Args>(values[i])...));
+      }
+    }(std::index_sequence_for<Args...>());
+  };
+  return {name, std::string{letter<Args>()...}, letter<R>(), invoke};
+}
+
+const jobject& receiverOf(const std::string& name) {
+  if (name.starts_with("Module.")) return objects().module;
+  if (name.starts_with("Slot.")) return objects().slot;
+  return name.starts_with("Session.") ? objects().session : objects().object;
+}
+
+std::string shown(char type, const jvalue& value) {
+  switch (type) {
+    case 'V': return "void";
+    case 'I': return std::to_string(value.i);
+    case 'J': return std::to_string(value.j);
+    case 'Z': return value.z != 0 ? "true" : "false";
+    default: return show(value.l);
+  }
+}
+
+}  // namespace
+
+const std::vector<Method>& methods() {
+#define MODULE(NAME) describe("Module." #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11_##NAME)
+#define SLOT(NAME) describe("Slot." #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_##NAME)
+#define SESSION(NAME) \
+  describe("Session." #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11Session_##NAME)
+#define OBJECT(NAME) describe("Object." #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11Object_##NAME)
+  static const std::vector<Method> all = {
+      MODULE(loadPKCS11Library), MODULE(libInitialize), MODULE(libFinalize),
+      MODULE(getBridgeVersion), MODULE(getInfo), MODULE(getSlotList), MODULE(waitForSlotEvent),
+      MODULE(getRSAcredential), SLOT(getInfo), SLOT(getTokenInfo), SLOT(getTokenSN),
+      SLOT(getMechanismList), SLOT(getMechanismInfo), SLOT(initToken), SLOT(openSession),
+      SLOT(closeAllSessions), SESSION(close), SESSION(getInfo), SESSION(login), SESSION(logout),
+      SESSION(initPIN), SESSION(setPIN), SESSION(signInit), SESSION(sign), SESSION(encryptInit),
+      SESSION(encrypt), SESSION(decryptInit), SESSION(decrypt), SESSION(signUpdate),
+      SESSION(signFinal), SESSION(getOperationState), SESSION(setOperationState),
+      SESSION(encryptUpdate), SESSION(encryptFinal), SESSION(decryptUpdate), SESSION(decryptFinal),
+      SESSION(digestInit), SESSION(digest), SESSION(digestUpdate), SESSION(digestKey),
+      SESSION(digestFinal), SESSION(signRecoverInit), SESSION(signRecover), SESSION(verifyInit),
+      SESSION(verify), SESSION(verifyUpdate), SESSION(verifyFinal), SESSION(verifyRecoverInit),
+      SESSION(verifyRecover), SESSION(digestEncryptUpdate), SESSION(decryptDigestUpdate),
+      SESSION(signEncryptUpdate), SESSION(decryptVerifyUpdate), SESSION(deriveKey),
+      SESSION(seedRandom), SESSION(generateRandom), SESSION(getFunctionStatus),
+      SESSION(cancelFunction), SESSION(findObjectsInit), SESSION(findObject),
+      SESSION(findObjectsFinal), SESSION(loginellips), SESSION(setPINellips),
+      SESSION(loginAuthPath), SESSION(getCardStatus), SESSION(setCardStatus),
+      SESSION(getIdentrusObject), SESSION(generateKeyPair), SESSION(generateKeyPairOB),
+      SESSION(createObject), SESSION(installCertificate), SESSION(generateKey), SESSION(wrapKey),
+      SESSION(unwrapKey), OBJECT(copy), OBJECT(destroy), OBJECT(size), OBJECT(getAttributeValue),
+      OBJECT(getBoolAttributeValue), OBJECT(getIntAttributeValue), OBJECT(getStringAttributeValue),
+      OBJECT(getByteArrayAttributeValue), OBJECT(getDateAttributeValue),
+      OBJECT(getBigIntegerAttributeValue), OBJECT(setAttributeValue), OBJECT(setAttributeValues),
+      OBJECT(setBoolAttributeValue), OBJECT(setIntAttributeValue)};
+  return all;
+}
+
+const Method& method(const std::string& name) {
+  for (const Method& candidate : methods()) {
+    if (candidate.name == name) return candidate;
+  }
+  std::fprintf(stderr, "no native method %s\n", name.c_str());
+  std::abort();
+}
+
+bool startJava() {
+  const char* path = std::getenv("QUARVEL_JVM");
+  void* library = path != nullptr ? dlopen(path, RTLD_NOW | RTLD_GLOBAL) : nullptr;
+  void* create = library != nullptr ? dlsym(library, "JNI_CreateJavaVM") : nullptr;
+  if (create == nullptr) {
+    std::fprintf(stderr, "QUARVEL_JVM must name a libjvm.so (%s)\n", dlerror());
+    return false;
+  }
+  std::vector<std::string> options = {"-Djava.class.path=" QUARVEL_JAR, "-Duser.timezone=Europe/Rome",
+                                      "-Djava.library.path=" QUARVEL_LIBRARY_DIR, "-Xmx256m"};
+  if (const char* more = std::getenv("QUARVEL_JVM_OPTION")) options.emplace_back(more);
+  std::vector<JavaVMOption> optionList;
+  for (std::string& option : options) optionList.push_back({option.data(), nullptr});
+  JavaVMInitArgs args = {JNI_VERSION_10, static_cast<jint>(optionList.size()), optionList.data(),
+                         JNI_FALSE};
+  JavaVM* vm = nullptr;
+  const auto createVm = reinterpret_cast<jint (*)(JavaVM**, void**, void*)>(create);
+  if (createVm(&vm, reinterpret_cast<void**>(&javaEnv), &args) != JNI_OK) return false;
+  hooked = hooks::hookedEnv(javaEnv);
+  return true;
+}
+
+JNIEnv* java() { return javaEnv; }
+
+const Objects& objects() {
+  static const Objects all = [] {
+    Objects made = {};
+    made.module =
+        javaEnv->NewGlobalRef(newObject((kPackage + "NativePKCS11").c_str(), "()V"));
+    made.slot = newHandle("NativePKCS11Slot", "NativePKCS11", made.module, 7);
+    made.session = newHandle("NativePKCS11Session", "NativePKCS11Slot", made.slot, 5);
+    made.object = newHandle("NativePKCS11Object", "NativePKCS11Session", made.session, 9);
+    return made;
+  }();
+  return all;
+}
+
+std::string unquote(const char** text) {
+  std::string unquoted;
+  for (++*text; **text != '"'; ++*text) {
+    if (**text != '\\') {
+      unquoted += **text;
+    } else if (*++*text == 'n') {
+      unquoted += '\n';
+    } else if (**text == 'x') {
+      unquoted += static_cast<char>(std::stoi(std::string(*text + 1, 2), nullptr, 16));
+      *text += 2;
+    } else {
+      unquoted += **text;
+    }
+  }
+  ++*text;
+  return unquoted;
+}
+
+jvalue parse(char type, const char** text) {
+  skip(text, "");
+  if (type == 'Z') return skip(text, "true") ? wrap(JNI_TRUE) : (skip(text, "false"), wrap(JNI_FALSE));
+  if (type == 'I') return wrap(parseInt(text));
+  if (type == 'J') return wrap(jlong{parseInt(text)});
+  return wrap<jobject>(skip(text, "{") ? parseArray(type, text) : parseObject(text));
+}
+
+std::string join(const std::vector<std::string>& parts, const char* between) {
+  std::string joined;
+  for (const std::string& part : parts) joined += (joined.empty() ? "" : between) + part;
+  return joined;
+}
+
+std::string show(jobject object) {
+  const jclass arrays = javaEnv->FindClass("java/util/Arrays");
+  const jmethodID deepToString = javaEnv->GetStaticMethodID(
+      arrays, "deepToString", "([Ljava/lang/Object;)Ljava/lang/String;");
+  const jobjectArray holder =
+      javaEnv->NewObjectArray(1, javaEnv->FindClass("java/lang/Object"), object);
+  const auto text =
+      static_cast<jstring>(javaEnv->CallStaticObjectMethod(arrays, deepToString, holder));
+  const char* chars = javaEnv->GetStringUTFChars(text, nullptr);
+  const std::string shown(chars + 1, std::strlen(chars) - 2);
+  javaEnv->ReleaseStringUTFChars(text, chars);
+  return shown;
+}
+
+std::string takeException() {
+  const jthrowable exception = javaEnv->ExceptionOccurred();
+  if (exception == nullptr) return "";
+  javaEnv->ExceptionClear();
+  const std::string prefix = "it.quarvel.pkcs11.PKCS11Exception: ";
+  const std::string text = show(exception);
+  return text.starts_with(prefix) ? text.substr(prefix.size()) : text.substr(0, text.find(':'));
+}
+
+Outcome call(const std::string& name, const std::string& arguments, hooks::Run run) {
+  const Method& called = method(name);
+  javaEnv->PushLocalFrame(1024);
+  std::vector<jvalue> values;
+  const char* text = arguments.c_str();
+  for (const char type : called.parameters) values.push_back(parse(type, &text));
+  EXPECT_STREQ(text, "") << name;
+  scripted::calls.clear();
+
+  Outcome outcome;
+  outcome.run = std::move(run);
+  testing::internal::CaptureStdout();
+  hooks::begin(&outcome.run);
+  const jvalue result = called.invoke(hooked, receiverOf(name), values);
+  hooks::end();
+  outcome.output = testing::internal::GetCapturedStdout();
+
+  const std::string exception = takeException();
+  outcome.result = shown(called.result, result) + (exception.empty() ? "" : " ! " + exception);
+  outcome.moduleCalls = scripted::calls;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (called.parameters[i] == 'B') outcome.arrays.push_back(show(values[i].l));
+  }
+  javaEnv->PopLocalFrame(nullptr);
+  EXPECT_EQ(join(outcome.run.violations), "") << name;
+  EXPECT_EQ(outcome.run.blocks, 0u) << name << " leaks";
+  return outcome;
+}
+
+std::vector<std::string> goodArguments(const Method& method) {
+  if (method.name == "Module.loadPKCS11Library") return {"\"" QUARVEL_SCRIPTED "\""};
+  if (method.name == "Object.getAttributeValue") return {"0x121"};
+  const std::map<char, std::string> byType = {
+      {'I', "1"}, {'J', "1"}, {'Z', "true"}, {'S', "\"1234\""}, {'B', "[32 30 31 33]"},
+      {'A', "{3, 0x11, 0x100, 1, 0x122, 0x110}"},
+      {'O', "{\"label\", [01 02], 3, true, big[00 ff], date20130305}"}, {'L', "key"}};
+  std::vector<std::string> arguments;
+  for (const char type : method.parameters) arguments.push_back(byType.at(type));
+  return arguments;
+}
+
+void freshModule() {
+  scripted::reset();
+  debug = 0;
+  CK_FUNCTION_LIST_PTR list = nullptr;
+  ASSERT_EQ(bridge::loadLib(QUARVEL_SCRIPTED, &list), CKR_OK);
+  ASSERT_EQ(bridge::initLib(), CKR_OK);
+  scripted::calls.clear();
+}
+
+void shutModule() {
+  debug = 0;
+  bridge::finalizeLib();
+}

@@ -1,0 +1,8 @@
+#include <gtest/gtest.h>
+
+#include "java.h"
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  return startJava() ? RUN_ALL_TESTS() : 2;
+}

@@ -1,0 +1,247 @@
+#include "scripted.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace scripted {
+
+Script script;
+std::vector<std::string> calls;
+CK_FUNCTION_LIST list;
+CK_FUNCTION_LIST_PTR handedOut;
+
+namespace {
+
+// ---- How calls read in the record ----
+
+std::string text(const char* format, unsigned long value) {
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, format, value);
+  return buffer;
+}
+
+std::string number(CK_ULONG value) { return text(value <= 0x7FFFFFFF ? "%lu" : "0x%lX", value); }
+
+std::string data(const void* bytes, CK_ULONG size) {
+  if (bytes == nullptr) return "null/" + number(size);
+  if (size > 32) return "[" + number(size) + " bytes]";
+  std::string shown;
+  for (CK_ULONG i = 0; i < size; ++i) {
+    shown += text(i == 0 ? "%02lx" : " %02lx", static_cast<const CK_BYTE*>(bytes)[i]);
+  }
+  return "[" + shown + "]";
+}
+
+std::string entries(const CK_ATTRIBUTE* attr, CK_ULONG count) {
+  if (attr == nullptr) return "null/" + number(count);
+  std::string shown;
+  for (CK_ULONG i = 0; i < count; ++i) {
+    shown += (i == 0 ? "" : ", ") + text("%lx:", attr[i].type) +
+             data(attr[i].pValue, attr[i].ulValueLen);
+  }
+  return "{" + shown + "}";
+}
+
+using Shown = std::vector<std::string>;
+
+// An input buffer shows with the length behind it, an output buffer with its room; other outputs
+// do not show.
+Shown shown() { return {}; }
+Shown shown(CK_BYTE* out, CK_ULONG* room) {
+  return {out == nullptr ? "null" : "pointer", number(*room)};
+}
+template <typename T, typename... Rest>
+Shown shown(T first, Rest... rest);
+template <typename... Rest>
+Shown shown(CK_ATTRIBUTE* attr, CK_ULONG count, Rest... rest);
+template <typename... Rest>
+Shown shown(CK_BYTE* bytes, CK_ULONG size, Rest... rest) {
+  Shown all = shown(rest...);
+  all.insert(all.begin(), data(bytes, size));
+  return all;
+}
+template <typename... Rest>
+Shown shown(CK_ATTRIBUTE* attr, CK_ULONG count, Rest... rest) {
+  Shown all = shown(rest...);
+  all.insert(all.begin(), entries(attr, count));
+  return all;
+}
+template <typename T, typename... Rest>
+Shown shown(T first, Rest... rest) {
+  Shown all = shown(rest...);
+  if constexpr (std::is_integral_v<T>) {
+    all.insert(all.begin(), number(first));
+  } else if constexpr (std::is_same_v<T, CK_MECHANISM*>) {
+    all.insert(all.begin(), "mech " + number(first->mechanism) +
+                                (first->pParameter != nullptr ? " with parameter" : ""));
+  } else if constexpr (!std::is_same_v<T, CK_ULONG*>) {
+    all.insert(all.begin(), first == nullptr ? "null" : "pointer");
+  }
+  return all;
+}
+
+/// Records a call and finds its answer.
+template <typename... Args>
+CK_RV record(const std::string& function, Args... args) {
+  std::string call;
+  for (const std::string& part : shown(args...)) call += (call.empty() ? "" : ", ") + part;
+  calls.push_back(function + "(" + call + ")");
+  for (const std::string& key : {function, std::string("*")}) {
+    const auto found = script.answers.find(key);
+    if (found != script.answers.end()) return found->second;
+  }
+  return CKR_OK;
+}
+
+// ---- Answers ----
+
+template <typename Item>
+CK_RV give(CK_RV rv, const std::vector<Item>& from, Item* to, CK_ULONG* size) {
+  if (rv != CKR_OK) return rv;
+  const CK_ULONG room = *size;
+  *size = from.size();
+  if (to == nullptr) return CKR_OK;
+  if (room < from.size()) return CKR_BUFFER_TOO_SMALL;
+  std::copy(from.begin(), from.end(), to);
+  return CKR_OK;
+}
+
+void fillOutputs() {}
+void fillOutputs(CK_BYTE*, CK_ULONG*) {}
+template <typename T, typename... Rest>
+void fillOutputs(T first, Rest... rest) {
+  if constexpr (std::is_same_v<T, CK_ULONG*>) *first = script.handle++;
+  fillOutputs(rest...);
+}
+template <typename... Rest>
+CK_RV giveOutput(CK_RV, Rest...) {
+  return CKR_OK;
+}
+template <typename First, typename... Rest>
+CK_RV giveOutput(CK_RV rv, First first, Rest... rest) {
+  if constexpr (std::is_same_v<std::tuple<First, Rest...>, std::tuple<CK_BYTE*, CK_ULONG*>>) {
+    return give(rv, script.output, first, rest...);
+  }
+  return giveOutput(rv, rest...);
+}
+
+template <std::size_t n>
+struct Name {
+  char chars[n];
+  constexpr Name(const char (&from)[n]) { std::copy(from, from + n, chars); }
+};
+
+/// A function that only records, hands out new handles and the script's output.
+template <typename F>
+struct Plain;
+template <typename... Args>
+struct Plain<CK_RV (*)(Args...)> {
+  template <Name name>
+  static CK_RV function(Args... args) {
+    const CK_RV rv = record(name.chars, args...);
+    if (rv != CKR_OK) return rv;
+    fillOutputs(args...);
+    return giveOutput(rv, args...);
+  }
+};
+
+template <std::size_t size>
+void blankPadded(unsigned char (&field)[size], const char* value) {
+  std::memset(field, ' ', size);
+  std::memcpy(field, value, std::strlen(value));
+}
+
+template <typename Info>
+CK_RV fill(CK_RV rv, Info* info, const Info& value) {
+  if (rv == CKR_OK) *info = value;
+  return rv;
+}
+
+CK_RV getInfo(CK_INFO* info) {
+  CK_INFO value = {{2, 20}, {}, 0x80000001, {}, {1, 0}};
+  blankPadded(value.manufacturerID, "Maker");
+  blankPadded(value.libraryDescription, "Scripted");
+  return fill(record("C_GetInfo"), info, value);
+}
+
+CK_RV getSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO* info) {
+  CK_SLOT_INFO value = {{}, {}, 5, {1, 2}, {3, 4}};
+  blankPadded(value.slotDescription, "Reader");
+  blankPadded(value.manufacturerID, "Maker");
+  return fill(record("C_GetSlotInfo", slot), info, value);
+}
+
+CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
+  const CK_ULONG n = script.number;
+  CK_TOKEN_INFO value = {{},    {},    {},    {},    0x40D, n,        n + 1,   n + 2, n + 3,
+                         n + 4, n + 5, n + 6, n + 7, n + 8, n + 9, {0, 255}, {2, 20}, {}};
+  blankPadded(value.label, "Card");
+  blankPadded(value.manufacturerID, "Maker");
+  blankPadded(value.model, "M1");
+  blankPadded(value.serialNumber, "0042");
+  blankPadded(value.utcTime, "2013030512000000");
+  return fill(record("C_GetTokenInfo", slot), info, value);
+}
+
+CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE* attr,
+                        CK_ULONG count) {
+  const CK_RV rv = record("C_GetAttributeValue", session, object, attr->type, attr->pValue,
+                          attr->ulValueLen, count);
+  return give(rv, script.value, static_cast<CK_BYTE*>(attr->pValue), &attr->ulValueLen);
+}
+
+CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* object, CK_ULONG room,
+                  CK_ULONG* count) {
+  const CK_RV rv = record("C_FindObjects", session, room);
+  if (rv != CKR_OK || script.found.empty()) return rv;
+  *count = 1;
+  *object = script.found.front();
+  script.found.erase(script.found.begin());
+  return CKR_OK;
+}
+
+}  // namespace
+
+void reset() {
+  script = {};
+  calls.clear();
+  handedOut = &list;
+  list = {};
+#define PLAIN(NAME) list.NAME = Plain<decltype(list.NAME)>::function<#NAME>;
+  PLAIN(C_Initialize) PLAIN(C_Finalize) PLAIN(C_OpenSession) PLAIN(C_CloseSession)
+  PLAIN(C_CloseAllSessions) PLAIN(C_InitPIN) PLAIN(C_SetPIN) PLAIN(C_Login) PLAIN(C_Logout)
+  PLAIN(C_CreateObject) PLAIN(C_DestroyObject) PLAIN(C_SetAttributeValue) PLAIN(C_FindObjectsInit)
+  PLAIN(C_FindObjectsFinal) PLAIN(C_SignInit) PLAIN(C_EncryptInit) PLAIN(C_DecryptInit)
+  PLAIN(C_Sign) PLAIN(C_Encrypt) PLAIN(C_Decrypt) PLAIN(C_GenerateKey) PLAIN(C_GenerateKeyPair)
+  PLAIN(C_WrapKey) PLAIN(C_UnwrapKey)
+  list.C_GetInfo = getInfo;
+  list.C_GetSlotInfo = getSlotInfo;
+  list.C_GetTokenInfo = getTokenInfo;
+  list.C_GetAttributeValue = getAttributeValue;
+  list.C_FindObjects = findObjects;
+  list.C_GetSlotList = [](CK_BBOOL present, CK_SLOT_ID* slots, CK_ULONG* count) {
+    const CK_RV rv = record("C_GetSlotList", present, static_cast<void*>(slots));
+    return give(rv, script.slots, slots, count);
+  };
+  list.C_GetMechanismList = [](CK_SLOT_ID slot, CK_MECHANISM_TYPE* mechs, CK_ULONG* count) {
+    const CK_RV rv = record("C_GetMechanismList", slot, static_cast<void*>(mechs));
+    return give(rv, script.mechanisms, mechs, count);
+  };
+  list.C_GetMechanismInfo = [](CK_SLOT_ID slot, CK_MECHANISM_TYPE mech, CK_MECHANISM_INFO* info) {
+    return fill(record("C_GetMechanismInfo", slot, mech), info, {512, 4096, 0x2800});
+  };
+  list.C_GetSessionInfo = [](CK_SESSION_HANDLE session, CK_SESSION_INFO* info) {
+    return fill(record("C_GetSessionInfo", session), info, {7, 3, 6, script.number});
+  };
+  list.C_GetObjectSize = [](CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG* size) {
+    return fill(record("C_GetObjectSize", session, object), size, script.number);
+  };
+}
+
+}  // namespace scripted
+
+extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR functionList) {
+  *functionList = scripted::handedOut;
+  return scripted::record("C_GetFunctionList");
+}

@@ -1,0 +1,36 @@
+// A PKCS#11 module for tests, loaded by path like any other: records every call with its arguments
+// and answers what the script says. A test may also replace entries of `list`.
+#ifndef QUARVEL_TESTS_NATIVE_SCRIPTED_H_
+#define QUARVEL_TESTS_NATIVE_SCRIPTED_H_
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "pkcs11.h"
+
+namespace scripted {
+
+using Bytes = std::vector<CK_BYTE>;
+
+struct Script {
+  std::map<std::string, CK_RV> answers;  // by function name, "*" for every function
+  std::vector<CK_ULONG> slots = {7, 8};
+  std::vector<CK_ULONG> mechanisms = {0, 1, 6};
+  Bytes value = {0x08, 0, 0, 0, 0, 0, 0, 0};  // of every attribute
+  std::vector<CK_ULONG> found = {0x21};       // each search call takes the first
+  CK_ULONG handle = 0x11;                     // of the next new session or object, then one more
+  Bytes output = {0xA1, 0xA2, 0xA3};          // of signing, encryption, decryption and wrapping
+  CK_ULONG number = 1234;                     // sizes and counts in information structures
+};
+
+extern Script script;
+extern std::vector<std::string> calls;
+extern CK_FUNCTION_LIST list;
+extern CK_FUNCTION_LIST_PTR handedOut;  // by C_GetFunctionList
+
+void reset();
+
+}  // namespace scripted
+
+#endif  // QUARVEL_TESTS_NATIVE_SCRIPTED_H_
