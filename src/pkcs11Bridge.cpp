@@ -188,8 +188,9 @@ CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_SESSION_HANDLE* pSession) 
   CK_C_OpenSession function;
   if (const CK_RV refusal = begin("JNI:BRIDGE: Calling C_OpenSession...",
                                   &CK_FUNCTION_LIST::C_OpenSession, &function);
-      refusal != CKR_OK)
+      refusal != CKR_OK) {
     return refusal;
+  }
   const CK_RV ckRv = function(slot, flags, nullptr, nullptr, pSession);
   TRACE(" Done(session=%li)\n", *pSession);
   return ckRv;
@@ -260,8 +261,9 @@ CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* pObj) {
   CK_C_FindObjects function;
   if (const CK_RV refusal = begin("JNI:BRIDGE: Calling C_FindObjects ...",
                                   &CK_FUNCTION_LIST::C_FindObjects, &function);
-      refusal != CKR_OK)
+      refusal != CKR_OK) {
     return refusal;
+  }
   CK_ULONG count = 0;
   const CK_RV ckRv = function(session, pObj, 1, &count);
   TRACE(" Done(found=%li)\n", count);

@@ -29,8 +29,8 @@ std::vector<Row> readRows() {
     if (line.empty() || line[0] == '#') continue;
     if (line[0] != ' ') {
       const std::size_t open = line.find('(');
-      rows.push_back({number, line.substr(0, open), line.substr(open + 1, line.size() - open - 2),
-                      {}, {}});
+      rows.push_back(
+          {number, line.substr(0, open), line.substr(open + 1, line.size() - open - 2), {}, {}});
       continue;
     }
     const std::size_t space = line.find(' ', 2);
@@ -61,13 +61,20 @@ void apply(const std::string& given) {
     if (end == text) break;
     values.push_back(value);
   }
-  if (name == "slots") script.slots = values;
-  else if (name == "mechanisms") script.mechanisms = values;
-  else if (name == "found") script.found = values;
-  else if (name == "value") script.value.assign(values.begin(), values.end());
-  else if (name == "number") script.number = values.at(0);
-  else if (name == "handle") script.handle = values.at(0);
-  else script.answers[name] = values.at(0);
+  if (name == "slots")
+    script.slots = values;
+  else if (name == "mechanisms")
+    script.mechanisms = values;
+  else if (name == "found")
+    script.found = values;
+  else if (name == "value")
+    script.value.assign(values.begin(), values.end());
+  else if (name == "number")
+    script.number = values.at(0);
+  else if (name == "handle")
+    script.handle = values.at(0);
+  else
+    script.answers[name] = values.at(0);
 }
 
 void check(const Row& row, int tracing) {
@@ -101,8 +108,7 @@ TEST(Contract, EveryRowOfTheTable) {
     const std::map<char, std::string> failures = {
         {'V', "void"}, {'Z', "false"}, {'I', yet ? "-1" : "0"}, {'B', "null"}, {'L', "null"}};
     const Outcome outcome = call(method.name, join(goodArguments(method)));
-    EXPECT_EQ(outcome.result,
-              failures.at(method.result) + " ! Not supported" + (yet ? " YET" : ""))
+    EXPECT_EQ(outcome.result, failures.at(method.result) + " ! Not supported" + (yet ? " YET" : ""))
         << method.name;
     EXPECT_EQ(outcome.run.jni.size(), 2u) << method.name;  // FindClass, ThrowNew
     EXPECT_EQ(join(outcome.moduleCalls), "") << method.name;

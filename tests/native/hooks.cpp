@@ -12,14 +12,16 @@
 #include "scripted.h"
 
 // The functions that the library may use. Java's variadic entries arrive as their V forms.
-#define QUARVEL_JNI(X)                                                                         \
+// clang-format off
+#define QUARVEL_JNI(X)                                                                          \
   X(FindClass) X(GetObjectClass) X(IsInstanceOf) X(GetFieldID) X(GetIntField) X(GetObjectField) \
-  X(GetMethodID) X(NewObjectV) X(CallIntMethodV) X(CallBooleanMethodV) X(CallObjectMethodV)    \
-  X(Throw) X(ThrowNew) X(ExceptionCheck) X(NewStringUTF) X(GetStringUTFChars)                  \
-  X(ReleaseStringUTFChars) X(GetArrayLength) X(NewByteArray) X(NewIntArray) X(NewObjectArray)  \
-  X(GetObjectArrayElement) X(SetObjectArrayElement) X(GetByteArrayElements)                    \
-  X(ReleaseByteArrayElements) X(GetIntArrayElements) X(ReleaseIntArrayElements)                \
+  X(GetMethodID) X(NewObjectV) X(CallIntMethodV) X(CallBooleanMethodV) X(CallObjectMethodV)     \
+  X(Throw) X(ThrowNew) X(ExceptionCheck) X(NewStringUTF) X(GetStringUTFChars)                   \
+  X(ReleaseStringUTFChars) X(GetArrayLength) X(NewByteArray) X(NewIntArray) X(NewObjectArray)   \
+  X(GetObjectArrayElement) X(SetObjectArrayElement) X(GetByteArrayElements)                     \
+  X(ReleaseByteArrayElements) X(GetIntArrayElements) X(ReleaseIntArrayElements)                 \
   X(GetByteArrayRegion) X(SetByteArrayRegion) X(SetIntArrayRegion)
+// clang-format on
 
 extern "C" {
 void* __real_malloc(std::size_t size);
@@ -123,9 +125,9 @@ void raiseFailure(const std::string& function) {
   if (function.starts_with("Get") && function.find("Elements") != std::string::npos) return;
   if (function == "GetStringUTFChars") return;  // out of memory: null alone
   const auto error = errors.find(function);
-  realEnv->ThrowNew(realEnv->FindClass(error != errors.end() ? error->second
-                                                             : "java/lang/OutOfMemoryError"),
-                    "injected");
+  realEnv->ThrowNew(
+      realEnv->FindClass(error != errors.end() ? error->second : "java/lang/OutOfMemoryError"),
+      "injected");
 }
 
 enum class Entry {
@@ -184,10 +186,12 @@ struct Hook<entry, R (*)(JNIEnv*, Args...)> {
                      jint mode) {
     if (mode != expected) violation(std::string("release mode of ") + takenBy);
     takeBack(takenBy, elements, [=](void* bytes, jsize size) {
-      if (mode != JNI_ABORT) {
-        realEnv->SetByteArrayRegion(reinterpret_cast<jbyteArray>(array), 0, size,
-                                    static_cast<jbyte*>(bytes));
-      }
+      if (mode == JNI_ABORT) return;
+      const jthrowable pending = realEnv->ExceptionOccurred();
+      realEnv->ExceptionClear();
+      realEnv->SetByteArrayRegion(reinterpret_cast<jbyteArray>(array), 0, size,
+                                  static_cast<jbyte*>(bytes));
+      if (pending != nullptr) realEnv->Throw(pending);
     });
   }
 };
@@ -218,11 +222,11 @@ JNIEnv* hookedEnv(JNIEnv* real) {
   for (std::size_t at = 0; at < sizeof table; at += sizeof trap) {
     std::memcpy(reinterpret_cast<char*>(&table) + at, &trap, sizeof trap);
   }
-#define QUARVEL_HOOK(NAME)                                    \
-  {                                                           \
-    using Hooked = Hook<Entry::NAME, decltype(table.NAME)>;   \
-    Hooked::real = real->functions->NAME;                     \
-    table.NAME = Hooked::call;                                \
+#define QUARVEL_HOOK(NAME)                                  \
+  {                                                         \
+    using Hooked = Hook<Entry::NAME, decltype(table.NAME)>; \
+    Hooked::real = real->functions->NAME;                   \
+    table.NAME = Hooked::call;                              \
   }
   QUARVEL_JNI(QUARVEL_HOOK)
   env.functions = &table;

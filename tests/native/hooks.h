@@ -15,7 +15,8 @@ struct Call {
   std::size_t moduleCalls;  // made before it
 };
 
-/// What one run of a native method did, and which of its steps is to fail (counted from 1; 0: none).
+/// What one run of a native method did, and which of its steps is to fail (counted from 1; 0:
+/// none).
 struct Run {
   std::size_t failJni = 0;
   std::size_t failHeap = 0;

@@ -27,11 +27,6 @@ jobject newObject(const char* name, const char* signature, auto... args) {
   return javaEnv->NewObject(cl, javaEnv->GetMethodID(cl, "<init>", signature), args...);
 }
 
-jobject newHandle(const std::string& name, const std::string& owner, jobject of, jint handle) {
-  const std::string signature = "(L" + kPackage + owner + ";I)V";
-  return javaEnv->NewGlobalRef(newObject((kPackage + name).c_str(), signature.c_str(), of, handle));
-}
-
 // ---- Values from text ----
 
 bool skip(const char** text, const char* token) {
@@ -74,7 +69,10 @@ jobject parseDate(const char** text) {
                                    javaEnv->NewStringUTF("yyyyMMdd"));
   const jmethodID parse = javaEnv->GetMethodID(javaEnv->GetObjectClass(format), "parse",
                                                "(Ljava/lang/String;)Ljava/util/Date;");
-  return javaEnv->CallObjectMethod(format, parse, javaEnv->NewStringUTF(digits.c_str()));
+  const jobject date =
+      javaEnv->CallObjectMethod(format, parse, javaEnv->NewStringUTF(digits.c_str()));
+  javaEnv->ExceptionCheck();
+  return date;
 }
 
 jobject parseObject(const char** text) {
@@ -119,32 +117,49 @@ jarray parseArray(char type, const char** text) {
 
 template <typename T>
 constexpr char letter() {
-  if constexpr (std::is_void_v<T>) return 'V';
-  else if constexpr (std::is_same_v<T, jint>) return 'I';
-  else if constexpr (std::is_same_v<T, jboolean>) return 'Z';
-  else if constexpr (std::is_same_v<T, jlong>) return 'J';
-  else if constexpr (std::is_same_v<T, jstring>) return 'S';
-  else if constexpr (std::is_same_v<T, jbyteArray>) return 'B';
-  else if constexpr (std::is_same_v<T, jintArray>) return 'A';
-  else if constexpr (std::is_same_v<T, jobjectArray>) return 'O';
-  else return 'L';
+  if constexpr (std::is_void_v<T>)
+    return 'V';
+  else if constexpr (std::is_same_v<T, jint>)
+    return 'I';
+  else if constexpr (std::is_same_v<T, jboolean>)
+    return 'Z';
+  else if constexpr (std::is_same_v<T, jlong>)
+    return 'J';
+  else if constexpr (std::is_same_v<T, jstring>)
+    return 'S';
+  else if constexpr (std::is_same_v<T, jbyteArray>)
+    return 'B';
+  else if constexpr (std::is_same_v<T, jintArray>)
+    return 'A';
+  else if constexpr (std::is_same_v<T, jobjectArray>)
+    return 'O';
+  else
+    return 'L';
 }
 
 template <typename T>
 T pick(const jvalue& value) {
-  if constexpr (std::is_same_v<T, jint>) return value.i;
-  else if constexpr (std::is_same_v<T, jboolean>) return value.z;
-  else if constexpr (std::is_same_v<T, jlong>) return value.j;
-  else return static_cast<T>(value.l);
+  if constexpr (std::is_same_v<T, jint>)
+    return value.i;
+  else if constexpr (std::is_same_v<T, jboolean>)
+    return value.z;
+  else if constexpr (std::is_same_v<T, jlong>)
+    return value.j;
+  else
+    return static_cast<T>(value.l);
 }
 
 template <typename T>
 jvalue wrap(T value) {
   jvalue wrapped = {};
-  if constexpr (std::is_same_v<T, jint>) wrapped.i = value;
-  else if constexpr (std::is_same_v<T, jboolean>) wrapped.z = value;
-  else if constexpr (std::is_same_v<T, jlong>) wrapped.j = value;
-  else wrapped.l = value;
+  if constexpr (std::is_same_v<T, jint>)
+    wrapped.i = value;
+  else if constexpr (std::is_same_v<T, jboolean>)
+    wrapped.z = value;
+  else if constexpr (std::is_same_v<T, jlong>)
+    wrapped.j = value;
+  else
+    wrapped.l = value;
   return wrapped;
 }
 
@@ -159,7 +174,8 @@ Method describe(const std::string& name, R (*native)(JNIEnv*, Self, Args...)) {
       } else {
         return wrap<R>(native(env, receiver, pick<Args>(values[i])...));
       }
-    }(std::index_sequence_for<Args...>());
+    }
+    (std::index_sequence_for<Args...>());
   };
   return {name, std::string{letter<Args>()...}, letter<R>(), invoke};
 }
@@ -172,11 +188,16 @@ const jobject& receiverOf(const std::string& name) {
 
 std::string shown(char type, const jvalue& value) {
   switch (type) {
-    case 'V': return "void";
-    case 'I': return std::to_string(value.i);
-    case 'J': return std::to_string(value.j);
-    case 'Z': return value.z != 0 ? "true" : "false";
-    default: return show(value.l);
+    case 'V':
+      return "void";
+    case 'I':
+      return std::to_string(value.i);
+    case 'J':
+      return std::to_string(value.j);
+    case 'Z':
+      return value.z != 0 ? "true" : "false";
+    default:
+      return show(value.l);
   }
 }
 
@@ -188,32 +209,94 @@ const std::vector<Method>& methods() {
 #define SESSION(NAME) \
   describe("Session." #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11Session_##NAME)
 #define OBJECT(NAME) describe("Object." #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11Object_##NAME)
-  static const std::vector<Method> all = {
-      MODULE(loadPKCS11Library), MODULE(libInitialize), MODULE(libFinalize),
-      MODULE(getBridgeVersion), MODULE(getInfo), MODULE(getSlotList), MODULE(waitForSlotEvent),
-      MODULE(getRSAcredential), SLOT(getInfo), SLOT(getTokenInfo), SLOT(getTokenSN),
-      SLOT(getMechanismList), SLOT(getMechanismInfo), SLOT(initToken), SLOT(openSession),
-      SLOT(closeAllSessions), SESSION(close), SESSION(getInfo), SESSION(login), SESSION(logout),
-      SESSION(initPIN), SESSION(setPIN), SESSION(signInit), SESSION(sign), SESSION(encryptInit),
-      SESSION(encrypt), SESSION(decryptInit), SESSION(decrypt), SESSION(signUpdate),
-      SESSION(signFinal), SESSION(getOperationState), SESSION(setOperationState),
-      SESSION(encryptUpdate), SESSION(encryptFinal), SESSION(decryptUpdate), SESSION(decryptFinal),
-      SESSION(digestInit), SESSION(digest), SESSION(digestUpdate), SESSION(digestKey),
-      SESSION(digestFinal), SESSION(signRecoverInit), SESSION(signRecover), SESSION(verifyInit),
-      SESSION(verify), SESSION(verifyUpdate), SESSION(verifyFinal), SESSION(verifyRecoverInit),
-      SESSION(verifyRecover), SESSION(digestEncryptUpdate), SESSION(decryptDigestUpdate),
-      SESSION(signEncryptUpdate), SESSION(decryptVerifyUpdate), SESSION(deriveKey),
-      SESSION(seedRandom), SESSION(generateRandom), SESSION(getFunctionStatus),
-      SESSION(cancelFunction), SESSION(findObjectsInit), SESSION(findObject),
-      SESSION(findObjectsFinal), SESSION(loginellips), SESSION(setPINellips),
-      SESSION(loginAuthPath), SESSION(getCardStatus), SESSION(setCardStatus),
-      SESSION(getIdentrusObject), SESSION(generateKeyPair), SESSION(generateKeyPairOB),
-      SESSION(createObject), SESSION(installCertificate), SESSION(generateKey), SESSION(wrapKey),
-      SESSION(unwrapKey), OBJECT(copy), OBJECT(destroy), OBJECT(size), OBJECT(getAttributeValue),
-      OBJECT(getBoolAttributeValue), OBJECT(getIntAttributeValue), OBJECT(getStringAttributeValue),
-      OBJECT(getByteArrayAttributeValue), OBJECT(getDateAttributeValue),
-      OBJECT(getBigIntegerAttributeValue), OBJECT(setAttributeValue), OBJECT(setAttributeValues),
-      OBJECT(setBoolAttributeValue), OBJECT(setIntAttributeValue)};
+  static const std::vector<Method> all = {MODULE(loadPKCS11Library),
+                                          MODULE(libInitialize),
+                                          MODULE(libFinalize),
+                                          MODULE(getBridgeVersion),
+                                          MODULE(getInfo),
+                                          MODULE(getSlotList),
+                                          MODULE(waitForSlotEvent),
+                                          MODULE(getRSAcredential),
+                                          SLOT(getInfo),
+                                          SLOT(getTokenInfo),
+                                          SLOT(getTokenSN),
+                                          SLOT(getMechanismList),
+                                          SLOT(getMechanismInfo),
+                                          SLOT(initToken),
+                                          SLOT(openSession),
+                                          SLOT(closeAllSessions),
+                                          SESSION(close),
+                                          SESSION(getInfo),
+                                          SESSION(login),
+                                          SESSION(logout),
+                                          SESSION(initPIN),
+                                          SESSION(setPIN),
+                                          SESSION(signInit),
+                                          SESSION(sign),
+                                          SESSION(encryptInit),
+                                          SESSION(encrypt),
+                                          SESSION(decryptInit),
+                                          SESSION(decrypt),
+                                          SESSION(signUpdate),
+                                          SESSION(signFinal),
+                                          SESSION(getOperationState),
+                                          SESSION(setOperationState),
+                                          SESSION(encryptUpdate),
+                                          SESSION(encryptFinal),
+                                          SESSION(decryptUpdate),
+                                          SESSION(decryptFinal),
+                                          SESSION(digestInit),
+                                          SESSION(digest),
+                                          SESSION(digestUpdate),
+                                          SESSION(digestKey),
+                                          SESSION(digestFinal),
+                                          SESSION(signRecoverInit),
+                                          SESSION(signRecover),
+                                          SESSION(verifyInit),
+                                          SESSION(verify),
+                                          SESSION(verifyUpdate),
+                                          SESSION(verifyFinal),
+                                          SESSION(verifyRecoverInit),
+                                          SESSION(verifyRecover),
+                                          SESSION(digestEncryptUpdate),
+                                          SESSION(decryptDigestUpdate),
+                                          SESSION(signEncryptUpdate),
+                                          SESSION(decryptVerifyUpdate),
+                                          SESSION(deriveKey),
+                                          SESSION(seedRandom),
+                                          SESSION(generateRandom),
+                                          SESSION(getFunctionStatus),
+                                          SESSION(cancelFunction),
+                                          SESSION(findObjectsInit),
+                                          SESSION(findObject),
+                                          SESSION(findObjectsFinal),
+                                          SESSION(loginellips),
+                                          SESSION(setPINellips),
+                                          SESSION(loginAuthPath),
+                                          SESSION(getCardStatus),
+                                          SESSION(setCardStatus),
+                                          SESSION(getIdentrusObject),
+                                          SESSION(generateKeyPair),
+                                          SESSION(generateKeyPairOB),
+                                          SESSION(createObject),
+                                          SESSION(installCertificate),
+                                          SESSION(generateKey),
+                                          SESSION(wrapKey),
+                                          SESSION(unwrapKey),
+                                          OBJECT(copy),
+                                          OBJECT(destroy),
+                                          OBJECT(size),
+                                          OBJECT(getAttributeValue),
+                                          OBJECT(getBoolAttributeValue),
+                                          OBJECT(getIntAttributeValue),
+                                          OBJECT(getStringAttributeValue),
+                                          OBJECT(getByteArrayAttributeValue),
+                                          OBJECT(getDateAttributeValue),
+                                          OBJECT(getBigIntegerAttributeValue),
+                                          OBJECT(setAttributeValue),
+                                          OBJECT(setAttributeValues),
+                                          OBJECT(setBoolAttributeValue),
+                                          OBJECT(setIntAttributeValue)};
   return all;
 }
 
@@ -233,7 +316,8 @@ bool startJava() {
     std::fprintf(stderr, "QUARVEL_JVM must name a libjvm.so (%s)\n", dlerror());
     return false;
   }
-  std::vector<std::string> options = {"-Djava.class.path=" QUARVEL_JAR, "-Duser.timezone=Europe/Rome",
+  std::vector<std::string> options = {"-Djava.class.path=" QUARVEL_JAR,
+                                      "-Duser.timezone=Europe/Rome",
                                       "-Djava.library.path=" QUARVEL_LIBRARY_DIR, "-Xmx256m"};
   if (const char* more = std::getenv("QUARVEL_JVM_OPTION")) options.emplace_back(more);
   std::vector<JavaVMOption> optionList;
@@ -249,11 +333,15 @@ bool startJava() {
 
 JNIEnv* java() { return javaEnv; }
 
+jobject newHandle(const std::string& name, const std::string& owner, jobject of, jint handle) {
+  const std::string signature = "(L" + kPackage + owner + ";I)V";
+  return javaEnv->NewGlobalRef(newObject((kPackage + name).c_str(), signature.c_str(), of, handle));
+}
+
 const Objects& objects() {
   static const Objects all = [] {
     Objects made = {};
-    made.module =
-        javaEnv->NewGlobalRef(newObject((kPackage + "NativePKCS11").c_str(), "()V"));
+    made.module = javaEnv->NewGlobalRef(newObject((kPackage + "NativePKCS11").c_str(), "()V"));
     made.slot = newHandle("NativePKCS11Slot", "NativePKCS11", made.module, 7);
     made.session = newHandle("NativePKCS11Session", "NativePKCS11Slot", made.slot, 5);
     made.object = newHandle("NativePKCS11Object", "NativePKCS11Session", made.session, 9);
@@ -282,7 +370,8 @@ std::string unquote(const char** text) {
 
 jvalue parse(char type, const char** text) {
   skip(text, "");
-  if (type == 'Z') return skip(text, "true") ? wrap(JNI_TRUE) : (skip(text, "false"), wrap(JNI_FALSE));
+  if (type == 'Z')
+    return skip(text, "true") ? wrap(JNI_TRUE) : (skip(text, "false"), wrap(JNI_FALSE));
   if (type == 'I') return wrap(parseInt(text));
   if (type == 'J') return wrap(jlong{parseInt(text)});
   return wrap<jobject>(skip(text, "{") ? parseArray(type, text) : parseObject(text));
@@ -296,12 +385,13 @@ std::string join(const std::vector<std::string>& parts, const char* between) {
 
 std::string show(jobject object) {
   const jclass arrays = javaEnv->FindClass("java/util/Arrays");
-  const jmethodID deepToString = javaEnv->GetStaticMethodID(
-      arrays, "deepToString", "([Ljava/lang/Object;)Ljava/lang/String;");
+  const jmethodID deepToString =
+      javaEnv->GetStaticMethodID(arrays, "deepToString", "([Ljava/lang/Object;)Ljava/lang/String;");
   const jobjectArray holder =
       javaEnv->NewObjectArray(1, javaEnv->FindClass("java/lang/Object"), object);
   const auto text =
       static_cast<jstring>(javaEnv->CallStaticObjectMethod(arrays, deepToString, holder));
+  javaEnv->ExceptionCheck();
   const char* chars = javaEnv->GetStringUTFChars(text, nullptr);
   const std::string shown(chars + 1, std::strlen(chars) - 2);
   javaEnv->ReleaseStringUTFChars(text, chars);
@@ -317,7 +407,8 @@ std::string takeException() {
   return text.starts_with(prefix) ? text.substr(prefix.size()) : text.substr(0, text.find(':'));
 }
 
-Outcome call(const std::string& name, const std::string& arguments, hooks::Run run) {
+Outcome call(const std::string& name, const std::string& arguments, hooks::Run run,
+             const jobject* receiver) {
   const Method& called = method(name);
   javaEnv->PushLocalFrame(1024);
   std::vector<jvalue> values;
@@ -330,7 +421,8 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
   outcome.run = std::move(run);
   testing::internal::CaptureStdout();
   hooks::begin(&outcome.run);
-  const jvalue result = called.invoke(hooked, receiverOf(name), values);
+  const jvalue result =
+      called.invoke(hooked, receiver != nullptr ? *receiver : receiverOf(name), values);
   hooks::end();
   outcome.output = testing::internal::GetCapturedStdout();
 
@@ -349,10 +441,16 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
 std::vector<std::string> goodArguments(const Method& method) {
   if (method.name == "Module.loadPKCS11Library") return {"\"" QUARVEL_SCRIPTED "\""};
   if (method.name == "Object.getAttributeValue") return {"0x121"};
+  if (method.name == "Object.setAttributeValue") return {"3", "\"label\""};
   const std::map<char, std::string> byType = {
-      {'I', "1"}, {'J', "1"}, {'Z', "true"}, {'S', "\"1234\""}, {'B', "[32 30 31 33]"},
+      {'I', "1"},
+      {'J', "1"},
+      {'Z', "true"},
+      {'S', "\"1234\""},
+      {'B', "[32 30 31 33]"},
       {'A', "{3, 0x11, 0x100, 1, 0x122, 0x110}"},
-      {'O', "{\"label\", [01 02], 3, true, big[00 ff], date20130305}"}, {'L', "key"}};
+      {'O', "{\"label\", [01 02], 3, true, big[00 ff], date20130305}"},
+      {'L', "key"}};
   std::vector<std::string> arguments;
   for (const char type : method.parameters) arguments.push_back(byType.at(type));
   return arguments;

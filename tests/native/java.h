@@ -33,7 +33,7 @@ std::string unquote(const char** text);
 // ---- Native methods ----
 
 struct Method {
-  std::string name;  // as Class.method, the class without "NativePKCS11"; Module for itself
+  std::string name;        // as Class.method, the class without "NativePKCS11"; Module for itself
   std::string parameters;  // a letter for each: I Z J, S String, B byte[], A int[], O Object[], L
   char result;             // the same, V for void
   std::function<jvalue(JNIEnv*, jobject, const std::vector<jvalue>&)> invoke;
@@ -60,7 +60,12 @@ struct Outcome {
 /// Calls a native method on the handle object of its class, with a fresh record of module calls.
 /// Expects what holds for every run: no violation, nothing held, heap balanced.
 /// @param arguments separated by commas
-Outcome call(const std::string& name, const std::string& arguments, hooks::Run run = {});
+/// @param receiver in place of that object
+Outcome call(const std::string& name, const std::string& arguments, hooks::Run run = {},
+             const jobject* receiver = nullptr);
+
+/// A new handle object, kept for the rest of the process.
+jobject newHandle(const std::string& name, const std::string& owner, jobject of, jint handle);
 
 /// Arguments with which the method succeeds, one text each.
 std::vector<std::string> goodArguments(const Method& method);

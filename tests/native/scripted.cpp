@@ -87,6 +87,7 @@ CK_RV record(const std::string& function, Args... args) {
   std::string call;
   for (const std::string& part : shown(args...)) call += (call.empty() ? "" : ", ") + part;
   calls.push_back(function + "(" + call + ")");
+  if (script.failFrom != 0 && calls.size() >= script.failFrom) return script.failWith;
   for (const std::string& key : {function, std::string("*")}) {
     const auto found = script.answers.find(key);
     if (found != script.answers.end()) return found->second;
@@ -174,7 +175,7 @@ CK_RV getSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO* info) {
 
 CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
   const CK_ULONG n = script.number;
-  CK_TOKEN_INFO value = {{},    {},    {},    {},    0x40D, n,        n + 1,   n + 2, n + 3,
+  CK_TOKEN_INFO value = {{},    {},    {},    {},    0x40D, n,     n + 1,    n + 2,   n + 3,
                          n + 4, n + 5, n + 6, n + 7, n + 8, n + 9, {0, 255}, {2, 20}, {}};
   blankPadded(value.label, "Card");
   blankPadded(value.manufacturerID, "Maker");
@@ -208,6 +209,7 @@ void reset() {
   calls.clear();
   handedOut = &list;
   list = {};
+  // clang-format off
 #define PLAIN(NAME) list.NAME = Plain<decltype(list.NAME)>::function<#NAME>;
   PLAIN(C_Initialize) PLAIN(C_Finalize) PLAIN(C_OpenSession) PLAIN(C_CloseSession)
   PLAIN(C_CloseAllSessions) PLAIN(C_InitPIN) PLAIN(C_SetPIN) PLAIN(C_Login) PLAIN(C_Logout)
@@ -215,7 +217,8 @@ void reset() {
   PLAIN(C_FindObjectsFinal) PLAIN(C_SignInit) PLAIN(C_EncryptInit) PLAIN(C_DecryptInit)
   PLAIN(C_Sign) PLAIN(C_Encrypt) PLAIN(C_Decrypt) PLAIN(C_GenerateKey) PLAIN(C_GenerateKeyPair)
   PLAIN(C_WrapKey) PLAIN(C_UnwrapKey)
-  list.C_GetInfo = getInfo;
+      // clang-format on
+      list.C_GetInfo = getInfo;
   list.C_GetSlotInfo = getSlotInfo;
   list.C_GetTokenInfo = getTokenInfo;
   list.C_GetAttributeValue = getAttributeValue;

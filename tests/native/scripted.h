@@ -15,6 +15,8 @@ using Bytes = std::vector<CK_BYTE>;
 
 struct Script {
   std::map<std::string, CK_RV> answers;  // by function name, "*" for every function
+  std::size_t failFrom = 0;              // this call and all after it answer failWith
+  CK_RV failWith = CKR_OK;
   std::vector<CK_ULONG> slots = {7, 8};
   std::vector<CK_ULONG> mechanisms = {0, 1, 6};
   Bytes value = {0x08, 0, 0, 0, 0, 0, 0, 0};  // of every attribute

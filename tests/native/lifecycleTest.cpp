@@ -1,0 +1,233 @@
+// Loading, initialising and closing modules, and what a bad module cannot do to the bridge.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "java.h"
+#include "pkcs11Bridge.h"
+#include "trace.h"
+
+namespace {
+
+using scripted::script;
+
+const std::string kLoad = "\"" QUARVEL_SCRIPTED "\"";
+
+std::string load(const std::string& path = kLoad) {
+  return call("Module.loadPKCS11Library", path).result;
+}
+
+/// The results of a row of calls: l load, i libInitialize, f libFinalize, c a call-through.
+std::string run(const std::string& steps) {
+  std::vector<std::string> results;
+  for (const char step : steps) {
+    results.push_back(step == 'l'   ? load()
+                      : step == 'i' ? call("Module.libInitialize", "").result
+                      : step == 'f' ? call("Module.libFinalize", "").result
+                                    : call("Session.logout", "").result);
+  }
+  return join(results, "; ");
+}
+
+const std::string kRefused = "void ! Internal error";
+
+struct BadModule {
+  const char* what;
+  std::string path;
+  CK_RV answer;
+  CK_FUNCTION_LIST_PTR list;
+  std::string result;
+};
+
+// The bridge starts, and ends, each of these tests without a usable module.
+TEST(Lifecycle, BadModulesAreRefusedAndChangeNothing) {
+  scripted::reset();
+  const std::string refused = "0 ! Internal error";
+  const std::vector<BadModule> modules = {
+      {"no file", "\"/nowhere/module.so\"", CKR_OK, &scripted::list, refused},
+      {"no library", "\"" QUARVEL_CONTRACT "\"", CKR_OK, &scripted::list, refused},
+      {"a folder", "\"/\"", CKR_OK, &scripted::list, refused},
+      {"no C_GetFunctionList", "\"libm.so.6\"", CKR_OK, &scripted::list, refused},
+      {"a failing C_GetFunctionList", kLoad, 5, &scripted::list, "0 ! CKR_GENERAL_ERROR (0x5)"},
+      {"a null list", kLoad, CKR_OK, nullptr, refused},
+  };
+  for (const bool initialised : {false, true}) {
+    for (const BadModule& bad : modules) {
+      SCOPED_TRACE(bad.what + std::string(initialised ? " over an initialised module" : ""));
+      if (initialised) freshModule();
+      script.answers = {{"C_GetFunctionList", bad.answer}};
+      scripted::handedOut = bad.list;
+      EXPECT_EQ(load(bad.path), bad.result);
+      EXPECT_EQ(bridge::hLibrary == nullptr, bad.path != kLoad && bad.path.front() != 'l' &&
+                                                 bad.path.find("libm") == std::string::npos);
+      scripted::calls.clear();
+      EXPECT_EQ(run("if"), kRefused + "; void");
+      EXPECT_EQ(bridge::loaded, initialised ? 1 : 0);
+      // Calls keep reaching an earlier module through its list, if the bad one left it in place.
+      EXPECT_EQ(run("c"), initialised && bad.list != nullptr ? "void" : kRefused);
+      freshModule();
+      shutModule();
+    }
+  }
+}
+
+TEST(Lifecycle, EveryOrderOfTheThreeMethods) {
+  const std::string list = std::to_string(reinterpret_cast<jlong>(&scripted::list));
+  scripted::reset();
+  EXPECT_EQ(run("iffc"), kRefused + "; void; void; " + kRefused);
+  EXPECT_EQ(run("lc"), list + "; " + kRefused);  // loaded, not initialised
+  script.answers["C_Initialize"] = 0x30;
+  EXPECT_EQ(run("ic"), "void ! CKR_DEVICE_ERROR (0x30); " + kRefused);
+  script.answers.clear();
+  EXPECT_EQ(run("ic"), "void; void");
+  script.answers["C_Initialize"] = 0x191;
+  EXPECT_EQ(run("ic"), "void ! CKR_CRYPTOKI_ALREADY_INITIALIZED (0x191); void");
+  EXPECT_EQ(run("lc"), list + "; void");  // a second load keeps the bridge initialised
+  scripted::list.C_Finalize = nullptr;
+  EXPECT_EQ(run("fc"), "void; void");  // cannot be finalised: stays open
+  scripted::reset();
+  script.answers["C_Finalize"] = 5;
+  EXPECT_EQ(run("fc"), "void; " + kRefused);  // closed although it failed
+  EXPECT_EQ(run("if"), kRefused + "; void");
+  EXPECT_EQ(join(scripted::calls), "");
+  run("l");
+  scripted::list.C_Initialize = nullptr;
+  EXPECT_EQ(run("if"), kRefused + "; void");
+}
+
+TEST(Lifecycle, AModuleThatWritesNoListDoesNotGetTheEarlierOne) {
+  freshModule();
+  shutModule();
+  EXPECT_EQ(load("\"" QUARVEL_SILENT "\""), "0 ! Internal error");
+  EXPECT_EQ(run("ic"), kRefused + "; " + kRefused);
+}
+
+TEST(Lifecycle, EveryCallRefusesANullEntryAndANullList) {
+  const std::set<std::string> others = {"Module.loadPKCS11Library", "Module.libFinalize",
+                                        "Module.getBridgeVersion", "Session.getIdentrusObject"};
+  for (const bool wholeList : {false, true}) {
+    for (const Method& method : methods()) {
+      if (others.contains(method.name)) continue;
+      freshModule();
+      const CK_FUNCTION_LIST kept = scripted::list;
+      scripted::list = {};
+      if (wholeList) bridge::pFunctionList = nullptr;
+      const Outcome outcome = call(method.name, join(goodArguments(method)));
+      EXPECT_EQ(join(outcome.moduleCalls), "") << method.name;
+      EXPECT_NE(outcome.result.find(" ! "), std::string::npos) << method.name;
+      scripted::list = kept;
+      bridge::pFunctionList = &scripted::list;
+      shutModule();
+    }
+  }
+}
+
+// ---- Answers that cannot be true ----
+
+struct Lie {
+  CK_ULONG first, second;       // what the two calls of a list or attribute read report
+  std::string attribute, list;  // what becomes of it
+};
+
+CK_ULONG firstAnswer, secondAnswer;
+
+CK_RV lie(const void* buffer, CK_ULONG* count) {
+  *count = buffer == nullptr ? firstAnswer : secondAnswer;
+  return CKR_OK;
+}
+
+TEST(Lifecycle, CountsAndLengthsAreNotBelieved) {
+  const CK_ULONG all = ~CK_ULONG{0};
+  const std::string refused = "null ! Internal error";
+  const std::string tooSmall = "null ! CKR_BUFFER_TOO_SMALL (0x150)";
+  const std::vector<Lie> lies = {
+      {all, 0, refused, refused},
+      {all - 1, 0, refused, refused},
+      {all / 8, 0, refused, refused},
+      {all / 8 + 2, 0, refused, refused},
+      {CK_ULONG{1} << 61, 0, refused, refused},
+      {2, 3, tooSmall, tooSmall},
+      {2, all, tooSmall, tooSmall},
+      {0, 1, tooSmall, tooSmall},
+      {3, 2, "[0, 0]", "[0, 0]"},
+      {2, 2, "[0, 0]", "[0, 0]"},
+      {3, 0, "[]", "[]"},
+  };
+  for (const Lie& told : lies) {
+    SCOPED_TRACE(std::to_string(told.first) + " then " + std::to_string(told.second));
+    freshModule();
+    firstAnswer = told.first;
+    secondAnswer = told.second;
+    scripted::list.C_GetMechanismList = [](CK_SLOT_ID, CK_MECHANISM_TYPE* list, CK_ULONG* count) {
+      return lie(list, count);
+    };
+    scripted::list.C_GetSlotList = [](CK_BBOOL, CK_SLOT_ID* list, CK_ULONG* count) {
+      return lie(list, count);
+    };
+    scripted::list.C_GetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE* attr,
+                                            CK_ULONG) {
+      return lie(attr->pValue, &attr->ulValueLen);
+    };
+    EXPECT_EQ(call("Object.getByteArrayAttributeValue", "1").result, told.attribute);
+    EXPECT_EQ(call("Slot.getMechanismList", "").result, told.list);
+    const std::string slots = call("Module.getSlotList", "true").result;
+    EXPECT_EQ(slots, told.list == "[0, 0]"
+                         ? "[NativePKCS11Slot[slotID=0], NativePKCS11Slot[slotID=0]]"
+                     : told.list == "[]" ? "null"
+                                         : told.list);
+    shutModule();
+  }
+}
+
+// ---- The credential lookup, with one that finds something ----
+
+bool credentialFound = false;
+std::string lookedUp;
+
+TEST(Lifecycle, ACredentialThatIsFoundBecomesObjects) {
+  freshModule();
+  credentialFound = true;
+  EXPECT_EQ(call("Module.getRSAcredential", "\"alias\xC3\xA0\", -1, null").result,
+            "[NativePKCS11Object[objectID=17], null, NativePKCS11Object[objectID=19]]");
+  EXPECT_EQ(lookedUp, "alias\xC3\xA0/7 ffffffffffffffff null/0");
+  call("Module.getRSAcredential", "\"a\", 6, \"12\"");
+  EXPECT_EQ(lookedUp, "a/1 6 12/2");
+  debug = 1;
+  const std::string trace = call("Module.getRSAcredential", "\"a\", 0, null").output;
+  debug = 0;
+  credentialFound = false;
+  shutModule();
+  EXPECT_EQ(trace,
+            "JNI: start getRSAcredential... \n alias len =1 \nJNI: pin is null ?...  pin len =0 \n"
+            "JNI: creating PKCS11Slot\n value= 7 ... slot OK\n"
+            "JNI: creating PKCS11Session... session OK\nJNI: creating array PKCS11Object..."
+            "JNI: adding element 0 ...17 found OK\nJNI: adding element 1 ...NULL found OK\n"
+            "JNI: adding element 2 ...4294967315 found OK\n");
+}
+
+}  // namespace
+
+// The linker's --wrap sends the library's lookups here.
+#define QUARVEL_LOOKUP(PREFIX)                                                                \
+  PREFIX##_ZN6bridge10getRSACredEPhmmS0_mPmS1_S1_S1_S1_(                                      \
+      CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags, CK_CHAR_PTR pin, CK_ULONG pinLen, \
+      CK_SLOT_ID_PTR slot, CK_SESSION_HANDLE_PTR session, CK_OBJECT_HANDLE_PTR privateHandle, \
+      CK_OBJECT_HANDLE_PTR publicHandle, CK_OBJECT_HANDLE_PTR certificateHandle)
+extern "C" CK_RV QUARVEL_LOOKUP(__real_);
+extern "C" CK_RV QUARVEL_LOOKUP(__wrap_) {
+  if (!credentialFound) {
+    return __real__ZN6bridge10getRSACredEPhmmS0_mPmS1_S1_S1_S1_(alias, aliasLen, flags, pin, pinLen,
+                                                                slot, session, privateHandle,
+                                                                publicHandle, certificateHandle);
+  }
+  char text[128];
+  std::snprintf(text, sizeof text, "%s/%lu %lx %s/%lu", alias, aliasLen, flags,
+                pin != nullptr ? reinterpret_cast<const char*>(pin) : "null", pinLen);
+  lookedUp = text;
+  *slot = 7;
+  *session = 5;
+  *privateHandle = 0x11;
+  *publicHandle = CK_INVALID_HANDLE;
+  *certificateHandle = 0x100000013;
+  return CKR_OK;
+}
