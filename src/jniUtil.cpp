@@ -303,8 +303,8 @@ bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, Surplus s
   if (types != nullptr && values != nullptr) {
     *ckCount = J2CK_INT(env->GetArrayLength(types));
     const CK_ULONG valueCount = J2CK_INT(env->GetArrayLength(values));
-    if (valueCount == *ckCount || (surplus == Surplus::kIgnored && valueCount > *ckCount))
-      return true;
+    const bool more = surplus == Surplus::kIgnored && valueCount > *ckCount;
+    if (valueCount == *ckCount || more) return true;
   }
   throwExc(env, msg);
   return false;

@@ -31,8 +31,8 @@ TEST(Card, TheLifeCycleByteIsReadAndChanged) {
   ASSERT_EQ(bridge::initLib(), CKR_OK);
   const CK_SESSION_HANDLE ckSession = openSession("generic");
   ASSERT_NE(ckSession, CK_INVALID_HANDLE);
-  const jobject session = newHandle("NativePKCS11Session", "NativePKCS11Slot", nullptr,
-                                    static_cast<jint>(ckSession));
+  const jobject session =
+      newHandle("NativePKCS11Session", "NativePKCS11Slot", nullptr, static_cast<jint>(ckSession));
   const auto onCard = [&](const std::string& method, const std::string& arguments) {
     return call("Session." + method, arguments, {}, &session).result;
   };

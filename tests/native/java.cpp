@@ -318,7 +318,10 @@ bool startJava() {
   }
   std::vector<std::string> options = {"-Djava.class.path=" QUARVEL_JAR,
                                       "-Duser.timezone=Europe/Rome",
-                                      "-Djava.library.path=" QUARVEL_LIBRARY_DIR, "-Xmx256m"};
+                                      "-Djava.library.path=" QUARVEL_LIBRARY_DIR,
+                                      "-Xms64m",
+                                      "-Xmx64m",
+                                      "-XX:+AlwaysPreTouch"};
   if (const char* more = std::getenv("QUARVEL_JVM_OPTION")) options.emplace_back(more);
   std::vector<JavaVMOption> optionList;
   for (std::string& option : options) optionList.push_back({option.data(), nullptr});
@@ -414,6 +417,7 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
   std::vector<jvalue> values;
   const char* text = arguments.c_str();
   for (const char type : called.parameters) values.push_back(parse(type, &text));
+  skip(&text, "");
   EXPECT_STREQ(text, "") << name;
   scripted::calls.clear();
 

@@ -31,7 +31,16 @@ extern std::vector<std::string> calls;
 extern CK_FUNCTION_LIST list;
 extern CK_FUNCTION_LIST_PTR handedOut;  // by C_GetFunctionList
 
+/// Good behaviour: a fresh script and all functions in the list. The environment variable
+/// QUARVEL_MISBEHAVIOUR then installs the misbehaviour of that number.
 void reset();
+
+/// One way to misbehave: replaces entries of the list or bends the script.
+struct Misbehaviour {
+  const char* name;
+  void (*install)();
+};
+const std::vector<Misbehaviour>& misbehaviours();
 
 }  // namespace scripted
 

@@ -1,0 +1,128 @@
+// A module that misbehaves in every way that has a name here, and a random walk over all of it.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <random>
+
+#include "java.h"
+#include "pkcs11Bridge.h"
+
+namespace {
+
+using scripted::script;
+
+// What call() checks holds whatever the module does; a result never goes with an exception.
+TEST(Hostile, EveryMisbehaviourInEveryMethod) {
+  std::size_t cases = 0;
+  for (const scripted::Misbehaviour& misbehaviour : scripted::misbehaviours()) {
+    for (const Method& method : methods()) {
+      SCOPED_TRACE(method.name + ", the module " + misbehaviour.name);
+      freshModule();
+      misbehaviour.install();
+      const std::string result = call(method.name, join(goodArguments(method))).result;
+      const std::string value = result.substr(0, result.find(" ! "));
+      const std::string failures = " void null false -1 0 ";
+      EXPECT_TRUE(value == result || failures.find(" " + value + " ") != std::string::npos)
+          << result;
+      ++cases;
+      shutModule();
+    }
+  }
+  for (std::size_t size = 0; size <= 9; ++size) {
+    for (const CK_BYTE byte : {0x00, 0x01, 0x31, 0x80, 0xFF}) {
+      for (const Method& method : methods()) {
+        if (method.name.find("AttributeValue") == std::string::npos) continue;
+        freshModule();
+        script.value.assign(size, byte);
+        call(method.name, join(goodArguments(method)));
+        ++cases;
+        shutModule();
+      }
+    }
+  }
+  std::printf("hostile cases: %zu\n", cases);
+}
+
+TEST(Hostile, AModuleMayVanishFromDisk) {
+  const std::string copy = testing::TempDir() + "vanishing.so";
+  std::ofstream(copy, std::ios::binary)
+      << std::ifstream(QUARVEL_SCRIPTED, std::ios::binary).rdbuf();
+  CK_FUNCTION_LIST_PTR list = nullptr;
+  ASSERT_EQ(bridge::loadLib(copy.c_str(), &list), CKR_OK);
+  unlink(copy.c_str());
+  for (const std::string method :
+       {"Module.libInitialize", "Session.logout", "Module.libFinalize"}) {
+    EXPECT_EQ(call(method, "").result, "void");
+  }
+}
+
+// ---- The random walk ----
+
+std::size_t setting(const char* name, std::size_t fallback) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? std::strtoul(value, nullptr, 10) : fallback;
+}
+
+/// The resident size of this process in KiB.
+long residentSize() {
+  std::ifstream file("/proc/self/statm");
+  long size = 0;
+  long resident = 0;
+  file >> size >> resident;
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+TEST(Hostile, RandomWalk) {
+  const std::map<char, std::vector<std::string>> pool = {
+      {'I',
+       {"-2147483648", "-1", "0", "1", "3", "4", "17", "0x111", "0x120", "0x80", "2147483647"}},
+      {'J', {"-1", "0", "5"}},
+      {'Z', {"true", "false"}},
+      {'S', {"null", "\"\"", "\"1234\"", "\"\xC0\x80\"", "\"\xED\xA0\x80\"", "\"/nowhere\""}},
+      {'B', {"null", "[]", "[00]", "[32 30 31 33]", "[ff*300]"}},
+      {'A', {"null", "{}", "{3}", "{0, -1, 3}", "{3, 0x11, 0x100, 1, 0x122, 0x110}"}},
+      {'O',
+       {"null", "{}", "{\"x\"}", "{1, true, null}", "{big[00], date20130305, [01]}",
+        "{\"label\", [01 02], 3, true, big[00 ff], date20130305}", "{foreign}"}},
+      {'L', {"null", "key", "key", "\"text\"", "7", "foreign", "big[80]"}}};
+  const std::size_t calls = setting("QUARVEL_WALK_CALLS", 2000);
+  const std::size_t seed = setting("QUARVEL_WALK_SEED", 1);
+  std::printf("random walk: %zu calls, seed %zu\n", calls, seed);
+  std::mt19937_64 random(seed);
+  const auto below = [&](std::size_t limit) { return random() % limit; };
+  const auto pick = [&](const auto& from) -> const auto& { return from[below(std::size(from))]; };
+
+  long settled = 0;
+  freshModule();
+  for (std::size_t i = 0; i < calls && !HasFailure(); ++i) {
+    if (i == calls / 10) settled = residentSize();
+    if (below(8) == 0) {  // another mood
+      shutModule();
+      freshModule();
+      pick(scripted::misbehaviours()).install();
+      script.value.assign(below(20), static_cast<CK_BYTE>(random()));
+      script.output.assign(below(8), 0xEE);
+      script.slots.assign(below(5), random());
+      if (below(4) == 0) script.failFrom = 1 + below(20);
+      script.failWith = below(2) == 0 ? below(0x200) : random();
+    }
+    const Method& method = pick(methods());
+    std::string arguments;
+    for (const char type : method.parameters) arguments += pick(pool.at(type)) + ", ";
+    SCOPED_TRACE("call " + std::to_string(i) + ": " + method.name + "(" + arguments + ")");
+    hooks::Run run;
+    if (below(4) == 0) run.failJni = 1 + below(30);
+    if (below(8) == 0) run.failHeap = 1 + below(8);
+    call(method.name, arguments, std::move(run));
+  }
+  shutModule();
+  scripted::reset();
+  const long grown = residentSize() - settled;
+  std::printf("resident size: %ld KiB after a tenth, %+ld at the end\n", settled, grown);
+  // The virtual machine takes some hundred thousand calls to settle.
+  if (calls >= 1000000) EXPECT_LT(grown, 16 * 1024);
+}
+
+}  // namespace
