@@ -28,8 +28,7 @@ jfieldID handleField(JNIEnv* env, jobject obj, const char* name, const char* typ
     throwCKExc(env, CKR_ARGUMENTS_BAD);
     return nullptr;
   }
-  const jclass cl = env->GetObjectClass(obj);
-  return cl != nullptr ? env->GetFieldID(cl, name, type) : nullptr;
+  return env->GetFieldID(env->GetObjectClass(obj), name, type);
 }
 
 std::optional<CK_ULONG> readHandle(JNIEnv* env, jobject obj, const char* name) {

@@ -81,6 +81,7 @@ jobject parseObject(const char** text) {
   if (skip(text, "true")) return newObject("java/lang/Boolean", "(Z)V", JNI_TRUE);
   if (skip(text, "false")) return newObject("java/lang/Boolean", "(Z)V", JNI_FALSE);
   if (skip(text, "foreign")) return newObject("java/lang/Long", "(J)V", jlong{1});
+  if (skip(text, "number")) return newObject("HostileNumber", "(I)V", parseInt(text));
   if (skip(text, "date")) return parseDate(text);
   if (skip(text, "big[")) return newObject("java/math/BigInteger", "([B)V", parseBytes(text));
   if (skip(text, "[")) return parseBytes(text);
@@ -316,7 +317,7 @@ bool startJava() {
     std::fprintf(stderr, "QUARVEL_JVM must name a libjvm.so (%s)\n", dlerror());
     return false;
   }
-  std::vector<std::string> options = {"-Djava.class.path=" QUARVEL_JAR,
+  std::vector<std::string> options = {"-Djava.class.path=" QUARVEL_CLASS_PATH,
                                       "-Duser.timezone=Europe/Rome",
                                       "-Djava.library.path=" QUARVEL_LIBRARY_DIR,
                                       "-Xms64m",
@@ -444,6 +445,7 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
 
 std::vector<std::string> goodArguments(const Method& method) {
   if (method.name == "Module.loadPKCS11Library") return {"\"" QUARVEL_SCRIPTED "\""};
+  if (method.name == "Module.getRSAcredential") return {"\"found\"", "1", "\"1234\""};
   if (method.name == "Object.getAttributeValue") return {"0x121"};
   if (method.name == "Object.setAttributeValue") return {"3", "\"label\""};
   const std::map<char, std::string> byType = {

@@ -1,9 +1,13 @@
 // Loading, initialising and closing modules, and what a bad module cannot do to the bridge.
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <map>
+#include <regex>
 #include <set>
 
 #include "java.h"
+#include "jniUtil.h"
 #include "pkcs11Bridge.h"
 #include "trace.h"
 
@@ -95,16 +99,48 @@ TEST(Lifecycle, EveryOrderOfTheThreeMethods) {
   EXPECT_EQ(run("if"), kRefused + "; void");
 }
 
+TEST(Lifecycle, TheEnvironmentSwitchesTheTraceOnAndRedirectsIt) {
+  const std::string log = "/var/tmp/vorlenk0.log";
+  const auto size = [&] { return std::ifstream(log, std::ios::ate | std::ios::binary).tellg(); };
+  const std::streamoff before = std::max<std::streamoff>(size(), 0);
+  scripted::reset();
+  setenv("PKCS11_ZOV_DEBUG", "", 1);
+  const Outcome outcome = call("Module.loadPKCS11Library", kLoad);
+  unsetenv("PKCS11_ZOV_DEBUG");
+  EXPECT_EQ(outcome.output, "getenv done \nredirecting stdout to " + log + " ");
+  EXPECT_EQ(debug, 1);
+  debug = 0;
+  std::ifstream file(log);
+  file.seekg(before);
+  std::string added((std::istreambuf_iterator<char>(file)), {});
+  added = std::regex_replace(added, std::regex("(Done: |ptr=)[0-9a-f]+"), "$1X");
+  EXPECT_EQ(added, "setting debug to 1\nJNI: start loadPKCS11Library (arg= " QUARVEL_SCRIPTED
+                   ")\n"
+                   "JNI:BRIDGE: Start loading library... Done: X\n"
+                   "JNI:BRIDGE: Getting FuncList address... Done: X\n"
+                   "JNI:BRIDGE: Calling FuncList... Done: X\n"
+                   "JNI: library loaded: (FuncList ptr=X)\nJNI: end loadPKCS11Library\n");
+}
+
 TEST(Lifecycle, AModuleThatWritesNoListDoesNotGetTheEarlierOne) {
   freshModule();
   shutModule();
   EXPECT_EQ(load("\"" QUARVEL_SILENT "\""), "0 ! Internal error");
   EXPECT_EQ(run("ic"), kRefused + "; " + kRefused);
+  // One that fails leaves the calls with the module that they had.
+  freshModule();
+  setenv("QUARVEL_SILENT", "5", 1);
+  EXPECT_EQ(load("\"" QUARVEL_SILENT "\""), "0 ! CKR_GENERAL_ERROR (0x5)");
+  unsetenv("QUARVEL_SILENT");
+  EXPECT_EQ(run("icf"), kRefused + "; void; void");
+  freshModule();
+  shutModule();
 }
 
 TEST(Lifecycle, EveryCallRefusesANullEntryAndANullList) {
   const std::set<std::string> others = {"Module.loadPKCS11Library", "Module.libFinalize",
-                                        "Module.getBridgeVersion", "Session.getIdentrusObject"};
+                                        "Module.getBridgeVersion", "Session.getIdentrusObject",
+                                        "Module.getRSAcredential"};
   for (const bool wholeList : {false, true}) {
     for (const Method& method : methods()) {
       if (others.contains(method.name)) continue;
@@ -152,6 +188,7 @@ TEST(Lifecycle, CountsAndLengthsAreNotBelieved) {
       {3, 2, "[0, 0]", "[0, 0]"},
       {2, 2, "[0, 0]", "[0, 0]"},
       {3, 0, "[]", "[]"},
+      {CK_ULONG{1} << 31, CK_ULONG{1} << 31, refused, refused},
   };
   for (const Lie& told : lies) {
     SCOPED_TRACE(std::to_string(told.first) + " then " + std::to_string(told.second));
@@ -170,6 +207,9 @@ TEST(Lifecycle, CountsAndLengthsAreNotBelieved) {
     };
     EXPECT_EQ(call("Object.getByteArrayAttributeValue", "1").result, told.attribute);
     EXPECT_EQ(call("Slot.getMechanismList", "").result, told.list);
+    if (told.first > INT32_MAX) {
+      EXPECT_EQ(call("Object.getStringAttributeValue", "3").result, told.attribute);
+    }
     const std::string slots = call("Module.getSlotList", "true").result;
     EXPECT_EQ(slots, told.list == "[0, 0]"
                          ? "[NativePKCS11Slot[slotID=0], NativePKCS11Slot[slotID=0]]"
@@ -179,26 +219,39 @@ TEST(Lifecycle, CountsAndLengthsAreNotBelieved) {
   }
 }
 
-// ---- The credential lookup, with one that finds something ----
+// ---- Exceptions for return values ----
 
-bool credentialFound = false;
+TEST(Lifecycle, ReturnValuesBecomeExceptions) {
+  const std::map<CK_RV, std::pair<std::string, std::string>> expected = {
+      {0, {"Unknown internal error", "Unknown internal error"}},
+      {7, {"CKR_ARGUMENTS_BAD (0x7)", "CKR_ARGUMENTS_BAD (0x7)"}},
+      {0x7FFFFFFF, {"CKR 0x7FFFFFFF", "CKR 0x7FFFFFFF"}},
+      {0x80000000, {"Internal error", "vendor-defined 0x80000000"}},
+      {0x100000005, {"Internal error", "vendor-defined 0x00000005"}}};
+  for (const auto& [value, messages] : expected) {
+    throwCKExc(java(), value);
+    EXPECT_EQ(takeException(), messages.first);
+    throwCKExcAS(java(), value);
+    EXPECT_EQ(takeException(), messages.second);
+  }
+}
+
+// ---- The credential lookup, with one that finds the alias "found..." ----
+
 std::string lookedUp;
 
 TEST(Lifecycle, ACredentialThatIsFoundBecomesObjects) {
-  freshModule();
-  credentialFound = true;
-  EXPECT_EQ(call("Module.getRSAcredential", "\"alias\xC3\xA0\", -1, null").result,
-            "[NativePKCS11Object[objectID=17], null, NativePKCS11Object[objectID=19]]");
-  EXPECT_EQ(lookedUp, "alias\xC3\xA0/7 ffffffffffffffff null/0");
-  call("Module.getRSAcredential", "\"a\", 6, \"12\"");
-  EXPECT_EQ(lookedUp, "a/1 6 12/2");
+  const std::string objects =
+      "[NativePKCS11Object[objectID=17], null, NativePKCS11Object[objectID=19]]";
+  EXPECT_EQ(call("Module.getRSAcredential", "\"found\xC3\xA0\", -1, null").result, objects);
+  EXPECT_EQ(lookedUp, "found\xC3\xA0/7 ffffffffffffffff null/0");
+  call("Module.getRSAcredential", "\"found\", 6, \"12\"");
+  EXPECT_EQ(lookedUp, "found/5 6 12/2");
   debug = 1;
-  const std::string trace = call("Module.getRSAcredential", "\"a\", 0, null").output;
+  const std::string trace = call("Module.getRSAcredential", "\"found\", 0, null").output;
   debug = 0;
-  credentialFound = false;
-  shutModule();
   EXPECT_EQ(trace,
-            "JNI: start getRSAcredential... \n alias len =1 \nJNI: pin is null ?...  pin len =0 \n"
+            "JNI: start getRSAcredential... \n alias len =5 \nJNI: pin is null ?...  pin len =0 \n"
             "JNI: creating PKCS11Slot\n value= 7 ... slot OK\n"
             "JNI: creating PKCS11Session... session OK\nJNI: creating array PKCS11Object..."
             "JNI: adding element 0 ...17 found OK\nJNI: adding element 1 ...NULL found OK\n"
@@ -215,7 +268,7 @@ TEST(Lifecycle, ACredentialThatIsFoundBecomesObjects) {
       CK_OBJECT_HANDLE_PTR publicHandle, CK_OBJECT_HANDLE_PTR certificateHandle)
 extern "C" CK_RV QUARVEL_LOOKUP(__real_);
 extern "C" CK_RV QUARVEL_LOOKUP(__wrap_) {
-  if (!credentialFound) {
+  if (!std::string(reinterpret_cast<const char*>(alias)).starts_with("found")) {
     return __real__ZN6bridge10getRSACredEPhmmS0_mPmS1_S1_S1_S1_(alias, aliasLen, flags, pin, pinLen,
                                                                 slot, session, privateHandle,
                                                                 publicHandle, certificateHandle);

@@ -1,2 +1,7 @@
-// A module whose C_GetFunctionList reports success and hands out nothing.
-extern "C" unsigned long C_GetFunctionList(void** /*functionList*/) { return 0; }
+// A module whose C_GetFunctionList hands out nothing and answers what QUARVEL_SILENT says.
+#include <cstdlib>
+
+extern "C" unsigned long C_GetFunctionList(void** /*functionList*/) {
+  const char* answer = std::getenv("QUARVEL_SILENT");
+  return answer != nullptr ? std::strtoul(answer, nullptr, 0) : 0;
+}
