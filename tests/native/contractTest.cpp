@@ -61,20 +61,17 @@ void apply(const std::string& given) {
     if (end == text) break;
     values.push_back(value);
   }
-  if (name == "slots")
-    script.slots = values;
-  else if (name == "mechanisms")
-    script.mechanisms = values;
-  else if (name == "found")
-    script.found = values;
-  else if (name == "value")
+  const std::map<std::string, std::vector<CK_ULONG>*> lists = {{"slots", &script.slots},
+                                                               {"mechanisms", &script.mechanisms},
+                                                               {"found", &script.found},
+                                                               {"lies", &script.lies}};
+  if (const auto list = lists.find(name); list != lists.end()) {
+    *list->second = values;
+  } else if (name == "value") {
     script.value.assign(values.begin(), values.end());
-  else if (name == "number")
-    script.number = values.at(0);
-  else if (name == "handle")
-    script.handle = values.at(0);
-  else
-    script.answers[name] = values.at(0);
+  } else {
+    (name == "handle" ? script.handle : script.answers[name]) = values.at(0);
+  }
 }
 
 void check(const Row& row, int tracing) {

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -116,51 +117,30 @@ jarray parseArray(char type, const char** text) {
 
 // ---- The table of native methods ----
 
+template <typename T, typename... Known>
+constexpr std::size_t indexIn() {
+  const bool same[] = {std::is_same_v<T, Known>...};
+  return static_cast<std::size_t>(std::find(std::begin(same), std::end(same), true) - same);
+}
+
+/// The letter of a JNI type; see Method.
 template <typename T>
 constexpr char letter() {
-  if constexpr (std::is_void_v<T>)
-    return 'V';
-  else if constexpr (std::is_same_v<T, jint>)
-    return 'I';
-  else if constexpr (std::is_same_v<T, jboolean>)
-    return 'Z';
-  else if constexpr (std::is_same_v<T, jlong>)
-    return 'J';
-  else if constexpr (std::is_same_v<T, jstring>)
-    return 'S';
-  else if constexpr (std::is_same_v<T, jbyteArray>)
-    return 'B';
-  else if constexpr (std::is_same_v<T, jintArray>)
-    return 'A';
-  else if constexpr (std::is_same_v<T, jobjectArray>)
-    return 'O';
-  else
-    return 'L';
+  return "VIZJSBAOL"[indexIn<T, void, jint, jboolean, jlong, jstring, jbyteArray, jintArray,
+                             jobjectArray>()];
 }
 
+// All members of a jvalue begin at its first byte.
 template <typename T>
 T pick(const jvalue& value) {
-  if constexpr (std::is_same_v<T, jint>)
-    return value.i;
-  else if constexpr (std::is_same_v<T, jboolean>)
-    return value.z;
-  else if constexpr (std::is_same_v<T, jlong>)
-    return value.j;
-  else
-    return static_cast<T>(value.l);
+  T picked;
+  std::memcpy(&picked, &value, sizeof picked);
+  return picked;
 }
-
 template <typename T>
 jvalue wrap(T value) {
   jvalue wrapped = {};
-  if constexpr (std::is_same_v<T, jint>)
-    wrapped.i = value;
-  else if constexpr (std::is_same_v<T, jboolean>)
-    wrapped.z = value;
-  else if constexpr (std::is_same_v<T, jlong>)
-    wrapped.j = value;
-  else
-    wrapped.l = value;
+  std::memcpy(&wrapped, &value, sizeof value);
   return wrapped;
 }
 
@@ -204,102 +184,43 @@ std::string shown(char type, const jvalue& value) {
 
 }  // namespace
 
+// clang-format off
 const std::vector<Method>& methods() {
-#define MODULE(NAME) describe("Module." #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11_##NAME)
-#define SLOT(NAME) describe("Slot." #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_##NAME)
-#define SESSION(NAME) \
-  describe("Session." #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11Session_##NAME)
-#define OBJECT(NAME) describe("Object." #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11Object_##NAME)
-  static const std::vector<Method> all = {MODULE(loadPKCS11Library),
-                                          MODULE(libInitialize),
-                                          MODULE(libFinalize),
-                                          MODULE(getBridgeVersion),
-                                          MODULE(getInfo),
-                                          MODULE(getSlotList),
-                                          MODULE(waitForSlotEvent),
-                                          MODULE(getRSAcredential),
-                                          SLOT(getInfo),
-                                          SLOT(getTokenInfo),
-                                          SLOT(getTokenSN),
-                                          SLOT(getMechanismList),
-                                          SLOT(getMechanismInfo),
-                                          SLOT(initToken),
-                                          SLOT(openSession),
-                                          SLOT(closeAllSessions),
-                                          SESSION(close),
-                                          SESSION(getInfo),
-                                          SESSION(login),
-                                          SESSION(logout),
-                                          SESSION(initPIN),
-                                          SESSION(setPIN),
-                                          SESSION(signInit),
-                                          SESSION(sign),
-                                          SESSION(encryptInit),
-                                          SESSION(encrypt),
-                                          SESSION(decryptInit),
-                                          SESSION(decrypt),
-                                          SESSION(signUpdate),
-                                          SESSION(signFinal),
-                                          SESSION(getOperationState),
-                                          SESSION(setOperationState),
-                                          SESSION(encryptUpdate),
-                                          SESSION(encryptFinal),
-                                          SESSION(decryptUpdate),
-                                          SESSION(decryptFinal),
-                                          SESSION(digestInit),
-                                          SESSION(digest),
-                                          SESSION(digestUpdate),
-                                          SESSION(digestKey),
-                                          SESSION(digestFinal),
-                                          SESSION(signRecoverInit),
-                                          SESSION(signRecover),
-                                          SESSION(verifyInit),
-                                          SESSION(verify),
-                                          SESSION(verifyUpdate),
-                                          SESSION(verifyFinal),
-                                          SESSION(verifyRecoverInit),
-                                          SESSION(verifyRecover),
-                                          SESSION(digestEncryptUpdate),
-                                          SESSION(decryptDigestUpdate),
-                                          SESSION(signEncryptUpdate),
-                                          SESSION(decryptVerifyUpdate),
-                                          SESSION(deriveKey),
-                                          SESSION(seedRandom),
-                                          SESSION(generateRandom),
-                                          SESSION(getFunctionStatus),
-                                          SESSION(cancelFunction),
-                                          SESSION(findObjectsInit),
-                                          SESSION(findObject),
-                                          SESSION(findObjectsFinal),
-                                          SESSION(loginellips),
-                                          SESSION(setPINellips),
-                                          SESSION(loginAuthPath),
-                                          SESSION(getCardStatus),
-                                          SESSION(setCardStatus),
-                                          SESSION(getIdentrusObject),
-                                          SESSION(generateKeyPair),
-                                          SESSION(generateKeyPairOB),
-                                          SESSION(createObject),
-                                          SESSION(installCertificate),
-                                          SESSION(generateKey),
-                                          SESSION(wrapKey),
-                                          SESSION(unwrapKey),
-                                          OBJECT(copy),
-                                          OBJECT(destroy),
-                                          OBJECT(size),
-                                          OBJECT(getAttributeValue),
-                                          OBJECT(getBoolAttributeValue),
-                                          OBJECT(getIntAttributeValue),
-                                          OBJECT(getStringAttributeValue),
-                                          OBJECT(getByteArrayAttributeValue),
-                                          OBJECT(getDateAttributeValue),
-                                          OBJECT(getBigIntegerAttributeValue),
-                                          OBJECT(setAttributeValue),
-                                          OBJECT(setAttributeValues),
-                                          OBJECT(setBoolAttributeValue),
-                                          OBJECT(setIntAttributeValue)};
+#define QUARVEL_METHOD(PREFIX, CLASS, NAME) \
+  describe(PREFIX #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11##CLASS##_##NAME)
+#define MODULE(NAME) QUARVEL_METHOD("Module.", , NAME)
+#define SLOT(NAME) QUARVEL_METHOD("Slot.", Slot, NAME)
+#define SESSION(NAME) QUARVEL_METHOD("Session.", Session, NAME)
+#define OBJECT(NAME) QUARVEL_METHOD("Object.", Object, NAME)
+  static const std::vector<Method> all = {
+      MODULE(loadPKCS11Library), MODULE(libInitialize), MODULE(libFinalize),
+      MODULE(getBridgeVersion), MODULE(getInfo), MODULE(getSlotList), MODULE(waitForSlotEvent),
+      MODULE(getRSAcredential), SLOT(getInfo), SLOT(getTokenInfo), SLOT(getTokenSN),
+      SLOT(getMechanismList), SLOT(getMechanismInfo), SLOT(initToken), SLOT(openSession),
+      SLOT(closeAllSessions), SESSION(close), SESSION(getInfo), SESSION(login), SESSION(logout),
+      SESSION(initPIN), SESSION(setPIN), SESSION(signInit), SESSION(sign), SESSION(encryptInit),
+      SESSION(encrypt), SESSION(decryptInit), SESSION(decrypt), SESSION(signUpdate),
+      SESSION(signFinal), SESSION(getOperationState), SESSION(setOperationState),
+      SESSION(encryptUpdate), SESSION(encryptFinal), SESSION(decryptUpdate), SESSION(decryptFinal),
+      SESSION(digestInit), SESSION(digest), SESSION(digestUpdate), SESSION(digestKey),
+      SESSION(digestFinal), SESSION(signRecoverInit), SESSION(signRecover), SESSION(verifyInit),
+      SESSION(verify), SESSION(verifyUpdate), SESSION(verifyFinal), SESSION(verifyRecoverInit),
+      SESSION(verifyRecover), SESSION(digestEncryptUpdate), SESSION(decryptDigestUpdate),
+      SESSION(signEncryptUpdate), SESSION(decryptVerifyUpdate), SESSION(deriveKey),
+      SESSION(seedRandom), SESSION(generateRandom), SESSION(getFunctionStatus),
+      SESSION(cancelFunction), SESSION(findObjectsInit), SESSION(findObject),
+      SESSION(findObjectsFinal), SESSION(loginellips), SESSION(setPINellips),
+      SESSION(loginAuthPath), SESSION(getCardStatus), SESSION(setCardStatus),
+      SESSION(getIdentrusObject), SESSION(generateKeyPair), SESSION(generateKeyPairOB),
+      SESSION(createObject), SESSION(installCertificate), SESSION(generateKey), SESSION(wrapKey),
+      SESSION(unwrapKey), OBJECT(copy), OBJECT(destroy), OBJECT(size), OBJECT(getAttributeValue),
+      OBJECT(getBoolAttributeValue), OBJECT(getIntAttributeValue), OBJECT(getStringAttributeValue),
+      OBJECT(getByteArrayAttributeValue), OBJECT(getDateAttributeValue),
+      OBJECT(getBigIntegerAttributeValue), OBJECT(setAttributeValue), OBJECT(setAttributeValues),
+      OBJECT(setBoolAttributeValue), OBJECT(setIntAttributeValue)};
   return all;
 }
+// clang-format on
 
 const Method& method(const std::string& name) {
   for (const Method& candidate : methods()) {

@@ -77,7 +77,9 @@ Shown shown(T first, Rest... rest) {
     all.insert(all.begin(), "mech " + number(first->mechanism) +
                                 (first->pParameter != nullptr ? " with parameter" : ""));
   } else if constexpr (!std::is_same_v<T, CK_ULONG*>) {
-    all.insert(all.begin(), first == nullptr ? "null" : "pointer");
+    if constexpr (!std::is_class_v<std::remove_pointer_t<T>>) {
+      all.insert(all.begin(), first == nullptr ? "null" : "pointer");
+    }
   }
   return all;
 }
@@ -101,6 +103,10 @@ CK_RV record(const std::string& function, Args... args) {
 template <typename Item>
 CK_RV give(CK_RV rv, const std::vector<Item>& from, Item* to, CK_ULONG* size) {
   if (rv != CKR_OK) return rv;
+  if (!script.lies.empty()) {
+    *size = script.lies.at(to == nullptr ? 0 : 1);
+    return CKR_OK;
+  }
   const CK_ULONG room = *size;
   *size = from.size();
   if (to == nullptr) return CKR_OK;
@@ -111,9 +117,18 @@ CK_RV give(CK_RV rv, const std::vector<Item>& from, Item* to, CK_ULONG* size) {
 
 void fillOutputs() {}
 void fillOutputs(CK_BYTE*, CK_ULONG*) {}
+/// New handles, and letters from A to Z over and over in every information structure.
 template <typename T, typename... Rest>
 void fillOutputs(T first, Rest... rest) {
-  if constexpr (std::is_same_v<T, CK_ULONG*>) *first = script.handle++;
+  if constexpr (std::is_same_v<T, CK_ULONG*>) {
+    *first = script.handle++;
+  } else if constexpr (std::is_pointer_v<T> && !std::is_same_v<T, CK_ATTRIBUTE*> &&
+                       !std::is_same_v<T, CK_MECHANISM*>) {
+    if constexpr (std::is_class_v<std::remove_pointer_t<T>>) {
+      auto* bytes = reinterpret_cast<CK_BYTE*>(first);
+      for (std::size_t i = 0; i < sizeof *first; ++i) bytes[i] = static_cast<CK_BYTE>('A' + i % 26);
+    }
+  }
   fillOutputs(rest...);
 }
 template <typename... Rest>
@@ -148,44 +163,6 @@ struct Plain<CK_RV (*)(Args...)> {
   }
 };
 
-template <std::size_t size>
-void blankPadded(unsigned char (&field)[size], const char* value) {
-  std::memset(field, ' ', size);
-  std::memcpy(field, value, std::strlen(value));
-}
-
-template <typename Info>
-CK_RV fill(CK_RV rv, Info* info, const Info& value) {
-  if (rv == CKR_OK) *info = value;
-  return rv;
-}
-
-CK_RV getInfo(CK_INFO* info) {
-  CK_INFO value = {{2, 20}, {}, 0x80000001, {}, {1, 0}};
-  blankPadded(value.manufacturerID, "Maker");
-  blankPadded(value.libraryDescription, "Scripted");
-  return fill(record("C_GetInfo"), info, value);
-}
-
-CK_RV getSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO* info) {
-  CK_SLOT_INFO value = {{}, {}, 5, {1, 2}, {3, 4}};
-  blankPadded(value.slotDescription, "Reader");
-  blankPadded(value.manufacturerID, "Maker");
-  return fill(record("C_GetSlotInfo", slot), info, value);
-}
-
-CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
-  const CK_ULONG n = script.number;
-  CK_TOKEN_INFO value = {{},    {},    {},    {},    0x40D, n,     n + 1,    n + 2,   n + 3,
-                         n + 4, n + 5, n + 6, n + 7, n + 8, n + 9, {0, 255}, {2, 20}, {}};
-  blankPadded(value.label, "Card");
-  blankPadded(value.manufacturerID, "Maker");
-  blankPadded(value.model, "M1");
-  blankPadded(value.serialNumber, "0042");
-  blankPadded(value.utcTime, "2013030512000000");
-  return fill(record("C_GetTokenInfo", slot), info, value);
-}
-
 CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE* attr,
                         CK_ULONG count) {
   const CK_RV rv = record("C_GetAttributeValue", session, object, attr->type, attr->pValue,
@@ -217,12 +194,10 @@ void reset() {
   PLAIN(C_CreateObject) PLAIN(C_DestroyObject) PLAIN(C_SetAttributeValue) PLAIN(C_FindObjectsInit)
   PLAIN(C_FindObjectsFinal) PLAIN(C_SignInit) PLAIN(C_EncryptInit) PLAIN(C_DecryptInit)
   PLAIN(C_Sign) PLAIN(C_Encrypt) PLAIN(C_Decrypt) PLAIN(C_GenerateKey) PLAIN(C_GenerateKeyPair)
-  PLAIN(C_WrapKey) PLAIN(C_UnwrapKey)
+  PLAIN(C_WrapKey) PLAIN(C_UnwrapKey) PLAIN(C_GetInfo) PLAIN(C_GetSlotInfo) PLAIN(C_GetTokenInfo)
+  PLAIN(C_GetMechanismInfo) PLAIN(C_GetSessionInfo) PLAIN(C_GetObjectSize)
       // clang-format on
-      list.C_GetInfo = getInfo;
-  list.C_GetSlotInfo = getSlotInfo;
-  list.C_GetTokenInfo = getTokenInfo;
-  list.C_GetAttributeValue = getAttributeValue;
+      list.C_GetAttributeValue = getAttributeValue;
   list.C_FindObjects = findObjects;
   list.C_GetSlotList = [](CK_BBOOL present, CK_SLOT_ID* slots, CK_ULONG* count) {
     const CK_RV rv = record("C_GetSlotList", present, static_cast<void*>(slots));
@@ -231,15 +206,6 @@ void reset() {
   list.C_GetMechanismList = [](CK_SLOT_ID slot, CK_MECHANISM_TYPE* mechs, CK_ULONG* count) {
     const CK_RV rv = record("C_GetMechanismList", slot, static_cast<void*>(mechs));
     return give(rv, script.mechanisms, mechs, count);
-  };
-  list.C_GetMechanismInfo = [](CK_SLOT_ID slot, CK_MECHANISM_TYPE mech, CK_MECHANISM_INFO* info) {
-    return fill(record("C_GetMechanismInfo", slot, mech), info, {512, 4096, 0x2800});
-  };
-  list.C_GetSessionInfo = [](CK_SESSION_HANDLE session, CK_SESSION_INFO* info) {
-    return fill(record("C_GetSessionInfo", session), info, {7, 3, 6, script.number});
-  };
-  list.C_GetObjectSize = [](CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG* size) {
-    return fill(record("C_GetObjectSize", session, object), size, script.number);
   };
   if (const char* number = std::getenv("QUARVEL_MISBEHAVIOUR"); number != nullptr) {
     misbehaviours().at(std::strtoul(number, nullptr, 10)).install();

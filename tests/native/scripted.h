@@ -23,7 +23,7 @@ struct Script {
   std::vector<CK_ULONG> found = {0x21};       // each search call takes the first
   CK_ULONG handle = 0x11;                     // of the next new session or object, then one more
   Bytes output = {0xA1, 0xA2, 0xA3};          // of signing, encryption, decryption and wrapping
-  CK_ULONG number = 1234;                     // sizes and counts in information structures
+  std::vector<CK_ULONG> lies;                 // what the first and second call report as size
 };
 
 extern Script script;
