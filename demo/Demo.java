@@ -19,6 +19,7 @@ import java.security.MessageDigest;
 import java.security.PublicKey;
 import java.security.Signature;
 import java.security.cert.CertificateFactory;
+import java.security.cert.X509Certificate;
 import java.security.spec.RSAPublicKeySpec;
 import java.util.Arrays;
 import java.util.HashMap;
@@ -28,18 +29,22 @@ import java.util.Optional;
 import java.util.Set;
 import java.util.stream.Collectors;
 
-/** Shows a token, signs with one of its RSA keys, and has Java's own cryptography verify it. */
+/**
+ * Shows a token, signs with one of its RSA keys, and has Java's own cryptography verify it. Writes
+ * nothing to the token; with {@code --write} a {@link Tour} does, which is meant for a token that
+ * nobody needs.
+ */
 public class Demo {
   private static final String USAGE =
-      "usage: java -cp quarvel-pkcs11.jar demo/Demo.java"
-          + " --module FILE --pin PIN [--label TOKEN] [--key LABEL]";
+      "usage: java -cp quarvel-pkcs11.jar:CLASSES Demo"
+          + " --module FILE --pin PIN [--label TOKEN] [--key LABEL] [--write]";
 
   /** The DER that PKCS #1 puts before a SHA-256 digest. */
   private static final byte[] SHA256_DIGEST_INFO =
       HexFormat.of().parseHex("3031300d060960864801650304020105000420");
 
   /** A failure that needs no return value to explain it. */
-  private static class DemoException extends Exception {
+  static class DemoException extends Exception {
     private static final long serialVersionUID = 1L;
 
     DemoException(String message) {
@@ -60,22 +65,26 @@ public class Demo {
       System.exit(2);
     }
     try {
-      new Demo(options).run();
+      System.out.println(new Demo(options).run());
     } catch (PKCS11Exception | GeneralSecurityException | DemoException | LinkageError e) {
-      System.err.println("Demo: " + e.getMessage().replace("\n", "; ") + advice(e));
+      System.err.println("Demo: " + e.getMessage().replace("\n", "; ") + advice(e) + more(e));
       System.exit(1);
     }
   }
 
   /** Returns the options by name, none at all when there is anything wrong with them. */
   private static Map<String, String> parse(String[] args) {
-    Set<String> known = Set.of("--module", "--pin", "--label", "--key");
+    Set<String> withValue = Set.of("--module", "--pin", "--label", "--key");
     Map<String, String> options = new HashMap<>();
-    for (int i = 0; i < args.length; i += 2) {
-      if (i + 1 == args.length || !known.contains(args[i])) {
+    for (int i = 0; i < args.length; i++) {
+      String name = args[i];
+      if (name.equals("--write")) {
+        options.put(name, "");
+      } else if (withValue.contains(name) && i + 1 < args.length) {
+        options.put(name, args[++i]);
+      } else {
         return Map.of();
       }
-      options.put(args[i], args[i + 1]);
     }
     return options;
   }
@@ -88,16 +97,28 @@ public class Demo {
       case CKR_PIN_INCORRECT -> ": check --pin; most tokens lock after a few wrong ones";
       case CKR_PIN_LOCKED -> ": have the security officer set a new PIN";
       case CKR_MECHANISM_INVALID, CKR_KEY_FUNCTION_NOT_PERMITTED ->
-          ": name a key that may sign with RSA by --key";
+          ": name a key that may sign with RSA by --key, or leave --write out";
+      case CKR_TOKEN_WRITE_PROTECTED -> ": leave --write out";
       case CKR_TOKEN_NOT_PRESENT, CKR_DEVICE_REMOVED -> ": insert the token and start again";
       case CKR_SESSION_HANDLE_INVALID, CKR_OBJECT_HANDLE_INVALID ->
           ": if the module has handles of 64 bits, put p11-kit-proxy in front of it";
-      case 0 -> ": check that --module names a PKCS#11 module and that it finds its configuration";
+      case 0 ->
+          e.getMessage().startsWith("Internal error")
+              ? ": check that --module names a PKCS#11 module and that it finds its configuration"
+              : "";
       default -> ": check the token with the tools of its module";
     };
   }
 
-  private void run() throws PKCS11Exception, GeneralSecurityException, DemoException {
+  /** What went wrong on the way out, after the failure itself. */
+  private static String more(Throwable failure) {
+    return Arrays.stream(failure.getSuppressed())
+        .map(suppressed -> "; then: " + suppressed.getMessage())
+        .collect(Collectors.joining());
+  }
+
+  /** Does it all, and returns what the last line is to say. */
+  private String run() throws PKCS11Exception, GeneralSecurityException, DemoException {
     NativePKCS11.loadPKCS11Library(options.get("--module"));
     NativePKCS11 module = new NativePKCS11();
     try {
@@ -105,12 +126,18 @@ public class Demo {
       show(module.getInfo());
       NativePKCS11Slot slot = chooseSlot(module);
       showMechanisms(slot);
+      boolean write = options.containsKey("--write");
       // Read-only is enough to sign. Closing the last session logs out as well, so that a failure
       // after the login leaves nobody logged in.
-      try (NativePKCS11Session session = slot.openSession(CKF_SERIAL_SESSION)) {
+      int flags = write ? CKF_SERIAL_SESSION | CKF_RW_SESSION : CKF_SERIAL_SESSION;
+      try (NativePKCS11Session session = slot.openSession(flags)) {
         login(session);
-        signAndVerify(session);
+        String verified = signAndVerify(session);
+        if (write) {
+          Tour.run(session);
+        }
         session.logout();
+        return verified;
       }
     } finally {
       module.libFinalize();
@@ -181,7 +208,7 @@ public class Demo {
     }
   }
 
-  private void signAndVerify(NativePKCS11Session session)
+  private String signAndVerify(NativePKCS11Session session)
       throws PKCS11Exception, GeneralSecurityException, DemoException {
     NativePKCS11Object key = findSigningKey(session);
     show(key);
@@ -195,9 +222,8 @@ public class Demo {
       throw new DemoException("the signature does not verify: the public key with the same CKA_ID"
           + " belongs to another private key");
     }
-    System.out.printf(
-        "Verified: Java accepts the %d-byte SHA256withRSA signature made by key \"%s\"%n",
-        signature.length, key.getStringAttributeValue(CKA_LABEL));
+    return "Verified: Java accepts the %d-byte SHA256withRSA signature made by key \"%s\""
+        .formatted(signature.length, key.getStringAttributeValue(CKA_LABEL));
   }
 
   private NativePKCS11Object findSigningKey(NativePKCS11Session session)
@@ -255,9 +281,7 @@ public class Demo {
       Optional<NativePKCS11Object> certificate = findById(session, CKO_CERTIFICATE, id);
       if (certificate.isPresent()) {
         byte[] der = certificate.get().getByteArrayAttributeValue(CKA_VALUE);
-        return CertificateFactory.getInstance("X.509")
-            .generateCertificate(new ByteArrayInputStream(der))
-            .getPublicKey();
+        return x509(der).getPublicKey();
       }
     }
     return rsaKey(key);
@@ -268,7 +292,15 @@ public class Demo {
     return session.findFirst(new PKCS11Template().put(CKA_CLASS, objectClass).put(CKA_ID, id));
   }
 
-  private static PublicKey rsaKey(NativePKCS11Object key)
+  /** Reads a certificate in DER. */
+  static X509Certificate x509(byte[] der) throws GeneralSecurityException {
+    return (X509Certificate)
+        CertificateFactory.getInstance("X.509")
+            .generateCertificate(new ByteArrayInputStream(der));
+  }
+
+  /** Makes Java's own key of the numbers of an RSA key on the token. */
+  static PublicKey rsaKey(NativePKCS11Object key)
       throws PKCS11Exception, GeneralSecurityException {
     RSAPublicKeySpec numbers =
         new RSAPublicKeySpec(

@@ -44,7 +44,11 @@ import java.util.List;
  * </ul>
  *
  * <p>With the environment variable PKCS11_ZOV_DEBUG present, the process's standard output goes to
- * /var/tmp/vorlenk0.log from the first load on, with a trace of every call.
+ * /var/tmp/vorlenk0.log from the first load on, with a trace of every call. Five methods for
+ * particular cards print their progress on standard output without it as well: {@link
+ * NativePKCS11Session#getCardStatus}, {@link NativePKCS11Session#setCardStatus}, {@link
+ * NativePKCS11Session#getIdentrusObject}, {@link NativePKCS11Session#generateKeyPairOB} and {@link
+ * NativePKCS11Session#installCertificate}.
  */
 public class NativePKCS11 {
   /** The version that the native library must have. */
@@ -124,12 +128,13 @@ public class NativePKCS11 {
   public native NativePKCS11Slot waitForSlotEvent(boolean blocking) throws PKCS11Exception;
 
   /**
-   * Looks an RSA credential up by name. There is no lookup behind it yet: every call fails.
+   * Looks an RSA credential up by name, and opens a session with its token. There is no lookup
+   * behind it yet: every call fails, with or without a module.
    *
    * @param alias name of the credential
    * @param flags flags for the lookup
    * @param pin PIN of the token, or null for none
-   * @return private key, public key and certificate, null for each that is missing
+   * @return private key, public key and certificate in that session, null for each that is missing
    * @throws PKCS11Exception always, with the vendor-defined code -1; with "Internal error" for a
    *     null alias
    */

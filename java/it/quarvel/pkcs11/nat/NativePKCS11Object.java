@@ -1,6 +1,7 @@
 package it.quarvel.pkcs11.nat;
 
 import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Template;
 import java.math.BigInteger;
 import java.text.ParseException;
 import java.util.Date;
@@ -205,6 +206,16 @@ public class NativePKCS11Object {
    */
   public BigInteger getBigInteger(int attr) throws PKCS11Exception {
     return (BigInteger) getBigIntegerAttributeValue(attr);
+  }
+
+  /**
+   * Changes several attributes in one call.
+   *
+   * @param template the attributes and their new values
+   * @throws PKCS11Exception when the module refuses
+   */
+  public void setAttributeValues(PKCS11Template template) throws PKCS11Exception {
+    setAttributeValues(template.types(), template.values());
   }
 
   @Override

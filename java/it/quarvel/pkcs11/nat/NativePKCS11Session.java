@@ -261,29 +261,36 @@ public class NativePKCS11Session implements AutoCloseable {
   public native void loginAuthPath(boolean isSO) throws PKCS11Exception;
 
   /**
-   * Reads the life-cycle status of the Identrus application on an Oberthur card. Runs a search of
-   * its own, so no other may be open in the session; writes its progress to standard output.
+   * Reads the life-cycle status of the Identrus application on an Oberthur card: one byte in a
+   * vendor-defined attribute of the object that {@link #getIdentrusObject} returns. Searches for
+   * that object first, so no other search may be open in the session. Prints its progress on
+   * standard output, whatever the trace setting.
    *
    * @return the status byte, -128 to 127; 8 before first use
-   * @throws PKCS11Exception when the module refuses, as it does without such an application
+   * @throws PKCS11Exception when the module refuses to read the attribute, for instance with
+   *     CKR_OBJECT_HANDLE_INVALID when the token has no such application
    */
   public native int getCardStatus() throws PKCS11Exception;
 
   /**
-   * Sets the life-cycle status of the Identrus application on an Oberthur card, after reading it as
-   * {@link #getCardStatus} does.
+   * Changes the life-cycle status of the Identrus application on an Oberthur card, after reading it
+   * as {@link #getCardStatus} does; without a status to read nothing is written. Prints its
+   * progress, the old and the new status on standard output, whatever the trace setting.
    *
-   * @param status the status; its low 8 bits are written
-   * @throws PKCS11Exception when the module refuses, as it does without such an application
+   * @param status the status, of which the low 8 bits are written; 8 before first use
+   * @throws PKCS11Exception when the module refuses to read or to write the attribute, for instance
+   *     with CKR_OBJECT_HANDLE_INVALID when the token has no such application
    */
   public native void setCardStatus(int status) throws PKCS11Exception;
 
   /**
-   * Returns the Identrus application of an Oberthur card. Runs a search of its own, so no other may
-   * be open in the session; writes its progress to standard output.
+   * Returns the Identrus application of an Oberthur card. Searches for it, so no other search may
+   * be open in the session. Prints its progress on standard output, whatever the trace setting.
    *
-   * @return an object in any case: its handle is 0 when there is no such application, -1 or -2 when
-   *     the search failed
+   * @return an object in any case, of use only when its {@link NativePKCS11Object#objectID} is none
+   *     of these: 0 when there is no such application; -1 when no search could be started, because
+   *     another one is open or no module is initialised for instance; -2 when the search failed on
+   *     the way, and may still be open until {@link #findObjectsFinal} ends it
    * @throws PKCS11Exception never
    */
   public native NativePKCS11Object getIdentrusObject() throws PKCS11Exception;
@@ -306,14 +313,18 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception;
 
   /**
-   * Generates an "Identity" or "Utility" key pair on the card ({@code C_GenerateKeyPair}): RSA of
-   * 1024 bits, marked with a vendor-defined attribute that only the cards it is made for accept.
-   * Writes its progress to standard output.
+   * Generates an "Identity" or "Utility" key pair as token objects ({@code C_GenerateKeyPair}): RSA
+   * of 1024 bits with the public exponent 65537. The public key's label is that word, 8 bytes in
+   * both cases: "Utility" ends in a zero byte. The private key signs, also with recovery, and is
+   * marked with a vendor-defined attribute that only the cards it is made for accept; {@link
+   * #generateKeyPair(int, PKCS11Template, PKCS11Template)} serves other tokens. Prints its progress
+   * on standard output, whatever the trace setting.
    *
    * @param mech a {@code CKM_} value, {@code CKM_RSA_PKCS_KEY_PAIR_GEN} for instance
    * @param isIdentity true for "Identity", false for "Utility"
    * @return the public key and the private key
-   * @throws PKCS11Exception when the module refuses
+   * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_TYPE_INVALID for the
+   *     attribute that marks the key for instance; some then leave one key behind on the token
    */
   public native Object[] generateKeyPairOB(int mech, boolean isIdentity) throws PKCS11Exception;
 
@@ -330,10 +341,11 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception;
 
   /**
-   * Stores an X.509 certificate on the card ({@code C_CreateObject}), with a vendor-defined
-   * attribute for its number that only the cards it is made for accept; {@link
-   * #createObject(PKCS11Template)} serves other tokens. The texts are stored as modified UTF-8, not
-   * as DER. Writes its progress to standard output.
+   * Stores an X.509 certificate ({@code C_CreateObject}), with a vendor-defined attribute for its
+   * number that only the cards it is made for accept; {@link #createObject(PKCS11Template)} serves
+   * other tokens. The texts are stored as modified UTF-8, not as DER. Whether the object outlives
+   * the session is the module's default; a search finds it. Prints its progress and the four texts
+   * on standard output, whatever the trace setting.
    *
    * @param certID number of the certificate
    * @param certStr the certificate in DER
@@ -342,7 +354,8 @@ public class NativePKCS11Session implements AutoCloseable {
    * @param sn the serial number
    * @param issuer the issuer
    * @param label the label
-   * @throws PKCS11Exception when the module refuses
+   * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_TYPE_INVALID for the number
+   *     for instance
    */
   public native void installCertificate(
       long certID,
@@ -861,7 +874,7 @@ public class NativePKCS11Session implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public NativePKCS11Object createObject(PKCS11Template template) throws PKCS11Exception {
-    return createObject(template.types(), template.values());
+    return converted(createObject(template.types(), template.values()));
   }
 
   /**
@@ -873,7 +886,7 @@ public class NativePKCS11Session implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public NativePKCS11Object generateKey(int mech, PKCS11Template template) throws PKCS11Exception {
-    return generateKey(mech, null, template.types(), template.values());
+    return converted(generateKey(mech, null, template.types(), template.values()));
   }
 
   /**
@@ -888,7 +901,8 @@ public class NativePKCS11Session implements AutoCloseable {
   public KeyPair generateKeyPair(int mech, PKCS11Template pub, PKCS11Template prv)
       throws PKCS11Exception {
     Object[] keys =
-        generateKeyPair(mech, null, pub.types(), pub.values(), prv.types(), prv.values());
+        converted(
+            generateKeyPair(mech, null, pub.types(), pub.values(), prv.types(), prv.values()));
     return new KeyPair((NativePKCS11Object) keys[0], (NativePKCS11Object) keys[1]);
   }
 
@@ -928,15 +942,10 @@ public class NativePKCS11Session implements AutoCloseable {
   public NativePKCS11Object unwrapKey(
       int mech, NativePKCS11Object unwrappingKey, byte[] wrapped, PKCS11Template template)
       throws PKCS11Exception {
-    return unwrapKey(
-        mech,
-        null,
-        unwrappingKey,
-        wrapped,
-        0,
-        wrapped.length,
-        template.types(),
-        template.values());
+    int length = wrapped.length;
+    return converted(
+        unwrapKey(
+            mech, null, unwrappingKey, wrapped, 0, length, template.types(), template.values()));
   }
 
   @Override
@@ -950,6 +959,14 @@ public class NativePKCS11Session implements AutoCloseable {
       throw new PKCS11Exception("The module announces a result of " + length + " bytes");
     }
     return new byte[Math.max(1, length)];
+  }
+
+  /** A result is null, with nothing raised, when the values did not make a template. */
+  private static <T> T converted(T result) throws PKCS11Exception {
+    if (result == null) {
+      throw new PKCS11Exception("An attribute value cannot be converted");
+    }
+    return result;
   }
 
   private static byte[] prefix(byte[] out, int length) throws PKCS11Exception {
