@@ -1,5 +1,4 @@
-# The Java half: classes and native method headers from one javac run, then the jar, which also
-# carries the native library as a resource.
+# The Java half: classes and native method headers from one javac run, then the jars.
 
 # jni.h stands beside the compiler that writes the headers built on it.
 file(REAL_PATH ${Java_JAVAC_EXECUTABLE} javac)
@@ -10,6 +9,7 @@ file(GLOB_RECURSE QUARVEL_JAVA_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/jav
 set(QUARVEL_CLASSES ${CMAKE_BINARY_DIR}/classes)
 set(QUARVEL_JNI_HEADERS ${CMAKE_BINARY_DIR}/jni-headers)
 set(QUARVEL_CLASSES_STAMP ${CMAKE_BINARY_DIR}/classes.stamp)
+set(QUARVEL_JAR ${CMAKE_BINARY_DIR}/quarvel-pkcs11.jar)
 # One fixed time for all entries, so that the same sources give the same jar.
 set(QUARVEL_JAR_DATE 2026-01-01T00:00:00Z)
 
@@ -28,24 +28,76 @@ add_custom_command(
   VERBATIM)
 add_custom_target(quarvel_classes DEPENDS ${QUARVEL_CLASSES_STAMP})
 
-function(quarvel_add_jar)
-  set(jar ${CMAKE_BINARY_DIR}/quarvel-pkcs11.jar)
-  # os.arch of the Java virtual machine names the folder of the library.
-  if(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
-    set(arch amd64)
-  else()
-    set(arch ${CMAKE_SYSTEM_PROCESSOR})
-  endif()
-  set(resources ${CMAKE_BINARY_DIR}/resources)
-  set(folder ${resources}/it/quarvel/pkcs11/nat/linux-${arch})
+# quarvel_jar(NAME DEPENDS files... CONTENTS jar arguments...): a target that writes NAME.jar
+function(quarvel_jar name)
+  cmake_parse_arguments(ARG "" "" "DEPENDS;CONTENTS" ${ARGN})
+  set(jar ${CMAKE_BINARY_DIR}/${name}.jar)
   add_custom_command(
     OUTPUT ${jar}
-    COMMAND ${CMAKE_COMMAND} -E make_directory ${folder}
-    COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_FILE:quarvelpkcs11> ${folder}
-    COMMAND
-      ${Java_JAR_EXECUTABLE} --create --file ${jar} --date=${QUARVEL_JAR_DATE} --module-version
-      ${PROJECT_VERSION} -C ${QUARVEL_CLASSES} . -C ${resources} .
-    DEPENDS ${QUARVEL_CLASSES_STAMP} quarvelpkcs11
+    COMMAND ${Java_JAR_EXECUTABLE} --create --file ${jar} --date=${QUARVEL_JAR_DATE} ${ARG_CONTENTS}
+    DEPENDS ${ARG_DEPENDS}
     VERBATIM)
-  add_custom_target(quarvel_jar ALL DEPENDS ${jar})
+  add_custom_target(${name}-jar ALL DEPENDS ${jar})
 endfunction()
+
+# ---- The library's jar: classes, the native library, what GraalVM's native-image wants to know ----
+
+# os.arch of the Java virtual machine names the folder of the library.
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
+  set(arch amd64)
+else()
+  set(arch ${CMAKE_SYSTEM_PROCESSOR})
+endif()
+set(resources ${CMAKE_BINARY_DIR}/resources)
+set(library ${resources}/it/quarvel/pkcs11/nat/linux-${arch}/libquarvelpkcs11.so)
+set(graal META-INF/native-image/it.quarvel/quarvel-pkcs11)
+file(GLOB graal_files ${CMAKE_SOURCE_DIR}/packaging/native-image/*.json)
+file(COPY ${graal_files} DESTINATION ${resources}/${graal})
+cmake_path(GET library PARENT_PATH library_folder)
+file(MAKE_DIRECTORY ${library_folder})
+add_custom_command(
+  OUTPUT ${library}
+  COMMAND ${CMAKE_STRIP} -o ${library} $<TARGET_FILE:quarvelpkcs11>
+  DEPENDS quarvelpkcs11
+  VERBATIM)
+quarvel_jar(
+  quarvel-pkcs11
+  DEPENDS ${QUARVEL_CLASSES_STAMP} ${library} ${graal_files}
+  CONTENTS --module-version ${PROJECT_VERSION} -C ${QUARVEL_CLASSES} . -C ${resources} .)
+
+# ---- The inspector's jar ----
+
+file(GLOB_RECURSE cli_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/cli/*.java)
+find_file(QUARVEL_PICOCLI picocli.jar PATHS /usr/share/java NO_DEFAULT_PATH)
+if(cli_sources AND QUARVEL_PICOCLI)
+  set(cli_classes ${CMAKE_BINARY_DIR}/cli-classes)
+  add_custom_command(
+    OUTPUT ${cli_classes}.stamp
+    COMMAND ${CMAKE_COMMAND} -E rm -rf ${cli_classes}
+    COMMAND ${Java_JAVAC_EXECUTABLE} --release 17 -Xlint:all,-processing -Werror
+            -cp ${QUARVEL_CLASSES}:${QUARVEL_PICOCLI} -d ${cli_classes} ${cli_sources}
+    COMMAND ${CMAKE_COMMAND} -E touch ${cli_classes}.stamp
+    DEPENDS ${cli_sources} ${QUARVEL_CLASSES_STAMP}
+    VERBATIM)
+  set(manifest ${CMAKE_BINARY_DIR}/cli-manifest.txt)
+  file(WRITE ${manifest} "Main-Class: it.quarvel.pkcs11.cli.Main\n"
+                         "Class-Path: quarvel-pkcs11.jar ${QUARVEL_PICOCLI}\n")
+  quarvel_jar(quarvel-pkcs11-cli DEPENDS ${cli_classes}.stamp CONTENTS --manifest ${manifest}
+              -C ${cli_classes} .)
+endif()
+
+# ---- Sources and Javadoc, for development environments ----
+
+set(javadoc ${CMAKE_BINARY_DIR}/javadoc)
+find_program(QUARVEL_JAVADOC javadoc HINTS ${QUARVEL_JDK}/bin REQUIRED)
+add_custom_command(
+  OUTPUT ${javadoc}.stamp
+  COMMAND ${CMAKE_COMMAND} -E rm -rf ${javadoc}
+  COMMAND ${QUARVEL_JAVADOC} -quiet -notimestamp -Xdoclint:all -Werror -d ${javadoc}
+          ${QUARVEL_JAVA_SOURCES}
+  COMMAND ${CMAKE_COMMAND} -E touch ${javadoc}.stamp
+  DEPENDS ${QUARVEL_JAVA_SOURCES}
+  VERBATIM)
+quarvel_jar(quarvel-pkcs11-javadoc DEPENDS ${javadoc}.stamp CONTENTS -C ${javadoc} .)
+quarvel_jar(quarvel-pkcs11-sources DEPENDS ${QUARVEL_JAVA_SOURCES} CONTENTS
+            -C ${CMAKE_SOURCE_DIR}/java .)

@@ -1,0 +1,34 @@
+#!/bin/sh
+# The ways in which a Java program can be put together: platforms.sh JDK JAR CLASSES. Each runs the
+# same small program on a throwaway token.
+set -eu
+jdk=$1 jar=$2 classes=$3
+version=$(sed -n 's/JAVA_VERSION="\([0-9]*\).*/\1/p' "$jdk/release")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# runs NAME JAVA ARGUMENTS...
+runs() {
+  name=$1
+  shift
+  # shellcheck disable=SC2016  # for the inner shell, which knows the token
+  "$(dirname "$0")/withToken.sh" sh -c '"$@" TraceLog "$QUARVEL_MODULE" "$QUARVEL_PIN"' sh "$@" \
+    >"$work/out" 2>&1 || { echo "$name failed:"; cat "$work/out"; exit 1; }
+  echo "$name: works"
+}
+
+runs 'class path' "$jdk/bin/java" -cp "$jar:$classes"
+runs 'module path' "$jdk/bin/java" --module-path "$jar" --add-modules it.quarvel.pkcs11 -cp "$classes"
+"$jdk/bin/jlink" --module-path "$jar" --add-modules it.quarvel.pkcs11 --output "$work/image"
+runs 'jlink image' "$work/image/bin/java" -cp "$classes"
+if [ "$version" -ge 24 ]; then
+  deny=--illegal-native-access=deny
+  runs 'native access denied but to the class path' "$jdk/bin/java" $deny \
+    --enable-native-access=ALL-UNNAMED -cp "$jar:$classes"
+  runs 'native access denied but to the module' "$jdk/bin/java" $deny \
+    --enable-native-access=it.quarvel.pkcs11 --module-path "$jar" --add-modules it.quarvel.pkcs11 \
+    -cp "$classes"
+  "$jdk/bin/java" $deny -cp "$jar:$classes" TraceLog none none 2>&1 |
+    grep -q 'start it with --enable-native-access=ALL-UNNAMED'
+  echo 'native access denied: the error names the flag'
+fi
