@@ -1,5 +1,5 @@
-// The card's own methods on a real module that stores vendor-defined attributes: card.sh starts one
-// and names it in QUARVEL_CARD_MODULE; without it these tests are filtered out.
+// The card's own methods on a real module that stores vendor-defined attributes: withModule.sh starts
+// NSS and names it in QUARVEL_PKCS11_MODULE; without it these tests are filtered out.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -27,7 +27,7 @@ CK_SESSION_HANDLE openSession(const std::string& label) {
 
 TEST(Card, TheLifeCycleByteIsReadAndChanged) {
   CK_FUNCTION_LIST_PTR list = nullptr;
-  ASSERT_EQ(bridge::loadLib(std::getenv("QUARVEL_CARD_MODULE"), &list), CKR_OK);
+  ASSERT_EQ(bridge::loadLib(std::getenv("QUARVEL_PKCS11_MODULE"), &list), CKR_OK);
   ASSERT_EQ(bridge::initLib(), CKR_OK);
   const CK_SESSION_HANDLE ckSession = openSession("generic");
   ASSERT_NE(ckSession, CK_INVALID_HANDLE);

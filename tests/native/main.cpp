@@ -5,7 +5,7 @@
 #include "java.h"
 
 int main(int argc, char** argv) {
-  if (std::getenv("QUARVEL_CARD_MODULE") == nullptr) GTEST_FLAG_SET(filter, "-Card.*");
+  if (std::getenv("QUARVEL_PKCS11_MODULE") == nullptr) GTEST_FLAG_SET(filter, "-Card.*");
   testing::InitGoogleTest(&argc, argv);
   return startJava() ? RUN_ALL_TESTS() : 2;
 }
