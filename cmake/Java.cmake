@@ -68,23 +68,22 @@ quarvel_jar(
 # ---- The inspector's jar ----
 
 file(GLOB_RECURSE cli_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/cli/*.java)
-find_file(QUARVEL_PICOCLI picocli.jar PATHS /usr/share/java NO_DEFAULT_PATH)
-if(cli_sources AND QUARVEL_PICOCLI)
-  set(cli_classes ${CMAKE_BINARY_DIR}/cli-classes)
-  add_custom_command(
-    OUTPUT ${cli_classes}.stamp
-    COMMAND ${CMAKE_COMMAND} -E rm -rf ${cli_classes}
-    COMMAND ${Java_JAVAC_EXECUTABLE} --release 17 -Xlint:all,-processing -Werror
-            -cp ${QUARVEL_CLASSES}:${QUARVEL_PICOCLI} -d ${cli_classes} ${cli_sources}
-    COMMAND ${CMAKE_COMMAND} -E touch ${cli_classes}.stamp
-    DEPENDS ${cli_sources} ${QUARVEL_CLASSES_STAMP}
-    VERBATIM)
-  set(manifest ${CMAKE_BINARY_DIR}/cli-manifest.txt)
-  file(WRITE ${manifest} "Main-Class: it.quarvel.pkcs11.cli.Main\n"
-                         "Class-Path: quarvel-pkcs11.jar ${QUARVEL_PICOCLI}\n")
-  quarvel_jar(quarvel-pkcs11-cli DEPENDS ${cli_classes}.stamp CONTENTS --manifest ${manifest}
-              -C ${cli_classes} .)
-endif()
+find_file(QUARVEL_PICOCLI picocli.jar PATHS /usr/share/java NO_DEFAULT_PATH REQUIRED)
+set(QUARVEL_CLI_CLASSES ${CMAKE_BINARY_DIR}/cli-classes)
+set(QUARVEL_CLI_STAMP ${QUARVEL_CLI_CLASSES}.stamp)
+add_custom_command(
+  OUTPUT ${QUARVEL_CLI_STAMP}
+  COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_CLI_CLASSES}
+  COMMAND ${Java_JAVAC_EXECUTABLE} --release 17 -Xlint:all,-processing -Werror
+          -cp ${QUARVEL_CLASSES}:${QUARVEL_PICOCLI} -d ${QUARVEL_CLI_CLASSES} ${cli_sources}
+  COMMAND ${CMAKE_COMMAND} -E touch ${QUARVEL_CLI_STAMP}
+  DEPENDS ${cli_sources} ${QUARVEL_CLASSES_STAMP}
+  VERBATIM)
+set(manifest ${CMAKE_BINARY_DIR}/cli-manifest.txt)
+file(WRITE ${manifest} "Main-Class: it.quarvel.pkcs11.cli.Main\n"
+                       "Class-Path: quarvel-pkcs11.jar ${QUARVEL_PICOCLI}\n")
+quarvel_jar(quarvel-pkcs11-cli DEPENDS ${QUARVEL_CLI_STAMP} CONTENTS --manifest ${manifest}
+            -C ${QUARVEL_CLI_CLASSES} .)
 
 # ---- Sources and Javadoc, for development environments ----
 

@@ -60,8 +60,12 @@ case $module in
     install -d -m0770 -g pkcs11 /run/lock /run/lock/opencryptoki /run/lock/opencryptoki/swtok \
       /var/lib/opencryptoki/swtok /var/lib/opencryptoki/swtok/TOK_OBJ
     pkcsslotd
-    pid=$(cat /run/pkcsslotd.pid)
-    end_all() { kill "$pid" || true; }
+    end_all() { kill "$(cat /run/pkcsslotd.pid)" || true; }
+    # The daemon detaches before it is ready.
+    for _ in $(seq 50); do
+      [ -s /run/pkcsslotd.pid ] && pkcsconf -t >/dev/null 2>&1 && break
+      sleep 0.1
+    done
     echo demo | pkcsconf -I -c 3 -S 87654321 >/dev/null
     pkcsconf -P -c 3 -S 87654321 -n 12345678 >/dev/null
     pkcsconf -u -c 3 -S 12345678 -n 1234 >/dev/null

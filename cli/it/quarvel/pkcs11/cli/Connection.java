@@ -1,0 +1,166 @@
+package it.quarvel.pkcs11.cli;
+
+import static it.quarvel.pkcs11.PKCS11Constants.CKF_SERIAL_SESSION;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.nat.NativePKCS11;
+import it.quarvel.pkcs11.nat.NativePKCS11Object;
+import it.quarvel.pkcs11.nat.NativePKCS11Session;
+import it.quarvel.pkcs11.nat.NativePKCS11Slot;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+
+/**
+ * The loaded module with the one session that a command needs. Closing it undoes what was done, in
+ * reverse, however the command ended.
+ */
+final class Connection implements AutoCloseable {
+  static final String LOAD = "load";
+  static final String INITIALISE = "initialise";
+  static final String SEARCH = "search";
+
+  /** What a search does with each object. */
+  interface Visitor {
+    void visit(NativePKCS11Object object) throws Failure;
+  }
+
+  /** Tells after each object whether a search is to go on. */
+  private interface Condition {
+    boolean test(NativePKCS11Object object) throws Failure;
+  }
+
+  /** Ends a search when the block that runs it ends. */
+  private interface Search extends AutoCloseable {
+    @Override
+    void close() throws Failure;
+  }
+
+  private final Steps steps;
+  private final NativePKCS11 module;
+  private NativePKCS11Session session;
+  private boolean loggedIn;
+
+  private Connection(Steps steps, NativePKCS11 module) {
+    this.steps = steps;
+    this.module = module;
+  }
+
+  /** Loads and initialises a module. */
+  static Connection open(String path, Steps steps) throws Failure {
+    steps.run(LOAD, () -> load(path));
+    Connection connection = new Connection(steps, new NativePKCS11());
+    try {
+      steps.run(INITIALISE, connection.module::libInitialize);
+      return connection;
+    } catch (Failure e) {
+      connection.close();
+      throw e;
+    }
+  }
+
+  /** The native library is loaded with the first use of its class, which is here. */
+  private static void load(String path) throws PKCS11Exception, Failure {
+    try {
+      NativePKCS11.loadPKCS11Library(path);
+    } catch (LinkageError e) {
+      throw new Failure(String.valueOf(e.getMessage()).replaceAll("\\s+", " "));
+    }
+  }
+
+  NativePKCS11 module() {
+    return module;
+  }
+
+  Steps steps() {
+    return steps;
+  }
+
+  NativePKCS11Session session() {
+    return session;
+  }
+
+  boolean isLoggedIn() {
+    return loggedIn;
+  }
+
+  /** Opens the session; {@code flags} are those beyond CKF_SERIAL_SESSION. */
+  void openSession(NativePKCS11Slot slot, int flags) throws Failure {
+    session = steps.call("open session", () -> slot.openSession(CKF_SERIAL_SESSION | flags));
+  }
+
+  /** Logs in once, and wipes the PIN; without one the token's own PIN pad asks for it. */
+  void login(byte[] pin) throws Failure {
+    try {
+      steps.run(
+          "login",
+          () -> {
+            if (pin == null) {
+              session.loginAuthPath(false);
+            } else {
+              session.loginellips(false, pin);
+            }
+          });
+      loggedIn = true;
+    } finally {
+      if (pin != null) {
+        Arrays.fill(pin, (byte) 0);
+      }
+    }
+  }
+
+  /** Visits the objects that match, each as it is found, so that none needs to be kept. */
+  void search(PKCS11Template template, Visitor visitor) throws Failure {
+    searchWhile(
+        template,
+        object -> {
+          visitor.visit(object);
+          return true;
+        });
+  }
+
+  /** Returns the first objects that match. */
+  List<NativePKCS11Object> find(PKCS11Template template, int most) throws Failure {
+    List<NativePKCS11Object> found = new ArrayList<>();
+    searchWhile(template, object -> found.add(object) && found.size() < most);
+    return found;
+  }
+
+  @SuppressWarnings("try")
+  private void searchWhile(PKCS11Template template, Condition goOn) throws Failure {
+    steps.run(SEARCH, () -> session.findObjectsInit(template.types(), template.values()));
+    try (Search search = () -> steps.run(SEARCH, session::findObjectsFinal)) {
+      NativePKCS11Object object;
+      do {
+        object = steps.call(SEARCH, session::findObject);
+      } while (object != null && goOn.test(object));
+    }
+  }
+
+  /** Logs out and closes the session, if there is one. */
+  void closeSession() throws Failure {
+    NativePKCS11Session open = session;
+    session = null;
+    if (open == null) {
+      return;
+    }
+    try {
+      if (loggedIn) {
+        loggedIn = false;
+        steps.run("logout", open::logout);
+      }
+    } finally {
+      steps.run("close session", open::close);
+    }
+  }
+
+  @Override
+  public void close() throws Failure {
+    try {
+      closeSession();
+    } finally {
+      steps.run("finalise", module::libFinalize);
+    }
+  }
+}

@@ -1,0 +1,54 @@
+package it.quarvel.pkcs11.cli;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+
+/** What ends a command: one line for the user and the exit status. */
+final class Failure extends Exception {
+  /** Something did not work. */
+  static final int FAILED = 1;
+
+  /** The command line asks for something that does not exist. */
+  static final int USAGE = 2;
+
+  private static final long serialVersionUID = 1L;
+
+  private final int status;
+
+  private final String reason;
+
+  private Failure(int status, String reason, String message, Throwable cause) {
+    super(message, cause);
+    this.status = status;
+    this.reason = reason;
+  }
+
+  /** Makes a failure that says itself what is wrong and what to do. */
+  Failure(String message) {
+    this(FAILED, message, message, null);
+  }
+
+  /** Makes a failure of an operation of the module, with advice where there is any. */
+  Failure(String operation, PKCS11Exception cause) {
+    this(FAILED, cause.getMessage(),
+        cause.getMessage() + ": " + operation + Hints.of(operation, cause), cause);
+  }
+
+  /** Makes a failure that the command line is to blame for. */
+  static Failure usage(String message) {
+    return new Failure(USAGE, message, message, null);
+  }
+
+  /** Makes a failure that nobody is left to read about. */
+  static Failure silent(int status) {
+    return new Failure(status, "", "", null);
+  }
+
+  int status() {
+    return status;
+  }
+
+  /** Returns what went wrong without operation and advice, for a table that shows these itself. */
+  String reason() {
+    return reason;
+  }
+}

@@ -1,0 +1,99 @@
+package it.quarvel.pkcs11.cli;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.nat.NativePKCS11Object;
+import java.nio.charset.StandardCharsets;
+import java.util.HexFormat;
+import java.util.List;
+import java.util.Map;
+import picocli.CommandLine.ITypeConverter;
+import picocli.CommandLine.Option;
+import picocli.CommandLine.TypeConversionException;
+
+/** Which objects a command is about. An option counts more than what the URI says. */
+final class ObjectFilter {
+  /** The object types of RFC 7512. */
+  private static final Map<String, Integer> TYPES = Map.of("cert", CKO_CERTIFICATE,
+      "data", CKO_DATA, "private", CKO_PRIVATE_KEY, "public", CKO_PUBLIC_KEY,
+      "secret-key", CKO_SECRET_KEY);
+
+  /** Only checks: an option of type byte[] would be a list of bytes. */
+  private static final class IdConverter implements ITypeConverter<String> {
+    @Override
+    public String convert(String value) {
+      try {
+        String digits = value.replace(":", "");
+        HexFormat.of().parseHex(digits);
+        return digits;
+      } catch (IllegalArgumentException e) {
+        throw new TypeConversionException("an id is pairs of hexadecimal digits, as in 01af");
+      }
+    }
+  }
+
+  private static final class TypeConverter implements ITypeConverter<Integer> {
+    @Override
+    public Integer convert(String value) {
+      return type(value);
+    }
+  }
+
+  @Option(names = "--label", paramLabel = "LABEL", description = "The object's label.")
+  private String label;
+
+  @Option(names = "--id", paramLabel = "HEX", converter = IdConverter.class,
+      description = "The object's id, in hexadecimal digits.")
+  private String id;
+
+  @Option(names = "--type", paramLabel = "TYPE", converter = TypeConverter.class,
+      description = "cert, data, private, public or secret-key.")
+  private Integer type;
+
+  /** Returns the class that an object type of RFC 7512 stands for. */
+  static int type(String name) {
+    Integer type = TYPES.get(name);
+    if (type == null) {
+      throw new TypeConversionException("the types are cert, data, private, public, secret-key");
+    }
+    return type;
+  }
+
+  /** Tells whether a single object is meant. */
+  boolean isNamed(Pkcs11Uri uri) {
+    return label != null || id != null || uri.bytes("object") != null || uri.bytes("id") != null;
+  }
+
+  /** Returns what to search for; labels go as bytes, which keeps all of UTF-8 as it is. */
+  PKCS11Template template(Pkcs11Uri uri) {
+    PKCS11Template template = new PKCS11Template();
+    byte[] text = label == null ? uri.bytes("object") : label.getBytes(StandardCharsets.UTF_8);
+    if (text != null) {
+      template.put(CKA_LABEL, text);
+    }
+    byte[] wanted = id == null ? uri.bytes("id") : HexFormat.of().parseHex(id);
+    if (wanted != null) {
+      template.put(CKA_ID, wanted);
+    }
+    if (type != null || uri.text("type") != null) {
+      template.put(CKA_CLASS, type != null ? type : type(uri.text("type")));
+    }
+    return template;
+  }
+
+  /** Finds the one key that is meant, a private one unless a type is given. */
+  NativePKCS11Object key(Connection connection, Pkcs11Uri uri) throws Failure {
+    PKCS11Template template = template(uri);
+    if (type == null && uri.text("type") == null) {
+      template.put(CKA_CLASS, CKO_PRIVATE_KEY);
+    }
+    List<NativePKCS11Object> keys = connection.find(template, 2);
+    if (keys.size() != 1) {
+      throw new Failure(keys.isEmpty()
+          ? "no such key on the token: \"objects --login\" lists what there is"
+          : "more than one key of that name: add --label, --id or --type");
+    }
+    return keys.get(0);
+  }
+}

@@ -1,0 +1,81 @@
+#!/bin/bash
+# Checks the binding on each real module that starts here, as `quarvel-pkcs11 check --write` does:
+# modules.sh write|compare JAVA CLI_JAR PAGE. PAGE is docs/modules.md: "write" makes it anew,
+# "compare" fails when a module now answers otherwise than the page says.
+set -euo pipefail
+action=$1 java=$2 cli=$3 page=$(readlink -f "$4")
+folder=$(dirname "$(readlink -f "$0")")
+modules=(softhsm2 spy opencryptoki nss tpm2 trust server)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# What the page says of a module: operation, tab, result.
+results_of_page() {
+  awk -F ' *[|] *' -v m="$1" '/^[|]/ {
+    if (!at) for (i = 2; i < NF; ++i) if ($i == m) at = i
+    print $2 "\t" $at }' "$page" | sed 1,2d
+}
+
+# The same as it is now; the page's for a module that cannot be had here.
+results_of_check() {
+  local module=$1 write=--write status=0
+  [ "$module" != trust ] || write= # a list of certificates: there is nothing to write to
+  # shellcheck disable=SC2016  # for the inner shell, which knows the token
+  "$folder/withModule.sh" "$module" sh -c 'exec "$@" ${QUARVEL_TOKEN:+--token "$QUARVEL_TOKEN"} \
+    ${QUARVEL_PIN:+--pin env:QUARVEL_PIN}' sh "$java" -jar "$cli" check $write \
+    >"$work/out" 2>"$work/err" || status=$?
+  if [ "$status" -eq 77 ]; then
+    echo "$module: not run: $(cat "$work/err")" >&2
+    results_of_page "$module"
+  else
+    [ -s "$work/out" ] || cat "$work/err" >&2
+    echo "$module: $(tail -n 1 "$work/out")" >&2
+    awk -F '  +' 'NR > 1 && NF > 1 && $2 !~ /^not offered/ {
+      print $1 "\t" $2 ($2 ~ /^refused/ ? " " $NF : "") }' "$work/out"
+  fi
+}
+
+for module in "${modules[@]}"; do
+  results_of_check "$module" >"$work/results"
+  echo "$module" >"$work/$module"
+  [ "$module" != softhsm2 ] || cut -f 1 "$work/results" >"$work/operations"
+  # In the order of the first module's operations.
+  awk -F '\t' 'NR == FNR {result[$1] = $2; next} {print result[$1]}' "$work/results" \
+    "$work/operations" >>"$work/$module"
+done
+(cd "$work" && sed -i '1i operation' operations &&
+  paste -d '|' operations "${modules[@]}" |
+  sed 's/|/ | /g; s/^/| /; s/$/ |/; 1a | --- | --- | --- | --- | --- | --- | --- | --- |') \
+  >"$work/table"
+
+if [ "$action" = compare ]; then
+  grep '^|' "$page" | diff - "$work/table"
+  exit
+fi
+cat >"$page" <<END
+# Modules
+
+Which operations work on which real module, as \`quarvel-pkcs11 check --write\` found it. The objects
+are session objects, and nothing stays on a token. \`./dev modules\` starts each module in a temporary
+folder, runs the check-up, and writes this page; \`tests/withModule.sh\` shows how each is started.
+
+- **softhsm2**: SoftHSM2; **spy**: SoftHSM2 behind OpenSC's spy.
+- **opencryptoki**: its software token.
+- **nss**: the slot "generic" of NSS softokn, behind p11-kit's proxy. It has no PIN.
+- **tpm2**: tpm2-pkcs11 on a software TPM, behind p11-kit's proxy, since its session handles do not
+  fit a Java \`int\`. It keeps private objects and keys on the token only, and the check-up makes
+  session objects.
+- **trust**: p11-kit's list of trusted certificates, read only.
+- **server**: SoftHSM2 in another process, reached through p11-kit's server and client.
+
+$(cat "$work/table")
+
+"works": tried, and the answer was right. "refused": the module answered the named return value.
+"no mechanism": the token lists none that the operation could use. "nothing to try": no object of
+the kind. "not asked": no PIN, or nothing may be written.
+
+A token on another machine is reached the same way as **server**: \`p11-kit server\` where the token
+is, its socket forwarded (for example by ssh), and \`p11-kit-client.so\` as the module here. When the
+server dies, calls raise \`PKCS11Exception\` (\`CKR_DEVICE_ERROR\`); after \`libFinalize\`, a new load
+reaches a server that is there again.
+END
