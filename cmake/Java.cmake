@@ -51,14 +51,15 @@ endif()
 set(resources ${CMAKE_BINARY_DIR}/resources)
 set(library ${resources}/it/quarvel/pkcs11/nat/linux-${arch}/libquarvelpkcs11.so)
 set(graal META-INF/native-image/it.quarvel/quarvel-pkcs11)
-file(GLOB graal_files ${CMAKE_SOURCE_DIR}/packaging/native-image/*.json)
-file(COPY ${graal_files} DESTINATION ${resources}/${graal})
+file(GLOB graal_files CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/native-image/*.json)
 cmake_path(GET library PARENT_PATH library_folder)
 file(MAKE_DIRECTORY ${library_folder})
 add_custom_command(
   OUTPUT ${library}
   COMMAND ${CMAKE_STRIP} -o ${library} $<TARGET_FILE:quarvelpkcs11>
-  DEPENDS quarvelpkcs11
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${resources}/${graal}
+  COMMAND ${CMAKE_COMMAND} -E copy ${graal_files} ${resources}/${graal}
+  DEPENDS quarvelpkcs11 ${graal_files}
   VERBATIM)
 quarvel_jar(
   quarvel-pkcs11
@@ -80,9 +81,11 @@ add_custom_command(
   DEPENDS ${cli_sources} ${QUARVEL_CLASSES_STAMP}
   VERBATIM)
 set(manifest ${CMAKE_BINARY_DIR}/cli-manifest.txt)
-file(WRITE ${manifest} "Main-Class: it.quarvel.pkcs11.cli.Main\n"
-                       "Class-Path: quarvel-pkcs11.jar ${QUARVEL_PICOCLI}\n")
-quarvel_jar(quarvel-pkcs11-cli DEPENDS ${QUARVEL_CLI_STAMP} CONTENTS --manifest ${manifest}
+file(CONFIGURE OUTPUT ${manifest} CONTENT [[Main-Class: it.quarvel.pkcs11.cli.Main
+Class-Path: quarvel-pkcs11.jar @QUARVEL_PICOCLI@
+Enable-Native-Access: ALL-UNNAMED
+]] @ONLY)
+quarvel_jar(quarvel-pkcs11-cli DEPENDS ${QUARVEL_CLI_STAMP} ${manifest} CONTENTS --manifest ${manifest}
             -C ${QUARVEL_CLI_CLASSES} .)
 
 # ---- Sources and Javadoc, for development environments ----

@@ -9,50 +9,48 @@ modules=(softhsm2 spy opencryptoki nss tpm2 trust server)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# What the page says of a module: operation, tab, result.
-results_of_page() {
-  awk -F ' *[|] *' -v m="$1" '/^[|]/ {
-    if (!at) for (i = 2; i < NF; ++i) if ($i == m) at = i
-    print $2 "\t" $at }' "$page" | sed 1,2d
-}
-
-# The same as it is now; the page's for a module that cannot be had here.
-results_of_check() {
+# The check-up of a module: operation, tab, result; nothing for a module that cannot be had here.
+check() {
   local module=$1 write=--write status=0
   [ "$module" != trust ] || write= # a list of certificates: there is nothing to write to
   # shellcheck disable=SC2016  # for the inner shell, which knows the token
   "$folder/withModule.sh" "$module" sh -c 'exec "$@" ${QUARVEL_TOKEN:+--token "$QUARVEL_TOKEN"} \
     ${QUARVEL_PIN:+--pin env:QUARVEL_PIN}' sh "$java" -jar "$cli" check $write \
     >"$work/out" 2>"$work/err" || status=$?
-  if [ "$status" -eq 77 ]; then
-    echo "$module: not run: $(cat "$work/err")" >&2
-    results_of_page "$module"
-  else
-    [ -s "$work/out" ] || cat "$work/err" >&2
-    echo "$module: $(tail -n 1 "$work/out")" >&2
-    awk -F '  +' 'NR > 1 && NF > 1 && $2 !~ /^not offered/ {
-      print $1 "\t" $2 ($2 ~ /^refused/ ? " " $NF : "") }' "$work/out"
-  fi
+  case $status in
+    0 | 1) [ -s "$work/out" ] ;;
+    77) false ;;
+    *) cat "$work/err" >&2; exit 2 ;;
+  esac || { echo "$module: not run: $(cat "$work/err")" >&2; return 0; }
+  echo "$module: $(tail -n 1 "$work/out")" >&2
+  awk -F '  +' 'NR > 1 && NF > 1 && $2 !~ /^not offered/ {
+    print $1 "\t" $2 ($2 ~ /^refused/ ? " " $NF : "") }' "$work/out"
 }
 
+# The columns of the modules that ran, in the order of the first one's operations.
 for module in "${modules[@]}"; do
-  results_of_check "$module" >"$work/results"
-  echo "$module" >"$work/$module"
+  check "$module" >"$work/results"
   [ "$module" != softhsm2 ] || cut -f 1 "$work/results" >"$work/operations"
-  # In the order of the first module's operations.
-  awk -F '\t' 'NR == FNR {result[$1] = $2; next} {print result[$1]}' "$work/results" \
-    "$work/operations" >>"$work/$module"
+  echo "$module" >"$work/$module"
+  awk -F '\t' 'NR == FNR {result[$1] = $2; next} {print ($1 in result) ? result[$1] : "not run"}' \
+    "$work/results" "$work/operations" >>"$work/$module"
 done
 (cd "$work" && sed -i '1i operation' operations &&
   paste -d '|' operations "${modules[@]}" |
   sed 's/|/ | /g; s/^/| /; s/$/ |/; 1a | --- | --- | --- | --- | --- | --- | --- | --- |') \
   >"$work/table"
+[ "$(wc -l <"$work/table")" -gt 30 ]
 
+# Cell by cell, but for modules that did not run here.
 if [ "$action" = compare ]; then
-  grep '^|' "$page" | diff - "$work/table"
+  grep '^|' "$page" | awk -F ' *[|] *' '
+    NR == FNR {for (i = 2; i < NF; ++i) said[FNR, i] = $i; lines = FNR; next}
+    {for (i = 2; i < NF; ++i) if ($i != "not run" && $i != said[FNR, i]) {
+      print $2 ": " $i ", not " said[FNR, i]; bad = 1 }}
+    END {exit bad || FNR != lines}' - "$work/table"
   exit
 fi
-cat >"$page" <<END
+cat >"$work/page" <<END
 # Modules
 
 Which operations work on which real module, as \`quarvel-pkcs11 check --write\` found it. The objects
@@ -73,9 +71,11 @@ $(cat "$work/table")
 "works": tried, and the answer was right. "refused": the module answered the named return value.
 "no mechanism": the token lists none that the operation could use. "nothing to try": no object of
 the kind. "not asked": no PIN, or nothing may be written.
+"not run": the module could not be had where this page was made.
 
 A token on another machine is reached the same way as **server**: \`p11-kit server\` where the token
 is, its socket forwarded (for example by ssh), and \`p11-kit-client.so\` as the module here. When the
 server dies, calls raise \`PKCS11Exception\` (\`CKR_DEVICE_ERROR\`); after \`libFinalize\`, a new load
 reaches a server that is there again.
 END
+mv "$work/page" "$page"

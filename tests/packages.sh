@@ -10,7 +10,8 @@ if [ -z "${INSIDE-}" ]; then
   INSIDE=1 exec unshare -m "$0" "$folder"
 fi
 
-root=$(mktemp -d)
+# Inside the namespace /mnt is nobody else's.
+root=/mnt
 mount -t tmpfs none "$root"
 mkdir "$root/upper" "$root/work" "$root/view"
 mount -t overlay overlay -o "lowerdir=/,upperdir=$root/upper,workdir=$root/work" "$root/view" ||

@@ -28,6 +28,8 @@ if [ "$version" -ge 24 ]; then
   runs 'native access denied but to the module' "$jdk/bin/java" $deny \
     --enable-native-access=it.quarvel.pkcs11 --module-path "$jar" --add-modules it.quarvel.pkcs11 \
     -cp "$classes"
+  "$jdk/bin/java" $deny -jar "${jar%.jar}-cli.jar" info --module none 2>&1 | grep -q 'has to name a PKCS#11 module'
+  echo 'native access denied but to the inspector: works'
   "$jdk/bin/java" $deny -cp "$jar:$classes" TraceLog none none 2>&1 |
     grep -q 'start it with --enable-native-access=ALL-UNNAMED'
   echo 'native access denied: the error names the flag'

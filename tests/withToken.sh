@@ -6,6 +6,7 @@ set -eu
 
 TOKEN_DIR=$(mktemp -d)
 trap 'rm -rf "$TOKEN_DIR"' EXIT
+trap 'exit 143' TERM HUP INT
 mkdir "$TOKEN_DIR/tokens"
 export TOKEN_DIR SOFTHSM2_CONF="$TOKEN_DIR/softhsm2.conf"
 printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' \
