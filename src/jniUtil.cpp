@@ -1,7 +1,6 @@
 #include "jniUtil.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 
 #include "trace.h"
@@ -176,19 +175,6 @@ std::optional<CK_SESSION_HANDLE> getObjSessionID(JNIEnv* env, jobject obj) {
 }
 
 // ---- Scalar conversions ----
-
-jstring CK2J_STR(JNIEnv* env, const CK_CHAR* str, int size) {
-  const auto length = static_cast<std::size_t>(size);
-  const HeapBlock<char> text(static_cast<char*>(std::malloc(length + 1)));
-  jstring string = nullptr;
-  if (text != nullptr) {
-    std::memcpy(text.get(), str, length);
-    text[length] = '\0';
-    string = env->NewStringUTF(text.get());
-  }
-  if (string == nullptr) std::puts("JNI:##########ERROR CK2J_STR################");
-  return string;
-}
 
 bool fitsJavaArray(JNIEnv* env, CK_ULONG count, CK_RV refusal) {
   return !throwIfFailed(env, count <= INT32_MAX ? CKR_OK : refusal);

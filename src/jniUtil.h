@@ -10,7 +10,9 @@
 #include <jni.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -80,7 +82,18 @@ inline CK_ULONG J2CK_INT(jint value) { return static_cast<CK_ULONG>(value); }
 /// A Java string of the `size` bytes at `str`, up to a NUL if they hold one; nothing is trimmed.
 /// @return null after printing an error line when the string cannot be made; without memory for
 /// the copy of the bytes no exception is pending
-jstring CK2J_STR(JNIEnv* env, const CK_CHAR* str, int size);
+inline jstring CK2J_STR(JNIEnv* env, const CK_CHAR* str, int size) {
+  const auto length = static_cast<std::size_t>(size);
+  const HeapBlock<char> text(static_cast<char*>(std::malloc(length + 1)));
+  jstring string = nullptr;
+  if (text != nullptr) {
+    std::memcpy(text.get(), str, length);
+    text[length] = '\0';
+    string = env->NewStringUTF(text.get());
+  }
+  if (string == nullptr) std::puts("JNI:##########ERROR CK2J_STR################");
+  return string;
+}
 
 /// The same for a whole text field of a PKCS#11 structure.
 template <std::size_t size>

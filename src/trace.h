@@ -9,11 +9,15 @@ extern int debug;
 
 /// printf of a text while tracing; the line stays open unless the text ends it. A macro, so that
 /// the compiler checks every text against its arguments and evaluates them only while tracing.
-#define TRACE(...) (debug != 0 ? static_cast<void>(std::printf(__VA_ARGS__)) : static_cast<void>(0))
+#define TRACE(...)                                                               \
+  (__builtin_expect(debug != 0, 0) ? static_cast<void>(std::printf(__VA_ARGS__)) \
+                                   : static_cast<void>(0))
 
 /// puts of a text while tracing: the text ends the line.
 inline void traceLine(const char* text) {
-  if (debug != 0) std::puts(text);
+  if (debug != 0) [[unlikely]] {
+    std::puts(text);
+  }
 }
 
 #endif  // QUARVEL_SRC_TRACE_H_
