@@ -17,11 +17,12 @@ check() {
   "$folder/withModule.sh" "$module" sh -c 'exec "$@" ${QUARVEL_TOKEN:+--token "$QUARVEL_TOKEN"} \
     ${QUARVEL_PIN:+--pin env:QUARVEL_PIN}' sh "$java" -jar "$cli" check $write \
     >"$work/out" 2>"$work/err" || status=$?
-  case $status in
-    0 | 1) [ -s "$work/out" ] ;;
-    77) false ;;
-    *) cat "$work/err" >&2; exit 2 ;;
-  esac || { echo "$module: not run: $(cat "$work/err")" >&2; return 0; }
+  if [ "$status" -eq 77 ]; then
+    echo "$module: not run: $(cat "$work/err")" >&2
+    return
+  fi
+  [ "$status" -le 1 ] && grep -q '^finalise  *works' "$work/out" ||
+    { echo "$module: the check-up broke off:" >&2; cat "$work/out" "$work/err" >&2; exit 2; }
   echo "$module: $(tail -n 1 "$work/out")" >&2
   awk -F '  +' 'NR > 1 && NF > 1 && $2 !~ /^not offered/ {
     print $1 "\t" $2 ($2 ~ /^refused/ ? " " $NF : "") }' "$work/out"
@@ -32,7 +33,9 @@ for module in "${modules[@]}"; do
   check "$module" >"$work/results"
   [ "$module" != softhsm2 ] || cut -f 1 "$work/results" >"$work/operations"
   echo "$module" >"$work/$module"
-  awk -F '\t' 'NR == FNR {result[$1] = $2; next} {print ($1 in result) ? result[$1] : "not run"}' \
+  awk -F '\t' -v results="$work/results" '
+    FILENAME == results {result[$1] = $2; ran = 1; next}
+    {print ($1 in result) ? result[$1] : ran ? "missing" : "not run"}' \
     "$work/results" "$work/operations" >>"$work/$module"
 done
 (cd "$work" && sed -i '1i operation' operations &&

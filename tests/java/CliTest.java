@@ -62,6 +62,7 @@ class CliTest {
     assertEquals(found("(?m)^  ([^,]+)", EndToEndTest.openSc("--list-mechanisms")
         .replace("mechtype-0x210A", "AES-KEY-WRAP-PAD").replace("ECDSA-KEY", "EC-KEY")),
         found("CKM_(\\S+)", run("mechanisms").out));
+    assertTrue(run("objects --attribute 0x12F").out.contains("\n  0x0000012F   -\n"));
     String item = "\\{\"class\": \"CKO_DATA\".*\"label\": \"\\Q\\\"\\\\\\u000a\u202e\ud83d\ude00\\E"
         + "\\*+\", .*\"CKA_TOKEN\": true}";
     String json = run("objects --type data --json --attribute token").out;
@@ -100,7 +101,12 @@ class CliTest {
     "2|.*attribute colour:.*|objects --attribute colour", "2|.*start.*|objects --uri token=demo",
     "2|.*hexadecimal.*in id;.*|objects --uri pkcs11:id=%0", "2|.*\"=\";.*|objects --uri pkcs11:id",
     "2|.*its place: pin-source;.*|objects --uri pkcs11:pin-source=/x",
-    "2|.*token twice;.*|objects --uri pkcs11:token=a;token=b", "1|no file.*|sign --id 00 DIR/none",
+    "2|.*token twice;.*|objects --uri pkcs11:token=a;token=b",
+    "2|(?!.*1234).*names no file.*|objects --uri pkcs11:?pin-source=/1234%00",
+    "2|.*types are.*|objects --uri pkcs11:type=key", "2|(?!.*1234).*|objects --uri pkcs11:1234=",
+    "2|.*locale.*|objects --label \uFFFD", "1|the PIN is empty|objects --pin-source /dev/null",
+    "1|.*/none cannot be read: there is no such.*|sign --id 00 DIR/none",
+    "1|.*no such.*|objects --pin-source DIR/none",
     "1|no token that.*|objects --token x", "1|no token that.*|objects --uri pkcs11:serial=0",
     "1|no terminal.*|objects --login", "1|no environment.*|objects --pin env:NO_SUCH_NAME",
     "1|no such key.*|sign --label x --pin-source DIR/pin DIR/data",

@@ -17,6 +17,8 @@ import javax.crypto.spec.SecretKeySpec;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.api.io.TempDir;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.ValueSource;
 
 /**
  * Drives a SoftHSM2 token that the caller has made, and has the JDK and OpenSC judge what comes of
@@ -159,6 +161,20 @@ class EndToEndTest {
         () -> session.sign(CKM_RSA_PKCS, key, DATA));
   }
 
+  @ParameterizedTest
+  @ValueSource(strings = {"th-TH-u-ca-buddhist-nu-thai", "ja-JP-u-ca-japanese", "ar-EG-u-nu-arab"})
+  void keepsDatesInEveryLocale(String locale) throws Exception {
+    Locale before = Locale.getDefault();
+    Locale.setDefault(Locale.forLanguageTag(locale));
+    try {
+      key.setAttributeValues(new PKCS11Template().put(CKA_START_DATE, END));
+      assertArrayEquals("20310228".getBytes(UTF_8), key.getByteArrayAttributeValue(CKA_START_DATE));
+      assertEquals(END, key.getDate(CKA_START_DATE));
+    } finally {
+      Locale.setDefault(before);
+    }
+  }
+
   @Test
   void signsAndDecryptsForTheJdk() throws Exception {
     Cipher jdk = Cipher.getInstance("RSA/ECB/PKCS1Padding");
@@ -277,7 +293,7 @@ class EndToEndTest {
       throws Exception {
     for (int i = 0; i < template.types().length; i++) {
       int type = template.types()[i];
-      Object expected = template.values()[i];
+      Object expected = type == CKA_END_DATE ? END : template.values()[i];
       Object typed = expected instanceof Integer ? object.getIntAttributeValue(type)
           : expected instanceof Boolean ? object.getBoolAttributeValue(type)
           : expected instanceof String ? object.getStringAttributeValue(type)

@@ -11,7 +11,8 @@ class RemoteToken {
     NativePKCS11 module = new NativePKCS11();
     NativePKCS11Session session = logIn(module);
     System.out.println("before: " + session.findAll(null).size() + " objects");
-    ProcessHandle server = ProcessHandle.of(Long.parseLong(System.getenv("P11_KIT_SERVER_PID"))).get();
+    long pid = Long.parseLong(System.getenv("P11_KIT_SERVER_PID"));
+    ProcessHandle server = ProcessHandle.of(pid).get();
     // The connection is served by a process of its own, which goes first.
     for (ProcessHandle process : Stream.concat(server.descendants(), Stream.of(server)).toList()) {
       process.destroyForcibly();
@@ -31,13 +32,20 @@ class RemoteToken {
         new ProcessBuilder("p11-kit", "server", "--foreground", "--provider",
                 "/usr/lib/softhsm/libsofthsm2.so", "--name", socket.toString(), "pkcs11:token=demo")
             .start();
-    while (!Files.exists(socket)) {
-      Thread.sleep(10);
+    try {
+      for (int i = 0; !Files.exists(socket); i++) {
+        if (i == 1000 || !revived.isAlive()) {
+          throw new AssertionError("the server has not come back");
+        }
+        Thread.sleep(10);
+      }
+      session = logIn(module);
+      System.out.println("after: " + session.findAll(null).size() + " objects");
+      module.libFinalize();
+    } finally {
+      revived.destroy();
+      revived.waitFor();
     }
-    session = logIn(module);
-    System.out.println("after: " + session.findAll(null).size() + " objects");
-    module.libFinalize();
-    revived.destroy();
   }
 
   private static NativePKCS11Session logIn(NativePKCS11 module) throws PKCS11Exception {

@@ -1,5 +1,5 @@
-// The card's own methods on a real module that stores vendor-defined attributes: withModule.sh starts
-// NSS and names it in QUARVEL_PKCS11_MODULE; without it these tests are filtered out.
+// The card's own methods on a real module that stores vendor-defined attributes: withModule.sh
+// starts NSS and names it in QUARVEL_PKCS11_MODULE; without it these tests are filtered out.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -84,6 +84,7 @@ void check(const Row& row, int tracing) {
   std::map<std::string, std::string> actual = {{"returns", outcome.result},
                                                {"module", join(outcome.moduleCalls, "; ")},
                                                {"arrays", join(outcome.arrays)},
+                                               {"jni", std::to_string(outcome.run.jni.size())},
                                                {tracing != 0 ? "trace" : "always", outcome.output}};
   std::map<std::string, std::string> expected = row.expected;
   if (tracing == 0) expected["always"] += "";  // silence, unless the row says otherwise

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <set>
 #include <type_traits>
 
 #include "it_quarvel_pkcs11_nat_NativePKCS11.h"
@@ -78,6 +79,7 @@ jobject parseDate(const char** text) {
 
 jobject parseObject(const char** text) {
   if (skip(text, "null")) return nullptr;
+  if (skip(text, "key2")) return objects().other;
   if (skip(text, "key")) return objects().object;
   if (skip(text, "true")) return newObject("java/lang/Boolean", "(Z)V", JNI_TRUE);
   if (skip(text, "false")) return newObject("java/lang/Boolean", "(Z)V", JNI_FALSE);
@@ -270,6 +272,7 @@ const Objects& objects() {
     made.slot = newHandle("NativePKCS11Slot", "NativePKCS11", made.module, 7);
     made.session = newHandle("NativePKCS11Session", "NativePKCS11Slot", made.slot, 5);
     made.object = newHandle("NativePKCS11Object", "NativePKCS11Session", made.session, 9);
+    made.other = newHandle("NativePKCS11Object", "NativePKCS11Session", made.session, -9);
     return made;
   }();
   return all;
@@ -306,6 +309,50 @@ std::string join(const std::vector<std::string>& parts, const char* between) {
   std::string joined;
   for (const std::string& part : parts) joined += (joined.empty() ? "" : between) + part;
   return joined;
+}
+
+/// What `accessor` of a handle object returns, one of the levels above.
+jobject owner(jobject handle, const char* accessor, const char* type) {
+  const std::string signature = "()L" + kPackage + type + ";";
+  const jclass cl = javaEnv->GetObjectClass(handle);
+  const jmethodID id = javaEnv->GetMethodID(cl, accessor, signature.c_str());
+  const jobject found = javaEnv->CallObjectMethod(handle, id);
+  javaEnv->ExceptionCheck();
+  return found;
+}
+
+/// Where the handle objects in a result belong: to the receiver's own, or which one else.
+std::string showOwners(jobject object) {
+  const auto is = [&](const char* type) {
+    return javaEnv->IsInstanceOf(object, javaEnv->FindClass(type)) != JNI_FALSE;
+  };
+  const auto isA = [&](const char* type) { return is((kPackage + type).c_str()); };
+  if (object == nullptr) return "";
+  if (is("[Ljava/lang/Object;")) {
+    const auto array = static_cast<jobjectArray>(object);
+    std::set<std::string> all;
+    for (jsize i = 0; i < javaEnv->GetArrayLength(array); ++i) {
+      all.insert(showOwners(javaEnv->GetObjectArrayElement(array, i)));
+    }
+    all.erase("");
+    return join({all.begin(), all.end()}, ";");
+  }
+  if (isA("NativePKCS11Object")) {
+    const jobject session = owner(object, "session", "NativePKCS11Session");
+    return javaEnv->IsSameObject(session, objects().session) != JNI_FALSE
+               ? " in this session"
+               : " in " + show(session) + showOwners(session);
+  }
+  if (isA("NativePKCS11Session")) {
+    const jobject slot = owner(object, "slot", "NativePKCS11Slot");
+    return javaEnv->IsSameObject(slot, objects().slot) != JNI_FALSE
+               ? " on this slot"
+               : " on " + show(slot) + showOwners(slot);
+  }
+  if (!isA("NativePKCS11Slot")) return "";
+  const jobject module = owner(object, "module", "NativePKCS11");
+  return javaEnv->IsSameObject(module, objects().module) != JNI_FALSE ? " of this module"
+                                                                      : " of another module";
 }
 
 std::string show(jobject object) {
@@ -353,7 +400,9 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
   outcome.output = testing::internal::GetCapturedStdout();
 
   const std::string exception = takeException();
-  outcome.result = shown(called.result, result) + (exception.empty() ? "" : " ! " + exception);
+  outcome.result = shown(called.result, result) +
+                   (called.result == 'L' || called.result == 'O' ? showOwners(result.l) : "") +
+                   (exception.empty() ? "" : " ! " + exception);
   outcome.moduleCalls = scripted::calls;
   for (std::size_t i = 0; i < values.size(); ++i) {
     if (called.parameters[i] == 'B') outcome.arrays.push_back(show(values[i].l));

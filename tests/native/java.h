@@ -24,7 +24,7 @@ JNIEnv* java();
 // Java values are written as text: null, true, 12, 0x1F, "text" (escapes \\n \\xNN), bytes [31 ff]
 // (also [00*1200]), arrays {1, 2} and {"a", 3}; among the elements of an Object[] numbers are
 // Integers, and big[00 ff] is a BigInteger, date20130305 a Date, foreign a Long, number0 to number2
-// a HostileNumber, key the object 9.
+// a HostileNumber, key and key2 the objects 9 and -9.
 
 /// The Java value of a text whose type a letter says (see Method); moves `text` behind it.
 jvalue parse(char type, const char** text);
@@ -44,9 +44,10 @@ struct Method {
 const std::vector<Method>& methods();
 const Method& method(const std::string& name);
 
-/// Handle objects: module, slot 7, session 5, object 9 in it. They live as long as the process.
+/// Handle objects: module, slot 7, session 5, in it the object 9 and another, -9. They live as long
+/// as the process.
 struct Objects {
-  jobject module, slot, session, object;
+  jobject module, slot, session, object, other;
 };
 const Objects& objects();
 

@@ -104,7 +104,7 @@ TEST(Sweep, EveryArgumentIsBadOnce) {
       {'O',
        {"null", "{}", "{\"x\"}", "{null, null, null, null, null, null}",
         "{\"x\", foreign, 3, true, key, null}", "{\"\", [], 0, false, big[00], null, 1}"}},
-      {'L', {"null"}}};
+      {'L', {"null", "key2"}}};
   std::size_t cases = 0;
   for (const Method& method : methods()) {
     for (std::size_t at = 0; at < method.parameters.size(); ++at) {
