@@ -12,6 +12,7 @@ install(FILES ${QUARVEL_JAR} ${CMAKE_BINARY_DIR}/quarvel-pkcs11-cli.jar DESTINAT
 install(FILES ${CMAKE_BINARY_DIR}/quarvel-pkcs11-javadoc.jar
               ${CMAKE_BINARY_DIR}/quarvel-pkcs11-sources.jar README.md SECURITY.md
         DESTINATION ${doc_dir} COMPONENT java)
+install(DIRECTORY docs DESTINATION ${doc_dir} COMPONENT java)
 install(PROGRAMS packaging/quarvel-pkcs11 DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT java)
 install(FILES packaging/quarvel-pkcs11.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT java)
 
@@ -38,5 +39,5 @@ set(CPACK_DEBIAN_JAVA_DESCRIPTION "The Java half of the binding, its Javadoc, an
 which shows what a token offers and checks whether the binding works with it.")
 
 set(CPACK_ARCHIVE_COMPONENT_INSTALL OFF)
-set(CPACK_ARCHIVE_FILE_NAME quarvel-pkcs11-${PROJECT_VERSION}-linux-${CMAKE_SYSTEM_PROCESSOR})
+set(CPACK_PACKAGE_FILE_NAME quarvel-pkcs11-${PROJECT_VERSION}-linux-${CMAKE_SYSTEM_PROCESSOR})
 include(CPack)

@@ -18,11 +18,14 @@ check() {
     ${QUARVEL_PIN:+--pin env:QUARVEL_PIN}' sh "$java" -jar "$cli" check $write \
     >"$work/out" 2>"$work/err" || status=$?
   if [ "$status" -eq 77 ]; then
-    echo "$module: not run: $(cat "$work/err")" >&2
+    echo "$module: not run, $(cat "$work/out")" >&2
     return
   fi
-  [ "$status" -le 1 ] && grep -q '^finalise  *works' "$work/out" ||
-    { echo "$module: the check-up broke off:" >&2; cat "$work/out" "$work/err" >&2; exit 2; }
+  if [ "$status" -gt 1 ] || ! grep -q '^finalise  *works' "$work/out"; then
+    echo "$module: the check-up broke off:" >&2
+    cat "$work/out" "$work/err" >&2
+    exit 2
+  fi
   echo "$module: $(tail -n 1 "$work/out")" >&2
   awk -F '  +' 'NR > 1 && NF > 1 && $2 !~ /^not offered/ {
     print $1 "\t" $2 ($2 ~ /^refused/ ? " " $NF : "") }' "$work/out"

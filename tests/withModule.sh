@@ -15,14 +15,14 @@ folder=$(dirname "$self")
 need() {
   local file
   for file in "$@"; do
-    [ -e "$file" ] || command -v "$file" >/dev/null || { echo "not here: $file" >&2; exit 77; }
+    [ -e "$file" ] || command -v "$file" >/dev/null || { echo "skipped: $file is not here"; exit 77; }
   done
 }
 
 # Starts over inside a mount namespace.
 in_namespace() {
   [ -z "${QUARVEL_NAMESPACE-}" ] || return 0
-  unshare -m true 2>/dev/null || { echo "no mount namespace for this user" >&2; exit 77; }
+  unshare -m true 2>/dev/null || { echo "skipped: no mount namespace for this user"; exit 77; }
   QUARVEL_NAMESPACE=1 exec unshare -m "$self" "$module" "$@"
 }
 

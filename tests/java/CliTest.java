@@ -106,7 +106,6 @@ class CliTest {
     "2|.*types are.*|objects --uri pkcs11:type=key", "2|(?!.*1234).*|objects --uri pkcs11:1234=",
     "2|.*locale.*|objects --label \uFFFD", "1|the PIN is empty|objects --pin-source /dev/null",
     "1|.*/none cannot be read: there is no such.*|sign --id 00 DIR/none",
-    "1|.*no such.*|objects --pin-source DIR/none",
     "1|no token that.*|objects --token x", "1|no token that.*|objects --uri pkcs11:serial=0",
     "1|no terminal.*|objects --login", "1|no environment.*|objects --pin env:NO_SUCH_NAME",
     "1|no such key.*|sign --label x --pin-source DIR/pin DIR/data",

@@ -40,6 +40,7 @@ class EndToEndTest {
   static PKCS11Template privateKey;
   static PKCS11Template x509;
 
+  final Locale locale = Locale.getDefault();
   final NativePKCS11 module = new NativePKCS11();
   NativePKCS11Session session;
   NativePKCS11Object key;
@@ -82,6 +83,7 @@ class EndToEndTest {
 
   @AfterEach
   void stop() throws Exception {
+    Locale.setDefault(locale);
     module.libFinalize();
   }
 
@@ -163,16 +165,11 @@ class EndToEndTest {
 
   @ParameterizedTest
   @ValueSource(strings = {"th-TH-u-ca-buddhist-nu-thai", "ja-JP-u-ca-japanese", "ar-EG-u-nu-arab"})
-  void keepsDatesInEveryLocale(String locale) throws Exception {
-    Locale before = Locale.getDefault();
-    Locale.setDefault(Locale.forLanguageTag(locale));
-    try {
-      key.setAttributeValues(new PKCS11Template().put(CKA_START_DATE, END));
-      assertArrayEquals("20310228".getBytes(UTF_8), key.getByteArrayAttributeValue(CKA_START_DATE));
-      assertEquals(END, key.getDate(CKA_START_DATE));
-    } finally {
-      Locale.setDefault(before);
-    }
+  void keepsDatesInEveryLocale(String tag) throws Exception {
+    Locale.setDefault(Locale.forLanguageTag(tag));
+    key.setAttributeValues(new PKCS11Template().put(CKA_START_DATE, END));
+    assertArrayEquals("20310228".getBytes(UTF_8), key.getByteArrayAttributeValue(CKA_START_DATE));
+    assertEquals(END, key.getDate(CKA_START_DATE));
   }
 
   @Test

@@ -11,8 +11,7 @@ class RemoteToken {
     NativePKCS11 module = new NativePKCS11();
     NativePKCS11Session session = logIn(module);
     System.out.println("before: " + session.findAll(null).size() + " objects");
-    long pid = Long.parseLong(System.getenv("P11_KIT_SERVER_PID"));
-    ProcessHandle server = ProcessHandle.of(pid).get();
+    var server = ProcessHandle.of(Long.parseLong(System.getenv("P11_KIT_SERVER_PID"))).get();
     // The connection is served by a process of its own, which goes first.
     for (ProcessHandle process : Stream.concat(server.descendants(), Stream.of(server)).toList()) {
       process.destroyForcibly();

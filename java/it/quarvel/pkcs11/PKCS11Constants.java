@@ -226,7 +226,7 @@ public final class PKCS11Constants {
   }
 
   private static String name(String kind, int value) {
-    String name = NAMES.get(kind).get(value);
+    String name = NAMES.getOrDefault(kind, Map.of()).get(value);
     return name != null ? name : "0x%08X".formatted(value);
   }
 

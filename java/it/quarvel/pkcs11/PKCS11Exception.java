@@ -4,9 +4,11 @@ package it.quarvel.pkcs11;
  * A failure of the module, or of the library in front of it.
  *
  * <p>A standard PKCS#11 return value arrives as its code, with a message such as "CKR_PIN_INCORRECT
- * (0xA0)". Everything else arrives as a message alone, with the code 0: "Internal error" stands for
- * a module that is not loaded or not initialised, that lacks the function, or that answered with a
- * vendor-defined value; other messages name an argument or an attribute that cannot be used.
+ * (0xA0)". Everything else arrives as a message alone, with the code 0. "Internal error" stands for
+ * a module that cannot be loaded, is not initialised, lacks the function, announces more than
+ * memory holds or answers with a vendor-defined value, and for a null text; some add the cause in
+ * brackets. Other messages name an argument, a value or a method that cannot be used. The lookup of
+ * RSA credentials alone keeps vendor-defined values as codes.
  */
 public class PKCS11Exception extends Exception {
   private static final long serialVersionUID = 1L;

@@ -1,6 +1,10 @@
 package it.quarvel.pkcs11;
 
 import java.math.BigInteger;
+import java.time.Instant;
+import java.time.LocalDate;
+import java.time.ZoneId;
+import java.time.format.DateTimeFormatter;
 import java.util.Date;
 import java.util.LinkedHashMap;
 import java.util.Map;
@@ -85,14 +89,19 @@ public final class PKCS11Template {
   }
 
   /**
-   * Puts a day: the eight ASCII digits of year, month and day in the default time zone.
+   * Puts a day: the eight ASCII digits of year, month and day in the default time zone, whatever
+   * calendar and digits the default locale has. They are put as a text.
    *
    * @param type a {@code CKA_} constant
    * @param value any moment of that day
    * @return this template
+   * @throws java.time.DateTimeException when the year has more than four digits, or is negative
    */
   public PKCS11Template put(int type, Date value) {
-    return set(type, value);
+    // Not toInstant(), which java.sql.Date refuses.
+    LocalDate day = LocalDate.ofInstant(
+        Instant.ofEpochMilli(value.getTime()), ZoneId.systemDefault());
+    return set(type, day.format(DateTimeFormatter.BASIC_ISO_DATE));
   }
 
   /**

@@ -116,10 +116,10 @@ record Attributes(NativePKCS11Object object) {
     return value instanceof Integer || value instanceof Boolean ? value : bytes;
   }
 
-  private Object known(int type) throws PKCS11Exception, ParseException {
+  private Object known(int type) {
     try {
       return object.getAttributeValue(type);
-    } catch (PKCS11Exception e) {
+    } catch (PKCS11Exception | ParseException e) {
       return null;
     }
   }

@@ -70,13 +70,13 @@ final class CheckCommand extends ModuleCommand {
   /** A check-up goes on without the login that the token refuses. */
   private void login(Connection connection, Token chosen) throws Failure {
     if (!pin.isAsked(token.uri())) {
-      table.note("login", CheckTable.Result.NOT_ASKED, "--login or a PIN");
+      table.note(Connection.LOGIN, CheckTable.Result.NOT_ASKED, "--login or a PIN");
       return;
     }
     try {
       pin.login(main(), connection, chosen, token.uri());
     } catch (Failure e) {
-      if (table.works()) {
+      if (!table.isRefused(Connection.LOGIN)) {
         throw e;
       }
       main().report(e);

@@ -134,16 +134,24 @@ final class Checkup {
           object -> {
             count[0]++;
             table.checkHandle("object", object.objectID());
-            if (!known.contains(object.objectID())) {
-              byClass.putIfAbsent(
-                  table.call("read number", () -> object.getIntAttributeValue(CKA_CLASS)), object);
+            Integer objectClass = known.contains(object.objectID()) ? null : readClass(object);
+            if (objectClass != null) {
+              byClass.putIfAbsent(objectClass, object);
             }
+            return true;
           });
       table.note(Connection.SEARCH, CheckTable.Result.WORKS, count[0] + " objects");
     } catch (Failure e) {
       table.note(Connection.SEARCH, CheckTable.Result.REFUSED, e.reason());
     }
     samples.addAll(byClass.values());
+  }
+
+  /** An object that cannot be read has its row, and ends no search. */
+  private Integer readClass(NativePKCS11Object object) {
+    return table.attempt(
+        "read number",
+        () -> new Attributes(object).read(CKA_CLASS, object::getIntAttributeValue));
   }
 
   /** Objects without the attribute say nothing about the operation. */

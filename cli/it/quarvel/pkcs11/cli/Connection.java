@@ -19,23 +19,8 @@ import java.util.List;
 final class Connection implements AutoCloseable {
   static final String LOAD = "load";
   static final String INITIALISE = "initialise";
+  static final String LOGIN = "login";
   static final String SEARCH = "search";
-
-  /** What a search does with each object. */
-  interface Visitor {
-    void visit(NativePKCS11Object object) throws Failure;
-  }
-
-  /** Tells after each object whether a search is to go on. */
-  private interface Condition {
-    boolean test(NativePKCS11Object object) throws Failure;
-  }
-
-  /** Ends a search when the block that runs it ends. */
-  private interface Search extends AutoCloseable {
-    @Override
-    void close() throws Failure;
-  }
 
   private final Steps steps;
   private final NativePKCS11 module;
@@ -94,7 +79,7 @@ final class Connection implements AutoCloseable {
   void login(byte[] pin) throws Failure {
     try {
       steps.run(
-          "login",
+          LOGIN,
           () -> {
             if (pin == null) {
               session.loginAuthPath(false);
@@ -110,32 +95,17 @@ final class Connection implements AutoCloseable {
     }
   }
 
-  /** Visits the objects that match, each as it is found, so that none needs to be kept. */
-  void search(PKCS11Template template, Visitor visitor) throws Failure {
-    searchWhile(
-        template,
-        object -> {
-          visitor.visit(object);
-          return true;
-        });
+  /** Visits the objects that match, each as it is found, until a visit returns false. */
+  void search(PKCS11Template template, NativePKCS11Session.Visitor<Failure> visitor)
+      throws Failure {
+    steps.run(SEARCH, () -> session.forEach(template, visitor));
   }
 
   /** Returns the first objects that match. */
   List<NativePKCS11Object> find(PKCS11Template template, int most) throws Failure {
     List<NativePKCS11Object> found = new ArrayList<>();
-    searchWhile(template, object -> found.add(object) && found.size() < most);
+    search(template, object -> found.add(object) && found.size() < most);
     return found;
-  }
-
-  @SuppressWarnings("try")
-  private void searchWhile(PKCS11Template template, Condition goOn) throws Failure {
-    steps.run(SEARCH, () -> session.findObjectsInit(template.types(), template.values()));
-    try (Search search = () -> steps.run(SEARCH, session::findObjectsFinal)) {
-      NativePKCS11Object object;
-      do {
-        object = steps.call(SEARCH, session::findObject);
-      } while (object != null && goOn.test(object));
-    }
   }
 
   /** Logs out and closes the session, if there is one. */

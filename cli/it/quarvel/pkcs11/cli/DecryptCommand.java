@@ -23,7 +23,7 @@ final class DecryptCommand extends KeyCommand {
   }
 
   @Override
-  int mechanismFor(int keyType, byte[] data) {
+  int defaultMechanism(int keyType) {
     return keyType == CKK_RSA ? CKM_RSA_PKCS : NO_DEFAULT;
   }
 

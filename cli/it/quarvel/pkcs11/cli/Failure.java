@@ -1,6 +1,10 @@
 package it.quarvel.pkcs11.cli;
 
 import it.quarvel.pkcs11.PKCS11Exception;
+import java.io.IOException;
+import java.nio.file.AccessDeniedException;
+import java.nio.file.FileSystemException;
+import java.nio.file.NoSuchFileException;
 
 /** What ends a command: one line for the user and the exit status. */
 final class Failure extends Exception {
@@ -36,6 +40,16 @@ final class Failure extends Exception {
   /** Makes a failure that the command line is to blame for. */
   static Failure usage(String message) {
     return new Failure(USAGE, message, message, null);
+  }
+
+  /** Makes a failure of a file, whose exception often says no more than its name. */
+  static Failure file(String what, IOException cause) {
+    String reason = cause instanceof NoSuchFileException ? "there is no such file or folder"
+        : cause instanceof AccessDeniedException ? "you have no permission"
+        : cause instanceof FileSystemException e && e.getReason() != null ? e.getReason()
+        : cause instanceof FileSystemException ? cause.getClass().getSimpleName()
+        : cause.getMessage();
+    return new Failure(what + ": " + reason);
   }
 
   /** Makes a failure that nobody is left to read about. */

@@ -40,6 +40,7 @@ final class Hints {
       case CKR_USER_PIN_NOT_INITIALIZED -> "the token has no user PIN yet";
       case CKR_USER_NOT_LOGGED_IN ->
           "log in with --login; keys that ask for the PIN at each use cannot be used";
+      case CKR_TOKEN_NOT_RECOGNIZED -> "initialise the token with the tools of its module";
       case CKR_TOKEN_NOT_PRESENT, CKR_DEVICE_REMOVED -> "insert the token and start again";
       case CKR_SLOT_ID_INVALID, CKR_SESSION_HANDLE_INVALID, CKR_OBJECT_HANDLE_INVALID ->
           "when the module has handles of 64 bits, " + HANDLE_WIDTH;

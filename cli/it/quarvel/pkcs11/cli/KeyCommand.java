@@ -7,9 +7,7 @@ import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import java.io.IOException;
-import java.io.InputStream;
 import java.nio.file.Files;
-import java.nio.file.NoSuchFileException;
 import java.nio.file.Path;
 import picocli.CommandLine.Mixin;
 import picocli.CommandLine.Option;
@@ -41,7 +39,10 @@ abstract class KeyCommand extends ModuleCommand {
   abstract String operation();
 
   /** Returns the mechanism for who names none. */
-  abstract int mechanismFor(int keyType, byte[] data);
+  abstract int defaultMechanism(int keyType);
+
+  /** Tells the user what is odd about data for a mechanism that nobody has named. */
+  void warn(int defaultMechanism, byte[] data) {}
 
   abstract byte[] apply(
       NativePKCS11Session session, int mechanism, NativePKCS11Object key, byte[] data)
@@ -65,31 +66,32 @@ abstract class KeyCommand extends ModuleCommand {
       pin.login(main(), connection, chosen, token.uri());
     }
     NativePKCS11Object key = filter.key(connection, token.uri());
-    int chosenMechanism = mechanism != null ? mechanism : mechanismFor(key, data);
+    int chosenMechanism = mechanism != null ? mechanism : chooseMechanism(key, data);
     write(connection.steps()
         .call(operation(), () -> apply(connection.session(), chosenMechanism, key, data)));
   }
 
-  private int mechanismFor(NativePKCS11Object key, byte[] data) throws Failure {
+  private int chooseMechanism(NativePKCS11Object key, byte[] data) throws Failure {
     Integer keyType = new Attributes(key).read(CKA_KEY_TYPE, key::getIntAttributeValue);
     if (keyType == null) {
       throw Failure.usage("this object is no key: --type is private, public or secret-key");
     }
-    int found = mechanismFor(keyType, data);
+    int found = defaultMechanism(keyType);
     if (found == NO_DEFAULT) {
       throw Failure.usage("no usual mechanism for a key of type %s: name one by --mechanism"
           .formatted(PKCS11Constants.keyTypeName(keyType)));
     }
+    warn(found, data);
     return found;
   }
 
   private byte[] read() throws Failure {
-    try (InputStream in = input.equals(STANDARD) ? System.in : Files.newInputStream(input)) {
-      return in.readAllBytes();
-    } catch (NoSuchFileException e) {
-      throw new Failure("no file " + input);
+    boolean standard = input.equals(STANDARD);
+    try {
+      // Standard input stays open: it may be the terminal that the PIN comes from.
+      return standard ? System.in.readAllBytes() : Files.readAllBytes(input);
     } catch (IOException e) {
-      throw new Failure(input + " cannot be read: " + e.getMessage());
+      throw Failure.file((standard ? "standard input" : input) + " cannot be read", e);
     }
   }
 
@@ -101,7 +103,7 @@ abstract class KeyCommand extends ModuleCommand {
     try {
       Files.write(output, result);
     } catch (IOException e) {
-      throw new Failure(output + " cannot be written: " + e);
+      throw Failure.file(output + " cannot be written", e);
     }
   }
 }

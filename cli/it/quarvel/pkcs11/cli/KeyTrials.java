@@ -201,10 +201,12 @@ final class KeyTrials {
         table.attempt(operation, () -> attributes.read(use, key::getBoolAttributeValue));
     Integer type =
         table.attempt(operation, () -> attributes.read(CKA_KEY_TYPE, key::getIntAttributeValue));
-    if (Boolean.TRUE.equals(usable) && type != null && (type == CKK_RSA || type == CKK_EC)) {
+    boolean known = type != null && (type == CKK_RSA || type == CKK_EC);
+    if (known && Boolean.TRUE.equals(usable)) {
       return type;
     }
-    table.note(operation, CheckTable.Result.NOTHING, "the key is not made for it");
+    table.note(operation, CheckTable.Result.NOTHING, known || type == null
+        ? "the key is not made for it" : "no trial for " + PKCS11Constants.keyTypeName(type));
     return -1;
   }
 
@@ -249,7 +251,11 @@ final class KeyTrials {
     List<Integer> handles = created.stream().map(NativePKCS11Object::objectID).toList();
     int[] left = {0};
     connection.search(
-        new PKCS11Template(), object -> left[0] += handles.contains(object.objectID()) ? 1 : 0);
+        new PKCS11Template(),
+        object -> {
+          left[0] += handles.contains(object.objectID()) ? 1 : 0;
+          return true;
+        });
     return expect(left[0] == 0);
   }
 

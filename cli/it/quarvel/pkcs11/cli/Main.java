@@ -6,7 +6,8 @@ import java.io.FileOutputStream;
 import java.io.OutputStream;
 import java.io.PrintStream;
 import java.io.PrintWriter;
-import java.nio.charset.StandardCharsets;
+import java.io.StringWriter;
+import java.util.Arrays;
 import java.util.List;
 import picocli.CommandLine;
 import picocli.CommandLine.Command;
@@ -27,10 +28,17 @@ import picocli.CommandLine.UnmatchedArgumentException;
     scope = ScopeType.INHERIT,
     version = NativePKCS11.BRIDGE_VERSION,
     exitCodeListHeading = "Exit status:%n",
-    exitCodeList = {"0:It worked.", "1:It did not.", "2:The command line is wrong."})
+    exitCodeList = {
+      "0:It worked.", "1:It did not.", "2:The command line is wrong.",
+      "141:The reader of standard output has gone."
+    })
 public final class Main {
   private static final String NAME = "quarvel-pkcs11";
   private static final String MODULE_VARIABLE = "QUARVEL_PKCS11_MODULE";
+  /** What is wrong with a text that {@link #isGarbled}. */
+  static final String GARBLED =
+      " has characters that this locale does not have: start with LC_ALL=C.UTF-8";
+
   private static final String TRACE_VARIABLE = "PKCS11_ZOV_DEBUG";
 
   @Option(names = "--module", paramLabel = "FILE", scope = ScopeType.INHERIT,
@@ -68,13 +76,22 @@ public final class Main {
    */
   public static int run(OutputStream out, PrintStream err, String... args) {
     Main main = new Main(out, err);
+    if (Arrays.stream(args).anyMatch(Main::isGarbled)) {
+      main.message("the command line" + GARBLED);
+      return Failure.USAGE;
+    }
     CommandLine commandLine = new CommandLine(main);
-    commandLine.setOut(new PrintWriter(out, true, StandardCharsets.UTF_8));
+    StringWriter help = new StringWriter();
+    commandLine.setOut(new PrintWriter(help));
     commandLine.setExpandAtFiles(false);
     commandLine.setParameterExceptionHandler((failure, all) -> main.refuse(failure));
     commandLine.setExecutionExceptionHandler((failure, c, parsed) -> main.report(failure));
     try {
-      return commandLine.execute(args);
+      int status = commandLine.execute(args);
+      main.out.write(help.toString());
+      return status;
+    } catch (Failure e) {
+      return main.report(e);
     } catch (OutOfMemoryError e) {
       main.message("not enough memory: the data is worked on in one piece");
       return Failure.FAILED;
@@ -87,10 +104,18 @@ public final class Main {
     if (path == null || path.isEmpty()) {
       throw Failure.usage("no PKCS#11 module: name its file by --module or " + MODULE_VARIABLE);
     }
+    if (isGarbled(path)) {
+      throw Failure.usage("the path of the PKCS#11 module" + GARBLED);
+    }
     if (System.getenv(TRACE_VARIABLE) != null) {
       message(TRACE_VARIABLE + " is set: standard output goes to /var/tmp/vorlenk0.log");
     }
     return path;
+  }
+
+  /** Java puts a replacement character for each byte that the locale does not know. */
+  static boolean isGarbled(String text) {
+    return text.indexOf('\uFFFD') >= 0;
   }
 
   Stdout out() {

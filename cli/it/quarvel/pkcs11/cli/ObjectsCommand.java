@@ -36,6 +36,7 @@ final class ObjectsCommand extends ModuleCommand {
           object -> {
             show(new Attributes(object).describe(attributes));
             progress.step();
+            return true;
           });
     } finally {
       progress.end();

@@ -58,7 +58,11 @@ final class PinOptions {
     if (token.info().hasFlag(CKF_USER_PIN_FINAL_TRY)) {
       main.message("this is the last try: another wrong PIN locks the token");
     }
-    connection.login(pin(token, uri));
+    byte[] pin = pin(token, uri);
+    if (pin != null && pin.length == 0) {
+      throw new Failure("the PIN is empty");
+    }
+    connection.login(pin);
   }
 
   /** Returns the PIN for the caller to wipe, null when the token asks for it itself. */
@@ -77,26 +81,66 @@ final class PinOptions {
   }
 
   private static byte[] ofVariable(String name) throws Failure {
+    byte[] pin = rawVariable(name);
+    if (pin != null) {
+      return pin;
+    }
     String value = System.getenv(name);
     if (value == null) {
       throw new Failure("no environment variable " + name + ", which --pin says has the PIN");
     }
+    if (Main.isGarbled(value)) {
+      throw new Failure("the PIN in " + name + Main.GARBLED);
+    }
     return value.getBytes(StandardCharsets.UTF_8);
+  }
+
+  /** Returns the PIN as it is, whatever the locale makes of it; null when there is no access. */
+  private static byte[] rawVariable(String name) {
+    try {
+      byte[] all = Files.readAllBytes(Path.of("/proc/self/environ"));
+      try {
+        return value(all, (name + "=").getBytes(StandardCharsets.UTF_8));
+      } finally {
+        Arrays.fill(all, (byte) 0);
+      }
+    } catch (IOException e) {
+      return null;
+    }
+  }
+
+  private static byte[] value(byte[] variables, byte[] start) {
+    int end;
+    for (int from = 0; from < variables.length; from = end + 1) {
+      end = indexOf(variables, from, '\0');
+      int value = from + start.length;
+      if (value <= end && Arrays.equals(variables, from, value, start, 0, start.length)) {
+        return Arrays.copyOfRange(variables, value, end);
+      }
+    }
+    return null;
   }
 
   private static byte[] ofFile(Path file) throws Failure {
     try {
       byte[] content = Files.readAllBytes(file);
-      int length = 0;
-      while (length < content.length && content[length] != '\n' && content[length] != '\r') {
-        length++;
-      }
+      int length = Math.min(indexOf(content, 0, '\n'), indexOf(content, 0, '\r'));
       byte[] pin = Arrays.copyOf(content, length);
       Arrays.fill(content, (byte) 0);
       return pin;
     } catch (IOException e) {
-      throw new Failure("the file with the PIN cannot be read: " + e);
+      // Without its name, which may be a PIN that is not at its place.
+      throw Failure.file("the file with the PIN cannot be read", e);
     }
+  }
+
+  /** Returns where the byte is, the end of the bytes when there is none. */
+  private static int indexOf(byte[] bytes, int from, char wanted) {
+    int i = from;
+    while (i < bytes.length && bytes[i] != wanted) {
+      i++;
+    }
+    return i;
   }
 
   /** Newer versions of Java offer a console without a terminal, which would echo. */

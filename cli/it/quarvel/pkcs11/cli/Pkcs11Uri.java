@@ -2,6 +2,7 @@ package it.quarvel.pkcs11.cli;
 
 import java.io.ByteArrayOutputStream;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 import java.util.LinkedHashMap;
 import java.util.Map;
@@ -23,6 +24,10 @@ final class Pkcs11Uri {
   private static final String FILE_SCHEME = "^file:(//(localhost)?)?(?=/)";
   private static final Set<String> PATH =
       Set.of("token", "manufacturer", "model", "serial", "slot-id", "object", "id", "type");
+  private static final Set<String> QUERY = Set.of("pin-source");
+  private static final Set<String> REFUSED = Set.of(
+      "library-manufacturer", "library-description", "library-version", "slot-manufacturer",
+      "slot-description", "module-name", "module-path");
 
   private final Map<String, byte[]> attributes;
 
@@ -38,12 +43,24 @@ final class Pkcs11Uri {
     String[] parts = uri.substring(SCHEME.length()).split("\\?", 2);
     Map<String, byte[]> attributes = new LinkedHashMap<>();
     add(attributes, parts[0], ";", PATH);
-    add(attributes, parts.length > 1 ? parts[1] : "", "&", Set.of("pin-source"));
+    add(attributes, parts.length > 1 ? parts[1] : "", "&", QUERY);
     Pkcs11Uri parsed = new Pkcs11Uri(attributes);
-    if (parsed.pinFile() != null && !parsed.pinFile().isAbsolute()) {
-      throw bad("names no file by its full path in pin-source");
-    }
+    parsed.check();
     return parsed;
+  }
+
+  private void check() {
+    if (text("type") != null) {
+      ObjectFilter.type(text("type"));
+    }
+    try {
+      if (pinFile() != null && !pinFile().isAbsolute()) {
+        throw bad("names no file by its full path in pin-source");
+      }
+    } catch (InvalidPathException e) {
+      throw bad("names no file in pin-source: one has no zero byte in its name, and no characters"
+          + " that this locale does not have");
+    }
   }
 
   /** Returns a value as text, null when the URI has no such attribute. */
@@ -76,12 +93,16 @@ final class Pkcs11Uri {
       }
       if (!known.contains(pair[0])) {
         throw bad("has an attribute that is not known at its place: "
-            + (pair[0].matches("[a-z0-9_-]{1,40}") ? pair[0] : "not a name"));
+            + (isName(pair[0]) ? pair[0] : "no attribute of RFC 7512"));
       }
       if (attributes.put(pair[0], decode(pair[0], pair[1])) != null) {
         throw bad("has " + pair[0] + " twice");
       }
     }
+  }
+
+  private static boolean isName(String text) {
+    return PATH.contains(text) || QUERY.contains(text) || REFUSED.contains(text);
   }
 
   private static byte[] decode(String name, String value) {

@@ -27,16 +27,20 @@ final class SignCommand extends KeyCommand {
   }
 
   @Override
-  int mechanismFor(int keyType, byte[] data) {
-    if (keyType == CKK_EC && data.length > LONGEST_DIGEST) {
-      main().message("CKM_ECDSA does not hash, and this looks like data that has not been hashed");
-    }
+  int defaultMechanism(int keyType) {
     return switch (keyType) {
       case CKK_RSA -> CKM_SHA256_RSA_PKCS;
       case CKK_EC -> CKM_ECDSA;
       case CKK_EC_EDWARDS -> CKM_EDDSA;
       default -> NO_DEFAULT;
     };
+  }
+
+  @Override
+  void warn(int defaultMechanism, byte[] data) {
+    if (defaultMechanism == CKM_ECDSA && data.length > LONGEST_DIGEST) {
+      main().message("CKM_ECDSA does not hash, and this looks like data that has not been hashed");
+    }
   }
 
   @Override

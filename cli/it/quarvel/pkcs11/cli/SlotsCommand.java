@@ -21,29 +21,37 @@ final class SlotsCommand extends ModuleCommand {
   void run(Connection connection) throws Failure {
     Steps steps = connection.steps();
     for (NativePKCS11Slot slot : steps.call("slots", () -> connection.module().slots(false))) {
-      PKCS11SlotInfo info = steps.call("slot info", slot::getInfo);
-      Map<String, Object> values = describe(slot, info);
-      if (info.hasFlag(CKF_TOKEN_PRESENT)) {
-        addToken(values, steps, slot);
-      }
-      String title = "Slot " + Token.number(slot) + ": " + info.slotDescription().strip();
-      output.item(main().out(), title, values, Set.of("slot", "description"));
+      Map<String, Object> values = new LinkedHashMap<>();
+      values.put("slot", Token.number(slot));
+      addSlot(values, steps, slot);
+      Object description = values.getOrDefault("description", "not readable");
+      output.item(main().out(), "Slot " + Token.number(slot) + ": " + description, values,
+          Set.of("slot", "description"));
     }
     output.end(main().out());
   }
 
-  private static Map<String, Object> describe(NativePKCS11Slot slot, PKCS11SlotInfo info) {
-    Map<String, Object> values = new LinkedHashMap<>();
-    values.put("slot", Token.number(slot));
+  /** A slot or token that cannot be read is one of the things to show, not the end of the list. */
+  private static void addSlot(Map<String, Object> values, Steps steps, NativePKCS11Slot slot) {
+    try {
+      PKCS11SlotInfo info = steps.call("slot info", slot::getInfo);
+      add(values, info);
+      if (info.hasFlag(CKF_TOKEN_PRESENT)) {
+        addToken(values, steps, slot);
+      }
+    } catch (Failure e) {
+      values.put("slotError", e.reason());
+    }
+  }
+
+  private static void add(Map<String, Object> values, PKCS11SlotInfo info) {
     values.put("description", info.slotDescription().strip());
     values.put("manufacturer", info.manufacturerID().strip());
     values.put("hardwareVersion", PKCS11Info.versionText(info.hardwareVersion()));
     values.put("firmwareVersion", PKCS11Info.versionText(info.firmwareVersion()));
     values.put("flags", Names.flags(info, Names.SLOT_FLAGS));
-    return values;
   }
 
-  /** A token that cannot be read is one of the things to show, not the end of the list. */
   private static void addToken(Map<String, Object> values, Steps steps, NativePKCS11Slot slot) {
     try {
       add(values, steps.call("token info", slot::getTokenInfo));

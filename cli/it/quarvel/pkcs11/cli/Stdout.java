@@ -31,7 +31,7 @@ final class Stdout {
       out.flush();
     } catch (IOException e) {
       throw isPipe() ? Failure.silent(BROKEN_PIPE)
-          : new Failure("standard output cannot be written: " + e.getMessage());
+          : Failure.file("standard output cannot be written", e);
     }
   }
 

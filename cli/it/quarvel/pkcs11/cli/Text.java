@@ -12,12 +12,15 @@ import java.util.stream.IntStream;
 final class Text {
   private Text() {}
 
-  /** Writes a title and below it the values that say something which the title does not. */
+  /**
+   * Writes a title and below it the values that say something which the title does not. Who asks
+   * for an attribute sees that the object has none.
+   */
   static String block(String title, Map<String, Object> values, Set<String> inTitle) {
     int width = values.keySet().stream().mapToInt(key -> words(key).length()).max().orElse(0);
     return values.entrySet().stream()
-        .filter(entry -> !inTitle.contains(entry.getKey()) && !value(entry.getValue()).isEmpty())
-        .map(entry -> "  " + pad(words(entry.getKey()), width) + "  " + value(entry.getValue()))
+        .filter(entry -> !inTitle.contains(entry.getKey()) && isShown(entry))
+        .map(entry -> "  " + pad(words(entry.getKey()), width) + "  " + shown(entry))
         .collect(Collectors.joining("\n", printable(title) + "\n", "\n"));
   }
 
@@ -48,6 +51,18 @@ final class Text {
     };
   }
 
+  private static boolean isShown(Map.Entry<String, Object> entry) {
+    return isAttribute(entry.getKey()) || !value(entry.getValue()).isEmpty();
+  }
+
+  private static String shown(Map.Entry<String, Object> entry) {
+    return entry.getValue() == null ? "-" : value(entry.getValue());
+  }
+
+  private static boolean isAttribute(String key) {
+    return key.startsWith("CKA_") || key.startsWith("0x");
+  }
+
   private static int width(List<Map<String, Object>> rows, String key) {
     int widest = rows.stream().mapToInt(row -> value(row.get(key)).length()).max().orElse(0);
     return Math.max(widest, words(key).length());
@@ -70,7 +85,7 @@ final class Text {
 
   /** Turns the name of a member, "minKeySize", into words. */
   private static String words(String key) {
-    return key.startsWith("CKA_") ? key : key.replaceAll("([A-Z])", " $1").toLowerCase(Locale.ROOT);
+    return isAttribute(key) ? key : key.replaceAll("([A-Z])", " $1").toLowerCase(Locale.ROOT);
   }
 
   private static String pad(String text, int width) {

@@ -43,32 +43,44 @@ final class TokenOptions {
 
   /** Finds the one token that is meant. */
   Token choose(Connection connection) throws Failure {
+    Steps steps = connection.steps();
     List<Token> tokens = new ArrayList<>();
-    for (NativePKCS11Slot slot :
-        connection.steps().call("slots", () -> connection.module().slots(true))) {
-      if (choice.slot == null || choice.slot == Token.number(slot)) {
-        PKCS11TokenInfo info = connection.steps().call("token info", () -> read(slot));
-        if (info != null && matches(slot, info)) {
-          tokens.add(new Token(slot, info));
+    PKCS11Exception unreadable = null;
+    for (NativePKCS11Slot slot : steps.call("slots", () -> connection.module().slots(true))) {
+      try {
+        if (choice.slot == null || choice.slot == Token.number(slot)) {
+          tokens.addAll(matching(slot));
         }
+      } catch (PKCS11Exception e) {
+        unreadable = choice.slot != null || !isAbsent(e.errorCode()) ? e : unreadable;
       }
+    }
+    if (tokens.isEmpty() && unreadable != null) {
+      return steps.call("token info", failure(unreadable));
     }
     if (tokens.size() != 1) {
       throw new Failure(tokens.isEmpty() ? none() : several(tokens));
     }
-    return tokens.get(0);
+    // Read once more: only the slot that counts is a step of the command.
+    NativePKCS11Slot slot = tokens.get(0).slot();
+    return new Token(slot, steps.call("token info", slot::getTokenInfo));
+  }
+
+  private static Steps.Call<Token> failure(PKCS11Exception cause) {
+    return () -> {
+      throw cause;
+    };
+  }
+
+  private List<Token> matching(NativePKCS11Slot slot) throws PKCS11Exception {
+    PKCS11TokenInfo info = slot.getTokenInfo();
+    return matches(slot, info) ? List.of(new Token(slot, info)) : List.of();
   }
 
   /** A token that has gone, or that the module does not know, is none that could be meant. */
-  private static PKCS11TokenInfo read(NativePKCS11Slot slot) throws PKCS11Exception {
-    try {
-      return slot.getTokenInfo();
-    } catch (PKCS11Exception e) {
-      return switch (e.errorCode()) {
-        case CKR_TOKEN_NOT_PRESENT, CKR_TOKEN_NOT_RECOGNIZED, CKR_DEVICE_REMOVED -> null;
-        default -> throw e;
-      };
-    }
+  private static boolean isAbsent(int code) {
+    return code == CKR_TOKEN_NOT_PRESENT || code == CKR_TOKEN_NOT_RECOGNIZED
+        || code == CKR_DEVICE_REMOVED;
   }
 
   private boolean matches(NativePKCS11Slot slot, PKCS11TokenInfo info) {

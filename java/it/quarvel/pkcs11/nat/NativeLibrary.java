@@ -9,7 +9,9 @@ import java.nio.file.Path;
 import java.nio.file.attribute.FileAttribute;
 import java.nio.file.attribute.PosixFilePermissions;
 import java.util.ArrayList;
+import java.util.LinkedHashMap;
 import java.util.List;
+import java.util.Map;
 
 /** Finds and loads the native library. */
 final class NativeLibrary {
@@ -25,24 +27,35 @@ final class NativeLibrary {
 
   private NativeLibrary() {}
 
-  /** Loads the library, or tells in one error everything that was tried and why it failed. */
+  /**
+   * Loads the library and tells which attempt did it, or tells in one error everything that was
+   * tried and why it failed.
+   */
   @SuppressWarnings("restricted")
-  static void load() {
-    List<String> failures = new ArrayList<>();
+  static String load() {
+    Map<String, Loader> attempts = new LinkedHashMap<>();
     String file = System.getProperty(FILE_PROPERTY);
-    boolean loaded =
-        file != null
-            ? succeeds(
-                "file " + file + " named by the system property " + FILE_PROPERTY,
-                () -> System.load(new File(file).getAbsolutePath()),
-                failures)
-            : succeeds("library " + NAME, () -> System.loadLibrary(NAME), failures)
-                || succeeds("resource " + RESOURCE, NativeLibrary::loadResource, failures);
-    if (!loaded) {
-      throw new UnsatisfiedLinkError(
-          "The native library cannot be loaded. Name its file with -D%s=FILE.\n%s"
-              .formatted(FILE_PROPERTY, String.join("\n", failures)));
+    if (file != null) {
+      attempts.put(
+          "file " + file + " named by the system property " + FILE_PROPERTY,
+          () -> System.load(new File(file).getAbsolutePath()));
+    } else {
+      attempts.put("library " + NAME + " in java.library.path", () -> System.loadLibrary(NAME));
+      attempts.put("resource " + RESOURCE, NativeLibrary::loadResource);
     }
+    List<String> failures = new ArrayList<>();
+    return attempts.entrySet().stream()
+        .filter(attempt -> succeeds(attempt.getKey(), attempt.getValue(), failures))
+        .findFirst()
+        .map(Map.Entry::getKey)
+        .orElseThrow(
+            () -> error("The native library cannot be loaded", String.join("\n", failures)));
+  }
+
+  /** Makes an error that says what helps against it. */
+  static UnsatisfiedLinkError error(String what, String details) {
+    return new UnsatisfiedLinkError(
+        "%s. Name its file with -D%s=FILE.\n%s".formatted(what, FILE_PROPERTY, details));
   }
 
   private static boolean succeeds(String attempt, Loader loader, List<String> failures) {

@@ -10,8 +10,8 @@ import java.util.List;
  * <pre>{@code
  * NativePKCS11.loadPKCS11Library("/usr/lib/softhsm/libsofthsm2.so");
  * NativePKCS11 module = new NativePKCS11();
- * module.libInitialize();
  * try {
+ *   module.libInitialize();
  *   for (NativePKCS11Slot slot : module.slots(true)) {
  *     System.out.println(slot.getTokenInfo().trimmedLabel());
  *   }
@@ -26,19 +26,21 @@ import java.util.List;
  *   <li>There is one module at a time in the whole process, whatever the number of objects of this
  *       class, and it is initialised without locking: make one call at a time, from whichever
  *       thread, and load, initialise or finalise beside no other call.
- *   <li>Every failure is a {@link PKCS11Exception}. Its code is the module's return value; its
- *       message is "Internal error" when no module is initialised, when the module lacks the
- *       function, or when the return value is vendor-defined. A null key or byte array, or a length
- *       beyond its array, is refused with CKR_ARGUMENTS_BAD before the module is called; a null
- *       string with "Internal error".
+ *   <li>A failure is a {@link PKCS11Exception}, which tells what its code and message stand for;
+ *       but a date attribute that holds no date is a {@link java.text.ParseException}, and where
+ *       the Java virtual machine itself fails its own error arrives. A null key or byte array, or a
+ *       length beyond its array, is refused with CKR_ARGUMENTS_BAD before the module is called; a
+ *       null string with "Internal error".
  *   <li>Handles are {@code int}. A module with handles of 64 bits works only behind p11-kit-proxy,
  *       which gives it small ones.
  *   <li>A mechanism reaches the module without parameters; the parameter objects are not read.
  *       Offsets are not read either: data starts at the first element of its array.
  *   <li>Attribute values are given as {@code String}, {@code byte[]}, {@code Integer}, {@code
- *       Boolean}, {@code BigInteger} or {@code Date}. A null or a value of another class stops the
+ *       Boolean}, {@code BigInteger} or {@code Date}, which is written in the calendar and the
+ *       digits of the default locale. A null or a value of another class stops the
  *       method silently: the module is not called, nothing is raised, the result is null. A {@link
- *       it.quarvel.pkcs11.PKCS11Template} takes no such value.
+ *       it.quarvel.pkcs11.PKCS11Template} takes no such value, and its dates do not depend on the
+ *       locale.
  *   <li>Attribute and mechanism types of the vendor-defined range cannot be named, since an {@code
  *       int} reaches the module with its sign extended to 64 bits.
  * </ul>
@@ -55,12 +57,13 @@ public class NativePKCS11 {
   public static final String BRIDGE_VERSION = "1.16";
 
   static {
-    NativeLibrary.load();
+    String loaded = NativeLibrary.load();
     String version = libraryVersion();
     if (!BRIDGE_VERSION.equals(version)) {
-      throw new UnsatisfiedLinkError(
+      throw NativeLibrary.error(
           "The native library has version %s, its Java classes need version %s"
-              .formatted(version, BRIDGE_VERSION));
+              .formatted(version, BRIDGE_VERSION),
+          "loaded: " + loaded);
     }
   }
 

@@ -3,8 +3,12 @@ package it.quarvel.pkcs11.nat;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Template;
 import java.math.BigInteger;
+import java.nio.charset.StandardCharsets;
 import java.text.ParseException;
+import java.text.SimpleDateFormat;
+import java.util.Arrays;
 import java.util.Date;
+import java.util.Locale;
 
 /**
  * An object on the token or in a session: a key, a certificate or data. Searches and creations of
@@ -15,6 +19,8 @@ import java.util.Date;
  * when the token keeps the value to itself.
  */
 public class NativePKCS11Object {
+  private static final int DATE_LENGTH = 8;
+
   private final NativePKCS11Session session;
   private final int objectID;
 
@@ -78,7 +84,8 @@ public class NativePKCS11Object {
    * {@code String}, {@code byte[]}, {@code Date} or {@code BigInteger}.
    *
    * <p>It knows the common attributes of data, certificates and keys. Others, {@code
-   * CKA_START_DATE} among them, are read by the getter of their Java type.
+   * CKA_START_DATE} among them, are read by the getter of their Java type. A date is read as {@link
+   * #getDateAttributeValue} does, in the calendar of the default locale.
    *
    * @param attr a {@code CKA_} constant
    * @return the value
@@ -125,7 +132,8 @@ public class NativePKCS11Object {
   public native byte[] getByteArrayAttributeValue(int attr) throws PKCS11Exception;
 
   /**
-   * Reads a date; {@link #getDate} has the type.
+   * Reads a date in the calendar of the default locale, so that a locale with another one than the
+   * Gregorian calendar gives another day; {@link #getDate} does not depend on it, and has the type.
    *
    * @param attr {@code CKA_START_DATE} or {@code CKA_END_DATE}
    * @return a {@code Date}: midnight of that day in the default time zone
@@ -148,8 +156,9 @@ public class NativePKCS11Object {
    * Changes an attribute ({@code C_SetAttributeValue}).
    *
    * @param attr a {@code CKA_} constant
-   * @param value the new value, of one of the classes that {@link NativePKCS11} names; any other
-   *     changes nothing and raises nothing
+   * @param value the new value, of one of the classes that {@link NativePKCS11} names, a {@code
+   *     Date} in the calendar and the digits of the default locale; any other changes nothing and
+   *     raises nothing
    * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_READ_ONLY for what never
    *     changes
    */
@@ -159,8 +168,9 @@ public class NativePKCS11Object {
    * Changes several attributes in one call ({@code C_SetAttributeValue}).
    *
    * @param attrArray the {@code CKA_} constants
-   * @param valArray the new values in the same order; one that is null or of a class that {@link
-   *     NativePKCS11} does not name changes nothing and raises nothing
+   * @param valArray the new values in the same order, a {@code Date} in the calendar and the digits
+   *     of the default locale; one that is null or of a class that {@link NativePKCS11} does not
+   *     name changes nothing and raises nothing
    * @throws PKCS11Exception when the module refuses; with "Different array length" unless both
    *     arrays have the same length
    */
@@ -185,7 +195,8 @@ public class NativePKCS11Object {
   public native void setIntAttributeValue(int attr, int value) throws PKCS11Exception;
 
   /**
-   * Reads a date.
+   * Reads a date: eight ASCII digits, or the digit values 0 to 9 that some tokens store. The
+   * calendar is the Gregorian one, whatever the default locale has.
    *
    * @param attr {@code CKA_START_DATE} or {@code CKA_END_DATE}
    * @return midnight of that day in the default time zone
@@ -193,7 +204,18 @@ public class NativePKCS11Object {
    * @throws ParseException when the value is no date
    */
   public Date getDate(int attr) throws PKCS11Exception, ParseException {
-    return (Date) getDateAttributeValue(attr);
+    byte[] value = getByteArrayAttributeValue(attr);
+    if (value.length < DATE_LENGTH || value[0] == 0) {
+      throw new PKCS11Exception("VOID Date field");
+    }
+    byte[] digits = Arrays.copyOf(value, DATE_LENGTH);
+    if (digits[0] > 0 && digits[0] <= 9) {
+      for (int i = 0; i < DATE_LENGTH; i++) {
+        digits[i] += '0';
+      }
+    }
+    return new SimpleDateFormat("yyyyMMdd", Locale.ROOT)
+        .parse(new String(digits, StandardCharsets.ISO_8859_1));
   }
 
   /**

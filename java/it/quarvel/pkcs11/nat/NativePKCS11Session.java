@@ -35,6 +35,23 @@ public class NativePKCS11Session implements AutoCloseable {
    */
   public record KeyPair(NativePKCS11Object publicKey, NativePKCS11Object privateKey) {}
 
+  /**
+   * What {@link #forEach} does with each object.
+   *
+   * @param <E> what else than the module's failures ends the search
+   */
+  @FunctionalInterface
+  public interface Visitor<E extends Exception> {
+    /**
+     * Looks at an object. The search is still open: no other one can start in the session.
+     *
+     * @param object the object
+     * @return whether to go on to the next one
+     * @throws E to end the search
+     */
+    boolean visit(NativePKCS11Object object) throws E;
+  }
+
   /** Ends a search when the block that runs it ends, however it ends. */
   private interface Search extends AutoCloseable {
     @Override
@@ -205,9 +222,11 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception;
 
   /**
-   * Starts a search ({@code C_FindObjectsInit}); {@link #findAll} and {@link #findFirst} run one
-   * whole. A value that is null or of a class that {@link NativePKCS11} does not name starts none
-   * and raises nothing; {@link #findObject} then fails with CKR_OPERATION_NOT_INITIALIZED.
+   * Starts a search ({@code C_FindObjectsInit}); {@link #findAll}, {@link #findFirst} and {@link
+   * #forEach} run one whole. A {@code Date} is searched for in the calendar and the digits of the
+   * default locale. A value that is null or of a class that {@link NativePKCS11} does not name
+   * starts none and raises nothing; {@link #findObject} then fails with
+   * CKR_OPERATION_NOT_INITIALIZED.
    *
    * @param attrArray the {@code CKA_} constants to match; null, as {@code valArray} then has to be
    *     as well, for every object
@@ -789,7 +808,9 @@ public class NativePKCS11Session implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public List<NativePKCS11Object> findAll(PKCS11Template template) throws PKCS11Exception {
-    return find(template, Integer.MAX_VALUE);
+    List<NativePKCS11Object> found = new ArrayList<>();
+    forEach(template, found::add);
+    return found;
   }
 
   /**
@@ -800,21 +821,32 @@ public class NativePKCS11Session implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public Optional<NativePKCS11Object> findFirst(PKCS11Template template) throws PKCS11Exception {
-    return find(template, 1).stream().findFirst();
+    List<NativePKCS11Object> found = new ArrayList<>();
+    forEach(template, object -> !found.add(object));
+    return found.stream().findFirst();
   }
 
+  /**
+   * Visits every object that matches, each as the module yields it, so that none needs to be kept.
+   * The search is ended however the visits end.
+   *
+   * @param <E> what the visitor throws
+   * @param template the attributes to match; null or empty for every object
+   * @param visitor what to do with each object, and whether to go on
+   * @throws PKCS11Exception when the module refuses
+   * @throws E from the visitor
+   */
   @SuppressWarnings("try")
-  private List<NativePKCS11Object> find(PKCS11Template template, int most) throws PKCS11Exception {
+  public <E extends Exception> void forEach(PKCS11Template template, Visitor<E> visitor)
+      throws PKCS11Exception, E {
     PKCS11Template attributes = template == null ? new PKCS11Template() : template;
-    List<NativePKCS11Object> found = new ArrayList<>();
     findObjectsInit(attributes.types(), attributes.values());
     try (Search search = this::findObjectsFinal) {
       NativePKCS11Object object;
-      while (found.size() < most && (object = findObject()) != null) {
-        found.add(object);
-      }
+      do {
+        object = findObject();
+      } while (object != null && visitor.visit(object));
     }
-    return found;
   }
 
   /**
