@@ -43,8 +43,35 @@ constexpr Table J_BIGI =
     table({CKA_MODULUS, CKA_PUBLIC_EXPONENT, CKA_PRIVATE_EXPONENT, CKA_PRIME_1, CKA_PRIME_2,
            CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT, CKA_PRIME, CKA_SUBPRIME, CKA_BASE});
 
-bool isIn(jint val, const Table& list) {
+constexpr bool isIn(jint val, const Table& list) {
   return std::find(list.begin(), list.end(), val) != list.end();
+}
+
+enum class JavaType : unsigned char { kInt, kBool, kString, kByteArray, kDate, kBigInteger, kNone };
+
+/// The first table that lists the attribute type decides.
+constexpr JavaType findJavaType(jint attr) {
+  return isIn(attr, J_INT)    ? JavaType::kInt
+         : isIn(attr, J_BOOL) ? JavaType::kBool
+         : isIn(attr, J_STR)  ? JavaType::kString
+         : isIn(attr, J_BYTE) ? JavaType::kByteArray
+         : isIn(attr, J_DATE) ? JavaType::kDate
+         : isIn(attr, J_BIGI) ? JavaType::kBigInteger
+                              : JavaType::kNone;
+}
+
+// A hundred comparisons would be a twentieth of a read, so the compiler makes them for the types
+// up to the largest in a table.
+constexpr auto kJavaTypes = [] {
+  std::array<JavaType, CKA_EC_POINT + 1> types = {};
+  jint attr = 0;
+  for (JavaType& type : types) type = findJavaType(attr++);
+  return types;
+}();
+
+JavaType javaType(jint attr) {
+  const auto at = static_cast<std::size_t>(attr);
+  return at < kJavaTypes.size() ? kJavaTypes[at] : findJavaType(attr);
 }
 
 struct Handles {
@@ -186,6 +213,24 @@ jobject readBigInteger(JNIEnv* env, jobject obj, jint attr) {
   return number;
 }
 
+/// A new Integer; null for no value, or with the virtual machine's error.
+jobject boxInt(JNIEnv* env, const std::optional<jint>& intVal) {
+  if (!intVal) return nullptr;
+  TRACE("JNI: creating jobject Integer...");
+  const jobject number = newObject(env, "java/lang/Integer", "(I)V", *intVal);
+  if (number != nullptr) traceLine("OK");
+  return number;
+}
+
+/// A new Boolean; null for no value, or with the virtual machine's error.
+jobject boxBool(JNIEnv* env, const std::optional<jboolean>& boolVal) {
+  if (!boolVal) return nullptr;
+  TRACE("JNI: creating jobject Boolean...");
+  const jobject truth = newObject(env, "java/lang/Boolean", "(Z)V", *boolVal);
+  if (truth != nullptr) traceLine("OK");
+  return truth;
+}
+
 /// Sets one attribute to the `size` bytes at `ckVal`.
 void setScalar(JNIEnv* env, jobject obj, jint attr, void* ckVal, CK_ULONG size) {
   TRACE("JNI: start PKCS11Object.setAttr(%li)... ", static_cast<long>(attr));
@@ -230,31 +275,24 @@ JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_size(JNIEnv
 
 JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getAttributeValue(
     JNIEnv* env, jobject obj, jint attr) {
-  jobject result = nullptr;
-  if (isIn(attr, J_INT)) {
-    const std::optional<jint> intVal = readInt(env, obj, attr);
-    if (!intVal) return nullptr;
-    TRACE("JNI: creating jobject Integer...");
-    result = newObject(env, "java/lang/Integer", "(I)V", *intVal);
-  } else if (isIn(attr, J_BOOL)) {
-    const std::optional<jboolean> boolVal = readBool(env, obj, attr);
-    if (!boolVal) return nullptr;
-    TRACE("JNI: creating jobject Boolean...");
-    result = newObject(env, "java/lang/Boolean", "(Z)V", *boolVal);
-  } else if (isIn(attr, J_STR)) {
-    return readString(env, obj, attr);
-  } else if (isIn(attr, J_BYTE)) {
-    return readByteArray(env, obj, attr);
-  } else if (isIn(attr, J_DATE)) {
-    return readDate(env, obj, attr);
-  } else if (isIn(attr, J_BIGI)) {
-    return readBigInteger(env, obj, attr);
-  } else {
-    throwExc(env, "Object type not valid");
-    return nullptr;
+  switch (javaType(attr)) {
+    case JavaType::kInt:
+      return boxInt(env, readInt(env, obj, attr));
+    case JavaType::kBool:
+      return boxBool(env, readBool(env, obj, attr));
+    case JavaType::kString:
+      return readString(env, obj, attr);
+    case JavaType::kByteArray:
+      return readByteArray(env, obj, attr);
+    case JavaType::kDate:
+      return readDate(env, obj, attr);
+    case JavaType::kBigInteger:
+      return readBigInteger(env, obj, attr);
+    case JavaType::kNone:
+      break;
   }
-  if (result != nullptr) traceLine("OK");
-  return result;
+  throwExc(env, "Object type not valid");
+  return nullptr;
 }
 
 JNIEXPORT jboolean JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getBoolAttributeValue(
