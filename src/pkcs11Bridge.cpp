@@ -1,6 +1,7 @@
 #include "pkcs11Bridge.h"
 
 #include <dlfcn.h>
+#include <linux/limits.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -114,7 +115,9 @@ unsigned long address(const void* pointer) { return reinterpret_cast<unsigned lo
 CK_RV loadLib(const char* libName, CK_FUNCTION_LIST_PTR* pFuncList) {
   listUsable = false;
   TRACE("JNI:BRIDGE: Start loading library...");
-  hLibrary = dlopen(libName, RTLD_LAZY);
+  // The dynamic linker copies the name to the stack, which a text of megabytes would overflow. None
+  // of that length can name a file.
+  hLibrary = std::strlen(libName) < PATH_MAX ? dlopen(libName, RTLD_LAZY) : nullptr;
   TRACE(" Done: %lx\n", address(hLibrary));
   if (hLibrary == nullptr) return CKR_ZOV_NOFUNCPTR;
 

@@ -88,7 +88,11 @@ jobject parseObject(const char** text) {
   if (skip(text, "date")) return parseDate(text);
   if (skip(text, "big[")) return newObject("java/math/BigInteger", "([B)V", parseBytes(text));
   if (skip(text, "[")) return parseBytes(text);
-  if (**text == '"') return javaEnv->NewStringUTF(unquote(text).c_str());
+  if (**text == '"') {
+    std::string characters = unquote(text);
+    if (skip(text, "*")) characters.resize(static_cast<std::size_t>(parseInt(text)), 'x');
+    return javaEnv->NewStringUTF(characters.c_str());
+  }
   return newObject("java/lang/Integer", "(I)V", parseInt(text));
 }
 

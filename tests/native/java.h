@@ -21,10 +21,10 @@ JNIEnv* java();
 
 // ---- Values ----
 //
-// Java values are written as text: null, true, 12, 0x1F, "text" (escapes \\n \\xNN), bytes [31 ff]
-// (also [00*1200]), arrays {1, 2} and {"a", 3}; among the elements of an Object[] numbers are
-// Integers, and big[00 ff] is a BigInteger, date20130305 a Date, foreign a Long, number0 to number2
-// a HostileNumber, key and key2 the objects 9 and -9.
+// Java values are written as text: null, true, 12, 0x1F, "text" (escapes \\n \\xNN; "x"*9 is nine
+// of them), bytes [31 ff] (also [00*1200]), arrays {1, 2} and {"a", 3}. Among the elements of an
+// Object[] numbers are Integers, and big[00 ff] is a BigInteger, date20130305 a Date, foreign a
+// Long, number0 to number2 a HostileNumber, key and key2 the objects 9 and -9.
 
 /// The Java value of a text whose type a letter says (see Method); moves `text` behind it.
 jvalue parse(char type, const char** text);

@@ -18,9 +18,19 @@ CK_RV claimAll(CK_SESSION_HANDLE, CK_BYTE*, CK_ULONG, CK_BYTE*, CK_ULONG* room) 
 }
 
 template <unsigned char byte>
-CK_RV fillTokenInfo(CK_SLOT_ID, CK_TOKEN_INFO* info) {
-  std::memset(info, byte, sizeof *info);
-  return CKR_OK;
+void fillTexts() {
+  list.C_GetInfo = [](CK_INFO* info) {
+    std::memset(info, byte, sizeof *info);
+    return CK_RV{CKR_OK};
+  };
+  list.C_GetSlotInfo = [](CK_SLOT_ID, CK_SLOT_INFO* info) {
+    std::memset(info, byte, sizeof *info);
+    return CK_RV{CKR_OK};
+  };
+  list.C_GetTokenInfo = [](CK_SLOT_ID, CK_TOKEN_INFO* info) {
+    std::memset(info, byte, sizeof *info);
+    return CK_RV{CKR_OK};
+  };
 }
 
 void setData(decltype(CK_FUNCTION_LIST::C_Sign) function) {
@@ -60,12 +70,9 @@ const std::vector<Misbehaviour>& misbehaviours() {
            return CK_RV{CKR_OK};
          };
        }},
-      {"writes texts of stray continuation bytes",
-       [] { scripted::list.C_GetTokenInfo = fillTokenInfo<0xBF>; }},
-      {"writes texts of unfinished sequences",
-       [] { scripted::list.C_GetTokenInfo = fillTokenInfo<0xE2>; }},
-      {"writes texts of bytes that no encoding has",
-       [] { scripted::list.C_GetTokenInfo = fillTokenInfo<0xFF>; }},
+      {"writes texts of stray continuation bytes", fillTexts<0xBF>},
+      {"writes texts of unfinished sequences", fillTexts<0xE2>},
+      {"writes texts of bytes that no encoding has", fillTexts<0xFF>},
       {"moves the value of an attribute to its own memory",
        [] {
          scripted::list.C_GetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE,
@@ -88,6 +95,11 @@ const std::vector<Misbehaviour>& misbehaviours() {
            if (slots != nullptr) *slots = 1;
            return CK_RV{slots != nullptr ? CKR_FUNCTION_FAILED : CKR_OK};
          };
+       }},
+      {"answers -1 after its second call",
+       [] {
+         script.failFrom = 3;
+         script.failWith = ~CK_RV{0};
        }},
       {"answers -1 to everything",
        [] {
