@@ -83,11 +83,11 @@ void takeBack(const std::string& by, const void* elements, CopyBack copyBack) {
   __real_free(block);
 }
 
-const jbyte* GetStringUTFChars(jstring string, jboolean*) {
+const char* copyOfChars(jstring string, jboolean* /*isCopy*/) {
   const char* chars = realEnv->GetStringUTFChars(string, nullptr);
   void* copy = handOut("GetStringUTFChars", chars, std::strlen(chars) + 1);
   realEnv->ReleaseStringUTFChars(string, chars);
-  return static_cast<const jbyte*>(copy);
+  return static_cast<const char*>(copy);
 }
 
 // ---- The hooked entries ----
@@ -158,7 +158,7 @@ struct Hook<entry, R (*)(JNIEnv*, Args...)> {
     if constexpr (entry == Entry::GetByteArrayElements || entry == Entry::GetIntArrayElements) {
       return copyOut(kNames[static_cast<int>(entry)], args...);
     } else if constexpr (entry == Entry::GetStringUTFChars) {
-      return reinterpret_cast<R>(GetStringUTFChars(args...));
+      return copyOfChars(args...);
     } else if constexpr (entry == Entry::ReleaseByteArrayElements) {
       copyIn("GetByteArrayElements", 0, args...);
     } else if constexpr (entry == Entry::ReleaseIntArrayElements) {
