@@ -131,7 +131,7 @@ bool readLifeCycle(JNIEnv* env, jobject session, const char* startText,
   *identrusApplication = getIdentrusApplication(*ckSessionNum);
   std::printf("Identrus application id = %i\n", CK2J_INT(*identrusApplication));
 
-  CK_ATTRIBUTE lifeCycle = {kLifeCycle, nullptr, 0};
+  CK_ATTRIBUTE lifeCycle = {kLifeCycle, status, sizeof *status};
   if (throwIfFailed(env,
                     bridge::getAttributeValue(*ckSessionNum, *identrusApplication, &lifeCycle))) {
     return false;

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <set>
 #include <type_traits>
 
 #include "scripted.h"
@@ -39,7 +38,19 @@ Run* run = nullptr;
 namespace {
 
 JNIEnv* realEnv = nullptr;
-std::set<void*> blocks;
+
+struct Block {
+  std::size_t size;
+  std::string name;  // of a block too large to be an attribute's value
+};
+std::map<void*, Block> blocks;
+std::size_t largeBlocks = 0;
+
+long outputStart = 0;
+/// Records what happens now, and after how much output.
+void mark(const std::string& what) {
+  run->marks.push_back({what, static_cast<std::size_t>(std::ftell(stdout) - outputStart)});
+}
 
 // ---- Java arrays and strings handed out ----
 
@@ -63,6 +74,18 @@ void* handOut(const std::string& by, const void* bytes, std::size_t size) {
   return block + kGuard;
 }
 
+std::string shown(const std::string& by, const unsigned char* elements, std::size_t size) {
+  if (by == "GetStringUTFChars") return reinterpret_cast<const char*>(elements);
+  if (by == "GetByteArrayElements") return scripted::data(elements, size);
+  std::string list;
+  for (const unsigned char* at = elements; at < elements + size; at += sizeof(jint)) {
+    jint value;
+    std::memcpy(&value, at, sizeof value);
+    list += (list.empty() ? "" : ", ") + std::to_string(value);
+  }
+  return "{" + list + "}";
+}
+
 /// Takes it back; calls `copyBack` with the elements while they are there.
 template <typename CopyBack>
 void takeBack(const std::string& by, const void* elements, CopyBack copyBack) {
@@ -78,6 +101,7 @@ void takeBack(const std::string& by, const void* elements, CopyBack copyBack) {
       !std::all_of(block + kGuard + size, block + 2 * kGuard + size, intact)) {
     violation("written beyond the elements of " + by);
   }
+  mark("release " + shown(by, block + kGuard, size));
   copyBack(block + kGuard, static_cast<jsize>(size));
   held.erase(found);
   __real_free(block);
@@ -155,6 +179,7 @@ struct Hook<entry, R (*)(JNIEnv*, Args...)> {
   }
 
   static R perform(Args... args) {
+    if constexpr (entry == Entry::Throw || entry == Entry::ThrowNew) mark("raise");
     if constexpr (entry == Entry::GetByteArrayElements || entry == Entry::GetIntArrayElements) {
       return copyOut(kNames[static_cast<int>(entry)], args...);
     } else if constexpr (entry == Entry::GetStringUTFChars) {
@@ -235,6 +260,8 @@ JNIEnv* hookedEnv(JNIEnv* real) {
 
 void begin(Run* next) {
   lastFunction.clear();
+  outputStart = std::ftell(stdout);
+  largeBlocks = 0;
   run = next;
 }
 
@@ -255,14 +282,24 @@ static void* allocate(void* (*take)(std::size_t, std::size_t), std::size_t count
                       std::size_t size) {
   hooks::Run* run = hooks::run;
   if (run == nullptr) return take(count, size);
-  if (++run->allocations == run->failHeap) return nullptr;
+  run->allocations.push_back(count * size);
+  if (run->allocations.size() == run->failHeap) return nullptr;
   void* block = take(count, size);
-  if (block != nullptr) hooks::blocks.insert(block);
+  if (block == nullptr) return nullptr;
+  std::string name;
+  if (count * size >= sizeof(CK_ATTRIBUTE)) name = "block " + std::to_string(++hooks::largeBlocks);
+  hooks::blocks[block] = {count * size, name};
   return block;
 }
 
 void* __wrap_malloc(std::size_t size) {
-  return allocate([](std::size_t n, std::size_t) { return __real_malloc(n); }, size, 0);
+  return allocate(
+      [](std::size_t n, std::size_t) {
+        void* block = __real_malloc(n);
+        if (block != nullptr && n < 1 << 20) std::memset(block, 0xDD, n);  // as a used heap has it
+        return block;
+      },
+      size, 1);
 }
 
 void* __wrap_calloc(std::size_t count, std::size_t size) {
@@ -270,9 +307,15 @@ void* __wrap_calloc(std::size_t count, std::size_t size) {
 }
 
 void __wrap_free(void* block) {
-  if (hooks::run != nullptr && block != nullptr && hooks::blocks.erase(block) == 0) {
-    hooks::run->violations.push_back("freed, but not taken");
-    return;
+  if (hooks::run != nullptr && block != nullptr) {
+    const auto found = hooks::blocks.find(block);
+    if (found == hooks::blocks.end()) {
+      hooks::run->violations.push_back("freed, but not taken");
+      return;
+    }
+    const auto& [size, name] = found->second;
+    hooks::mark("free " + (name.empty() ? scripted::data(block, size) : name));
+    hooks::blocks.erase(found);
   }
   __real_free(block);
 }

@@ -15,6 +15,12 @@ struct Call {
   std::size_t moduleCalls;  // made before it
 };
 
+/// Something given back, freed or raised.
+struct Mark {
+  std::string what;
+  std::size_t printed;  // bytes of standard output before it
+};
+
 /// What one run of a native method did, and which of its steps is to fail (counted from 1; 0:
 /// none).
 struct Run {
@@ -22,7 +28,8 @@ struct Run {
   std::size_t failHeap = 0;
 
   std::vector<Call> jni;
-  std::size_t allocations = 0;
+  std::vector<Mark> marks;
+  std::vector<std::size_t> allocations;  // their sizes
   std::size_t blocks = 0;               // taken and not freed
   std::vector<std::string> violations;  // of the rules of JNI, of give-back modes, of the heap
 };

@@ -151,7 +151,7 @@ jvalue wrap(T value) {
 }
 
 template <typename R, typename Self, typename... Args>
-Method describe(const std::string& name, R (*native)(JNIEnv*, Self, Args...)) {
+Method describe(const std::string& name, bool refused, R (*native)(JNIEnv*, Self, Args...)) {
   const auto invoke = [=](JNIEnv* env, jobject self, const std::vector<jvalue>& values) -> jvalue {
     return [&]<std::size_t... i>(std::index_sequence<i...>) {
       const auto receiver = static_cast<Self>(self);
@@ -164,7 +164,7 @@ Method describe(const std::string& name, R (*native)(JNIEnv*, Self, Args...)) {
     }
     (std::index_sequence_for<Args...>());
   };
-  return {name, std::string{letter<Args>()...}, letter<R>(), invoke};
+  return {name, std::string{letter<Args>()...}, letter<R>(), refused, invoke};
 }
 
 const jobject& receiverOf(const std::string& name) {
@@ -192,34 +192,35 @@ std::string shown(char type, const jvalue& value) {
 
 // clang-format off
 const std::vector<Method>& methods() {
-#define QUARVEL_METHOD(PREFIX, CLASS, NAME) \
-  describe(PREFIX #NAME, Java_it_quarvel_pkcs11_nat_NativePKCS11##CLASS##_##NAME)
-#define MODULE(NAME) QUARVEL_METHOD("Module.", , NAME)
-#define SLOT(NAME) QUARVEL_METHOD("Slot.", Slot, NAME)
-#define SESSION(NAME) QUARVEL_METHOD("Session.", Session, NAME)
-#define OBJECT(NAME) QUARVEL_METHOD("Object.", Object, NAME)
+#define QUARVEL_METHOD(PREFIX, REFUSED, CLASS, NAME) \
+  describe(PREFIX #NAME, REFUSED, Java_it_quarvel_pkcs11_nat_NativePKCS11##CLASS##_##NAME)
+#define MODULE(NAME, ...) QUARVEL_METHOD("Module.", 0 __VA_ARGS__, , NAME)
+#define SLOT(NAME, ...) QUARVEL_METHOD("Slot.", 0 __VA_ARGS__, Slot, NAME)
+#define SESSION(NAME) QUARVEL_METHOD("Session.", 0, Session, NAME)
+#define REFUSED(NAME) QUARVEL_METHOD("Session.", 1, Session, NAME)
+#define OBJECT(NAME, ...) QUARVEL_METHOD("Object.", 0 __VA_ARGS__, Object, NAME)
   static const std::vector<Method> all = {
       MODULE(loadPKCS11Library), MODULE(libInitialize), MODULE(libFinalize),
-      MODULE(getBridgeVersion), MODULE(getInfo), MODULE(getSlotList), MODULE(waitForSlotEvent),
+      MODULE(getBridgeVersion), MODULE(getInfo), MODULE(getSlotList), MODULE(waitForSlotEvent, +1),
       MODULE(getRSAcredential), SLOT(getInfo), SLOT(getTokenInfo), SLOT(getTokenSN),
-      SLOT(getMechanismList), SLOT(getMechanismInfo), SLOT(initToken), SLOT(openSession),
+      SLOT(getMechanismList), SLOT(getMechanismInfo), SLOT(initToken, +1), SLOT(openSession),
       SLOT(closeAllSessions), SESSION(close), SESSION(getInfo), SESSION(login), SESSION(logout),
       SESSION(initPIN), SESSION(setPIN), SESSION(signInit), SESSION(sign), SESSION(encryptInit),
-      SESSION(encrypt), SESSION(decryptInit), SESSION(decrypt), SESSION(signUpdate),
-      SESSION(signFinal), SESSION(getOperationState), SESSION(setOperationState),
-      SESSION(encryptUpdate), SESSION(encryptFinal), SESSION(decryptUpdate), SESSION(decryptFinal),
-      SESSION(digestInit), SESSION(digest), SESSION(digestUpdate), SESSION(digestKey),
-      SESSION(digestFinal), SESSION(signRecoverInit), SESSION(signRecover), SESSION(verifyInit),
-      SESSION(verify), SESSION(verifyUpdate), SESSION(verifyFinal), SESSION(verifyRecoverInit),
-      SESSION(verifyRecover), SESSION(digestEncryptUpdate), SESSION(decryptDigestUpdate),
-      SESSION(signEncryptUpdate), SESSION(decryptVerifyUpdate), SESSION(deriveKey),
-      SESSION(seedRandom), SESSION(generateRandom), SESSION(getFunctionStatus),
-      SESSION(cancelFunction), SESSION(findObjectsInit), SESSION(findObject),
+      SESSION(encrypt), SESSION(decryptInit), SESSION(decrypt), REFUSED(signUpdate),
+      REFUSED(signFinal), REFUSED(getOperationState), REFUSED(setOperationState),
+      REFUSED(encryptUpdate), REFUSED(encryptFinal), REFUSED(decryptUpdate), REFUSED(decryptFinal),
+      REFUSED(digestInit), REFUSED(digest), REFUSED(digestUpdate), REFUSED(digestKey),
+      REFUSED(digestFinal), REFUSED(signRecoverInit), REFUSED(signRecover), REFUSED(verifyInit),
+      REFUSED(verify), REFUSED(verifyUpdate), REFUSED(verifyFinal), REFUSED(verifyRecoverInit),
+      REFUSED(verifyRecover), REFUSED(digestEncryptUpdate), REFUSED(decryptDigestUpdate),
+      REFUSED(signEncryptUpdate), REFUSED(decryptVerifyUpdate), REFUSED(deriveKey),
+      REFUSED(seedRandom), REFUSED(generateRandom), REFUSED(getFunctionStatus),
+      REFUSED(cancelFunction), SESSION(findObjectsInit), SESSION(findObject),
       SESSION(findObjectsFinal), SESSION(loginellips), SESSION(setPINellips),
       SESSION(loginAuthPath), SESSION(getCardStatus), SESSION(setCardStatus),
       SESSION(getIdentrusObject), SESSION(generateKeyPair), SESSION(generateKeyPairOB),
       SESSION(createObject), SESSION(installCertificate), SESSION(generateKey), SESSION(wrapKey),
-      SESSION(unwrapKey), OBJECT(copy), OBJECT(destroy), OBJECT(size), OBJECT(getAttributeValue),
+      SESSION(unwrapKey), OBJECT(copy, +1), OBJECT(destroy), OBJECT(size), OBJECT(getAttributeValue),
       OBJECT(getBoolAttributeValue), OBJECT(getIntAttributeValue), OBJECT(getStringAttributeValue),
       OBJECT(getByteArrayAttributeValue), OBJECT(getDateAttributeValue),
       OBJECT(getBigIntegerAttributeValue), OBJECT(setAttributeValue), OBJECT(setAttributeValues),
@@ -234,6 +235,21 @@ const Method& method(const std::string& name) {
   }
   std::fprintf(stderr, "no native method %s\n", name.c_str());
   std::abort();
+}
+
+std::string failureValue(const Method& method) {
+  switch (method.result) {
+    case 'V':
+      return "void";
+    case 'Z':
+      return "false";
+    case 'I':
+      return method.refused && method.name != "Session.signFinal" ? "0" : "-1";
+    case 'J':
+      return "0";
+    default:
+      return "null";
+  }
 }
 
 bool startJava() {
@@ -401,7 +417,15 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
   const jvalue result =
       called.invoke(hooked, receiver != nullptr ? *receiver : receiverOf(name), values);
   hooks::end();
-  outcome.output = testing::internal::GetCapturedStdout();
+  outcome.output = outcome.marked = testing::internal::GetCapturedStdout();
+  for (auto mark = outcome.run.marks.rbegin(); mark != outcome.run.marks.rend(); ++mark) {
+    outcome.marked.insert(std::min(mark->printed, outcome.output.size()), "<" + mark->what + ">");
+  }
+  const std::string number = "exc number ";
+  if (const std::size_t at = outcome.output.rfind(number); at != std::string::npos) {
+    const std::size_t from = at + number.size();
+    outcome.code = outcome.output.substr(from, outcome.output.find('.', from) - from);
+  }
 
   const std::string exception = takeException();
   outcome.result = shown(called.result, result) +

@@ -37,12 +37,15 @@ struct Method {
   std::string name;        // as Class.method, the class without "NativePKCS11"; Module for itself
   std::string parameters;  // a letter for each: I Z J, S String, B byte[], A int[], O Object[], L
   char result;             // the same, V for void
+  bool refused;            // not offered: raises "Not supported"
   std::function<jvalue(JNIEnv*, jobject, const std::vector<jvalue>&)> invoke;
 };
 
 /// All native methods.
 const std::vector<Method>& methods();
 const Method& method(const std::string& name);
+/// What a method returns beside an exception.
+std::string failureValue(const Method& method);
 
 /// Handle objects: module, slot 7, session 5, in it the object 9 and another, -9. They live as long
 /// as the process.
@@ -56,6 +59,8 @@ struct Outcome {
   std::vector<std::string> moduleCalls;
   std::vector<std::string> arrays;  // what the byte[] arguments hold afterwards
   std::string output;               // on standard output
+  std::string marked;               // the same with <marks> of what was given back, freed or raised
+  std::string code;                 // the return value in the trace of an exception, hexadecimal
   hooks::Run run;
 };
 

@@ -24,16 +24,6 @@ std::string text(const char* format, unsigned long value) {
 
 std::string number(CK_ULONG value) { return text(value <= 0x7FFFFFFF ? "%lu" : "0x%lX", value); }
 
-std::string data(const void* bytes, CK_ULONG size) {
-  if (bytes == nullptr) return "null/" + number(size);
-  if (size > 32) return "[" + number(size) + " bytes]";
-  std::string shown;
-  for (CK_ULONG i = 0; i < size; ++i) {
-    shown += text(i == 0 ? "%02lx" : " %02lx", static_cast<const CK_BYTE*>(bytes)[i]);
-  }
-  return "[" + shown + "]";
-}
-
 std::string entries(const CK_ATTRIBUTE* attr, CK_ULONG count) {
   if (attr == nullptr) return "null/" + number(count);
   std::string shown;
@@ -103,15 +93,12 @@ CK_RV record(const std::string& function, Args... args) {
 template <typename Item>
 CK_RV give(CK_RV rv, const std::vector<Item>& from, Item* to, CK_ULONG* size) {
   if (rv != CKR_OK) return rv;
-  if (!script.lies.empty()) {
-    *size = script.lies.at(to == nullptr ? 0 : 1);
-    return CKR_OK;
-  }
   const CK_ULONG room = *size;
-  *size = from.size();
+  const bool lies = !script.lies.empty();
+  *size = lies ? script.lies.at(to == nullptr ? 0 : 1) : from.size();
   if (to == nullptr) return CKR_OK;
-  if (room < from.size()) return CKR_BUFFER_TOO_SMALL;
-  std::copy(from.begin(), from.end(), to);
+  if (!lies && room < from.size()) return CKR_BUFFER_TOO_SMALL;
+  std::copy_n(from.begin(), std::min<CK_ULONG>(room, from.size()), to);
   return CKR_OK;
 }
 
@@ -181,6 +168,16 @@ CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* object, CK_ULONG 
 }
 
 }  // namespace
+
+std::string data(const void* bytes, CK_ULONG size) {
+  if (bytes == nullptr) return "null/" + number(size);
+  if (size > 32) return "[" + number(size) + " bytes]";
+  std::string shown;
+  for (CK_ULONG i = 0; i < size; ++i) {
+    shown += text(i == 0 ? "%02lx" : " %02lx", static_cast<const CK_BYTE*>(bytes)[i]);
+  }
+  return "[" + shown + "]";
+}
 
 void reset() {
   script = {};

@@ -31,6 +31,9 @@ extern std::vector<std::string> calls;
 extern CK_FUNCTION_LIST list;
 extern CK_FUNCTION_LIST_PTR handedOut;  // by C_GetFunctionList
 
+/// Bytes as the record shows them.
+std::string data(const void* bytes, CK_ULONG size);
+
 /// Good behaviour: a fresh script and all functions in the list. The environment variable
 /// QUARVEL_MISBEHAVIOUR then installs the misbehaviour of that number.
 void reset();
