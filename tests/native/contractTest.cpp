@@ -18,7 +18,7 @@ struct Row {
   std::size_t line = 0;
   std::vector<std::pair<std::string, std::string>> calls;  // methods with arguments
   std::vector<std::string> given;
-  std::map<std::string, std::string> expected;  // by keyword; repeated lines run on
+  std::map<std::string, std::string> expected;             // by keyword; repeated lines run on
   std::map<std::string, std::vector<std::size_t>> stated;  // on which lines
 };
 
@@ -80,8 +80,8 @@ void apply(const std::string& given, hooks::Run* run) {
     *list->second = values;
   } else if (name == "value") {
     script.value.assign(values.begin(), values.end());
-  } else if (name == "failing") {
-    run->failJni = values.at(0);
+  } else if (name == "failingJni" || name == "failingHeap") {
+    (name == "failingJni" ? run->failJni : run->failHeap) = values.at(0);
   } else {
     (name == "handle" ? script.handle : script.answers[name]) = values.at(0);
   }
@@ -90,19 +90,25 @@ void apply(const std::string& given, hooks::Run* run) {
 /// With QUARVEL_UPDATE in the environment a row that expects something else is rewritten.
 const bool updating = std::getenv("QUARVEL_UPDATE") != nullptr;
 
-/// The lines that state `value`, quoted line by line where it is what was printed.
+/// The lines that state `value`; what was printed is quoted, several short lines of it in one.
 std::string statement(const std::string& keyword, const std::string& value) {
   if (keyword != "trace" && keyword != "always") return "  " + keyword + " " + value;
-  std::string text;
+  const std::string open = "  " + keyword + " \"";
+  std::string text = open;
+  std::size_t begun = 0;  // where the last line of `text` starts
   for (std::size_t i = 0; i < value.size(); ++i) {
-    if (i == 0 || value[i - 1] == '\n') text += (i == 0 ? "  " : "\"\n  ") + keyword + " \"";
+    const std::size_t size = value.find('\n', i) - i;  // of the printed line from here on
+    if (i != 0 && value[i - 1] == '\n' && text.size() - begun + size > 97) {
+      begun = text.size() + 2;
+      text += "\"\n" + open;
+    }
     const auto byte = static_cast<unsigned char>(value[i]);
     char escaped[8];
     std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
-    text += byte == '\n'                 ? "\\n"
+    text += byte == '\n'                  ? "\\n"
             : byte == '"' || byte == '\\' ? std::string("\\") + value[i]
-            : byte < 0x20 || byte > 0x7E ? escaped
-                                         : std::string(1, value[i]);
+            : byte < 0x20 || byte > 0x7E  ? escaped
+                                          : std::string(1, value[i]);
   }
   return text + "\"";
 }

@@ -30,8 +30,8 @@ struct Run {
   std::vector<Call> jni;
   std::vector<Mark> marks;
   std::vector<std::size_t> allocations;  // their sizes
-  std::size_t blocks = 0;               // taken and not freed
-  std::vector<std::string> violations;  // of the rules of JNI, of give-back modes, of the heap
+  std::size_t blocks = 0;                // taken and not freed
+  std::vector<std::string> violations;   // of the rules of JNI, of give-back modes, of the heap
 };
 
 /// The run of this moment; null outside a native method under test.
