@@ -1,6 +1,9 @@
 // The native methods of NativePKCS11: the loaded module as a whole.
 #include "it_quarvel_pkcs11_nat_NativePKCS11.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,14 +14,30 @@
 
 namespace {
 
+/// Replaces the standard output stream, and with it that of the whole process, by the trace log.
+void redirectOutput() {
+  // A process that was started without a standard output has a file of the virtual machine's own
+  // as descriptor 1, which it reads from.
+  const int flags = fcntl(STDOUT_FILENO, F_GETFL);
+  if (flags != -1 && (flags & O_ACCMODE) == O_RDONLY) return;
+  if (std::FILE* log = std::freopen("/var/tmp/vorlenk0.log", "a+", stdout); log != nullptr) {
+    // Line buffered, so that the last line before a crash inside a module is in the log.
+    std::setvbuf(log, nullptr, _IOLBF, 0);
+    return;
+  }
+  // The stream is closed now, its descriptor free: the next file that the process opens would
+  // receive what Java prints.
+  const int null = open("/dev/null", O_WRONLY);
+  if (null == -1) return;
+  if (null < STDOUT_FILENO) fcntl(null, F_DUPFD, STDOUT_FILENO);
+  if (null != STDOUT_FILENO) close(null);
+}
+
 /// Sends standard output to the trace log from here on and switches tracing on.
 void startTrace() {
   std::puts("getenv done ");
   std::printf("redirecting stdout to /var/tmp/vorlenk0.log ");
-  // Line buffered, so that the last line before a crash inside a module is in the log.
-  if (std::FILE* log = std::freopen("/var/tmp/vorlenk0.log", "a+", stdout); log != nullptr) {
-    std::setvbuf(log, nullptr, _IOLBF, 0);
-  }
+  redirectOutput();
   std::puts("setting debug to 1");
   debug = 1;
 }
@@ -123,14 +142,10 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_getInfo(JNIEnv
   if (throwIfFailed(env, bridge::getInfo(&ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11Info...");
-  const jstring manufacturer = CK2J_STR(env, ckInfo.manufacturerID);
-  if (manufacturer == nullptr) return nullptr;
-  const jstring description = CK2J_STR(env, ckInfo.libraryDescription);
-  if (description == nullptr) return nullptr;
   const jobject info =
       newObject(env, "it/quarvel/pkcs11/PKCS11Info", "(ILjava/lang/String;ILjava/lang/String;I)V",
-                CK2J_VER(ckInfo.cryptokiVersion), manufacturer, CK2J_FLAGS(ckInfo.flags),
-                description, CK2J_VER(ckInfo.libraryVersion));
+                CK2J_VER(ckInfo.cryptokiVersion), ckInfo.manufacturerID, CK2J_FLAGS(ckInfo.flags),
+                ckInfo.libraryDescription, CK2J_VER(ckInfo.libraryVersion));
   if (info != nullptr) traceLine("OK");
   return info;
 }

@@ -338,8 +338,9 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttribut
     traceLine("\nERROR: cannot parse passed object");
     return;
   }
+  void* ckVal = ckAttr.pValue;  // the module may write to the entry
   const CK_RV ckRv = bridge::setAttributeValue(handles->session, handles->object, &ckAttr, 1);
-  std::free(ckAttr.pValue);
+  std::free(ckVal);
   throwIfFailed(env, ckRv);
 }
 

@@ -782,13 +782,14 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_installCer
   };
   const jstring strings[nbAttributes] = {nullptr, nullptr, nullptr, nullptr,
                                          label,   subject, sn,      issuer};
+  const char* taken[nbAttributes] = {};  // the module may write to the entries
   int filled = kFirstString;
   for (; filled < nbAttributes; ++filled) {
-    const char* chars = takeChars(env, strings[filled]);
-    if (chars == nullptr) break;
-    std::printf("Label: %s\n", chars);
-    certTemplate[filled].pValue = moduleBytes(chars);
-    certTemplate[filled].ulValueLen = std::strlen(chars);
+    taken[filled] = takeChars(env, strings[filled]);
+    if (taken[filled] == nullptr) break;
+    std::printf("Label: %s\n", taken[filled]);
+    certTemplate[filled].pValue = moduleBytes(taken[filled]);
+    certTemplate[filled].ulValueLen = std::strlen(taken[filled]);
   }
   if (filled == nbAttributes) {
     CK_OBJECT_HANDLE objectIdentifier = 0;
@@ -799,7 +800,7 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_installCer
   }
   releaseBytes(env, certStr, cert);
   for (int i = kFirstString; i < filled; ++i) {
-    env->ReleaseStringUTFChars(strings[i], static_cast<const char*>(certTemplate[i].pValue));
+    env->ReleaseStringUTFChars(strings[i], taken[i]);
   }
 }
 
@@ -814,11 +815,11 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_generat
   traceLine("JNI: session OK");
   CK_MECHANISM ckMech = mechanism(mech);
   traceLine("JNI: mechanism OK");
+  traceLine("JNI: ckLen OK");
   CK_ULONG ckLen = 0;
   if (!templateLength(env, attrTypes, attrValues, Surplus::kIgnored, kDifferentLength, &ckLen)) {
     return nullptr;
   }
-  traceLine("JNI: ckLen OK");
   CK_ATTRIBUTE* ckAttr = allocateTemplate(ckLen);
   traceLine("JNI: ckAttr OK");
   if (ckAttr == nullptr) {
@@ -836,12 +837,14 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_generat
     const jobject temp1 = env->GetObjectArrayElement(attrValues, static_cast<jsize>(i));
     traceLine("JNI: temp1 OK");
     const int res = J2CK_ATTR(env, attrA[i], temp1, &ckAttr[i]);
+    valueBlocks(ckAttr, ckLen)[i] = res != 0 ? ckAttr[i].pValue : nullptr;
     TRACE("JNI: res?...");
     if (res == 0) {
       traceLine("... KO");
       TRACE("\nERROR: cannot parse passed object %li\n", i);
       releaseTypes(env, attrTypes, attrA);
-      freeTemplate(ckAttr, i);
+      for (CK_ULONG j = 0; j < i; ++j) std::free(valueBlocks(ckAttr, ckLen)[j]);
+      std::free(ckAttr);
       return nullptr;
     }
     traceLine("... OK");

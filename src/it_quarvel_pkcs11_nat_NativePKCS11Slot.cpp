@@ -47,14 +47,10 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getInfo(JN
   if (!ckSlot || throwIfFailed(env, bridge::getSlotInfo(*ckSlot, &ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11SlotInfo...");
-  const jstring description = CK2J_STR(env, ckInfo.slotDescription);
-  if (description == nullptr) return nullptr;
-  const jstring manufacturer = CK2J_STR(env, ckInfo.manufacturerID);
-  if (manufacturer == nullptr) return nullptr;
   const jobject info = newObject(
       env, "it/quarvel/pkcs11/PKCS11SlotInfo", "(Ljava/lang/String;Ljava/lang/String;III)V",
-      description, manufacturer, CK2J_FLAGS(ckInfo.flags), CK2J_VER(ckInfo.hardwareVersion),
-      CK2J_VER(ckInfo.firmwareVersion));
+      ckInfo.slotDescription, ckInfo.manufacturerID, CK2J_FLAGS(ckInfo.flags),
+      CK2J_VER(ckInfo.hardwareVersion), CK2J_VER(ckInfo.firmwareVersion));
   if (info != nullptr) traceLine("OK");
   return info;
 }
@@ -63,27 +59,17 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getTokenIn
                                                                                    jobject slot) {
   CK_TOKEN_INFO ckInfo = {};
   if (!readTokenInfo(env, slot, &ckInfo)) return nullptr;
-  const jstring label = CK2J_STR(env, ckInfo.label);
-  if (label == nullptr) return nullptr;
-  const jstring manufacturer = CK2J_STR(env, ckInfo.manufacturerID);
-  if (manufacturer == nullptr) return nullptr;
-  const jstring model = CK2J_STR(env, ckInfo.model);
-  if (model == nullptr) return nullptr;
-  const jstring serialNumber = CK2J_STR(env, ckInfo.serialNumber);
-  if (serialNumber == nullptr) return nullptr;
-  const jstring utcTime = CK2J_STR(env, ckInfo.utcTime);
-  if (utcTime == nullptr) return nullptr;
-  const jobject info =
-      newObject(env, "it/quarvel/pkcs11/PKCS11TokenInfo",
-                "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
-                "IIIIIIIIIIIIILjava/lang/String;)V",
-                label, manufacturer, model, serialNumber, CK2J_FLAGS(ckInfo.flags),
-                CK2J_INT(ckInfo.ulMaxSessionCount), CK2J_INT(ckInfo.ulSessionCount),
-                CK2J_INT(ckInfo.ulMaxRwSessionCount), CK2J_INT(ckInfo.ulRwSessionCount),
-                CK2J_INT(ckInfo.ulMaxPinLen), CK2J_INT(ckInfo.ulMinPinLen),
-                CK2J_INT(ckInfo.ulTotalPublicMemory), CK2J_INT(ckInfo.ulFreePublicMemory),
-                CK2J_INT(ckInfo.ulTotalPrivateMemory), CK2J_INT(ckInfo.ulFreePrivateMemory),
-                CK2J_VER(ckInfo.hardwareVersion), CK2J_VER(ckInfo.firmwareVersion), utcTime);
+  const jobject info = newObject(
+      env, "it/quarvel/pkcs11/PKCS11TokenInfo",
+      "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
+      "IIIIIIIIIIIIILjava/lang/String;)V",
+      ckInfo.label, ckInfo.manufacturerID, ckInfo.model, ckInfo.serialNumber,
+      CK2J_FLAGS(ckInfo.flags), CK2J_INT(ckInfo.ulMaxSessionCount), CK2J_INT(ckInfo.ulSessionCount),
+      CK2J_INT(ckInfo.ulMaxRwSessionCount), CK2J_INT(ckInfo.ulRwSessionCount),
+      CK2J_INT(ckInfo.ulMaxPinLen), CK2J_INT(ckInfo.ulMinPinLen),
+      CK2J_INT(ckInfo.ulTotalPublicMemory), CK2J_INT(ckInfo.ulFreePublicMemory),
+      CK2J_INT(ckInfo.ulTotalPrivateMemory), CK2J_INT(ckInfo.ulFreePrivateMemory),
+      CK2J_VER(ckInfo.hardwareVersion), CK2J_VER(ckInfo.firmwareVersion), ckInfo.utcTime);
   if (info != nullptr) traceLine("OK");
   return info;
 }

@@ -234,8 +234,12 @@ const char* takeChars(JNIEnv* env, jstring string, const char* msg) {
 }
 
 jbyte* takeBytes(JNIEnv* env, jbyteArray array) {
-  jbyte* elements = array != nullptr ? env->GetByteArrayElements(array, nullptr) : nullptr;
-  if (elements == nullptr) throwCKExc(env, CKR_ARGUMENTS_BAD);
+  if (array == nullptr) {
+    throwCKExc(env, CKR_ARGUMENTS_BAD);
+    return nullptr;
+  }
+  jbyte* elements = env->GetByteArrayElements(array, nullptr);
+  if (elements == nullptr) throwExc(env, kOutOfMemory);
   return elements;
 }
 
@@ -296,7 +300,8 @@ bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, Surplus s
 }
 
 CK_ATTRIBUTE* allocateTemplate(CK_ULONG ckCount) {
-  return static_cast<CK_ATTRIBUTE*>(std::malloc(ckCount * sizeof(CK_ATTRIBUTE)));
+  return static_cast<CK_ATTRIBUTE*>(
+      std::malloc(ckCount * (sizeof(CK_ATTRIBUTE) + sizeof(ValueBlock))));
 }
 
 CK_ATTRIBUTE* newTemplate(JNIEnv* env, CK_ULONG ckCount) {
@@ -321,10 +326,13 @@ jint* fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, CK_ATTRIBU
   if (attrA == nullptr) return nullptr;
   for (CK_ULONG i = 0; i < ckCount; ++i) {
     const jobject curVal = env->GetObjectArrayElement(values, static_cast<jsize>(i));
-    if (J2CK_ATTR(env, attrA[i], curVal, &ckAttr[i]) != 0) continue;
+    if (J2CK_ATTR(env, attrA[i], curVal, &ckAttr[i]) != 0) {
+      valueBlocks(ckAttr, ckCount)[i] = ckAttr[i].pValue;
+      continue;
+    }
     TRACE("\nERROR: cannot parse passed object %li\n", i);
     releaseTypes(env, types, attrA);
-    while (i > 0) std::free(ckAttr[--i].pValue);
+    while (i > 0) std::free(valueBlocks(ckAttr, ckCount)[--i]);
     return nullptr;
   }
   return attrA;
@@ -340,8 +348,8 @@ jint* buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, Surplus s
   return attrA;
 }
 
-void freeValues(const CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount) {
-  for (CK_ULONG i = 0; i < ckCount; ++i) std::free(ckAttr[i].pValue);
+void freeValues(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount) {
+  for (CK_ULONG i = 0; i < ckCount; ++i) std::free(valueBlocks(ckAttr, ckCount)[i]);
 }
 
 void freeTemplate(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount) {

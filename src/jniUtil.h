@@ -15,6 +15,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <tuple>
 
 #include "pkcs11.h"
 
@@ -81,17 +82,20 @@ inline CK_ULONG J2CK_INT(jint value) { return static_cast<CK_ULONG>(value); }
 
 /// A Java string of the `size` bytes at `str`, up to a NUL if they hold one; nothing is trimmed.
 /// @return null after printing an error line when the string cannot be made; without memory for
-/// the copy of the bytes no exception is pending
+/// the copy of the bytes "Internal error: Out of memory" is raised
 inline jstring CK2J_STR(JNIEnv* env, const CK_CHAR* str, int size) {
+  constexpr char kError[] = "JNI:##########ERROR CK2J_STR################";
   const auto length = static_cast<std::size_t>(size);
   const HeapBlock<char> text(static_cast<char*>(std::malloc(length + 1)));
-  jstring string = nullptr;
-  if (text != nullptr) {
-    std::memcpy(text.get(), str, length);
-    text[length] = '\0';
-    string = env->NewStringUTF(text.get());
+  if (text == nullptr) {
+    std::puts(kError);
+    throwExc(env, kOutOfMemory);
+    return nullptr;
   }
-  if (string == nullptr) std::puts("JNI:##########ERROR CK2J_STR################");
+  std::memcpy(text.get(), str, length);
+  text[length] = '\0';
+  const jstring string = env->NewStringUTF(text.get());
+  if (string == nullptr) std::puts(kError);
   return string;
 }
 
@@ -120,12 +124,35 @@ struct Constructor {
 
 Constructor findConstructor(JNIEnv* env, const char* className, const char* signature);
 
-/// A new object from class name, constructor signature and arguments (JNI types, as the signature
-/// states them); null with the virtual machine's error pending.
+/// The constructor's argument that `value` stands for: itself, but a string for a text field.
+/// @param made cleared when the string cannot be made; while it is false nothing is attempted
+template <typename T>
+T constructorArgument(JNIEnv* /*env*/, T value, bool* /*made*/) {
+  return value;
+}
+template <std::size_t size>
+jstring constructorArgument(JNIEnv* env, const CK_CHAR (&field)[size], bool* made) {
+  const jstring string = *made ? CK2J_STR(env, field) : nullptr;
+  *made = string != nullptr;
+  return string;
+}
+
+/// A new object from class name, constructor signature and arguments: JNI types as the signature
+/// states them, and text fields of a PKCS#11 structure for strings, made in this order when class
+/// and constructor have been found.
+/// @return null with an exception pending
 template <typename... Args>
-jobject newObject(JNIEnv* env, const char* className, const char* signature, Args... args) {
+jobject newObject(JNIEnv* env, const char* className, const char* signature, const Args&... args) {
   const Constructor costr = findConstructor(env, className, signature);
-  return costr.init != nullptr ? env->NewObject(costr.cl, costr.init, args...) : nullptr;
+  if (costr.init == nullptr) return nullptr;
+  bool made = true;
+  // Braces, unlike parentheses, evaluate from left to right.
+  const std::tuple values{constructorArgument(env, args, &made)...};
+  if (!made) return nullptr;
+  const auto construct = [&](auto... value) {
+    return env->NewObject(costr.cl, costr.init, value...);
+  };
+  return std::apply(construct, values);
 }
 
 /// A new NativePKCS11Session for the handle, on `slot`; null with the virtual machine's error.
@@ -150,8 +177,8 @@ jobject newDateFormat(JNIEnv* env, jclass* formatCl);
 /// after raising PKCS11Exception with `msg` (a null string, or characters not to be had).
 const char* takeChars(JNIEnv* env, jstring string, const char* msg = kInternalError);
 
-/// The elements of an array, for releaseBytes; null after raising CKR_ARGUMENTS_BAD (a null array,
-/// or elements not to be had).
+/// The elements of an array, for releaseBytes; null after raising CKR_ARGUMENTS_BAD (a null array)
+/// or "Internal error: Out of memory" (elements not to be had).
 jbyte* takeBytes(JNIEnv* env, jbyteArray array);
 
 /// The same for input of which `length` bytes are used: also refuses a length that is negative or
@@ -170,7 +197,15 @@ inline CK_BYTE_PTR moduleBytes(const char* chars) {
 
 // ---- Attribute templates ----
 //
-// A template is a C heap array of CK_ATTRIBUTE; each pValue is a C heap block of its own.
+// A template is a C heap array of CK_ATTRIBUTE; each value is a C heap block of its own. Behind the
+// entries the same block remembers the values, since a module may write to the entries.
+
+using ValueBlock = void*;
+
+/// The values of a template of ckCount entries, in their order.
+inline ValueBlock* valueBlocks(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount) {
+  return reinterpret_cast<ValueBlock*>(ckAttr + ckCount);
+}
 
 /// Fills one entry from a Java value: String, byte[], Integer, Boolean, BigInteger or Date. The
 /// type is set in any case; pValue and ulValueLen only on success, when the caller owns the block.
@@ -186,7 +221,8 @@ enum class Surplus { kRefused, kIgnored };
 bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
                     const char* msg, CK_ULONG* ckCount);
 
-/// Room for ckCount entries (also for 0) in the C heap; null without memory, with nothing raised.
+/// Room for ckCount entries (also for 0) and their values' addresses in the C heap; null without
+/// memory, with nothing raised.
 CK_ATTRIBUTE* allocateTemplate(CK_ULONG ckCount);
 
 /// The same, raising "Internal error: Out of memory".
@@ -209,7 +245,7 @@ jint* buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, Surplus s
                     CK_ATTRIBUTE** ckAttr, CK_ULONG* ckCount);
 
 /// Frees the values of entries 0 to ckCount - 1.
-void freeValues(const CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount);
+void freeValues(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount);
 /// Frees values and entries.
 void freeTemplate(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount);
 

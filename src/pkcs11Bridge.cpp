@@ -24,6 +24,30 @@ namespace {
 // list alone cannot tell: a failed load and finalizeLib leave the earlier pointer in place.
 bool listUsable = false;
 
+// What a module's C_GetFunctionList finds in pFunctionList: neither null nor any module's list, so
+// that what it wrote, the list in use before or null, can be told from nothing written.
+CK_FUNCTION_LIST unwritten = {};
+
+/// The calling thread's floating-point control word, put back at scope exit: code built with
+/// -ffast-math switches denormals off when it is loaded, and Java would compute wrong from then on.
+class FloatingPointControl {
+ public:
+  FloatingPointControl() = default;
+  FloatingPointControl(const FloatingPointControl&) = delete;
+  FloatingPointControl& operator=(const FloatingPointControl&) = delete;
+#if defined(__x86_64__)
+  ~FloatingPointControl() { __builtin_ia32_ldmxcsr(control_); }
+
+ private:
+  const unsigned control_ = __builtin_ia32_stmxcsr();
+#elif defined(__aarch64__)
+  ~FloatingPointControl() { __builtin_aarch64_set_fpcr(control_); }
+
+ private:
+  const unsigned control_ = __builtin_aarch64_get_fpcr();
+#endif
+};
+
 /// The module's function behind `entry`, null when the module or its list lacks it.
 template <typename Function>
 Function functionOf(Function CK_FUNCTION_LIST::*entry) {
@@ -115,9 +139,15 @@ unsigned long address(const void* pointer) { return reinterpret_cast<unsigned lo
 CK_RV loadLib(const char* libName, CK_FUNCTION_LIST_PTR* pFuncList) {
   listUsable = false;
   TRACE("JNI:BRIDGE: Start loading library...");
-  // The dynamic linker copies the name to the stack, which a text of megabytes would overflow. None
-  // of that length can name a file.
-  hLibrary = std::strlen(libName) < PATH_MAX ? dlopen(libName, RTLD_LAZY) : nullptr;
+  // The dynamic linker copies the name to the stack, which a text of megabytes would overflow. No
+  // longer name can be opened as it stands; one that shrinks below the limit when the linker
+  // expands its ${PLATFORM} is given up.
+  if (std::strlen(libName) < PATH_MAX) {
+    const FloatingPointControl kept;
+    hLibrary = dlopen(libName, RTLD_LAZY);
+  } else {
+    hLibrary = nullptr;
+  }
   TRACE(" Done: %lx\n", address(hLibrary));
   if (hLibrary == nullptr) return CKR_ZOV_NOFUNCPTR;
 
@@ -127,15 +157,14 @@ CK_RV loadLib(const char* libName, CK_FUNCTION_LIST_PTR* pFuncList) {
   if (symbol == nullptr) return CKR_ZOV_NOFUNCPTR;
 
   TRACE("JNI:BRIDGE: Calling FuncList...");
-  // Cleared first: a module that reports success and writes nothing must not pass for the owner of
-  // an earlier module's list. A failed load leaves that list in use.
   const CK_FUNCTION_LIST_PTR earlier = pFunctionList;
-  pFunctionList = nullptr;
+  pFunctionList = &unwritten;
   const CK_RV ckRv = reinterpret_cast<CK_C_GetFunctionList>(symbol)(&pFunctionList);
-  if (ckRv != CKR_OK && pFunctionList == nullptr) pFunctionList = earlier;
+  const bool written = pFunctionList != &unwritten;
+  if (!written) pFunctionList = earlier;
   TRACE(" Done: %lx\n", address(pFunctionList));
   if (ckRv != CKR_OK) return ckRv;
-  if (pFunctionList == nullptr) return CKR_ZOV_NOFUNCPTR;
+  if (!written || pFunctionList == nullptr) return CKR_ZOV_NOFUNCPTR;
 
   listUsable = true;
   *pFuncList = pFunctionList;
@@ -147,6 +176,7 @@ CK_RV initLib() {
   const CK_C_Initialize function =
       listUsable ? functionOf(&CK_FUNCTION_LIST::C_Initialize) : nullptr;
   if (function == nullptr) return CKR_ZOV_NOFUNCPTR;
+  const FloatingPointControl kept;
   const CK_RV ckRv = function(nullptr);
   TRACE(" Done: %li\n", ckRv);
   if (ckRv == CKR_OK) loaded = 1;
@@ -155,7 +185,11 @@ CK_RV initLib() {
 
 CK_RV finalizeLib() {
   TRACE("JNI:BRIDGE: Finalizing...");
-  const CK_C_Finalize function = listUsable ? functionOf(&CK_FUNCTION_LIST::C_Finalize) : nullptr;
+  if (!listUsable) {
+    loaded = 0;
+    return CKR_ZOV_NOFUNCPTR;
+  }
+  const CK_C_Finalize function = functionOf(&CK_FUNCTION_LIST::C_Finalize);
   if (function == nullptr) return CKR_ZOV_NOFUNCPTR;
   const CK_RV ckRv = function(nullptr);
   TRACE(" Done: %li\n", ckRv);

@@ -17,7 +17,8 @@ inline constexpr CK_RV CKR_ZOV_NOSPACE = 0x80000002;
 /// No successful C_Initialize stands behind the call.
 inline constexpr CK_RV CKR_ZOV_NOTINIT = 0x80000003;
 
-/// The module's function list; written by the module's C_GetFunctionList, stale after finalizeLib.
+/// The module's function list; written by the module's C_GetFunctionList, also by one that then
+/// fails (what it does not write stays); stale after finalizeLib.
 extern CK_FUNCTION_LIST_PTR pFunctionList;
 /// The handle of the opened module; null when the last open failed, stale after finalizeLib.
 extern void* hLibrary;
@@ -37,8 +38,8 @@ CK_RV loadLib(const char* libName, CK_FUNCTION_LIST_PTR* pFuncList);
 CK_RV initLib();
 
 /// C_Finalize, then closes the module whatever that returned, and clears `loaded`.
-/// @return the value of C_Finalize; CKR_ZOV_NOFUNCPTR, with nothing touched, without the list of a
-/// successful loadLib or without a C_Finalize
+/// @return the value of C_Finalize; CKR_ZOV_NOFUNCPTR, with no module touched, without the list of
+/// a successful loadLib (`loaded` is cleared all the same) or without a C_Finalize (`loaded` stays)
 CK_RV finalizeLib();
 
 // ---- Call-throughs ----

@@ -17,6 +17,13 @@ CK_RV claimAll(CK_SESSION_HANDLE, CK_BYTE*, CK_ULONG, CK_BYTE*, CK_ULONG* room) 
   return CKR_OK;
 }
 
+/// Every other value points nowhere, the others to memory of the module's own.
+CK_RV spoil(CK_ATTRIBUTE* attrs, CK_ULONG count) {
+  static CK_BYTE own[8];
+  for (CK_ULONG i = 0; i < count; ++i) attrs[i] = {0, i % 2 == 0 ? own : nullptr, sizeof own};
+  return CKR_OK;
+}
+
 template <unsigned char byte>
 void fillTexts() {
   list.C_GetInfo = [](CK_INFO* info) {
@@ -82,6 +89,28 @@ const std::vector<Misbehaviour>& misbehaviours() {
            attr->ulValueLen = sizeof own;
            return CK_RV{CKR_OK};
          };
+       }},
+      {"writes into the templates that it is given",
+       [] {
+         scripted::list.C_FindObjectsInit = [](CK_SESSION_HANDLE, CK_ATTRIBUTE* attrs,
+                                               CK_ULONG count) { return spoil(attrs, count); };
+         scripted::list.C_SetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE,
+                                                 CK_ATTRIBUTE* attrs,
+                                                 CK_ULONG count) { return spoil(attrs, count); };
+         scripted::list.C_CreateObject = [](CK_SESSION_HANDLE, CK_ATTRIBUTE* attrs, CK_ULONG count,
+                                            CK_OBJECT_HANDLE*) { return spoil(attrs, count); };
+         scripted::list.C_GenerateKey = [](CK_SESSION_HANDLE, CK_MECHANISM*, CK_ATTRIBUTE* attrs,
+                                           CK_ULONG count,
+                                           CK_OBJECT_HANDLE*) { return spoil(attrs, count); };
+         scripted::list.C_GenerateKeyPair =
+             [](CK_SESSION_HANDLE, CK_MECHANISM*, CK_ATTRIBUTE* pub, CK_ULONG pubCount,
+                CK_ATTRIBUTE* prv, CK_ULONG prvCount, CK_OBJECT_HANDLE*, CK_OBJECT_HANDLE*) {
+               spoil(prv, prvCount);
+               return spoil(pub, pubCount);
+             };
+         scripted::list.C_UnwrapKey = [](CK_SESSION_HANDLE, CK_MECHANISM*, CK_OBJECT_HANDLE,
+                                         CK_BYTE*, CK_ULONG, CK_ATTRIBUTE* attrs, CK_ULONG count,
+                                         CK_OBJECT_HANDLE*) { return spoil(attrs, count); };
        }},
       {"writes its outputs and then fails",
        [] {
