@@ -101,16 +101,15 @@ JNIEXPORT jlong JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_loadPKCS11Librar
                                                                                   jstring libName) {
   if (std::getenv("PKCS11_ZOV_DEBUG") != nullptr) startTrace();
   TRACE("JNI: start loadPKCS11Library ");
-  const char* path = takeChars(env, libName, "Internal error (Null parameter)");
+  const Chars path = takeChars(env, libName, "Internal error (Null parameter)");
   if (path == nullptr) return 0;
-  TRACE("(arg= %s)\n", path);
+  TRACE("(arg= %s)\n", path.get());
 
   CK_FUNCTION_LIST_PTR funcList = nullptr;
-  if (!throwIfFailed(env, bridge::loadLib(path, &funcList))) {
+  if (!throwIfFailed(env, bridge::loadLib(path.get(), &funcList))) {
     TRACE("JNI: library loaded: (FuncList ptr=%lx)\n", reinterpret_cast<unsigned long>(funcList));
     traceLine("JNI: end loadPKCS11Library");
   }
-  env->ReleaseStringUTFChars(libName, path);
   return CK2J_PTR(funcList);
 }
 
@@ -142,12 +141,10 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_getInfo(JNIEnv
   if (throwIfFailed(env, bridge::getInfo(&ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11Info...");
-  const jobject info =
+  return created(
       newObject(env, "it/quarvel/pkcs11/PKCS11Info", "(ILjava/lang/String;ILjava/lang/String;I)V",
                 CK2J_VER(ckInfo.cryptokiVersion), ckInfo.manufacturerID, CK2J_FLAGS(ckInfo.flags),
-                ckInfo.libraryDescription, CK2J_VER(ckInfo.libraryVersion));
-  if (info != nullptr) traceLine("OK");
-  return info;
+                ckInfo.libraryDescription, CK2J_VER(ckInfo.libraryVersion)));
 }
 
 JNIEXPORT jobjectArray JNICALL
@@ -177,39 +174,35 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11_getSlotList(JNIEnv* env, jobject obj, jb
   return array;
 }
 
-JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_waitForSlotEvent(
-    JNIEnv* env, jobject /*obj*/, jboolean /*blocking*/) {
-  notSupported(env);
-  return nullptr;
-}
+QUARVEL_NOT_SUPPORTED(jobject, _waitForSlotEvent, jboolean)
 
 // ---- RSA credential lookup ----
 
 JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_getRSAcredential(
     JNIEnv* env, jobject obj, jstring alias, jint flags, jstring pin) {
   traceLine("JNI: start getRSAcredential... ");
-  const char* utf_alias = takeChars(env, alias);
+  Chars utf_alias = takeChars(env, alias);
   if (utf_alias == nullptr) return nullptr;
-  const CK_ULONG utf_aliaslen = std::strlen(utf_alias);
+  const CK_ULONG utf_aliaslen = std::strlen(utf_alias.get());
   TRACE(" alias len =%li \n", utf_aliaslen);
   const CK_FLAGS ckFlags = J2CK_FLAGS(flags);
   TRACE("JNI: pin is null ?... ");
   const bool isNullPin = pin == nullptr;
-  const char* utf_str_pin = isNullPin ? nullptr : env->GetStringUTFChars(pin, nullptr);
+  Chars utf_str_pin = isNullPin ? Chars() : charsOf(env, pin);
   if (!isNullPin && utf_str_pin == nullptr) {
-    env->ReleaseStringUTFChars(alias, utf_alias);
+    utf_alias.reset();
     throwExc(env, kInternalError);
     return nullptr;
   }
-  const CK_ULONG utf_str_pinlen = isNullPin ? 0 : std::strlen(utf_str_pin);
+  const CK_ULONG utf_str_pinlen = isNullPin ? 0 : std::strlen(utf_str_pin.get());
   TRACE(" pin len =%li \n", utf_str_pinlen);
 
   Credential found = {};
   const CK_RV ckRv = bridge::getRSACred(
       moduleBytes(utf_alias), utf_aliaslen, ckFlags, moduleBytes(utf_str_pin), utf_str_pinlen,
       &found.slotID, &found.ckSession, &found.ckObj[0], &found.ckObj[1], &found.ckObj[2]);
-  env->ReleaseStringUTFChars(alias, utf_alias);
-  if (!isNullPin) env->ReleaseStringUTFChars(pin, utf_str_pin);
+  utf_alias.reset();
+  utf_str_pin.reset();
   if (ckRv != CKR_OK) {
     throwCKExcAS(env, ckRv);
     return nullptr;

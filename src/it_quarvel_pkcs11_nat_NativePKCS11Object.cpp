@@ -98,41 +98,41 @@ std::optional<Handles> traceHandles(JNIEnv* env, jobject obj) {
 /// One attribute value as the bridge returned it: `size` bytes and a zero byte after them.
 struct Value {
   HeapBlock<CK_BYTE> bytes;  // null after a failure, with an exception pending
-  CK_ULONG size;
+  CK_ULONG size = 0;
 };
 
-Value readValue(JNIEnv* env, const std::optional<Handles>& handles, jint attr) {
+Value readValue(JNIEnv* env, const Handles& handles, jint attr) {
   CK_ATTRIBUTE ckAttr = {J2CK_INT(attr), nullptr, 0};
-  if (!handles ||
-      throwIfFailed(env, bridge::getAttributeValue(handles->session, handles->object, &ckAttr))) {
-    return {nullptr, 0};
-  }
+  const CK_RV ckRv = bridge::getAttributeValue(handles.session, handles.object, &ckAttr);
+  if (throwIfFailed(env, ckRv)) return {};
   return {HeapBlock<CK_BYTE>(static_cast<CK_BYTE*>(ckAttr.pValue)), ckAttr.ulValueLen};
 }
 
-/// The same for a type that has no empty values: refuses one with the message `msg`.
-Value readFilledValue(JNIEnv* env, const std::optional<Handles>& handles, jint attr,
-                      const char* msg) {
-  Value value = readValue(env, handles, attr);
-  if (value.bytes != nullptr && value.size == 0) {
-    throwExc(env, msg);
-    value.bytes.reset();
-  }
-  return value;
+/// The opening of every getter but that of dates: start text, handles, their trace, the value.
+/// @param kind how the start text names the Java type
+Value readTraced(JNIEnv* env, jobject obj, jint attr, const char* kind) {
+  TRACE("JNI: start PKCS11Object.getAttr(%li) %s... ", static_cast<long>(attr), kind);
+  const std::optional<Handles> handles = traceHandles(env, obj);
+  return handles ? readValue(env, *handles, attr) : Value();
+}
+
+/// The value of a type that has no empty ones: refuses one with the message `msg`.
+Value filled(JNIEnv* env, Value value, const char* msg) {
+  if (value.bytes == nullptr || value.size != 0) return value;
+  throwExc(env, msg);
+  return {};
 }
 
 /// @return empty with an exception pending
 std::optional<jboolean> readBool(JNIEnv* env, jobject obj, jint attr) {
-  TRACE("JNI: start PKCS11Object.getAttr(%li) Bool... ", static_cast<long>(attr));
-  const Value value = readFilledValue(env, traceHandles(env, obj), attr, "VOID boolean field");
+  const Value value = filled(env, readTraced(env, obj, attr, "Bool"), "VOID boolean field");
   if (value.bytes == nullptr) return std::nullopt;
   return CK2J_BOOL(value.bytes[0]);
 }
 
 /// @return empty with an exception pending
 std::optional<jint> readInt(JNIEnv* env, jobject obj, jint attr) {
-  TRACE("JNI: start PKCS11Object.getAttr(%li) Int... ", static_cast<long>(attr));
-  const Value value = readFilledValue(env, traceHandles(env, obj), attr, "VOID int field");
+  const Value value = filled(env, readTraced(env, obj, attr, "Int"), "VOID int field");
   if (value.bytes == nullptr) return std::nullopt;
   // A module built with a narrower integer returns fewer bytes; padded with zeros they read right.
   CK_ULONG number = 0;
@@ -141,8 +141,7 @@ std::optional<jint> readInt(JNIEnv* env, jobject obj, jint attr) {
 }
 
 jstring readString(JNIEnv* env, jobject obj, jint attr) {
-  TRACE("JNI: start PKCS11Object.getAttr(%li) String... ", static_cast<long>(attr));
-  const Value value = readValue(env, traceHandles(env, obj), attr);
+  const Value value = readTraced(env, obj, attr, "String");
   if (value.bytes == nullptr) return nullptr;
   if (!fitsJavaArray(env, value.size, bridge::CKR_ZOV_NOSPACE)) return nullptr;
   return env->NewStringUTF(reinterpret_cast<const char*>(value.bytes.get()));
@@ -159,8 +158,7 @@ jbyteArray newByteArray(JNIEnv* env, const Value& value, jint lead) {
 }
 
 jbyteArray readByteArray(JNIEnv* env, jobject obj, jint attr) {
-  TRACE("JNI: start PKCS11Object.getAttr(%li) ByteArray... ", static_cast<long>(attr));
-  const Value value = readValue(env, traceHandles(env, obj), attr);
+  const Value value = readTraced(env, obj, attr, "ByteArray");
   return value.bytes != nullptr ? newByteArray(env, value, 0) : nullptr;
 }
 
@@ -175,7 +173,9 @@ void dateText(const CK_BYTE* bytes, char (&date)[kDateSize + 1]) {
 jobject readDate(JNIEnv* env, jobject obj, jint attr) {
   constexpr char kVoid[] = "VOID Date field";
   TRACE("JNI: start PKCS11Object.getDateAttr(%li)... ", static_cast<long>(attr));
-  const Value value = readFilledValue(env, readHandles(env, obj), attr, kVoid);
+  const std::optional<Handles> handles = readHandles(env, obj);
+  if (!handles) return nullptr;
+  const Value value = filled(env, readValue(env, *handles, attr), kVoid);
   if (value.bytes == nullptr) return nullptr;
   if (value.bytes[0] == 0) traceLine("strelen(ckDatePtr) = 0!");
   if (value.bytes[0] == 0 || value.size < kDateSize) {
@@ -201,34 +201,29 @@ jobject readDate(JNIEnv* env, jobject obj, jint attr) {
 }
 
 jobject readBigInteger(JNIEnv* env, jobject obj, jint attr) {
-  TRACE("JNI: start PKCS11Object.getAttr(%li) BigInt... ", static_cast<long>(attr));
-  const Value value = readFilledValue(env, traceHandles(env, obj), attr, "VOID BigInteger field");
+  const Value value = filled(env, readTraced(env, obj, attr, "BigInt"), "VOID BigInteger field");
   if (value.bytes == nullptr) return nullptr;
   // A new array is all zeros, so the leading byte that keeps the number positive is there already.
   const jbyteArray magnitude = newByteArray(env, value, 1);
   if (magnitude == nullptr) return nullptr;
   TRACE("JNI: creating jobject BigInteger...");
-  const jobject number = newObject(env, "java/math/BigInteger", "([B)V", magnitude);
-  if (number != nullptr) traceLine("OK");
-  return number;
+  return created(newObject(env, "java/math/BigInteger", "([B)V", magnitude));
 }
 
-/// A new Integer; null for no value, or with the virtual machine's error.
-jobject boxInt(JNIEnv* env, const std::optional<jint>& intVal) {
+/// The value as a new Integer; null with an exception pending.
+jobject readInteger(JNIEnv* env, jobject obj, jint attr) {
+  const std::optional<jint> intVal = readInt(env, obj, attr);
   if (!intVal) return nullptr;
   TRACE("JNI: creating jobject Integer...");
-  const jobject number = newObject(env, "java/lang/Integer", "(I)V", *intVal);
-  if (number != nullptr) traceLine("OK");
-  return number;
+  return created(newObject(env, "java/lang/Integer", "(I)V", *intVal));
 }
 
-/// A new Boolean; null for no value, or with the virtual machine's error.
-jobject boxBool(JNIEnv* env, const std::optional<jboolean>& boolVal) {
+/// The value as a new Boolean; null with an exception pending.
+jobject readBoolean(JNIEnv* env, jobject obj, jint attr) {
+  const std::optional<jboolean> boolVal = readBool(env, obj, attr);
   if (!boolVal) return nullptr;
   TRACE("JNI: creating jobject Boolean...");
-  const jobject truth = newObject(env, "java/lang/Boolean", "(Z)V", *boolVal);
-  if (truth != nullptr) traceLine("OK");
-  return truth;
+  return created(newObject(env, "java/lang/Boolean", "(Z)V", *boolVal));
 }
 
 /// Sets one attribute to the `size` bytes at `ckVal`.
@@ -244,13 +239,7 @@ void setScalar(JNIEnv* env, jobject obj, jint attr, void* ckVal, CK_ULONG size) 
 
 // ---- The object as a whole ----
 
-JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_copy(JNIEnv* env,
-                                                                             jobject /*obj*/,
-                                                                             jintArray /*a*/,
-                                                                             jobjectArray /*b*/) {
-  notSupported(env);
-  return nullptr;
-}
+QUARVEL_NOT_SUPPORTED(jobject, Object_copy, jintArray, jobjectArray)
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_destroy(JNIEnv* env,
                                                                              jobject obj) {
@@ -277,9 +266,9 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getAttri
     JNIEnv* env, jobject obj, jint attr) {
   switch (javaType(attr)) {
     case JavaType::kInt:
-      return boxInt(env, readInt(env, obj, attr));
+      return readInteger(env, obj, attr);
     case JavaType::kBool:
-      return boxBool(env, readBool(env, obj, attr));
+      return readBoolean(env, obj, attr);
     case JavaType::kString:
       return readString(env, obj, attr);
     case JavaType::kByteArray:
@@ -338,9 +327,9 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttribut
     traceLine("\nERROR: cannot parse passed object");
     return;
   }
-  void* ckVal = ckAttr.pValue;  // the module may write to the entry
+  HeapBlock<CK_BYTE> ckVal(static_cast<CK_BYTE*>(ckAttr.pValue));  // the module may write to it
   const CK_RV ckRv = bridge::setAttributeValue(handles->session, handles->object, &ckAttr, 1);
-  std::free(ckVal);
+  ckVal.reset();
   throwIfFailed(env, ckRv);
 }
 
@@ -349,13 +338,11 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttribut
   TRACE("JNI: start PKCS11Object.setAttrValues... ");
   const std::optional<Handles> handles = traceHandles(env, obj);
   if (!handles) return;
-  CK_ATTRIBUTE* ckAttr = nullptr;
-  CK_ULONG ckCount = 0;
-  jint* attrA = buildTemplate(env, attrArray, valArray, Surplus::kRefused, &ckAttr, &ckCount);
+  Template ckAttr;
+  const Types attrA = buildTemplate(env, attrArray, valArray, Surplus::kRefused, ckAttr);
   if (attrA == nullptr) return;
-  throwIfFailed(env, bridge::setAttributeValue(handles->session, handles->object, ckAttr, ckCount));
-  releaseTypes(env, attrArray, attrA);
-  freeTemplate(ckAttr, ckCount);
+  throwIfFailed(env, bridge::setAttributeValue(handles->session, handles->object, ckAttr.get(),
+                                               entryCount(ckAttr)));
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setBoolAttributeValue(

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <optional>
 
 #include "jniUtil.h"
@@ -44,52 +45,27 @@ void startOperation(JNIEnv* env, jobject session, jint mech, jobject key, const 
   throwIfFailed(env, call(*ckSessionNum, &ckMech, *ckKey));
 }
 
-/// The elements of an output array of which the module may write the first `room` bytes; null after
-/// raising CKR_BUFFER_TOO_SMALL for a shorter array, or as takeBytes.
-jbyte* takeRoom(JNIEnv* env, jbyteArray outData, jint room) {
-  if (outData != nullptr && env->GetArrayLength(outData) < room) {
-    throwCKExc(env, CKR_BUFFER_TOO_SMALL);
-    return nullptr;
-  }
-  return takeBytes(env, outData);
-}
-
 /// sign and decrypt: without room in `outData` (null or empty) the call asks for the length.
 jint signOrDecrypt(JNIEnv* env, jobject session, jbyteArray inData, jint inLen, jbyteArray outData,
                    const char* startText, DataCall call) {
   TRACE("%s", startText);
   const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
   if (!ckSessionNum) return -1;
-  jbyte* ckInData = takeInput(env, inData, inLen);
+  Bytes ckInData = takeBytes(env, inData, inLen, CKR_ARGUMENTS_BAD);
   if (ckInData == nullptr) return -1;
-  jbyte* ckOutData = nullptr;
+  Bytes ckOutData;
   CK_ULONG ckOutLen = 0;
   if (outData != nullptr) {
     ckOutData = takeBytes(env, outData);
-    if (ckOutData == nullptr) {
-      releaseBytes(env, inData, ckInData);
-      return -1;
-    }
+    if (ckOutData == nullptr) return -1;
     ckOutLen = J2CK_INT(env->GetArrayLength(outData));
   }
   TRACE("(session= %li)\n", *ckSessionNum);
   const CK_RV ckRv = call(*ckSessionNum, moduleBytes(ckInData), J2CK_INT(inLen),
                           ckOutLen != 0 ? moduleBytes(ckOutData) : nullptr, &ckOutLen);
-  releaseBytes(env, inData, ckInData);
-  if (outData != nullptr) releaseBytes(env, outData, ckOutData);
+  ckInData.reset();
+  ckOutData.reset();
   return throwIfFailed(env, ckRv) ? -1 : CK2J_INT(ckOutLen);
-}
-
-/// Room for the public and the private template of a key pair; both or, with an exception, none.
-bool newTemplatePair(JNIEnv* env, CK_ULONG pubLen, CK_ULONG prvLen, CK_ATTRIBUTE** pubAttr,
-                     CK_ATTRIBUTE** prvAttr) {
-  *pubAttr = newTemplate(env, pubLen);
-  if (*pubAttr == nullptr) return false;
-  *prvAttr = newTemplate(env, prvLen);
-  if (*prvAttr != nullptr) return true;
-  std::free(*pubAttr);
-  *pubAttr = nullptr;
-  return false;
 }
 
 // The vendor-defined attributes of the card.
@@ -117,28 +93,29 @@ CK_OBJECT_HANDLE getIdentrusApplication(CK_SESSION_HANDLE session) {
   return identrusApplication;
 }
 
-/// The opening of getCardStatus and setCardStatus, traced in any case: finds the application
-/// object and reads its life-cycle byte.
-/// @return whether that succeeded; if not, an exception is pending
-bool readLifeCycle(JNIEnv* env, jobject session, const char* startText,
-                   CK_SESSION_HANDLE* ckSessionNum, CK_OBJECT_HANDLE* identrusApplication,
-                   signed char* status) {
-  std::printf("%s", startText);
-  const std::optional<CK_SESSION_HANDLE> handle = getSessionID(env, session);
-  if (!handle) return false;
-  *ckSessionNum = *handle;
-  std::printf("(session= %li)\n", *ckSessionNum);
-  *identrusApplication = getIdentrusApplication(*ckSessionNum);
-  std::printf("Identrus application id = %i\n", CK2J_INT(*identrusApplication));
+/// The card's Identrus application object and its life-cycle byte.
+struct Application {
+  CK_SESSION_HANDLE session;
+  CK_OBJECT_HANDLE object;
+  signed char status;
+};
 
-  CK_ATTRIBUTE lifeCycle = {kLifeCycle, status, sizeof *status};
-  if (throwIfFailed(env,
-                    bridge::getAttributeValue(*ckSessionNum, *identrusApplication, &lifeCycle))) {
-    return false;
-  }
-  *status = *static_cast<signed char*>(lifeCycle.pValue);
-  std::free(lifeCycle.pValue);
-  return true;
+/// The opening of getCardStatus and setCardStatus, traced in any case; empty with an exception
+/// pending when the status cannot be read.
+std::optional<Application> readLifeCycle(JNIEnv* env, jobject session, const char* startText) {
+  std::printf("%s", startText);
+  const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
+  if (!ckSessionNum) return std::nullopt;
+  std::printf("(session= %li)\n", *ckSessionNum);
+  const CK_OBJECT_HANDLE identrusApplication = getIdentrusApplication(*ckSessionNum);
+  std::printf("Identrus application id = %i\n", CK2J_INT(identrusApplication));
+
+  signed char applicationLifeCycle = 0;
+  CK_ATTRIBUTE lifeCycle = {kLifeCycle, &applicationLifeCycle, sizeof applicationLifeCycle};
+  const CK_RV ckRv = bridge::getAttributeValue(*ckSessionNum, identrusApplication, &lifeCycle);
+  if (throwIfFailed(env, ckRv)) return std::nullopt;
+  const HeapBlock<signed char> value(static_cast<signed char*>(lifeCycle.pValue));
+  return Application{*ckSessionNum, identrusApplication, value[0]};
 }
 
 }  // namespace
@@ -161,11 +138,9 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getInfo
     return nullptr;
   }
   TRACE("JNI: creating jobject PKCS11SessionInfo...");
-  const jobject sessioninfo =
-      newObject(env, "it/quarvel/pkcs11/PKCS11SessionInfo", "(III)V", CK2J_INT(ckSessionInfo.state),
-                CK2J_FLAGS(ckSessionInfo.flags), CK2J_INT(ckSessionInfo.ulDeviceError));
-  if (sessioninfo != nullptr) traceLine("OK");
-  return sessioninfo;
+  return created(newObject(env, "it/quarvel/pkcs11/PKCS11SessionInfo", "(III)V",
+                           CK2J_INT(ckSessionInfo.state), CK2J_FLAGS(ckSessionInfo.flags),
+                           CK2J_INT(ckSessionInfo.ulDeviceError)));
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_login(JNIEnv* env,
@@ -175,11 +150,10 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_login(JNIE
   TRACE("JNI: start PKCS11Session.login... ");
   const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
   if (!ckSessionNum) return;
-  const char* utf_str = takeChars(env, pin);
+  const Chars utf_str = takeChars(env, pin);
   if (utf_str == nullptr) return;
   TRACE("(session= %li)\n", *ckSessionNum);
   throwIfFailed(env, bridge::login(*ckSessionNum, userType(isSO), moduleBytes(utf_str)));
-  env->ReleaseStringUTFChars(pin, utf_str);
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_logout(JNIEnv* env,
@@ -195,10 +169,9 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_initPIN(JN
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.initPin... ");
   if (!ckSessionNum) return;
-  const char* newPinStr = takeChars(env, newPin);
+  const Chars newPinStr = takeChars(env, newPin);
   if (newPinStr == nullptr) return;
   throwIfFailed(env, bridge::initPin(*ckSessionNum, moduleBytes(newPinStr)));
-  env->ReleaseStringUTFChars(newPin, newPinStr);
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPIN(JNIEnv* env,
@@ -208,15 +181,12 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPIN(JNI
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.setPin... ");
   if (!ckSessionNum) return;
-  const char* oldPinStr = takeChars(env, oldPin);
+  Chars oldPinStr = takeChars(env, oldPin);
   if (oldPinStr == nullptr) return;
-  const char* newPinStr = takeChars(env, newPin);
-  if (newPinStr != nullptr) {
-    throwIfFailed(env,
-                  bridge::setPin(*ckSessionNum, moduleBytes(oldPinStr), moduleBytes(newPinStr)));
-  }
-  env->ReleaseStringUTFChars(oldPin, oldPinStr);
-  if (newPinStr != nullptr) env->ReleaseStringUTFChars(newPin, newPinStr);
+  const Chars newPinStr = takeChars(env, newPin);
+  if (newPinStr == nullptr) return;
+  throwIfFailed(env, bridge::setPin(*ckSessionNum, moduleBytes(oldPinStr), moduleBytes(newPinStr)));
+  oldPinStr.reset();
 }
 
 // ---- Cryptographic operations ----
@@ -246,19 +216,16 @@ JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_encrypt(
   TRACE("JNI: start PKCS11Session.encrypt... ");
   const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
   if (!ckSessionNum) return -1;
-  jbyte* ckInData = takeInput(env, inData, inLen);
+  Bytes ckInData = takeBytes(env, inData, inLen, CKR_ARGUMENTS_BAD);
   if (ckInData == nullptr) return -1;
-  jbyte* ckOutData = takeRoom(env, outData, inLen);
-  if (ckOutData == nullptr) {
-    releaseBytes(env, inData, ckInData);
-    return -1;
-  }
+  Bytes ckOutData = takeBytes(env, outData, inLen, CKR_BUFFER_TOO_SMALL);
+  if (ckOutData == nullptr) return -1;
   CK_ULONG ckOutLen = J2CK_INT(inLen);
   TRACE("(session= %li)\n", *ckSessionNum);
   const CK_RV ckRv = bridge::encrypt(*ckSessionNum, moduleBytes(ckInData), J2CK_INT(inLen),
                                      moduleBytes(ckOutData), &ckOutLen);
-  releaseBytes(env, inData, ckInData);
-  releaseBytes(env, outData, ckOutData);
+  ckInData.reset();
+  ckOutData.reset();
   return throwIfFailed(env, ckRv) ? -1 : CK2J_INT(ckOutLen);
 }
 
@@ -277,197 +244,38 @@ JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_decrypt(
 
 // ---- Operations that are not offered ----
 
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_signUpdate(JNIEnv* env,
-                                                                                 jobject,
-                                                                                 jbyteArray, jint,
-                                                                                 jint) {
-  throwExc(env, "Not supported YET");
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_signFinal(JNIEnv* env,
-                                                                                jobject, jbyteArray,
-                                                                                jint) {
-  throwExc(env, "Not supported YET");
-  return -1;
-}
-
-JNIEXPORT jbyteArray JNICALL
-Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getOperationState(JNIEnv* env, jobject) {
-  notSupported(env);
-  return nullptr;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setOperationState(
-    JNIEnv* env, jobject, jbyteArray, jobject, jobject) {
-  notSupported(env);
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_encryptUpdate(
-    JNIEnv* env, jobject, jbyteArray, jint, jint, jbyteArray, jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_encryptFinal(JNIEnv* env,
-                                                                                   jobject,
-                                                                                   jbyteArray,
-                                                                                   jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_decryptUpdate(
-    JNIEnv* env, jobject, jbyteArray, jint, jint, jbyteArray, jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_decryptFinal(JNIEnv* env,
-                                                                                   jobject,
-                                                                                   jbyteArray,
-                                                                                   jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_digestInit(JNIEnv* env,
-                                                                                 jobject, jint,
-                                                                                 jobject) {
-  notSupported(env);
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_digest(JNIEnv* env, jobject,
-                                                                             jbyteArray, jint, jint,
-                                                                             jbyteArray, jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_digestUpdate(JNIEnv* env,
-                                                                                   jobject,
-                                                                                   jbyteArray, jint,
-                                                                                   jint) {
-  notSupported(env);
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_digestKey(JNIEnv* env,
-                                                                                jobject, jobject) {
-  notSupported(env);
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_digestFinal(JNIEnv* env,
-                                                                                  jobject,
-                                                                                  jbyteArray,
-                                                                                  jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_signRecoverInit(JNIEnv* env,
-                                                                                      jobject, jint,
-                                                                                      jobject,
-                                                                                      jobject) {
-  notSupported(env);
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_signRecover(
-    JNIEnv* env, jobject, jbyteArray, jint, jint, jbyteArray, jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_verifyInit(JNIEnv* env,
-                                                                                 jobject, jint,
-                                                                                 jobject, jobject) {
-  notSupported(env);
-}
-
-JNIEXPORT jboolean JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_verify(
-    JNIEnv* env, jobject, jbyteArray, jint, jint, jbyteArray, jint, jint) {
-  notSupported(env);
-  return JNI_FALSE;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_verifyUpdate(JNIEnv* env,
-                                                                                   jobject,
-                                                                                   jbyteArray, jint,
-                                                                                   jint) {
-  notSupported(env);
-}
-
-JNIEXPORT jboolean JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_verifyFinal(JNIEnv* env,
-                                                                                      jobject,
-                                                                                      jbyteArray,
-                                                                                      jint, jint) {
-  notSupported(env);
-  return JNI_FALSE;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_verifyRecoverInit(
-    JNIEnv* env, jobject, jint, jobject, jobject) {
-  notSupported(env);
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_verifyRecover(
-    JNIEnv* env, jobject, jbyteArray, jint, jint, jbyteArray, jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_digestEncryptUpdate(
-    JNIEnv* env, jobject, jbyteArray, jint, jint, jbyteArray, jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_decryptDigestUpdate(
-    JNIEnv* env, jobject, jbyteArray, jint, jint, jbyteArray, jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_signEncryptUpdate(
-    JNIEnv* env, jobject, jbyteArray, jint, jint, jbyteArray, jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_decryptVerifyUpdate(
-    JNIEnv* env, jobject, jbyteArray, jint, jint, jbyteArray, jint) {
-  notSupported(env);
-  return 0;
-}
-
-JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_deriveKey(
-    JNIEnv* env, jobject, jint, jobject, jobject, jintArray, jobjectArray) {
-  notSupported(env);
-  return nullptr;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_seedRandom(JNIEnv* env,
-                                                                                 jobject,
-                                                                                 jbyteArray, jint,
-                                                                                 jint) {
-  notSupported(env);
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_generateRandom(JNIEnv* env,
-                                                                                     jobject,
-                                                                                     jbyteArray,
-                                                                                     jint, jint) {
-  notSupported(env);
-}
-
-JNIEXPORT jboolean JNICALL
-Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getFunctionStatus(JNIEnv* env, jobject) {
-  notSupported(env);
-  return JNI_FALSE;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_cancelFunction(JNIEnv* env,
-                                                                                     jobject) {
-  notSupported(env);
-}
+// clang-format off
+QUARVEL_REFUSED(void, Session_signUpdate, "Not supported YET", void(), jbyteArray, jint, jint)
+QUARVEL_REFUSED(jint, Session_signFinal, "Not supported YET", -1, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(jbyteArray, Session_getOperationState)
+QUARVEL_NOT_SUPPORTED(void, Session_setOperationState, jbyteArray, jobject, jobject)
+QUARVEL_NOT_SUPPORTED(jint, Session_encryptUpdate, jbyteArray, jint, jint, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(jint, Session_encryptFinal, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(jint, Session_decryptUpdate, jbyteArray, jint, jint, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(jint, Session_decryptFinal, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(void, Session_digestInit, jint, jobject)
+QUARVEL_NOT_SUPPORTED(jint, Session_digest, jbyteArray, jint, jint, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(void, Session_digestUpdate, jbyteArray, jint, jint)
+QUARVEL_NOT_SUPPORTED(void, Session_digestKey, jobject)
+QUARVEL_NOT_SUPPORTED(jint, Session_digestFinal, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(void, Session_signRecoverInit, jint, jobject, jobject)
+QUARVEL_NOT_SUPPORTED(jint, Session_signRecover, jbyteArray, jint, jint, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(void, Session_verifyInit, jint, jobject, jobject)
+QUARVEL_NOT_SUPPORTED(jboolean, Session_verify, jbyteArray, jint, jint, jbyteArray, jint, jint)
+QUARVEL_NOT_SUPPORTED(void, Session_verifyUpdate, jbyteArray, jint, jint)
+QUARVEL_NOT_SUPPORTED(jboolean, Session_verifyFinal, jbyteArray, jint, jint)
+QUARVEL_NOT_SUPPORTED(void, Session_verifyRecoverInit, jint, jobject, jobject)
+QUARVEL_NOT_SUPPORTED(jint, Session_verifyRecover, jbyteArray, jint, jint, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(jint, Session_digestEncryptUpdate, jbyteArray, jint, jint, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(jint, Session_decryptDigestUpdate, jbyteArray, jint, jint, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(jint, Session_signEncryptUpdate, jbyteArray, jint, jint, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(jint, Session_decryptVerifyUpdate, jbyteArray, jint, jint, jbyteArray, jint)
+QUARVEL_NOT_SUPPORTED(jobject, Session_deriveKey, jint, jobject, jobject, jintArray, jobjectArray)
+QUARVEL_NOT_SUPPORTED(void, Session_seedRandom, jbyteArray, jint, jint)
+QUARVEL_NOT_SUPPORTED(void, Session_generateRandom, jbyteArray, jint, jint)
+QUARVEL_NOT_SUPPORTED(jboolean, Session_getFunctionStatus)
+QUARVEL_NOT_SUPPORTED(void, Session_cancelFunction)
+// clang-format on
 
 // ---- Object search ----
 
@@ -480,13 +288,10 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_findObject
     throwIfFailed(env, bridge::findObjectsInit(*ckSessionNum, nullptr, 0));
     return;
   }
-  CK_ATTRIBUTE* ckAttr = nullptr;
-  CK_ULONG ckCount = 0;
-  jint* attrA = buildTemplate(env, attrArray, valArray, Surplus::kRefused, &ckAttr, &ckCount);
+  Template ckAttr;
+  const Types attrA = buildTemplate(env, attrArray, valArray, Surplus::kRefused, ckAttr);
   if (attrA == nullptr) return;
-  throwIfFailed(env, bridge::findObjectsInit(*ckSessionNum, ckAttr, ckCount));
-  releaseTypes(env, attrArray, attrA);
-  freeTemplate(ckAttr, ckCount);
+  throwIfFailed(env, bridge::findObjectsInit(*ckSessionNum, ckAttr.get(), entryCount(ckAttr)));
 }
 
 JNIEXPORT jobject JNICALL
@@ -502,9 +307,7 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11Session_findObject(JNIEnv* env, jobject s
     return nullptr;
   }
   TRACE("JNI: creating PKCS11Object (%li)...", ckObj);
-  const jobject object = newTokenObject(env, session, ckObj);
-  if (object != nullptr) traceLine("OK");
-  return object;
+  return created(newTokenObject(env, session, ckObj));
 }
 
 JNIEXPORT void JNICALL
@@ -523,13 +326,13 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginellip
   TRACE("JNI: start PKCS11Session.login ellips... ");
   const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
   if (!ckSessionNum) return;
-  jbyte* ckPin = takeBytes(env, pin);
+  Bytes ckPin = takeBytes(env, pin);
   if (ckPin == nullptr) return;
   const CK_ULONG ckPinLen = J2CK_INT(env->GetArrayLength(pin));
   TRACE("(session= %li)\n", *ckSessionNum);
   const CK_RV ckRv =
       bridge::loginellips(*ckSessionNum, userType(isSO), moduleBytes(ckPin), ckPinLen);
-  releaseBytes(env, pin, ckPin);
+  ckPin.reset();
   throwIfFailed(env, ckRv);
 }
 
@@ -538,19 +341,16 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPINelli
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.setPin ellips... ");
   if (!ckSessionNum) return;
-  jbyte* ckoldPin = takeBytes(env, oldPin);
+  Bytes ckoldPin = takeBytes(env, oldPin);
   if (ckoldPin == nullptr) return;
   const CK_ULONG ckoldPinLen = J2CK_INT(env->GetArrayLength(oldPin));
-  jbyte* cknewPin = takeBytes(env, newPin);
-  if (cknewPin == nullptr) {
-    releaseBytes(env, oldPin, ckoldPin);
-    return;
-  }
+  Bytes cknewPin = takeBytes(env, newPin);
+  if (cknewPin == nullptr) return;
   const CK_ULONG cknewPinLen = J2CK_INT(env->GetArrayLength(newPin));
   const CK_RV ckRv = bridge::setPinellips(*ckSessionNum, moduleBytes(ckoldPin), ckoldPinLen,
                                           moduleBytes(cknewPin), cknewPinLen);
-  releaseBytes(env, oldPin, ckoldPin);
-  releaseBytes(env, newPin, cknewPin);
+  ckoldPin.reset();
+  cknewPin.reset();
   throwIfFailed(env, ckRv);
 }
 
@@ -564,34 +364,27 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginAuthP
 
 JNIEXPORT jint JNICALL
 Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getCardStatus(JNIEnv* env, jobject session) {
-  CK_SESSION_HANDLE ckSessionNum = CK_INVALID_HANDLE;
-  CK_OBJECT_HANDLE identrusApplication = CK_INVALID_HANDLE;
-  signed char c = 0;
-  if (!readLifeCycle(env, session, "JNI: start PKCS11Session.getCardStatus oberthur... ",
-                     &ckSessionNum, &identrusApplication, &c)) {
-    return -1;
-  }
-  std::printf("lifeCycle status %d\n", c);
-  return c;
+  const std::optional<Application> application =
+      readLifeCycle(env, session, "JNI: start PKCS11Session.getCardStatus oberthur... ");
+  if (!application) return -1;
+  std::printf("lifeCycle status %d\n", application->status);
+  return application->status;
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setCardStatus(JNIEnv* env,
                                                                                     jobject session,
                                                                                     jint status) {
-  CK_SESSION_HANDLE ckSessionNum = CK_INVALID_HANDLE;
-  CK_OBJECT_HANDLE identrusApplication = CK_INVALID_HANDLE;
-  signed char current = 0;
-  if (!readLifeCycle(env, session, "JNI: start PKCS11Session.setCardStatus oberthur... ",
-                     &ckSessionNum, &identrusApplication, &current)) {
-    return;
-  }
-  std::printf("Current lifeCycle status %d\n", current);
+  const std::optional<Application> application =
+      readLifeCycle(env, session, "JNI: start PKCS11Session.setCardStatus oberthur... ");
+  if (!application) return;
+  std::printf("Current lifeCycle status %d\n", application->status);
 
   if (status == kPreFirstUse) std::puts("Setting status to pre.first use");
   auto applicationLifeCycle = static_cast<unsigned char>(status);
   CK_ATTRIBUTE lifeCycle = {kLifeCycle, &applicationLifeCycle, sizeof applicationLifeCycle};
   std::printf("Setting lifeCycle status to %d\n", static_cast<signed char>(applicationLifeCycle));
-  const CK_RV ckRv = bridge::setAttributeValue(ckSessionNum, identrusApplication, &lifeCycle, 1);
+  const CK_RV ckRv =
+      bridge::setAttributeValue(application->session, application->object, &lifeCycle, 1);
   if (ckRv != CKR_OK) std::printf("Error number : %li\n", ckRv);
   throwIfFailed(env, ckRv);
 }
@@ -638,36 +431,26 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_ge
                       "Different array length for PrivateKey", &ckPrvLen)) {
     return nullptr;
   }
-  CK_ATTRIBUTE* ckPubAttr = nullptr;
-  CK_ATTRIBUTE* ckPrvAttr = nullptr;
-  if (!newTemplatePair(env, ckPubLen, ckPrvLen, &ckPubAttr, &ckPrvAttr)) return nullptr;
+  Template ckPubAttr = newTemplate(env, ckPubLen);
+  if (ckPubAttr == nullptr) return nullptr;
+  Template ckPrvAttr = newTemplate(env, ckPrvLen);
+  if (ckPrvAttr == nullptr) return nullptr;
 
   traceLine("JNI: parse public values...");
-  jint* attrA = fillTemplate(env, pubAttrs, pubVals, ckPubAttr, ckPubLen);
-  if (attrA == nullptr) {
-    std::free(ckPubAttr);
-    std::free(ckPrvAttr);
+  if (fillTemplate(env, pubAttrs, pubVals, ckPubAttr) == nullptr) {
+    ckPubAttr.reset();
     return nullptr;
   }
-  releaseTypes(env, pubAttrs, attrA);
-
   traceLine("JNI: parse private values...");
-  attrA = fillTemplate(env, prvAttrs, prvVals, ckPrvAttr, ckPrvLen);
-  if (attrA == nullptr) {
-    std::free(ckPrvAttr);
-    freeTemplate(ckPubAttr, ckPubLen);
-    return nullptr;
-  }
-  releaseTypes(env, prvAttrs, attrA);
+  if (fillTemplate(env, prvAttrs, prvVals, ckPrvAttr) == nullptr) return nullptr;
 
   CK_OBJECT_HANDLE ckPubKey = CK_INVALID_HANDLE;
   CK_OBJECT_HANDLE ckPrvKey = CK_INVALID_HANDLE;
-  const CK_RV ckRv = bridge::generateKeyPair(*ckSessionNum, &ckMech, ckPubAttr, ckPubLen, ckPrvAttr,
-                                             ckPrvLen, &ckPubKey, &ckPrvKey);
+  const CK_RV ckRv = bridge::generateKeyPair(*ckSessionNum, &ckMech, ckPubAttr.get(), ckPubLen,
+                                             ckPrvAttr.get(), ckPrvLen, &ckPubKey, &ckPrvKey);
   const jobjectArray keyPair =
       throwIfFailed(env, ckRv) ? nullptr : newKeyPair(env, session, ckPubKey, ckPrvKey);
-  freeTemplate(ckPubAttr, ckPubLen);
-  freeTemplate(ckPrvAttr, ckPrvLen);
+  ckPubAttr.reset();
   return keyPair;
 }
 
@@ -680,11 +463,10 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_ge
   TRACE("(session= %li)\n", *ckSessionNum);
 
   constexpr CK_ULONG kKeyPairEntries = 4;
-  CK_ATTRIBUTE* ckPubAttr = nullptr;
-  CK_ATTRIBUTE* ckPrvAttr = nullptr;
-  if (!newTemplatePair(env, kKeyPairEntries, kKeyPairEntries, &ckPubAttr, &ckPrvAttr)) {
-    return nullptr;
-  }
+  Template ckPubAttr = newTemplate(env, kKeyPairEntries);
+  if (ckPubAttr == nullptr) return nullptr;
+  Template ckPrvAttr = newTemplate(env, kKeyPairEntries);
+  if (ckPrvAttr == nullptr) return nullptr;
 
   CK_ULONG modulus = 1024;
   CK_BYTE pubExponent[] = {0x01, 0x00, 0x01};
@@ -705,18 +487,19 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_ge
   std::printf("Start generating keypair...");
   CK_OBJECT_HANDLE ckPubKey = CK_INVALID_HANDLE;
   CK_OBJECT_HANDLE ckPrvKey = CK_INVALID_HANDLE;
-  const CK_RV ckRv = bridge::generateKeyPair(*ckSessionNum, &ckMech, ckPubAttr, kKeyPairEntries,
-                                             ckPrvAttr, kKeyPairEntries, &ckPubKey, &ckPrvKey);
+  const CK_RV ckRv =
+      bridge::generateKeyPair(*ckSessionNum, &ckMech, ckPubAttr.get(), kKeyPairEntries,
+                              ckPrvAttr.get(), kKeyPairEntries, &ckPubKey, &ckPrvKey);
   std::puts("Done.");
   const jobjectArray keyPair =
       throwIfFailed(env, ckRv) ? nullptr : newKeyPair(env, session, ckPubKey, ckPrvKey);
 
   std::puts("Clearing memory...");
   std::printf("    --> Public attr values done\n...");
-  std::free(ckPubAttr);
+  ckPubAttr.reset();
   std::printf("    --> Public attr done\n...");
   std::printf("    --> Private attr value done\n...");
-  std::free(ckPrvAttr);
+  ckPrvAttr.reset();
   std::printf("    --> Private attr done\n...");
   std::puts("Done.");
   return keyPair;
@@ -730,14 +513,11 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_createO
   const std::optional<CK_SESSION_HANDLE> ckSessionID = getSessionID(env, session);
   if (!ckSessionID) return nullptr;
   TRACE("(ses=%li)\n", *ckSessionID);
-  CK_ATTRIBUTE* ckAttr = nullptr;
-  CK_ULONG ckCount = 0;
-  jint* attrA = buildTemplate(env, attrArray, valArray, Surplus::kRefused, &ckAttr, &ckCount);
-  if (attrA == nullptr) return nullptr;
-  releaseTypes(env, attrArray, attrA);
+  Template ckAttr;
+  if (buildTemplate(env, attrArray, valArray, Surplus::kRefused, ckAttr) == nullptr) return nullptr;
 
   CK_OBJECT_HANDLE ckObj = CK_INVALID_HANDLE;
-  const CK_RV ckRv = bridge::createObject(*ckSessionID, &ckObj, ckAttr, ckCount);
+  const CK_RV ckRv = bridge::createObject(*ckSessionID, &ckObj, ckAttr.get(), entryCount(ckAttr));
   traceLine("JNI: createObject PKCS11Session.createObj...");
   jobject object = nullptr;
   if (!throwIfFailed(env, ckRv)) {
@@ -748,9 +528,9 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_createO
       traceLine("OK");  // also when no object came of it
     }
   }
-  freeValues(ckAttr, ckCount);
+  ckAttr.get_deleter().freeValues(ckAttr.get());
   traceLine("JNI: free PKCS11Session.createObj...");
-  std::free(ckAttr);
+  ckAttr.reset();
   traceLine("JNI: free(ckAttr) PKCS11Session.createObj...");
   return object;
 }
@@ -762,46 +542,43 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_installCer
   const std::optional<CK_SESSION_HANDLE> ckSessionID = getSessionID(env, session);
   if (!ckSessionID) return;
   std::printf("(ses=%li)\n", *ckSessionID);
-  jbyte* cert = takeBytes(env, certStr);
+  Bytes cert = takeBytes(env, certStr);
   if (cert == nullptr) return;
 
   CK_OBJECT_CLASS classe = CKO_CERTIFICATE;
   CK_CERTIFICATE_TYPE type = CKC_X_509;
   auto slot = static_cast<CK_ULONG>(certID);
-  constexpr int kFirstString = 4;
-  constexpr int nbAttributes = 8;
-  CK_ATTRIBUTE certTemplate[nbAttributes] = {
+  constexpr std::size_t kFirstString = 4;
+  CK_ATTRIBUTE certTemplate[] = {
       {CKA_CLASS, &classe, sizeof classe},
       {CKA_CERTIFICATE_TYPE, &type, sizeof type},
       {kCertificateID, &slot, sizeof slot},
-      {CKA_VALUE, cert, J2CK_INT(env->GetArrayLength(certStr))},
+      {CKA_VALUE, cert.get(), J2CK_INT(env->GetArrayLength(certStr))},
       {CKA_LABEL, nullptr, 0},
       {CKA_SUBJECT, nullptr, 0},
       {CKA_SERIAL_NUMBER, nullptr, 0},
       {CKA_ISSUER, nullptr, 0},
   };
-  const jstring strings[nbAttributes] = {nullptr, nullptr, nullptr, nullptr,
-                                         label,   subject, sn,      issuer};
-  const char* taken[nbAttributes] = {};  // the module may write to the entries
-  int filled = kFirstString;
-  for (; filled < nbAttributes; ++filled) {
-    taken[filled] = takeChars(env, strings[filled]);
-    if (taken[filled] == nullptr) break;
-    std::printf("Label: %s\n", taken[filled]);
-    certTemplate[filled].pValue = moduleBytes(taken[filled]);
-    certTemplate[filled].ulValueLen = std::strlen(taken[filled]);
+  const jstring strings[] = {label, subject, sn, issuer};
+  Chars texts[std::size(strings)];
+  std::size_t taken = 0;
+  for (; taken < std::size(strings); ++taken) {
+    texts[taken] = takeChars(env, strings[taken]);
+    if (texts[taken] == nullptr) break;
+    std::printf("Label: %s\n", texts[taken].get());
+    CK_ATTRIBUTE& entry = certTemplate[kFirstString + taken];
+    entry.pValue = moduleBytes(texts[taken]);
+    entry.ulValueLen = std::strlen(texts[taken].get());
   }
-  if (filled == nbAttributes) {
+  if (taken == std::size(strings)) {
     CK_OBJECT_HANDLE objectIdentifier = 0;
-    const CK_RV ckRv =
-        bridge::createObject(*ckSessionID, &objectIdentifier, certTemplate, nbAttributes);
+    const CK_RV ckRv = bridge::createObject(*ckSessionID, &objectIdentifier, certTemplate,
+                                            std::size(certTemplate));
     if (ckRv != CKR_OK) std::printf("C_CreateObject fails.");
     throwIfFailed(env, ckRv);
   }
-  releaseBytes(env, certStr, cert);
-  for (int i = kFirstString; i < filled; ++i) {
-    env->ReleaseStringUTFChars(strings[i], taken[i]);
-  }
+  cert.reset();
+  for (Chars& text : texts) text.reset();
 }
 
 // ---- Secret key generation ----
@@ -815,52 +592,19 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_generat
   traceLine("JNI: session OK");
   CK_MECHANISM ckMech = mechanism(mech);
   traceLine("JNI: mechanism OK");
-  traceLine("JNI: ckLen OK");
-  CK_ULONG ckLen = 0;
-  if (!templateLength(env, attrTypes, attrValues, Surplus::kIgnored, kDifferentLength, &ckLen)) {
+  Template ckAttr;
+  if (buildTemplate(env, attrTypes, attrValues, Surplus::kIgnored, ckAttr, Steps::kTraced) ==
+      nullptr) {
     return nullptr;
   }
-  CK_ATTRIBUTE* ckAttr = allocateTemplate(ckLen);
-  traceLine("JNI: ckAttr OK");
-  if (ckAttr == nullptr) {
-    throwExc(env, kOutOfMemory);
-    return nullptr;
-  }
-  jint* attrA = takeTypes(env, attrTypes);
-  if (attrA == nullptr) {
-    std::free(ckAttr);
-    return nullptr;
-  }
-  traceLine("JNI: attrA OK");
-  for (CK_ULONG i = 0; i < ckLen; ++i) {
-    traceLine("JNI: inside loop");
-    const jobject temp1 = env->GetObjectArrayElement(attrValues, static_cast<jsize>(i));
-    traceLine("JNI: temp1 OK");
-    const int res = J2CK_ATTR(env, attrA[i], temp1, &ckAttr[i]);
-    valueBlocks(ckAttr, ckLen)[i] = res != 0 ? ckAttr[i].pValue : nullptr;
-    TRACE("JNI: res?...");
-    if (res == 0) {
-      traceLine("... KO");
-      TRACE("\nERROR: cannot parse passed object %li\n", i);
-      releaseTypes(env, attrTypes, attrA);
-      for (CK_ULONG j = 0; j < i; ++j) std::free(valueBlocks(ckAttr, ckLen)[j]);
-      std::free(ckAttr);
-      return nullptr;
-    }
-    traceLine("... OK");
-  }
-  traceLine("JNI: array OK");
-  releaseTypes(env, attrTypes, attrA);
   TRACE("(session= %li)\n", *ckSessionNum);
 
   CK_OBJECT_HANDLE ckKey = CK_INVALID_HANDLE;
-  jobject secretKey = nullptr;
-  if (!throwIfFailed(env, bridge::generateKey(*ckSessionNum, &ckMech, ckAttr, ckLen, &ckKey))) {
-    TRACE("JNI: creating 2 jobject PKCS11Object...");
-    secretKey = newTokenObject(env, session, ckKey);
-  }
-  freeTemplate(ckAttr, ckLen);
-  return secretKey;
+  const CK_RV ckRv =
+      bridge::generateKey(*ckSessionNum, &ckMech, ckAttr.get(), entryCount(ckAttr), &ckKey);
+  if (throwIfFailed(env, ckRv)) return nullptr;
+  TRACE("JNI: creating 2 jobject PKCS11Object...");
+  return newTokenObject(env, session, ckKey);
 }
 
 // ---- Key wrapping ----
@@ -880,14 +624,14 @@ JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_wrapKey(
   traceLine("JNI: wrappingKey OK");
   CK_MECHANISM ckMech = mechanism(mech);
   traceLine("JNI: mechanism OK");
-  jbyte* ckOutData = takeBytes(env, outData);
+  Bytes ckOutData = takeBytes(env, outData);
   if (ckOutData == nullptr) return -1;
   CK_ULONG ckOutLen = J2CK_INT(env->GetArrayLength(outData));
   TRACE("(session= %li)\n", *ckSessionNum);
   const CK_RV ckRv = bridge::wrapKey(*ckSessionNum, &ckMech, *ckWrappingKey, *ckKey,
                                      moduleBytes(ckOutData), &ckOutLen);
   traceLine("JNI: wrapOK OK");
-  releaseBytes(env, outData, ckOutData);
+  ckOutData.reset();
   traceLine("JNI: release OK");
   return throwIfFailed(env, ckRv) ? -1 : CK2J_INT(ckOutLen);
 }
@@ -902,27 +646,21 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_unwrapK
   const std::optional<CK_OBJECT_HANDLE> ckUnwrappingKey = getObjectID(env, unwrappingKey);
   if (!ckUnwrappingKey) return nullptr;
   CK_MECHANISM ckMech = mechanism(mech);
-  CK_ATTRIBUTE* ckAttr = nullptr;
-  CK_ULONG ckAttrLen = 0;
-  jint* attrA = buildTemplate(env, attrTypes, attrValues, Surplus::kIgnored, &ckAttr, &ckAttrLen);
-  if (attrA == nullptr) return nullptr;
-  releaseTypes(env, attrTypes, attrA);
-  jbyte* ckInkeyData = takeInput(env, inkeyData, inkeyLen);
-  if (ckInkeyData == nullptr) {
-    freeTemplate(ckAttr, ckAttrLen);
+  Template ckAttr;
+  if (buildTemplate(env, attrTypes, attrValues, Surplus::kIgnored, ckAttr) == nullptr) {
     return nullptr;
   }
+  Bytes ckInkeyData = takeBytes(env, inkeyData, inkeyLen, CKR_ARGUMENTS_BAD);
+  if (ckInkeyData == nullptr) return nullptr;
   TRACE("(session= %li)\n", *ckSessionNum);
 
   CK_OBJECT_HANDLE ckKey = CK_INVALID_HANDLE;
   const CK_RV ckRv =
       bridge::unwrapKey(*ckSessionNum, &ckMech, *ckUnwrappingKey, moduleBytes(ckInkeyData),
-                        J2CK_INT(inkeyLen), ckAttr, ckAttrLen, &ckKey);
-  releaseBytes(env, inkeyData, ckInkeyData);
-  freeTemplate(ckAttr, ckAttrLen);
+                        J2CK_INT(inkeyLen), ckAttr.get(), entryCount(ckAttr), &ckKey);
+  ckInkeyData.reset();
+  ckAttr.reset();
   if (throwIfFailed(env, ckRv)) return nullptr;
   TRACE("JNI: creating PKCS11Object (%li)...", ckKey);
-  const jobject object = newTokenObject(env, session, ckKey);
-  if (object != nullptr) traceLine("OK");
-  return object;
+  return created(newTokenObject(env, session, ckKey));
 }

@@ -47,19 +47,17 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getInfo(JN
   if (!ckSlot || throwIfFailed(env, bridge::getSlotInfo(*ckSlot, &ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11SlotInfo...");
-  const jobject info = newObject(
-      env, "it/quarvel/pkcs11/PKCS11SlotInfo", "(Ljava/lang/String;Ljava/lang/String;III)V",
-      ckInfo.slotDescription, ckInfo.manufacturerID, CK2J_FLAGS(ckInfo.flags),
-      CK2J_VER(ckInfo.hardwareVersion), CK2J_VER(ckInfo.firmwareVersion));
-  if (info != nullptr) traceLine("OK");
-  return info;
+  return created(newObject(env, "it/quarvel/pkcs11/PKCS11SlotInfo",
+                           "(Ljava/lang/String;Ljava/lang/String;III)V", ckInfo.slotDescription,
+                           ckInfo.manufacturerID, CK2J_FLAGS(ckInfo.flags),
+                           CK2J_VER(ckInfo.hardwareVersion), CK2J_VER(ckInfo.firmwareVersion)));
 }
 
 JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getTokenInfo(JNIEnv* env,
                                                                                    jobject slot) {
   CK_TOKEN_INFO ckInfo = {};
   if (!readTokenInfo(env, slot, &ckInfo)) return nullptr;
-  const jobject info = newObject(
+  return created(newObject(
       env, "it/quarvel/pkcs11/PKCS11TokenInfo",
       "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
       "IIIIIIIIIIIIILjava/lang/String;)V",
@@ -69,9 +67,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getTokenIn
       CK2J_INT(ckInfo.ulMaxPinLen), CK2J_INT(ckInfo.ulMinPinLen),
       CK2J_INT(ckInfo.ulTotalPublicMemory), CK2J_INT(ckInfo.ulFreePublicMemory),
       CK2J_INT(ckInfo.ulTotalPrivateMemory), CK2J_INT(ckInfo.ulFreePrivateMemory),
-      CK2J_VER(ckInfo.hardwareVersion), CK2J_VER(ckInfo.firmwareVersion), ckInfo.utcTime);
-  if (info != nullptr) traceLine("OK");
-  return info;
+      CK2J_VER(ckInfo.hardwareVersion), CK2J_VER(ckInfo.firmwareVersion), ckInfo.utcTime));
 }
 
 JNIEXPORT jstring JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getTokenSN(JNIEnv* env,
@@ -113,19 +109,12 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getMechani
   if (throwIfFailed(env, bridge::getMechanismInfo(*ckSlot, ckMech, &ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11MechanismInfo...");
-  const jobject info = newObject(env, "it/quarvel/pkcs11/PKCS11MechanismInfo", "(III)V",
-                                 CK2J_INT(ckInfo.ulMinKeySize), CK2J_INT(ckInfo.ulMaxKeySize),
-                                 CK2J_FLAGS(ckInfo.flags));
-  if (info != nullptr) traceLine("OK");
-  return info;
+  return created(newObject(env, "it/quarvel/pkcs11/PKCS11MechanismInfo", "(III)V",
+                           CK2J_INT(ckInfo.ulMinKeySize), CK2J_INT(ckInfo.ulMaxKeySize),
+                           CK2J_FLAGS(ckInfo.flags)));
 }
 
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_initToken(JNIEnv* env,
-                                                                             jobject /*slot*/,
-                                                                             jstring /*a*/,
-                                                                             jstring /*b*/) {
-  notSupported(env);
-}
+QUARVEL_NOT_SUPPORTED(void, Slot_initToken, jstring, jstring)
 
 JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_openSession(
     JNIEnv* env, jobject slot, jint flags, jobject /*callback*/, jobject /*usrData*/) {
@@ -136,9 +125,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_openSessio
     return nullptr;
   }
   TRACE("JNI: creating jobject NativePKCS11Session...");
-  const jobject session = newSession(env, slot, ckSession);
-  if (session != nullptr) traceLine("OK");
-  return session;
+  return created(newSession(env, slot, ckSession));
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_closeAllSessions(JNIEnv* env,

@@ -50,16 +50,16 @@ int setCopy(CK_ATTRIBUTE* ckAttr, const void* bytes, std::size_t copied, std::si
   return setValue(ckAttr, value, size);
 }
 
-int setString(JNIEnv* env, jstring string, CK_ATTRIBUTE* ckAttr) {
-  const char* utf_str = takeChars(env, string, "Internal error (creating String)");
+int setString(JNIEnv* env, jclass /*cl*/, jobject obj, CK_ATTRIBUTE* ckAttr) {
+  const Chars utf_str =
+      takeChars(env, static_cast<jstring>(obj), "Internal error (creating String)");
   if (utf_str == nullptr) return 0;
-  const std::size_t size = std::strlen(utf_str);
-  const int res = setCopy(ckAttr, utf_str, size + 1, size);
-  env->ReleaseStringUTFChars(string, utf_str);
-  return res;
+  const std::size_t size = std::strlen(utf_str.get());
+  return setCopy(ckAttr, utf_str.get(), size + 1, size);
 }
 
-int setByteArray(JNIEnv* env, jbyteArray array, CK_ATTRIBUTE* ckAttr) {
+int setByteArray(JNIEnv* env, jclass /*cl*/, jobject obj, CK_ATTRIBUTE* ckAttr) {
+  const auto array = static_cast<jbyteArray>(obj);
   const jsize size = env->GetArrayLength(array);
   void* value = std::malloc(static_cast<std::size_t>(size));
   if (value == nullptr) return 0;
@@ -90,17 +90,15 @@ int setBigInteger(JNIEnv* env, jclass cl, jobject obj, CK_ATTRIBUTE* ckAttr) {
   if (env->ExceptionCheck() != JNI_FALSE || array == nullptr) return 0;
 
   CK_ATTRIBUTE whole;
-  if (setByteArray(env, static_cast<jbyteArray>(array), &whole) == 0) return 0;
-  auto* bytes = static_cast<CK_BYTE*>(whole.pValue);
+  if (setByteArray(env, nullptr, array, &whole) == 0) return 0;
+  HeapBlock<CK_BYTE> bytes(static_cast<CK_BYTE*>(whole.pValue));
   const CK_ULONG size = whole.ulValueLen;
   // A leading zero byte only carries the sign, which PKCS#11 big integers do not have.
-  if (size == 0 || bytes[0] != 0) return setValue(ckAttr, bytes, size);
-  const int res = setCopy(ckAttr, bytes + 1, size - 1, size - 1);
-  std::free(bytes);
-  return res;
+  if (size == 0 || bytes[0] != 0) return setValue(ckAttr, bytes.release(), size);
+  return setCopy(ckAttr, &bytes[1], size - 1, size - 1);
 }
 
-int setDate(JNIEnv* env, jint type, jobject date, CK_ATTRIBUTE* ckAttr) {
+int setDate(JNIEnv* env, jclass /*cl*/, jobject date, CK_ATTRIBUTE* ckAttr) {
   jclass formatCl = nullptr;
   const jobject formatter = newDateFormat(env, &formatCl);
   if (formatter == nullptr) return 0;
@@ -109,7 +107,22 @@ int setDate(JNIEnv* env, jint type, jobject date, CK_ATTRIBUTE* ckAttr) {
   if (format == nullptr) return 0;
   const jobject text = env->CallObjectMethod(formatter, format, date);
   if (env->ExceptionCheck() != JNI_FALSE || text == nullptr) return 0;
-  return J2CK_ATTR(env, type, text, ckAttr);
+  return J2CK_ATTR(env, CK2J_INT(ckAttr->type), text, ckAttr);
+}
+
+/// A Java class of attribute values and how one fills an entry; results as J2CK_ATTR's.
+struct ValueClass {
+  const char* name;
+  int (*set)(JNIEnv* env, jclass cl, jobject obj, CK_ATTRIBUTE* ckAttr);
+};
+// In the order in which they are tested: the first class that the value belongs to decides.
+constexpr ValueClass kValueClasses[] = {
+    {"java/lang/String", setString},         {"[B", setByteArray},
+    {"java/lang/Integer", setInteger},       {"java/lang/Boolean", setBoolean},
+    {"java/math/BigInteger", setBigInteger}, {"java/util/Date", setDate}};
+
+void trace(Steps steps, const char* text) {
+  if (steps == Steps::kTraced) traceLine(text);
 }
 
 }  // namespace
@@ -151,8 +164,6 @@ bool throwIfFailed(JNIEnv* env, CK_RV ckRv) {
   if (ckRv != CKR_OK) throwCKExc(env, ckRv);
   return ckRv != CKR_OK;
 }
-
-void notSupported(JNIEnv* env) { throwExc(env, "Not supported"); }
 
 // ---- Handles ----
 
@@ -225,134 +236,71 @@ jobject newDateFormat(JNIEnv* env, jclass* formatCl) {
   return pattern != nullptr ? env->NewObject(costr.cl, costr.init, pattern) : nullptr;
 }
 
-// ---- Java strings and arrays held for one call ----
-
-const char* takeChars(JNIEnv* env, jstring string, const char* msg) {
-  const char* chars = string != nullptr ? env->GetStringUTFChars(string, nullptr) : nullptr;
-  if (chars == nullptr) throwExc(env, msg);
-  return chars;
-}
-
-jbyte* takeBytes(JNIEnv* env, jbyteArray array) {
-  if (array == nullptr) {
-    throwCKExc(env, CKR_ARGUMENTS_BAD);
-    return nullptr;
-  }
-  jbyte* elements = env->GetByteArrayElements(array, nullptr);
-  if (elements == nullptr) throwExc(env, kOutOfMemory);
-  return elements;
-}
-
-jbyte* takeInput(JNIEnv* env, jbyteArray array, jint length) {
-  if (array == nullptr || length < 0 || length > env->GetArrayLength(array)) {
-    throwCKExc(env, CKR_ARGUMENTS_BAD);
-    return nullptr;
-  }
-  return takeBytes(env, array);
-}
-
-void releaseBytes(JNIEnv* env, jbyteArray array, jbyte* elements) {
-  env->ReleaseByteArrayElements(array, elements, 0);
-}
-
 // ---- Attribute templates ----
 
 int J2CK_ATTR(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* ckAttr) {
-  // In the order in which they are tested: the first class that the value belongs to decides.
-  enum { kString, kByteArray, kInteger, kBoolean, kBigInteger, kDate, kClasses };
-  constexpr const char* kClassNames[kClasses] = {"java/lang/String",     "[B",
-                                                 "java/lang/Integer",    "java/lang/Boolean",
-                                                 "java/math/BigInteger", "java/util/Date"};
   ckAttr->type = J2CK_INT(type);
   if (obj == nullptr) return 0;
-  for (int i = 0; i < kClasses; ++i) {
-    const jclass cl = env->FindClass(kClassNames[i]);
+  for (const ValueClass& valueClass : kValueClasses) {
+    const jclass cl = env->FindClass(valueClass.name);
     if (cl == nullptr) return 0;
-    if (env->IsInstanceOf(obj, cl) == JNI_FALSE) continue;
-    switch (i) {
-      case kString:
-        return setString(env, static_cast<jstring>(obj), ckAttr);
-      case kByteArray:
-        return setByteArray(env, static_cast<jbyteArray>(obj), ckAttr);
-      case kInteger:
-        return setInteger(env, cl, obj, ckAttr);
-      case kBoolean:
-        return setBoolean(env, cl, obj, ckAttr);
-      case kBigInteger:
-        return setBigInteger(env, cl, obj, ckAttr);
-      default:
-        return setDate(env, type, obj, ckAttr);
-    }
+    if (env->IsInstanceOf(obj, cl) != JNI_FALSE) return valueClass.set(env, cl, obj, ckAttr);
   }
   return 0;
 }
 
 bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
-                    const char* msg, CK_ULONG* ckCount) {
-  if (types != nullptr && values != nullptr) {
+                    const char* msg, CK_ULONG* ckCount, Steps steps) {
+  bool agreed = types != nullptr && values != nullptr;
+  if (agreed) {
     *ckCount = J2CK_INT(env->GetArrayLength(types));
     const CK_ULONG valueCount = J2CK_INT(env->GetArrayLength(values));
-    const bool more = surplus == Surplus::kIgnored && valueCount > *ckCount;
-    if (valueCount == *ckCount || more) return true;
+    agreed = valueCount == *ckCount || (surplus == Surplus::kIgnored && valueCount > *ckCount);
   }
-  throwExc(env, msg);
-  return false;
+  trace(steps, "JNI: ckLen OK");
+  if (!agreed) throwExc(env, msg);
+  return agreed;
 }
 
-CK_ATTRIBUTE* allocateTemplate(CK_ULONG ckCount) {
-  return static_cast<CK_ATTRIBUTE*>(
-      std::malloc(ckCount * (sizeof(CK_ATTRIBUTE) + sizeof(ValueBlock))));
+Template newTemplate(JNIEnv* env, CK_ULONG ckCount, Steps steps) {
+  void* block = std::malloc(ckCount * (sizeof(CK_ATTRIBUTE) + sizeof(void*)));
+  trace(steps, "JNI: ckAttr OK");
+  if (block == nullptr) throwExc(env, kOutOfMemory);
+  return Template(static_cast<CK_ATTRIBUTE*>(block), {ckCount});
 }
 
-CK_ATTRIBUTE* newTemplate(JNIEnv* env, CK_ULONG ckCount) {
-  CK_ATTRIBUTE* ckAttr = allocateTemplate(ckCount);
-  if (ckAttr == nullptr) throwExc(env, kOutOfMemory);
-  return ckAttr;
-}
-
-jint* takeTypes(JNIEnv* env, jintArray types) {
-  jint* elements = env->GetIntArrayElements(types, nullptr);
-  if (elements == nullptr) throwExc(env, kOutOfMemory);
-  return elements;
-}
-
-void releaseTypes(JNIEnv* env, jintArray types, jint* elements) {
-  env->ReleaseIntArrayElements(types, elements, JNI_ABORT);
-}
-
-jint* fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, CK_ATTRIBUTE* ckAttr,
-                   CK_ULONG ckCount) {
-  jint* attrA = takeTypes(env, types);
-  if (attrA == nullptr) return nullptr;
-  for (CK_ULONG i = 0; i < ckCount; ++i) {
+Types fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, Template& ckAttr,
+                   Steps steps) {
+  Types attrA(env->GetIntArrayElements(types, nullptr), {env, types});
+  if (attrA == nullptr) {
+    throwExc(env, kOutOfMemory);
+    return {};
+  }
+  trace(steps, "JNI: attrA OK");
+  FreeTemplate& owned = ckAttr.get_deleter();
+  void** const blocks = owned.values(ckAttr.get());
+  for (CK_ULONG& i = owned.filled; i < owned.count; ++i) {
+    trace(steps, "JNI: inside loop");
     const jobject curVal = env->GetObjectArrayElement(values, static_cast<jsize>(i));
-    if (J2CK_ATTR(env, attrA[i], curVal, &ckAttr[i]) != 0) {
-      valueBlocks(ckAttr, ckCount)[i] = ckAttr[i].pValue;
-      continue;
+    trace(steps, "JNI: temp1 OK");
+    if (J2CK_ATTR(env, attrA[i], curVal, &ckAttr[i]) == 0) {
+      trace(steps, "JNI: res?...... KO");
+      TRACE("\nERROR: cannot parse passed object %li\n", i);
+      attrA.reset();
+      while (i > 0) std::free(blocks[--i]);
+      return {};
     }
-    TRACE("\nERROR: cannot parse passed object %li\n", i);
-    releaseTypes(env, types, attrA);
-    while (i > 0) std::free(valueBlocks(ckAttr, ckCount)[--i]);
-    return nullptr;
+    trace(steps, "JNI: res?...... OK");
+    blocks[i] = ckAttr[i].pValue;
   }
+  trace(steps, "JNI: array OK");
   return attrA;
 }
 
-jint* buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
-                    CK_ATTRIBUTE** ckAttr, CK_ULONG* ckCount) {
-  if (!templateLength(env, types, values, surplus, kDifferentLength, ckCount)) return nullptr;
-  *ckAttr = newTemplate(env, *ckCount);
-  if (*ckAttr == nullptr) return nullptr;
-  jint* attrA = fillTemplate(env, types, values, *ckAttr, *ckCount);
-  if (attrA == nullptr) std::free(*ckAttr);
-  return attrA;
-}
-
-void freeValues(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount) {
-  for (CK_ULONG i = 0; i < ckCount; ++i) std::free(valueBlocks(ckAttr, ckCount)[i]);
-}
-
-void freeTemplate(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount) {
-  freeValues(ckAttr, ckCount);
-  std::free(ckAttr);
+Types buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
+                    Template& ckAttr, Steps steps) {
+  CK_ULONG ckCount = 0;
+  if (!templateLength(env, types, values, surplus, kDifferentLength, &ckCount, steps)) return {};
+  ckAttr = newTemplate(env, ckCount, steps);
+  return ckAttr != nullptr ? fillTemplate(env, types, values, ckAttr, steps) : Types();
 }

@@ -18,6 +18,7 @@
 #include <tuple>
 
 #include "pkcs11.h"
+#include "trace.h"
 
 struct Free {
   void operator()(void* block) const { std::free(block); }
@@ -47,8 +48,17 @@ void throwCKExcAS(JNIEnv* env, CK_RV errCode);
 /// @return whether it raised
 bool throwIfFailed(JNIEnv* env, CK_RV ckRv);
 
-/// Raises the refusal of a method that the library does not offer.
-void notSupported(JNIEnv* env);
+/// Defines a native method that is refused with `message` and returns `value`; `method` is its
+/// class and name, after the value come its parameter types.
+#define QUARVEL_REFUSED(Result, method, message, value, ...)                \
+  JNIEXPORT Result JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11##method( \
+      JNIEnv* env, jobject __VA_OPT__(, ) __VA_ARGS__) {                    \
+    throwExc(env, message);                                                 \
+    return value;                                                           \
+  }
+/// The same for nearly all of them: "Not supported", and null, false or 0.
+#define QUARVEL_NOT_SUPPORTED(Result, method, ...) \
+  QUARVEL_REFUSED(Result, method, "Not supported", Result() __VA_OPT__(, ) __VA_ARGS__)
 
 // ---- Handles ----
 //
@@ -116,6 +126,13 @@ inline constexpr char kSlotInit[] = "(Lit/quarvel/pkcs11/nat/NativePKCS11;I)V";
 inline constexpr char kTokenObjectClass[] = "it/quarvel/pkcs11/nat/NativePKCS11Object";
 inline constexpr char kTokenObjectInit[] = "(Lit/quarvel/pkcs11/nat/NativePKCS11Session;I)V";
 
+/// Ends the trace line of an object's creation, unless it failed.
+/// @return the object
+inline jobject created(jobject object) {
+  if (object != nullptr) traceLine("OK");
+  return object;
+}
+
 /// A class with one of its constructors.
 struct Constructor {
   jclass cl;
@@ -172,40 +189,80 @@ jobjectArray newKeyPair(JNIEnv* env, jobject session, CK_OBJECT_HANDLE pubKey,
 jobject newDateFormat(JNIEnv* env, jclass* formatCl);
 
 // ---- Java strings and arrays held for one call ----
+//
+// Each owner gives what it holds back at scope exit; where the order matters, its reset() does.
 
-/// The modified UTF-8 characters of a string, zero-terminated, for ReleaseStringUTFChars; null
-/// after raising PKCS11Exception with `msg` (a null string, or characters not to be had).
-const char* takeChars(JNIEnv* env, jstring string, const char* msg = kInternalError);
+struct ReleaseChars {
+  JNIEnv* env;
+  jstring string;
+  void operator()(const char* chars) const { env->ReleaseStringUTFChars(string, chars); }
+};
+/// The modified UTF-8 characters of a string, zero-terminated.
+using Chars = std::unique_ptr<const char[], ReleaseChars>;
 
-/// The elements of an array, for releaseBytes; null after raising CKR_ARGUMENTS_BAD (a null array)
-/// or "Internal error: Out of memory" (elements not to be had).
-jbyte* takeBytes(JNIEnv* env, jbyteArray array);
+struct ReleaseBytes {
+  JNIEnv* env;
+  jbyteArray array;
+  void operator()(jbyte* elements) const { env->ReleaseByteArrayElements(array, elements, 0); }
+};
+/// The elements of a byte[], copied back when they are given up.
+using Bytes = std::unique_ptr<jbyte[], ReleaseBytes>;
 
-/// The same for input of which `length` bytes are used: also refuses a length that is negative or
-/// exceeds the array.
-jbyte* takeInput(JNIEnv* env, jbyteArray array, jint length);
+struct ReleaseTypes {
+  JNIEnv* env;
+  jintArray array;
+  void operator()(jint* elements) const {
+    env->ReleaseIntArrayElements(array, elements, JNI_ABORT);
+  }
+};
+/// The elements of an int[] of attribute types; nothing is copied back.
+using Types = std::unique_ptr<jint[], ReleaseTypes>;
 
-/// Copies the elements back and gives them up.
-void releaseBytes(JNIEnv* env, jbyteArray array, jbyte* elements);
+/// The characters of a string that is not null; null when they cannot be had, with nothing raised.
+inline Chars charsOf(JNIEnv* env, jstring string) {
+  return Chars(env->GetStringUTFChars(string, nullptr), {env, string});
+}
+
+/// The characters of a string; null after raising PKCS11Exception with `msg` (a null string, or
+/// characters not to be had).
+inline Chars takeChars(JNIEnv* env, jstring string, const char* msg = kInternalError) {
+  Chars chars = string != nullptr ? charsOf(env, string) : Chars();
+  if (chars == nullptr) throwExc(env, msg);
+  return chars;
+}
+
+/// The elements of an array; null after raising CKR_ARGUMENTS_BAD (a null array) or "Internal
+/// error: Out of memory" (elements not to be had).
+inline Bytes takeBytes(JNIEnv* env, jbyteArray array) {
+  if (array == nullptr) {
+    throwCKExc(env, CKR_ARGUMENTS_BAD);
+    return {};
+  }
+  Bytes elements(env->GetByteArrayElements(array, nullptr), {env, array});
+  if (elements == nullptr) throwExc(env, kOutOfMemory);
+  return elements;
+}
+
+/// The same for an array of which the module uses the first `length` bytes: raises `refusal` for a
+/// length that is negative or exceeds the array.
+inline Bytes takeBytes(JNIEnv* env, jbyteArray array, jint length, CK_RV refusal) {
+  if (array != nullptr && (length < 0 || length > env->GetArrayLength(array))) {
+    throwCKExc(env, refusal);
+    return {};
+  }
+  return takeBytes(env, array);
+}
 
 /// The elements as the module's bytes.
-inline CK_BYTE_PTR moduleBytes(jbyte* elements) { return reinterpret_cast<CK_BYTE_PTR>(elements); }
+inline CK_BYTE_PTR moduleBytes(const Bytes& elements) {
+  return reinterpret_cast<CK_BYTE_PTR>(elements.get());
+}
 /// Characters as the module's bytes; PKCS#11 declares what it only reads without const.
-inline CK_BYTE_PTR moduleBytes(const char* chars) {
-  return reinterpret_cast<CK_BYTE_PTR>(const_cast<char*>(chars));
+inline CK_BYTE_PTR moduleBytes(const Chars& chars) {
+  return reinterpret_cast<CK_BYTE_PTR>(const_cast<char*>(chars.get()));
 }
 
 // ---- Attribute templates ----
-//
-// A template is a C heap array of CK_ATTRIBUTE; each value is a C heap block of its own. Behind the
-// entries the same block remembers the values, since a module may write to the entries.
-
-using ValueBlock = void*;
-
-/// The values of a template of ckCount entries, in their order.
-inline ValueBlock* valueBlocks(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount) {
-  return reinterpret_cast<ValueBlock*>(ckAttr + ckCount);
-}
 
 /// Fills one entry from a Java value: String, byte[], Integer, Boolean, BigInteger or Date. The
 /// type is set in any case; pValue and ulValueLen only on success, when the caller owns the block.
@@ -213,40 +270,52 @@ inline ValueBlock* valueBlocks(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount) {
 /// whose characters cannot be had raises "Internal error (creating String)")
 int J2CK_ATTR(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* ckAttr);
 
+/// What a template owns. Its value blocks are remembered behind its entries, in the same heap
+/// block, since a module may write to the entries.
+struct FreeTemplate {
+  CK_ULONG count = 0;   // of entries
+  CK_ULONG filled = 0;  // of them, from the first on, with a value
+
+  void** values(CK_ATTRIBUTE* ckAttr) const { return reinterpret_cast<void**>(ckAttr + count); }
+  /// Frees the values alone, in their order.
+  void freeValues(CK_ATTRIBUTE* ckAttr) {
+    for (CK_ULONG i = 0; i < filled; ++i) std::free(values(ckAttr)[i]);
+    filled = 0;
+  }
+  void operator()(CK_ATTRIBUTE* ckAttr) {
+    freeValues(ckAttr);
+    std::free(ckAttr);
+  }
+};
+/// A C heap array of entries, the value of each a C heap block of its own.
+using Template = std::unique_ptr<CK_ATTRIBUTE[], FreeTemplate>;
+
+inline CK_ULONG entryCount(const Template& ckAttr) { return ckAttr.get_deleter().count; }
+
 /// What becomes of values without a type.
 enum class Surplus { kRefused, kIgnored };
+
+/// Whether the filling of a template traces each of its steps.
+enum class Steps { kQuiet, kTraced };
 
 /// Reads the number of entries from the arrays of types and values.
 /// @return false after raising `msg` for a null array or lengths that do not go together
 bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
-                    const char* msg, CK_ULONG* ckCount);
+                    const char* msg, CK_ULONG* ckCount, Steps steps = Steps::kQuiet);
 
-/// Room for ckCount entries (also for 0) and their values' addresses in the C heap; null without
-/// memory, with nothing raised.
-CK_ATTRIBUTE* allocateTemplate(CK_ULONG ckCount);
+/// Room for ckCount entries (also for 0); null after raising "Internal error: Out of memory".
+Template newTemplate(JNIEnv* env, CK_ULONG ckCount, Steps steps = Steps::kQuiet);
 
-/// The same, raising "Internal error: Out of memory".
-CK_ATTRIBUTE* newTemplate(JNIEnv* env, CK_ULONG ckCount);
-
-/// The elements of the types, for releaseTypes; null after raising "Internal error: Out of memory".
-jint* takeTypes(JNIEnv* env, jintArray types);
-/// Gives the elements up; nothing is copied back.
-void releaseTypes(JNIEnv* env, jintArray types, jint* elements);
-
-/// Fills all ckCount entries in order.
-/// @return the elements of `types`, still held; null after giving everything back but the entry
-/// array when one value cannot be converted (see J2CK_ATTR) or the types cannot be had
-jint* fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, CK_ATTRIBUTE* ckAttr,
-                   CK_ULONG ckCount);
+/// Fills all entries in order.
+/// @return the elements of `types`, which the caller may drop at once; null without any when they
+/// cannot be had ("Internal error: Out of memory" is raised) or a value cannot be converted (see
+/// J2CK_ATTR): the values before it are freed then, the last first
+Types fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, Template& ckAttr,
+                   Steps steps = Steps::kQuiet);
 
 /// The whole template procedure: templateLength, newTemplate, fillTemplate.
-/// @return as fillTemplate, with the template in *ckAttr; on null there is nothing to free
-jint* buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
-                    CK_ATTRIBUTE** ckAttr, CK_ULONG* ckCount);
-
-/// Frees the values of entries 0 to ckCount - 1.
-void freeValues(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount);
-/// Frees values and entries.
-void freeTemplate(CK_ATTRIBUTE* ckAttr, CK_ULONG ckCount);
+/// @return as fillTemplate; also null after raising "Different array length"
+Types buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
+                    Template& ckAttr, Steps steps = Steps::kQuiet);
 
 #endif  // QUARVEL_SRC_JNIUTIL_H_

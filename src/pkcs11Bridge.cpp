@@ -28,25 +28,24 @@ bool listUsable = false;
 // that what it wrote, the list in use before or null, can be told from nothing written.
 CK_FUNCTION_LIST unwritten = {};
 
-/// The calling thread's floating-point control word, put back at scope exit: code built with
-/// -ffast-math switches denormals off when it is loaded, and Java would compute wrong from then on.
-class FloatingPointControl {
- public:
-  FloatingPointControl() = default;
-  FloatingPointControl(const FloatingPointControl&) = delete;
-  FloatingPointControl& operator=(const FloatingPointControl&) = delete;
+/// Makes a call that may run a module's start-up code, and puts the thread's floating-point control
+/// word back after it: code linked with -ffast-math switches denormals off when it is loaded, and
+/// Java would compute wrong from then on.
+template <typename Call>
+auto keepFloatingPoint(Call call) {
 #if defined(__x86_64__)
-  ~FloatingPointControl() { __builtin_ia32_ldmxcsr(control_); }
-
- private:
-  const unsigned control_ = __builtin_ia32_stmxcsr();
+  const unsigned control = __builtin_ia32_stmxcsr();
+  const auto result = call();
+  __builtin_ia32_ldmxcsr(control);
 #elif defined(__aarch64__)
-  ~FloatingPointControl() { __builtin_aarch64_set_fpcr(control_); }
-
- private:
-  const unsigned control_ = __builtin_aarch64_get_fpcr();
+  const unsigned control = __builtin_aarch64_get_fpcr();
+  const auto result = call();
+  __builtin_aarch64_set_fpcr(control);
+#else
+  const auto result = call();
 #endif
-};
+  return result;
+}
 
 /// The module's function behind `entry`, null when the module or its list lacks it.
 template <typename Function>
@@ -69,25 +68,30 @@ CK_RV begin(Text text, Function CK_FUNCTION_LIST::*entry, Function* function) {
   return *function != nullptr ? CKR_OK : CKR_ZOV_NOFUNCPTR;
 }
 
-/// A whole call-through of the common shape.
-template <typename Text, typename Function, typename... Args>
-CK_RV call(Text text, Function CK_FUNCTION_LIST::*entry, Args... args) {
+/// A whole call-through.
+/// @param done traces what came of the call
+template <typename Text, typename Function, typename Done, typename... Args>
+CK_RV callThrough(Text text, Function CK_FUNCTION_LIST::*entry, Done done, Args... args) {
   Function function;
   if (const CK_RV refusal = begin(text, entry, &function); refusal != CKR_OK) return refusal;
   const CK_RV ckRv = function(args...);
-  traceLine(" Done");
+  done();
   return ckRv;
 }
 
-/// The same for a function whose last argument is the length of its output, which is traced.
+/// The common one, which traces no more than its end.
+template <typename Text, typename Function, typename... Args>
+CK_RV call(Text text, Function CK_FUNCTION_LIST::*entry, Args... args) {
+  return callThrough(
+      text, entry, [] { traceLine(" Done"); }, args...);
+}
+
+/// The one of a function whose last argument is the length of its output.
 template <typename Function, typename... Args>
 CK_RV callWithOutput(const char* text, Function CK_FUNCTION_LIST::*entry, CK_ULONG* outLen,
                      Args... args) {
-  Function function;
-  if (const CK_RV refusal = begin(text, entry, &function); refusal != CKR_OK) return refusal;
-  const CK_RV ckRv = function(args..., outLen);
-  TRACE(" Done(out=%li)\n", *outLen);
-  return ckRv;
+  return callThrough(
+      text, entry, [=] { TRACE(" Done(out=%li)\n", *outLen); }, args..., outLen);
 }
 
 /// A block of `size` bytes that are zero, so that a module that then writes less than it says
@@ -142,12 +146,8 @@ CK_RV loadLib(const char* libName, CK_FUNCTION_LIST_PTR* pFuncList) {
   // The dynamic linker copies the name to the stack, which a text of megabytes would overflow. No
   // longer name can be opened as it stands; one that shrinks below the limit when the linker
   // expands its ${PLATFORM} is given up.
-  if (std::strlen(libName) < PATH_MAX) {
-    const FloatingPointControl kept;
-    hLibrary = dlopen(libName, RTLD_LAZY);
-  } else {
-    hLibrary = nullptr;
-  }
+  const bool fits = std::strlen(libName) < PATH_MAX;
+  hLibrary = fits ? keepFloatingPoint([=] { return dlopen(libName, RTLD_LAZY); }) : nullptr;
   TRACE(" Done: %lx\n", address(hLibrary));
   if (hLibrary == nullptr) return CKR_ZOV_NOFUNCPTR;
 
@@ -176,8 +176,7 @@ CK_RV initLib() {
   const CK_C_Initialize function =
       listUsable ? functionOf(&CK_FUNCTION_LIST::C_Initialize) : nullptr;
   if (function == nullptr) return CKR_ZOV_NOFUNCPTR;
-  const FloatingPointControl kept;
-  const CK_RV ckRv = function(nullptr);
+  const CK_RV ckRv = keepFloatingPoint([=] { return function(nullptr); });
   TRACE(" Done: %li\n", ckRv);
   if (ckRv == CKR_OK) loaded = 1;
   return ckRv;
@@ -235,15 +234,9 @@ CK_RV getMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE mach, CK_MECHANISM_INF
 }
 
 CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_SESSION_HANDLE* pSession) {
-  CK_C_OpenSession function;
-  if (const CK_RV refusal = begin("JNI:BRIDGE: Calling C_OpenSession...",
-                                  &CK_FUNCTION_LIST::C_OpenSession, &function);
-      refusal != CKR_OK) {
-    return refusal;
-  }
-  const CK_RV ckRv = function(slot, flags, nullptr, nullptr, pSession);
-  TRACE(" Done(session=%li)\n", *pSession);
-  return ckRv;
+  return callThrough(
+      "JNI:BRIDGE: Calling C_OpenSession...", &CK_FUNCTION_LIST::C_OpenSession,
+      [=] { TRACE(" Done(session=%li)\n", *pSession); }, slot, flags, nullptr, nullptr, pSession);
 }
 
 CK_RV closeAllSessions(CK_SLOT_ID slot) {
@@ -308,17 +301,13 @@ CK_RV findObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attr, CK_ULONG co
 }
 
 CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* pObj) {
-  CK_C_FindObjects function;
-  if (const CK_RV refusal = begin("JNI:BRIDGE: Calling C_FindObjects ...",
-                                  &CK_FUNCTION_LIST::C_FindObjects, &function);
-      refusal != CKR_OK) {
-    return refusal;
-  }
   CK_ULONG count = 0;
-  const CK_RV ckRv = function(session, pObj, 1, &count);
-  TRACE(" Done(found=%li)\n", count);
-  if (count == 0) *pObj = CK_INVALID_HANDLE;
-  return ckRv;
+  const auto done = [&] {
+    TRACE(" Done(found=%li)\n", count);
+    if (count == 0) *pObj = CK_INVALID_HANDLE;
+  };
+  return callThrough("JNI:BRIDGE: Calling C_FindObjects ...", &CK_FUNCTION_LIST::C_FindObjects,
+                     done, session, pObj, CK_ULONG{1}, &count);
 }
 
 CK_RV findObjectsFinal(CK_SESSION_HANDLE session) {
@@ -418,14 +407,9 @@ CK_RV wrapKey(CK_SESSION_HANDLE session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_
 CK_RV unwrapKey(CK_SESSION_HANDLE session, CK_MECHANISM_PTR pMechanism,
                 CK_OBJECT_HANDLE hUnwrappingKey, CK_BYTE_PTR pWrappedKey, CK_ULONG ulWrappedKeyLen,
                 CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey) {
-  CK_C_UnwrapKey function;
-  if (const CK_RV refusal =
-          begin("JNI:BRIDGE: Calling C_UnwrapKey ...", &CK_FUNCTION_LIST::C_UnwrapKey, &function);
-      refusal != CKR_OK) {
-    return refusal;
-  }
-  return function(session, pMechanism, hUnwrappingKey, pWrappedKey, ulWrappedKeyLen, pTemplate,
-                  ulAttributeCount, phKey);
+  return callThrough(
+      "JNI:BRIDGE: Calling C_UnwrapKey ...", &CK_FUNCTION_LIST::C_UnwrapKey, [] {}, session,
+      pMechanism, hUnwrappingKey, pWrappedKey, ulWrappedKeyLen, pTemplate, ulAttributeCount, phKey);
 }
 
 CK_RV generateKeyPair(CK_SESSION_HANDLE session, CK_MECHANISM* mech, CK_ATTRIBUTE* pubAttr,

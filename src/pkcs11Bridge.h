@@ -131,10 +131,11 @@ CK_RV generateKey(CK_SESSION_HANDLE ckSessionNum, CK_MECHANISM_PTR ckMech, CK_AT
 /// The lookup of an RSA credential by name; this bridge has none.
 /// @param alias, pPin byte strings of aliasLen and pPinLen bytes; pPin null for no PIN
 /// @return all bits set, in every state; no output is written
-CK_RV getRSACred(CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags, CK_CHAR_PTR pPin,
-                 CK_ULONG pPinLen, CK_SLOT_ID_PTR pSlotID, CK_SESSION_HANDLE_PTR pSession,
-                 CK_OBJECT_HANDLE_PTR pPrivateHandle, CK_OBJECT_HANDLE_PTR pPublicHandle,
-                 CK_OBJECT_HANDLE_PTR pCertificateHandle);
+extern "C" CK_RV getRSACred(CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags, CK_CHAR_PTR pPin,
+                            CK_ULONG pPinLen, CK_SLOT_ID_PTR pSlotID,
+                            CK_SESSION_HANDLE_PTR pSession, CK_OBJECT_HANDLE_PTR pPrivateHandle,
+                            CK_OBJECT_HANDLE_PTR pPublicHandle,
+                            CK_OBJECT_HANDLE_PTR pCertificateHandle);
 
 }  // namespace bridge
 

@@ -209,18 +209,19 @@ TEST(Lifecycle, TextsAreCopiedUpToTheirFirstNul) {
 }  // namespace
 
 // The linker's --wrap sends the credential lookups here: this one finds the alias "found...".
-extern "C" CK_RV __real__ZN6bridge10getRSACredEPhmmS0_mPmS1_S1_S1_S1_(
-    CK_CHAR_PTR, CK_ULONG, CK_FLAGS, CK_CHAR_PTR, CK_ULONG, CK_SLOT_ID_PTR, CK_SESSION_HANDLE_PTR,
-    CK_OBJECT_HANDLE_PTR, CK_OBJECT_HANDLE_PTR, CK_OBJECT_HANDLE_PTR);
-extern "C" CK_RV __wrap__ZN6bridge10getRSACredEPhmmS0_mPmS1_S1_S1_S1_(
-    CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags, CK_CHAR_PTR pin, CK_ULONG pinLen,
-    CK_SLOT_ID_PTR slot, CK_SESSION_HANDLE_PTR session, CK_OBJECT_HANDLE_PTR privateHandle,
-    CK_OBJECT_HANDLE_PTR publicHandle, CK_OBJECT_HANDLE_PTR certificateHandle) {
+extern "C" CK_RV __real_getRSACred(CK_CHAR_PTR, CK_ULONG, CK_FLAGS, CK_CHAR_PTR, CK_ULONG,
+                                   CK_SLOT_ID_PTR, CK_SESSION_HANDLE_PTR, CK_OBJECT_HANDLE_PTR,
+                                   CK_OBJECT_HANDLE_PTR, CK_OBJECT_HANDLE_PTR);
+extern "C" CK_RV __wrap_getRSACred(CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags,
+                                   CK_CHAR_PTR pin, CK_ULONG pinLen, CK_SLOT_ID_PTR slot,
+                                   CK_SESSION_HANDLE_PTR session,
+                                   CK_OBJECT_HANDLE_PTR privateHandle,
+                                   CK_OBJECT_HANDLE_PTR publicHandle,
+                                   CK_OBJECT_HANDLE_PTR certificateHandle) {
   const std::string name(reinterpret_cast<const char*>(alias));
   if (!name.starts_with("found")) {
-    return __real__ZN6bridge10getRSACredEPhmmS0_mPmS1_S1_S1_S1_(alias, aliasLen, flags, pin, pinLen,
-                                                                slot, session, privateHandle,
-                                                                publicHandle, certificateHandle);
+    return __real_getRSACred(alias, aliasLen, flags, pin, pinLen, slot, session, privateHandle,
+                             publicHandle, certificateHandle);
   }
   const std::string pinText = pin != nullptr ? reinterpret_cast<const char*>(pin) : "null";
   scripted::calls.push_back("lookup(" + name + "/" + std::to_string(aliasLen) + ", " +
