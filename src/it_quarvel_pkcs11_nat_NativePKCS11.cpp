@@ -96,9 +96,8 @@ jobjectArray newCredential(JNIEnv* env, jobject module, const Credential& found)
 
 // ---- Library lifecycle ----
 
-JNIEXPORT jlong JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_loadPKCS11Library(JNIEnv* env,
-                                                                                  jclass /*cla*/,
-                                                                                  jstring libName) {
+JNIEXPORT jlong JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_loadPKCS11Library(
+    JNIEnv* env, jclass /*cla*/, jstring libName) {
   if (std::getenv("PKCS11_ZOV_DEBUG") != nullptr) startTrace();
   TRACE("JNI: start loadPKCS11Library ");
   const Chars path = takeChars(env, libName, "Internal error (Null parameter)");
@@ -141,10 +140,10 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_getInfo(JNIEnv
   if (throwIfFailed(env, bridge::getInfo(&ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11Info...");
-  return created(
-      newObject(env, "it/quarvel/pkcs11/PKCS11Info", "(ILjava/lang/String;ILjava/lang/String;I)V",
-                CK2J_VER(ckInfo.cryptokiVersion), ckInfo.manufacturerID, CK2J_FLAGS(ckInfo.flags),
-                ckInfo.libraryDescription, CK2J_VER(ckInfo.libraryVersion)));
+  return created(newObject(
+      env, "it/quarvel/pkcs11/PKCS11Info", "(ILjava/lang/String;ILjava/lang/String;I)V",
+      CK2J_VER(ckInfo.cryptokiVersion), ckInfo.manufacturerID, CK2J_FLAGS(ckInfo.flags),
+      ckInfo.libraryDescription, CK2J_VER(ckInfo.libraryVersion)));
 }
 
 JNIEXPORT jobjectArray JNICALL

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <optional>
@@ -19,11 +18,10 @@ using Table = std::array<jint, kTableSize>;
 constexpr std::size_t kDateSize = 8;
 
 /// The types, then -1 up to the table's size.
-constexpr Table table(std::initializer_list<CK_ATTRIBUTE_TYPE> types) {
-  Table slots = {};
-  std::size_t slot = 0;
-  for (const CK_ATTRIBUTE_TYPE type : types) slots.at(slot++) = static_cast<jint>(type);
-  while (slot < kTableSize) slots[slot++] = -1;
+constexpr Table table(std::initializer_list<jint> types) {
+  Table slots;
+  slots.fill(-1);
+  std::copy(types.begin(), types.end(), slots.begin());
   return slots;
 }
 
@@ -89,7 +87,7 @@ std::optional<Handles> readHandles(JNIEnv* env, jobject obj) {
 }
 
 /// The same, traced; what follows the start text of every method but the date getter.
-std::optional<Handles> traceHandles(JNIEnv* env, jobject obj) {
+std::optional<Handles> readHandlesTraced(JNIEnv* env, jobject obj) {
   const std::optional<Handles> handles = readHandles(env, obj);
   if (handles) TRACE("(obj= %li)(ses=%li)\n", handles->object, handles->session);
   return handles;
@@ -112,12 +110,12 @@ Value readValue(JNIEnv* env, const Handles& handles, jint attr) {
 /// @param kind how the start text names the Java type
 Value readTraced(JNIEnv* env, jobject obj, jint attr, const char* kind) {
   TRACE("JNI: start PKCS11Object.getAttr(%li) %s... ", static_cast<long>(attr), kind);
-  const std::optional<Handles> handles = traceHandles(env, obj);
+  const std::optional<Handles> handles = readHandlesTraced(env, obj);
   return handles ? readValue(env, *handles, attr) : Value();
 }
 
 /// The value of a type that has no empty ones: refuses one with the message `msg`.
-Value filled(JNIEnv* env, Value value, const char* msg) {
+Value refuseEmpty(JNIEnv* env, Value value, const char* msg) {
   if (value.bytes == nullptr || value.size != 0) return value;
   throwExc(env, msg);
   return {};
@@ -125,14 +123,14 @@ Value filled(JNIEnv* env, Value value, const char* msg) {
 
 /// @return empty with an exception pending
 std::optional<jboolean> readBool(JNIEnv* env, jobject obj, jint attr) {
-  const Value value = filled(env, readTraced(env, obj, attr, "Bool"), "VOID boolean field");
+  const Value value = refuseEmpty(env, readTraced(env, obj, attr, "Bool"), "VOID boolean field");
   if (value.bytes == nullptr) return std::nullopt;
   return CK2J_BOOL(value.bytes[0]);
 }
 
 /// @return empty with an exception pending
 std::optional<jint> readInt(JNIEnv* env, jobject obj, jint attr) {
-  const Value value = filled(env, readTraced(env, obj, attr, "Int"), "VOID int field");
+  const Value value = refuseEmpty(env, readTraced(env, obj, attr, "Int"), "VOID int field");
   if (value.bytes == nullptr) return std::nullopt;
   // A module built with a narrower integer returns fewer bytes; padded with zeros they read right.
   CK_ULONG number = 0;
@@ -175,7 +173,7 @@ jobject readDate(JNIEnv* env, jobject obj, jint attr) {
   TRACE("JNI: start PKCS11Object.getDateAttr(%li)... ", static_cast<long>(attr));
   const std::optional<Handles> handles = readHandles(env, obj);
   if (!handles) return nullptr;
-  const Value value = filled(env, readValue(env, *handles, attr), kVoid);
+  const Value value = refuseEmpty(env, readValue(env, *handles, attr), kVoid);
   if (value.bytes == nullptr) return nullptr;
   if (value.bytes[0] == 0) traceLine("strelen(ckDatePtr) = 0!");
   if (value.bytes[0] == 0 || value.size < kDateSize) {
@@ -201,7 +199,8 @@ jobject readDate(JNIEnv* env, jobject obj, jint attr) {
 }
 
 jobject readBigInteger(JNIEnv* env, jobject obj, jint attr) {
-  const Value value = filled(env, readTraced(env, obj, attr, "BigInt"), "VOID BigInteger field");
+  const Value value =
+      refuseEmpty(env, readTraced(env, obj, attr, "BigInt"), "VOID BigInteger field");
   if (value.bytes == nullptr) return nullptr;
   // A new array is all zeros, so the leading byte that keeps the number positive is there already.
   const jbyteArray magnitude = newByteArray(env, value, 1);
@@ -229,7 +228,7 @@ jobject readBoolean(JNIEnv* env, jobject obj, jint attr) {
 /// Sets one attribute to the `size` bytes at `ckVal`.
 void setScalar(JNIEnv* env, jobject obj, jint attr, void* ckVal, CK_ULONG size) {
   TRACE("JNI: start PKCS11Object.setAttr(%li)... ", static_cast<long>(attr));
-  const std::optional<Handles> handles = traceHandles(env, obj);
+  const std::optional<Handles> handles = readHandlesTraced(env, obj);
   if (!handles) return;
   CK_ATTRIBUTE ckAttr = {J2CK_INT(attr), ckVal, size};
   throwIfFailed(env, bridge::setAttributeValue(handles->session, handles->object, &ckAttr, 1));
@@ -244,14 +243,14 @@ QUARVEL_NOT_SUPPORTED(jobject, Object_copy, jintArray, jobjectArray)
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_destroy(JNIEnv* env,
                                                                              jobject obj) {
   TRACE("JNI: start PKCS11Object.destroy... ");
-  const std::optional<Handles> handles = traceHandles(env, obj);
+  const std::optional<Handles> handles = readHandlesTraced(env, obj);
   if (handles) throwIfFailed(env, bridge::destroyObject(handles->session, handles->object));
 }
 
 JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_size(JNIEnv* env,
                                                                           jobject obj) {
   TRACE("JNI: start PKCS11Object.size... ");
-  const std::optional<Handles> handles = traceHandles(env, obj);
+  const std::optional<Handles> handles = readHandlesTraced(env, obj);
   CK_ULONG ckSize = 0;
   if (!handles ||
       throwIfFailed(env, bridge::getObjectSize(handles->session, handles->object, &ckSize))) {
@@ -320,7 +319,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_getBigIn
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttributeValue(
     JNIEnv* env, jobject obj, jint attr, jobject value) {
   TRACE("JNI: start PKCS11Object.setAttr(%li)... ", static_cast<long>(attr));
-  const std::optional<Handles> handles = traceHandles(env, obj);
+  const std::optional<Handles> handles = readHandlesTraced(env, obj);
   if (!handles) return;
   CK_ATTRIBUTE ckAttr;
   if (J2CK_ATTR(env, attr, value, &ckAttr) == 0) {
@@ -336,13 +335,13 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttribut
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setAttributeValues(
     JNIEnv* env, jobject obj, jintArray attrArray, jobjectArray valArray) {
   TRACE("JNI: start PKCS11Object.setAttrValues... ");
-  const std::optional<Handles> handles = traceHandles(env, obj);
+  const std::optional<Handles> handles = readHandlesTraced(env, obj);
   if (!handles) return;
   Template ckAttr;
   const Types attrA = buildTemplate(env, attrArray, valArray, Surplus::kRefused, ckAttr);
   if (attrA == nullptr) return;
-  throwIfFailed(env, bridge::setAttributeValue(handles->session, handles->object, ckAttr.get(),
-                                               entryCount(ckAttr)));
+  throwIfFailed(env, bridge::setAttributeValue(
+                         handles->session, handles->object, ckAttr.get(), entryCount(ckAttr)));
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_setBoolAttributeValue(

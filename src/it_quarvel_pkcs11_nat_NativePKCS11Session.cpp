@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <optional>
@@ -22,6 +21,13 @@ std::optional<CK_SESSION_HANDLE> beginInSession(JNIEnv* env, jobject session,
   const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
   if (ckSessionNum) TRACE("(session= %li)\n", *ckSessionNum);
   return ckSessionNum;
+}
+
+/// close, logout and findObjectsFinal.
+void callInSession(JNIEnv* env, jobject session, const char* startText,
+                   CK_RV (*call)(CK_SESSION_HANDLE)) {
+  const std::optional<CK_SESSION_HANDLE> ckSessionNum = beginInSession(env, session, startText);
+  if (ckSessionNum) throwIfFailed(env, call(*ckSessionNum));
 }
 
 CK_USER_TYPE userType(jboolean isSO) { return isSO != JNI_FALSE ? CKU_SO : CKU_USER; }
@@ -93,11 +99,11 @@ CK_OBJECT_HANDLE getIdentrusApplication(CK_SESSION_HANDLE session) {
   return identrusApplication;
 }
 
-/// The card's Identrus application object and its life-cycle byte.
+/// The card's Identrus application object and its life-cycle byte, as the bridge returned it.
 struct Application {
   CK_SESSION_HANDLE session;
   CK_OBJECT_HANDLE object;
-  signed char status;
+  HeapBlock<signed char> status;
 };
 
 /// The opening of getCardStatus and setCardStatus, traced in any case; empty with an exception
@@ -114,8 +120,8 @@ std::optional<Application> readLifeCycle(JNIEnv* env, jobject session, const cha
   CK_ATTRIBUTE lifeCycle = {kLifeCycle, &applicationLifeCycle, sizeof applicationLifeCycle};
   const CK_RV ckRv = bridge::getAttributeValue(*ckSessionNum, identrusApplication, &lifeCycle);
   if (throwIfFailed(env, ckRv)) return std::nullopt;
-  const HeapBlock<signed char> value(static_cast<signed char*>(lifeCycle.pValue));
-  return Application{*ckSessionNum, identrusApplication, value[0]};
+  return Application{*ckSessionNum, identrusApplication,
+                     HeapBlock<signed char>(static_cast<signed char*>(lifeCycle.pValue))};
 }
 
 }  // namespace
@@ -124,9 +130,7 @@ std::optional<Application> readLifeCycle(JNIEnv* env, jobject session, const cha
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_close(JNIEnv* env,
                                                                             jobject session) {
-  const std::optional<CK_SESSION_HANDLE> ckSessionNum =
-      beginInSession(env, session, "JNI: start PKCS11Session.closeSession... ");
-  if (ckSessionNum) throwIfFailed(env, bridge::closeSession(*ckSessionNum));
+  callInSession(env, session, "JNI: start PKCS11Session.closeSession... ", bridge::closeSession);
 }
 
 JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getInfo(JNIEnv* env,
@@ -138,15 +142,13 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getInfo
     return nullptr;
   }
   TRACE("JNI: creating jobject PKCS11SessionInfo...");
-  return created(newObject(env, "it/quarvel/pkcs11/PKCS11SessionInfo", "(III)V",
-                           CK2J_INT(ckSessionInfo.state), CK2J_FLAGS(ckSessionInfo.flags),
-                           CK2J_INT(ckSessionInfo.ulDeviceError)));
+  return created(newObject(
+      env, "it/quarvel/pkcs11/PKCS11SessionInfo", "(III)V", CK2J_INT(ckSessionInfo.state),
+      CK2J_FLAGS(ckSessionInfo.flags), CK2J_INT(ckSessionInfo.ulDeviceError)));
 }
 
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_login(JNIEnv* env,
-                                                                            jobject session,
-                                                                            jboolean isSO,
-                                                                            jstring pin) {
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_login(
+    JNIEnv* env, jobject session, jboolean isSO, jstring pin) {
   TRACE("JNI: start PKCS11Session.login... ");
   const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
   if (!ckSessionNum) return;
@@ -158,14 +160,11 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_login(JNIE
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_logout(JNIEnv* env,
                                                                              jobject session) {
-  const std::optional<CK_SESSION_HANDLE> ckSessionNum =
-      beginInSession(env, session, "JNI: start PKCS11Session.logout... ");
-  if (ckSessionNum) throwIfFailed(env, bridge::logout(*ckSessionNum));
+  callInSession(env, session, "JNI: start PKCS11Session.logout... ", bridge::logout);
 }
 
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_initPIN(JNIEnv* env,
-                                                                              jobject session,
-                                                                              jstring newPin) {
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_initPIN(
+    JNIEnv* env, jobject session, jstring newPin) {
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.initPin... ");
   if (!ckSessionNum) return;
@@ -174,10 +173,8 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_initPIN(JN
   throwIfFailed(env, bridge::initPin(*ckSessionNum, moduleBytes(newPinStr)));
 }
 
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPIN(JNIEnv* env,
-                                                                             jobject session,
-                                                                             jstring oldPin,
-                                                                             jstring newPin) {
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPIN(
+    JNIEnv* env, jobject session, jstring oldPin, jstring newPin) {
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.setPin... ");
   if (!ckSessionNum) return;
@@ -186,28 +183,28 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPIN(JNI
   const Chars newPinStr = takeChars(env, newPin);
   if (newPinStr == nullptr) return;
   throwIfFailed(env, bridge::setPin(*ckSessionNum, moduleBytes(oldPinStr), moduleBytes(newPinStr)));
-  oldPinStr.reset();
+  oldPinStr.reset();  // the older one first
 }
 
 // ---- Cryptographic operations ----
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_signInit(
     JNIEnv* env, jobject session, jint mech, jobject /*param*/, jobject key) {
-  startOperation(env, session, mech, key, "JNI: start PKCS11Session.signInit... ",
-                 bridge::signInit);
+  startOperation(
+      env, session, mech, key, "JNI: start PKCS11Session.signInit... ", bridge::signInit);
 }
 
 JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_sign(
     JNIEnv* env, jobject session, jbyteArray inData, jint /*inOffset*/, jint inLen,
     jbyteArray outData, jint /*outOffset*/) {
-  return signOrDecrypt(env, session, inData, inLen, outData, "JNI: start PKCS11Session.sign... ",
-                       bridge::sign);
+  return signOrDecrypt(
+      env, session, inData, inLen, outData, "JNI: start PKCS11Session.sign... ", bridge::sign);
 }
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_encryptInit(
     JNIEnv* env, jobject session, jint mech, jobject /*param*/, jobject key) {
-  startOperation(env, session, mech, key, "JNI: start PKCS11Session.encryptInit... ",
-                 bridge::encryptInit);
+  startOperation(
+      env, session, mech, key, "JNI: start PKCS11Session.encryptInit... ", bridge::encryptInit);
 }
 
 JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_encrypt(
@@ -222,8 +219,8 @@ JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_encrypt(
   if (ckOutData == nullptr) return -1;
   CK_ULONG ckOutLen = J2CK_INT(inLen);
   TRACE("(session= %li)\n", *ckSessionNum);
-  const CK_RV ckRv = bridge::encrypt(*ckSessionNum, moduleBytes(ckInData), J2CK_INT(inLen),
-                                     moduleBytes(ckOutData), &ckOutLen);
+  const CK_RV ckRv = bridge::encrypt(
+      *ckSessionNum, moduleBytes(ckInData), J2CK_INT(inLen), moduleBytes(ckOutData), &ckOutLen);
   ckInData.reset();
   ckOutData.reset();
   return throwIfFailed(env, ckRv) ? -1 : CK2J_INT(ckOutLen);
@@ -231,8 +228,8 @@ JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_encrypt(
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_decryptInit(
     JNIEnv* env, jobject session, jint mech, jobject /*param*/, jobject key) {
-  startOperation(env, session, mech, key, "JNI: start PKCS11Session.decryptInit... ",
-                 bridge::decryptInit);
+  startOperation(
+      env, session, mech, key, "JNI: start PKCS11Session.decryptInit... ", bridge::decryptInit);
 }
 
 JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_decrypt(
@@ -312,17 +309,14 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11Session_findObject(JNIEnv* env, jobject s
 
 JNIEXPORT void JNICALL
 Java_it_quarvel_pkcs11_nat_NativePKCS11Session_findObjectsFinal(JNIEnv* env, jobject session) {
-  const std::optional<CK_SESSION_HANDLE> ckSessionNum =
-      beginInSession(env, session, "JNI: start PKCS11Session.findObjectsFinal... ");
-  if (ckSessionNum) throwIfFailed(env, bridge::findObjectsFinal(*ckSessionNum));
+  callInSession(
+      env, session, "JNI: start PKCS11Session.findObjectsFinal... ", bridge::findObjectsFinal);
 }
 
 // ---- Card-specific extensions ----
 
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginellips(JNIEnv* env,
-                                                                                  jobject session,
-                                                                                  jboolean isSO,
-                                                                                  jbyteArray pin) {
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginellips(
+    JNIEnv* env, jobject session, jboolean isSO, jbyteArray pin) {
   TRACE("JNI: start PKCS11Session.login ellips... ");
   const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
   if (!ckSessionNum) return;
@@ -347,16 +341,15 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPINelli
   Bytes cknewPin = takeBytes(env, newPin);
   if (cknewPin == nullptr) return;
   const CK_ULONG cknewPinLen = J2CK_INT(env->GetArrayLength(newPin));
-  const CK_RV ckRv = bridge::setPinellips(*ckSessionNum, moduleBytes(ckoldPin), ckoldPinLen,
-                                          moduleBytes(cknewPin), cknewPinLen);
+  const CK_RV ckRv = bridge::setPinellips(
+      *ckSessionNum, moduleBytes(ckoldPin), ckoldPinLen, moduleBytes(cknewPin), cknewPinLen);
   ckoldPin.reset();
   cknewPin.reset();
   throwIfFailed(env, ckRv);
 }
 
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginAuthPath(JNIEnv* env,
-                                                                                    jobject session,
-                                                                                    jboolean isSO) {
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginAuthPath(
+    JNIEnv* env, jobject session, jboolean isSO) {
   const std::optional<CK_SESSION_HANDLE> ckSessionNum =
       beginInSession(env, session, "JNI: start PKCS11Session.login... ");
   if (ckSessionNum) throwIfFailed(env, bridge::loginAuthPath(*ckSessionNum, userType(isSO)));
@@ -364,20 +357,22 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginAuthP
 
 JNIEXPORT jint JNICALL
 Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getCardStatus(JNIEnv* env, jobject session) {
-  const std::optional<Application> application =
+  std::optional<Application> application =
       readLifeCycle(env, session, "JNI: start PKCS11Session.getCardStatus oberthur... ");
   if (!application) return -1;
-  std::printf("lifeCycle status %d\n", application->status);
-  return application->status;
+  const signed char c = application->status[0];
+  application->status.reset();
+  std::printf("lifeCycle status %d\n", c);
+  return c;
 }
 
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setCardStatus(JNIEnv* env,
-                                                                                    jobject session,
-                                                                                    jint status) {
-  const std::optional<Application> application =
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setCardStatus(
+    JNIEnv* env, jobject session, jint status) {
+  std::optional<Application> application =
       readLifeCycle(env, session, "JNI: start PKCS11Session.setCardStatus oberthur... ");
   if (!application) return;
-  std::printf("Current lifeCycle status %d\n", application->status);
+  std::printf("Current lifeCycle status %d\n", application->status[0]);
+  application->status.reset();
 
   if (status == kPreFirstUse) std::puts("Setting status to pre.first use");
   auto applicationLifeCycle = static_cast<unsigned char>(status);
@@ -431,27 +426,25 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_ge
                       "Different array length for PrivateKey", &ckPrvLen)) {
     return nullptr;
   }
+  Template ckPrvAttr;  // the public template, declared after it, is freed first
   Template ckPubAttr = newTemplate(env, ckPubLen);
   if (ckPubAttr == nullptr) return nullptr;
-  Template ckPrvAttr = newTemplate(env, ckPrvLen);
+  ckPrvAttr = newTemplate(env, ckPrvLen);
   if (ckPrvAttr == nullptr) return nullptr;
 
   traceLine("JNI: parse public values...");
-  if (fillTemplate(env, pubAttrs, pubVals, ckPubAttr) == nullptr) {
-    ckPubAttr.reset();
+  if (fillTemplate(env, pubAttrs, pubVals, ckPubAttr) == nullptr) return nullptr;
+  traceLine("JNI: parse private values...");
+  if (fillTemplate(env, prvAttrs, prvVals, ckPrvAttr) == nullptr) {
+    ckPrvAttr.reset();  // here alone the private one is first
     return nullptr;
   }
-  traceLine("JNI: parse private values...");
-  if (fillTemplate(env, prvAttrs, prvVals, ckPrvAttr) == nullptr) return nullptr;
 
   CK_OBJECT_HANDLE ckPubKey = CK_INVALID_HANDLE;
   CK_OBJECT_HANDLE ckPrvKey = CK_INVALID_HANDLE;
   const CK_RV ckRv = bridge::generateKeyPair(*ckSessionNum, &ckMech, ckPubAttr.get(), ckPubLen,
                                              ckPrvAttr.get(), ckPrvLen, &ckPubKey, &ckPrvKey);
-  const jobjectArray keyPair =
-      throwIfFailed(env, ckRv) ? nullptr : newKeyPair(env, session, ckPubKey, ckPrvKey);
-  ckPubAttr.reset();
-  return keyPair;
+  return throwIfFailed(env, ckRv) ? nullptr : newKeyPair(env, session, ckPubKey, ckPrvKey);
 }
 
 JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_generateKeyPairOB(
@@ -487,9 +480,9 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_ge
   std::printf("Start generating keypair...");
   CK_OBJECT_HANDLE ckPubKey = CK_INVALID_HANDLE;
   CK_OBJECT_HANDLE ckPrvKey = CK_INVALID_HANDLE;
-  const CK_RV ckRv =
-      bridge::generateKeyPair(*ckSessionNum, &ckMech, ckPubAttr.get(), kKeyPairEntries,
-                              ckPrvAttr.get(), kKeyPairEntries, &ckPubKey, &ckPrvKey);
+  const CK_RV ckRv = bridge::generateKeyPair(
+      *ckSessionNum, &ckMech, ckPubAttr.get(), kKeyPairEntries, ckPrvAttr.get(), kKeyPairEntries,
+      &ckPubKey, &ckPrvKey);
   std::puts("Done.");
   const jobjectArray keyPair =
       throwIfFailed(env, ckRv) ? nullptr : newKeyPair(env, session, ckPubKey, ckPrvKey);
@@ -528,7 +521,7 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_createO
       traceLine("OK");  // also when no object came of it
     }
   }
-  ckAttr.get_deleter().freeValues(ckAttr.get());
+  freeValues(ckAttr);
   traceLine("JNI: free PKCS11Session.createObj...");
   ckAttr.reset();
   traceLine("JNI: free(ckAttr) PKCS11Session.createObj...");
@@ -572,8 +565,8 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_installCer
   }
   if (taken == std::size(strings)) {
     CK_OBJECT_HANDLE objectIdentifier = 0;
-    const CK_RV ckRv = bridge::createObject(*ckSessionID, &objectIdentifier, certTemplate,
-                                            std::size(certTemplate));
+    const CK_RV ckRv = bridge::createObject(
+        *ckSessionID, &objectIdentifier, certTemplate, std::size(certTemplate));
     if (ckRv != CKR_OK) std::printf("C_CreateObject fails.");
     throwIfFailed(env, ckRv);
   }
@@ -628,8 +621,8 @@ JNIEXPORT jint JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_wrapKey(
   if (ckOutData == nullptr) return -1;
   CK_ULONG ckOutLen = J2CK_INT(env->GetArrayLength(outData));
   TRACE("(session= %li)\n", *ckSessionNum);
-  const CK_RV ckRv = bridge::wrapKey(*ckSessionNum, &ckMech, *ckWrappingKey, *ckKey,
-                                     moduleBytes(ckOutData), &ckOutLen);
+  const CK_RV ckRv = bridge::wrapKey(
+      *ckSessionNum, &ckMech, *ckWrappingKey, *ckKey, moduleBytes(ckOutData), &ckOutLen);
   traceLine("JNI: wrapOK OK");
   ckOutData.reset();
   traceLine("JNI: release OK");

@@ -47,10 +47,10 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getInfo(JN
   if (!ckSlot || throwIfFailed(env, bridge::getSlotInfo(*ckSlot, &ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11SlotInfo...");
-  return created(newObject(env, "it/quarvel/pkcs11/PKCS11SlotInfo",
-                           "(Ljava/lang/String;Ljava/lang/String;III)V", ckInfo.slotDescription,
-                           ckInfo.manufacturerID, CK2J_FLAGS(ckInfo.flags),
-                           CK2J_VER(ckInfo.hardwareVersion), CK2J_VER(ckInfo.firmwareVersion)));
+  return created(newObject(
+      env, "it/quarvel/pkcs11/PKCS11SlotInfo", "(Ljava/lang/String;Ljava/lang/String;III)V",
+      ckInfo.slotDescription, ckInfo.manufacturerID, CK2J_FLAGS(ckInfo.flags),
+      CK2J_VER(ckInfo.hardwareVersion), CK2J_VER(ckInfo.firmwareVersion)));
 }
 
 JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getTokenInfo(JNIEnv* env,
@@ -97,9 +97,8 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getMechanismList(JNIEnv* env, jobjec
   return array;
 }
 
-JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getMechanismInfo(JNIEnv* env,
-                                                                                       jobject slot,
-                                                                                       jint mech) {
+JNIEXPORT jobject JNICALL
+Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getMechanismInfo(JNIEnv* env, jobject slot, jint mech) {
   TRACE("JNI: start PKCS11Slot.getMechanismInfo... ");
   const std::optional<CK_SLOT_ID> ckSlot = getSlotID(env, slot);
   if (!ckSlot) return nullptr;
@@ -109,9 +108,9 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getMechani
   if (throwIfFailed(env, bridge::getMechanismInfo(*ckSlot, ckMech, &ckInfo))) return nullptr;
 
   TRACE("JNI: creating jobject PKCS11MechanismInfo...");
-  return created(newObject(env, "it/quarvel/pkcs11/PKCS11MechanismInfo", "(III)V",
-                           CK2J_INT(ckInfo.ulMinKeySize), CK2J_INT(ckInfo.ulMaxKeySize),
-                           CK2J_FLAGS(ckInfo.flags)));
+  return created(newObject(
+      env, "it/quarvel/pkcs11/PKCS11MechanismInfo", "(III)V", CK2J_INT(ckInfo.ulMinKeySize),
+      CK2J_INT(ckInfo.ulMaxKeySize), CK2J_FLAGS(ckInfo.flags)));
 }
 
 QUARVEL_NOT_SUPPORTED(void, Slot_initToken, jstring, jstring)

@@ -1,9 +1,6 @@
 #include "jniUtil.h"
 
 #include <cstdint>
-#include <cstring>
-
-#include "trace.h"
 
 namespace {
 
@@ -188,7 +185,9 @@ std::optional<CK_SESSION_HANDLE> getObjSessionID(JNIEnv* env, jobject obj) {
 // ---- Scalar conversions ----
 
 bool fitsJavaArray(JNIEnv* env, CK_ULONG count, CK_RV refusal) {
-  return !throwIfFailed(env, count <= INT32_MAX ? CKR_OK : refusal);
+  if (count <= INT32_MAX) return true;
+  throwCKExc(env, refusal);
+  return false;
 }
 
 // ---- New Java objects ----
@@ -279,7 +278,7 @@ Types fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, Template& 
   trace(steps, "JNI: attrA OK");
   FreeTemplate& owned = ckAttr.get_deleter();
   void** const blocks = owned.values(ckAttr.get());
-  for (CK_ULONG& i = owned.filled; i < owned.count; ++i) {
+  for (CK_ULONG i = 0; i < owned.count; ++i) {
     trace(steps, "JNI: inside loop");
     const jobject curVal = env->GetObjectArrayElement(values, static_cast<jsize>(i));
     trace(steps, "JNI: temp1 OK");
@@ -287,11 +286,13 @@ Types fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, Template& 
       trace(steps, "JNI: res?...... KO");
       TRACE("\nERROR: cannot parse passed object %li\n", i);
       attrA.reset();
-      while (i > 0) std::free(blocks[--i]);
+      if (steps == Steps::kQuiet) {
+        while (owned.filled > 0) std::free(blocks[--owned.filled]);
+      }
       return {};
     }
     trace(steps, "JNI: res?...... OK");
-    blocks[i] = ckAttr[i].pValue;
+    blocks[owned.filled++] = ckAttr[i].pValue;
   }
   trace(steps, "JNI: array OK");
   return attrA;

@@ -277,7 +277,6 @@ struct FreeTemplate {
   CK_ULONG filled = 0;  // of them, from the first on, with a value
 
   void** values(CK_ATTRIBUTE* ckAttr) const { return reinterpret_cast<void**>(ckAttr + count); }
-  /// Frees the values alone, in their order.
   void freeValues(CK_ATTRIBUTE* ckAttr) {
     for (CK_ULONG i = 0; i < filled; ++i) std::free(values(ckAttr)[i]);
     filled = 0;
@@ -287,15 +286,17 @@ struct FreeTemplate {
     std::free(ckAttr);
   }
 };
-/// A C heap array of entries, the value of each a C heap block of its own.
+/// A C heap array of entries; each value that fillTemplate made is a C heap block of its own.
 using Template = std::unique_ptr<CK_ATTRIBUTE[], FreeTemplate>;
 
 inline CK_ULONG entryCount(const Template& ckAttr) { return ckAttr.get_deleter().count; }
+/// Frees the values alone, in their order.
+inline void freeValues(Template& ckAttr) { ckAttr.get_deleter().freeValues(ckAttr.get()); }
 
 /// What becomes of values without a type.
 enum class Surplus { kRefused, kIgnored };
 
-/// Whether the filling of a template traces each of its steps.
+/// Whether the filling of a template traces each of its steps, as that of generateKey does.
 enum class Steps { kQuiet, kTraced };
 
 /// Reads the number of entries from the arrays of types and values.
@@ -307,14 +308,16 @@ bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, Surplus s
 Template newTemplate(JNIEnv* env, CK_ULONG ckCount, Steps steps = Steps::kQuiet);
 
 /// Fills all entries in order.
-/// @return the elements of `types`, which the caller may drop at once; null without any when they
-/// cannot be had ("Internal error: Out of memory" is raised) or a value cannot be converted (see
-/// J2CK_ATTR): the values before it are freed then, the last first
+/// @return the elements of `types`, which go back when the caller drops them: at once when it only
+/// compares them with null, after the module's call when it keeps them. Null when they cannot be
+/// had ("Internal error: Out of memory" is raised) or a value cannot be converted (see J2CK_ATTR);
+/// the values before it are freed then, the last first, with traced steps the first first
 Types fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, Template& ckAttr,
                    Steps steps = Steps::kQuiet);
 
 /// The whole template procedure: templateLength, newTemplate, fillTemplate.
-/// @return as fillTemplate; also null after raising "Different array length"
+/// @return as fillTemplate; also null after raising "Different array length", or "Internal error:
+/// Out of memory" for the entries
 Types buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
                     Template& ckAttr, Steps steps = Steps::kQuiet);
 

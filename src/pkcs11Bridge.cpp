@@ -42,7 +42,7 @@ auto keepFloatingPoint(Call call) {
   const auto result = call();
   __builtin_aarch64_set_fpcr(control);
 #else
-  const auto result = call();
+  const auto result = call();  // no such word is known of other processors
 #endif
   return result;
 }
@@ -97,8 +97,8 @@ CK_RV callWithOutput(const char* text, Function CK_FUNCTION_LIST::*entry, CK_ULO
 /// A block of `size` bytes that are zero, so that a module that then writes less than it says
 /// discloses nothing of the heap; null without memory.
 void* allocateZeroed(std::size_t size) {
-  // glibc's calloc is slow for the sizes of nearly all lists and values, and g++ would make one of
-  // malloc and memset if it saw that the block is the same. Large blocks come zeroed at no cost.
+  // glibc's calloc is slow for the sizes of nearly all lists and values, and g++ would turn malloc
+  // and memset into it if it saw that the block is the same. Large blocks come zeroed at no cost.
   constexpr std::size_t kSmall = 4096;
   if (size > kSmall) return std::calloc(size, 1);
   void* block = std::malloc(size);
@@ -207,14 +207,14 @@ CK_RV getInfo(CK_INFO* pCkInfo) {
 }
 
 CK_RV getSlotList(CK_SLOT_ID_PTR* slots, CK_BBOOL tokenIn, CK_ULONG* pCounter) {
-  return readList("JNI:BRIDGE: Calling C_GetSlotList...", &CK_FUNCTION_LIST::C_GetSlotList, tokenIn,
-                  slots, pCounter,
-                  [=](CK_RV ckRv) { TRACE(" (slots=%li)... %li", *pCounter, ckRv); });
+  return readList(
+      "JNI:BRIDGE: Calling C_GetSlotList...", &CK_FUNCTION_LIST::C_GetSlotList, tokenIn, slots,
+      pCounter, [=](CK_RV ckRv) { TRACE(" (slots=%li)... %li", *pCounter, ckRv); });
 }
 
 CK_RV getSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO* pCkSlotInfo) {
-  return call("JNI:BRIDGE: Calling C_GetSlotInfo...", &CK_FUNCTION_LIST::C_GetSlotInfo, slot,
-              pCkSlotInfo);
+  return call(
+      "JNI:BRIDGE: Calling C_GetSlotInfo...", &CK_FUNCTION_LIST::C_GetSlotInfo, slot, pCkSlotInfo);
 }
 
 CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* pCkTokenInfo) {
@@ -223,9 +223,9 @@ CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* pCkTokenInfo) {
 }
 
 CK_RV getMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR* mechs, CK_ULONG* pCounter) {
-  return readList("JNI:BRIDGE: Calling C_GetMechanismList...",
-                  &CK_FUNCTION_LIST::C_GetMechanismList, slot, mechs, pCounter,
-                  [=](CK_RV) { TRACE("(mechs=%li)...\n", *pCounter); });
+  return readList(
+      "JNI:BRIDGE: Calling C_GetMechanismList...", &CK_FUNCTION_LIST::C_GetMechanismList, slot,
+      mechs, pCounter, [=](CK_RV) { TRACE("(mechs=%li)...\n", *pCounter); });
 }
 
 CK_RV getMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE mach, CK_MECHANISM_INFO* pCkMechInfo) {
@@ -240,8 +240,8 @@ CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_SESSION_HANDLE* pSession) 
 }
 
 CK_RV closeAllSessions(CK_SLOT_ID slot) {
-  return call("JNI:BRIDGE: Calling C_CloseAllSessions...", &CK_FUNCTION_LIST::C_CloseAllSessions,
-              slot);
+  return call(
+      "JNI:BRIDGE: Calling C_CloseAllSessions...", &CK_FUNCTION_LIST::C_CloseAllSessions, slot);
 }
 
 CK_RV closeSession(CK_SESSION_HANDLE session) {
@@ -311,8 +311,8 @@ CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* pObj) {
 }
 
 CK_RV findObjectsFinal(CK_SESSION_HANDLE session) {
-  return call("JNI:BRIDGE: Calling C_FindObjectsFinal ...", &CK_FUNCTION_LIST::C_FindObjectsFinal,
-              session);
+  return call(
+      "JNI:BRIDGE: Calling C_FindObjectsFinal ...", &CK_FUNCTION_LIST::C_FindObjectsFinal, session);
 }
 
 CK_RV createObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE* phObj, CK_ATTRIBUTE* attr,
@@ -322,8 +322,8 @@ CK_RV createObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE* phObj, CK_ATTRI
 }
 
 CK_RV destroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObj) {
-  return call("JNI:BRIDGE: Calling C_DestroyObject...", &CK_FUNCTION_LIST::C_DestroyObject,
-              hSession, hObj);
+  return call(
+      "JNI:BRIDGE: Calling C_DestroyObject...", &CK_FUNCTION_LIST::C_DestroyObject, hSession, hObj);
 }
 
 CK_RV getObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObj, CK_ULONG* pSize) {
@@ -366,8 +366,8 @@ CK_RV setAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObj, CK_AT
 }
 
 CK_RV signInit(CK_SESSION_HANDLE session, CK_MECHANISM* mech, CK_OBJECT_HANDLE key) {
-  return call("JNI:BRIDGE: Calling C_SignInit ...", &CK_FUNCTION_LIST::C_SignInit, session, mech,
-              key);
+  return call(
+      "JNI:BRIDGE: Calling C_SignInit ...", &CK_FUNCTION_LIST::C_SignInit, session, mech, key);
 }
 
 CK_RV sign(CK_SESSION_HANDLE session, CK_BYTE_PTR inData, CK_ULONG inLen, CK_BYTE_PTR outData,

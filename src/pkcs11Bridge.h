@@ -128,14 +128,14 @@ CK_RV generateKeyPair(CK_SESSION_HANDLE session, CK_MECHANISM* mech, CK_ATTRIBUT
 CK_RV generateKey(CK_SESSION_HANDLE ckSessionNum, CK_MECHANISM_PTR ckMech, CK_ATTRIBUTE_PTR ckAttr,
                   CK_ULONG ckLen, CK_OBJECT_HANDLE_PTR ckKey);
 
-/// The lookup of an RSA credential by name; this bridge has none.
+/// The lookup of an RSA credential by name; this bridge has none. Of C linkage, so that the linker
+/// can put another in its place.
 /// @param alias, pPin byte strings of aliasLen and pPinLen bytes; pPin null for no PIN
 /// @return all bits set, in every state; no output is written
-extern "C" CK_RV getRSACred(CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags, CK_CHAR_PTR pPin,
-                            CK_ULONG pPinLen, CK_SLOT_ID_PTR pSlotID,
-                            CK_SESSION_HANDLE_PTR pSession, CK_OBJECT_HANDLE_PTR pPrivateHandle,
-                            CK_OBJECT_HANDLE_PTR pPublicHandle,
-                            CK_OBJECT_HANDLE_PTR pCertificateHandle);
+extern "C" CK_RV getRSACred(
+    CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags, CK_CHAR_PTR pPin, CK_ULONG pPinLen,
+    CK_SLOT_ID_PTR pSlotID, CK_SESSION_HANDLE_PTR pSession, CK_OBJECT_HANDLE_PTR pPrivateHandle,
+    CK_OBJECT_HANDLE_PTR pPublicHandle, CK_OBJECT_HANDLE_PTR pCertificateHandle);
 
 }  // namespace bridge
 

@@ -1,4 +1,6 @@
-// The trace: fixed progress texts on standard output, written while `debug` is non-zero.
+// The trace: fixed progress texts on standard output, written while `debug` is non-zero. Programs
+// read them, so they stay as they are, also where they name another method than the one that
+// writes.
 #ifndef QUARVEL_SRC_TRACE_H_
 #define QUARVEL_SRC_TRACE_H_
 
