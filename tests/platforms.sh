@@ -26,27 +26,40 @@ runs 'jlink image' "$work/image/bin/java" -cp "$classes"
 
 # fails ARGUMENTS...: the program does not start; has TEXT: its error says so
 fails() {
-  "$jdk/bin/java" -cp "$jar:$classes" -Djava.library.path=/nowhere "$@" TraceLog none none \
-    >"$work/out" 2>&1 && { echo "started with $*"; exit 1; }
+  "$jdk/bin/java" -Djava.library.path=/nowhere "$@" TraceLog none none >"$work/out" 2>&1 &&
+    { echo "started with $*"; exit 1; }
   return 0
 }
 has() { grep -q "$1" "$work/out" || { echo "no '$1' in:"; cat "$work/out"; exit 1; }; }
 
-unzip -q -o "$jar" -d "$work/jar"
-library=$(find "$work/jar" -name libquarvelpkcs11.so)
-mkdir "$work/copies" "$work/file"
-cp "$library" "$work/file/my library.so"
+# As in a system package: the library beside a jar that carries none, and one of another version.
+mkdir "$work/bare" "$work/system" "$work/other" "$work/copies"
+unzip -q "$jar" -d "$work/bare"
+mv "$(find "$work/bare" -name libquarvelpkcs11.so)" "$work/system/"
+sed 's/1\.16/0.99/' "$work/system/libquarvelpkcs11.so" >"$work/other/libquarvelpkcs11.so"
+cp "$work/system/libquarvelpkcs11.so" "$work/my library.so"
+
 runs 'named file' "$jdk/bin/java" -cp "$jar:$classes" \
-  -Dit.quarvel.pkcs11.library="$work/file/my library.so" -Dit.quarvel.pkcs11.tmpdir=/nowhere
-runs 'copy from the jar' "$jdk/bin/java" -cp "$jar:$classes" -Djava.library.path=/nowhere \
+  -Dit.quarvel.pkcs11.library="$work/my library.so" -Djava.library.path="$work/other"
+runs 'copy from the jar' "$jdk/bin/java" -cp "$jar:$classes" -Djava.library.path="$work/other" \
   -Dit.quarvel.pkcs11.tmpdir="$work/copies"
 rmdir "$work/copies" # the copy has gone
-fails -Dit.quarvel.pkcs11.library=/nowhere/file.so
+runs 'library of the system' "$jdk/bin/java" -cp "$work/bare:$classes" \
+  -Djava.library.path="$work/system"
+fails -cp "$jar:$classes" -Dit.quarvel.pkcs11.library=/nowhere/file.so
 has 'UnsatisfiedLinkError.*-Dit.quarvel.pkcs11.library'
 has '/nowhere/file.so'
-fails -Dit.quarvel.pkcs11.tmpdir=/nowhere
-has 'library quarvelpkcs11.*: '
+fails -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir=/nowhere
 has 'resource .*libquarvelpkcs11.so: '
+has 'library quarvelpkcs11.*: '
+LC_ALL=C fails -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir=/nowhere/é
+has 'UnsatisfiedLinkError'
+for argument in -Dit.quarvel.pkcs11.library="$work/other/libquarvelpkcs11.so" \
+  -Djava.library.path="$work/other"; do
+  fails "$argument" -cp "$work/bare:$classes"
+  has 'has version 0.99'
+  has "loaded: $work/other/libquarvelpkcs11.so"
+done
 
 if [ "$version" -ge 24 ]; then
   deny=--illegal-native-access=deny

@@ -5,21 +5,22 @@ import java.io.FileNotFoundException;
 import java.io.IOException;
 import java.io.InputStream;
 import java.nio.file.Files;
+import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 import java.nio.file.attribute.FileAttribute;
 import java.nio.file.attribute.PosixFilePermissions;
 import java.util.ArrayList;
-import java.util.LinkedHashMap;
 import java.util.List;
-import java.util.Map;
+import java.util.stream.Stream;
 
 /** Finds and loads the native library. */
 final class NativeLibrary {
   private static final String NAME = "quarvelpkcs11";
+  private static final String FILE = "lib" + NAME + ".so";
   private static final String FILE_PROPERTY = "it.quarvel.pkcs11.library";
   private static final String TMPDIR_PROPERTY = "it.quarvel.pkcs11.tmpdir";
   private static final String RESOURCE =
-      "/it/quarvel/pkcs11/nat/linux-" + System.getProperty("os.arch") + "/lib" + NAME + ".so";
+      "/it/quarvel/pkcs11/nat/linux-" + System.getProperty("os.arch") + "/" + FILE;
 
   private interface Loader {
     void load() throws IOException;
@@ -28,46 +29,56 @@ final class NativeLibrary {
   private NativeLibrary() {}
 
   /**
-   * Loads the library and tells which attempt did it, or tells in one error everything that was
-   * tried and why it failed.
+   * Loads the library: the file that a system property names, then nothing else; or the jar's own
+   * copy, which has the version of these classes; or what {@code System.loadLibrary} finds.
+   *
+   * @throws UnsatisfiedLinkError that tells everything that was tried and why it failed, or which
+   *     file has another version
    */
   @SuppressWarnings("restricted")
-  static String load() {
-    Map<String, Loader> attempts = new LinkedHashMap<>();
+  static void load() {
+    List<String> tried = new ArrayList<>();
     String file = System.getProperty(FILE_PROPERTY);
-    if (file != null) {
-      attempts.put(
-          "file " + file + " named by the system property " + FILE_PROPERTY,
-          () -> System.load(new File(file).getAbsolutePath()));
-    } else {
-      attempts.put("library " + NAME + " in java.library.path", () -> System.loadLibrary(NAME));
-      attempts.put("resource " + RESOURCE, NativeLibrary::loadResource);
+    boolean loaded =
+        file != null
+            ? succeeds(
+                "file " + file + " named by the system property " + FILE_PROPERTY,
+                () -> System.load(new File(file).getAbsolutePath()),
+                tried)
+            : succeeds("resource " + RESOURCE, NativeLibrary::loadResource, tried)
+                || succeeds(
+                    "library " + NAME + " in java.library.path",
+                    () -> System.loadLibrary(NAME),
+                    tried);
+    if (!loaded) {
+      throw error("The native library cannot be loaded", tried);
     }
-    List<String> failures = new ArrayList<>();
-    return attempts.entrySet().stream()
-        .filter(attempt -> succeeds(attempt.getKey(), attempt.getValue(), failures))
-        .findFirst()
-        .map(Map.Entry::getKey)
-        .orElseThrow(
-            () -> error("The native library cannot be loaded", String.join("\n", failures)));
+    String version = version();
+    if (!version.equals(NativePKCS11.BRIDGE_VERSION)) {
+      tried.add("loaded: " + (file != null ? file : mappedFile()));
+      throw error(
+          "The native library has version %s, its Java classes need version %s"
+              .formatted(version, NativePKCS11.BRIDGE_VERSION),
+          tried);
+    }
   }
 
-  /** Makes an error that says what helps against it. */
-  static UnsatisfiedLinkError error(String what, String details) {
-    return new UnsatisfiedLinkError(
-        "%s. Name its file with -D%s=FILE.\n%s".formatted(what, FILE_PROPERTY, details));
-  }
-
-  private static boolean succeeds(String attempt, Loader loader, List<String> failures) {
+  private static boolean succeeds(String attempt, Loader loader, List<String> tried) {
     try {
       loader.load();
       return true;
     } catch (IllegalCallerException e) {
       throw accessDenied(e);
-    } catch (UnsatisfiedLinkError | IOException e) {
-      failures.add(attempt + ": " + e.getMessage());
+    } catch (UnsatisfiedLinkError | IOException | InvalidPathException e) {
+      tried.add(attempt + ": " + e.getMessage());
       return false;
     }
+  }
+
+  private static UnsatisfiedLinkError error(String what, List<String> tried) {
+    return new UnsatisfiedLinkError(
+        "%s. Name its file with -D%s=FILE.\n%s"
+            .formatted(what, FILE_PROPERTY, String.join("\n", tried)));
   }
 
   private static UnsatisfiedLinkError accessDenied(IllegalCallerException cause) {
@@ -80,6 +91,28 @@ final class NativeLibrary {
     return error;
   }
 
+  /** Asks the library, which may be any other one. */
+  private static String version() {
+    try {
+      return new NativePKCS11().getBridgeVersion();
+    } catch (UnsatisfiedLinkError e) {
+      return "none";
+    }
+  }
+
+  /** The file of a library that was loaded by its name, which the map of the process alone tells. */
+  private static String mappedFile() {
+    try (Stream<String> lines = Files.lines(Path.of("/proc/self/maps"))) {
+      return lines
+          .filter(line -> line.contains("/lib" + NAME))
+          .map(line -> line.substring(line.indexOf('/')))
+          .findFirst()
+          .orElse("a file of another name");
+    } catch (IOException e) {
+      return e.toString();
+    }
+  }
+
   /** Loads a private copy of the resource; the mapped library outlives its deleted file. */
   @SuppressWarnings("restricted")
   private static void loadResource() throws IOException {
@@ -88,7 +121,7 @@ final class NativeLibrary {
         throw new FileNotFoundException("not in the jar");
       }
       File directory = createPrivateDirectory().toFile();
-      File copy = new File(directory, "lib" + NAME + ".so");
+      File copy = new File(directory, FILE);
       try {
         Files.copy(in, copy.toPath());
         System.load(copy.getPath());

@@ -1,7 +1,10 @@
 package it.quarvel.pkcs11.nat;
 
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Info;
+import java.util.ArrayList;
 import java.util.List;
 
 /**
@@ -10,8 +13,8 @@ import java.util.List;
  * <pre>{@code
  * NativePKCS11.loadPKCS11Library("/usr/lib/softhsm/libsofthsm2.so");
  * NativePKCS11 module = new NativePKCS11();
+ * module.libInitialize(); // before the try: what another part of the process uses is not ours to end
  * try {
- *   module.libInitialize();
  *   for (NativePKCS11Slot slot : module.slots(true)) {
  *     System.out.println(slot.getTokenInfo().trimmedLabel());
  *   }
@@ -57,14 +60,7 @@ public class NativePKCS11 {
   public static final String BRIDGE_VERSION = "1.16";
 
   static {
-    String loaded = NativeLibrary.load();
-    String version = libraryVersion();
-    if (!BRIDGE_VERSION.equals(version)) {
-      throw NativeLibrary.error(
-          "The native library has version %s, its Java classes need version %s"
-              .formatted(version, BRIDGE_VERSION),
-          "loaded: " + loaded);
-    }
+    NativeLibrary.load();
   }
 
   /** Makes an object to call the module through; loading and initialising it are separate calls. */
@@ -92,10 +88,8 @@ public class NativePKCS11 {
   /**
    * Finalises the module ({@code C_Finalize}) and closes it. Never fails; slots, sessions and
    * objects are of no more use afterwards. Load again to start over.
-   *
-   * @throws PKCS11Exception never
    */
-  public native void libFinalize() throws PKCS11Exception;
+  public native void libFinalize();
 
   /**
    * Returns the version of the native library, with or without a module.
@@ -152,16 +146,46 @@ public class NativePKCS11 {
    * @throws PKCS11Exception when the module refuses
    */
   public List<NativePKCS11Slot> slots(boolean tokenPresent) throws PKCS11Exception {
-    NativePKCS11Slot[] slots = getSlotList(tokenPresent);
-    return slots == null ? List.of() : List.of(slots);
+    List<NativePKCS11Slot> slots = new ArrayList<>();
+    for (NativePKCS11Slot slot : allSlots()) {
+      if (!tokenPresent || holdsToken(slot)) {
+        slots.add(slot);
+      }
+    }
+    return slots;
   }
 
-  /** Asks the library, which may be any other one when a property names its file. */
-  private static String libraryVersion() {
+  /** Some modules refuse a list of none as too long, as every one does a list that has just grown. */
+  private NativePKCS11Slot[] allSlots() throws PKCS11Exception {
+    NativePKCS11Slot[] slots = null;
+    for (int attempts = 0; attempts < 2 && slots == null; attempts++) {
+      try {
+        slots = getSlotList(false);
+      } catch (PKCS11Exception e) {
+        if (e.errorCode() != CKR_BUFFER_TOO_SMALL) {
+          throw e;
+        }
+      }
+    }
+    return slots == null ? new NativePKCS11Slot[0] : slots;
+  }
+
+  /** A slot is listed also when its reader is gone, and then refuses to be described. */
+  private static boolean holdsToken(NativePKCS11Slot slot) throws PKCS11Exception {
     try {
-      return new NativePKCS11().getBridgeVersion();
-    } catch (UnsatisfiedLinkError e) {
-      return "none";
+      return slot.getInfo().hasFlag(CKF_TOKEN_PRESENT);
+    } catch (PKCS11Exception e) {
+      return switch (e.errorCode()) {
+        case CKR_TOKEN_NOT_PRESENT, CKR_SLOT_ID_INVALID, CKR_DEVICE_REMOVED -> false;
+        default -> throw e;
+      };
     }
   }
+
+  /**
+   * Has the native library loaded: every class with native methods calls this before its first use,
+   * and the initialiser of this class does it. One class owns the loading, so that two threads which
+   * use two classes first cannot wait for each other.
+   */
+  static void loadLibrary() {}
 }

@@ -7,6 +7,10 @@ import it.quarvel.pkcs11.PKCS11TokenInfo;
 
 /** A slot of the module; {@link NativePKCS11#slots} lists them. */
 public class NativePKCS11Slot {
+  static {
+    NativePKCS11.loadLibrary();
+  }
+
   private final NativePKCS11 module;
   private final int slotID;
 
