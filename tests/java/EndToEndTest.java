@@ -143,7 +143,6 @@ class EndToEndTest {
     stored.destroy();
     assertFails("CKR_OBJECT_HANDLE_INVALID (0x82)", stored::destroy);
     assertAttributes(key, privateKey);
-    assertThrows(ParseException.class, () -> key.getDate(CKA_LABEL));
     // SoftHSM2 does not know sizes.
     assertEquals(-1, key.size());
   }
@@ -170,6 +169,29 @@ class EndToEndTest {
     key.setAttributeValues(new PKCS11Template().put(CKA_START_DATE, END));
     assertArrayEquals("20310228".getBytes(UTF_8), key.getByteArrayAttributeValue(CKA_START_DATE));
     assertEquals(END, key.getDate(CKA_START_DATE));
+  }
+
+  @Test
+  void takesDaysOnlyForDates() throws Exception {
+    key.setAttributeValue(CKA_ID, new byte[] {2, 0, 3, 1, 0, 2, 2, 8});
+    assertEquals(END, key.getDate(CKA_ID));
+    for (String value : List.of("20260230", "2026-1-1", "202602281", "+0260228", "\2\0\2\6011.1")) {
+      key.setAttributeValue(CKA_ID, value.getBytes(UTF_8));
+      assertThrows(ParseException.class, () -> key.getDate(CKA_ID), value);
+    }
+  }
+
+  @Test
+  void refusesNullBytesBeforeTheModuleIsCalled() throws Exception {
+    PKCS11Template secret = new PKCS11Template();
+    for (Executable call : List.<Executable>of(
+        () -> session.sign(CKM_RSA_PKCS, key, null), () -> session.decrypt(CKM_RSA_PKCS, key, null),
+        () -> session.encrypt(CKM_AES_ECB, aes, null),
+        () -> session.unwrapKey(CKM_AES_KEY_WRAP, aes, null, secret))) {
+      assertFails("CKR_ARGUMENTS_BAD (0x7)", call);
+    }
+    // No operation was left active.
+    assertEquals(256, session.sign(CKM_RSA_PKCS, key, DATA).length);
   }
 
   @Test

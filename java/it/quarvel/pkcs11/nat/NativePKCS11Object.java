@@ -5,10 +5,11 @@ import it.quarvel.pkcs11.PKCS11Template;
 import java.math.BigInteger;
 import java.nio.charset.StandardCharsets;
 import java.text.ParseException;
-import java.text.SimpleDateFormat;
-import java.util.Arrays;
+import java.time.LocalDate;
+import java.time.ZoneId;
+import java.time.format.DateTimeFormatter;
+import java.time.format.DateTimeParseException;
 import java.util.Date;
-import java.util.Locale;
 
 /**
  * An object on the token or in a session: a key, a certificate or data. Searches and creations of
@@ -20,6 +21,10 @@ import java.util.Locale;
  */
 public class NativePKCS11Object {
   private static final int DATE_LENGTH = 8;
+
+  static {
+    NativePKCS11.loadLibrary();
+  }
 
   private final NativePKCS11Session session;
   private final int objectID;
@@ -208,14 +213,21 @@ public class NativePKCS11Object {
     if (value.length < DATE_LENGTH || value[0] == 0) {
       throw new PKCS11Exception("VOID Date field");
     }
-    byte[] digits = Arrays.copyOf(value, DATE_LENGTH);
-    if (digits[0] > 0 && digits[0] <= 9) {
+    if (value[0] > 0 && value[0] <= 9) {
       for (int i = 0; i < DATE_LENGTH; i++) {
-        digits[i] += '0';
+        value[i] += '0';
       }
     }
-    return new SimpleDateFormat("yyyyMMdd", Locale.ROOT)
-        .parse(new String(digits, StandardCharsets.ISO_8859_1));
+    if (value.length > DATE_LENGTH) {
+      throw new ParseException("A date of " + value.length + " bytes", DATE_LENGTH);
+    }
+    String digits = new String(value, StandardCharsets.ISO_8859_1);
+    try {
+      LocalDate day = LocalDate.parse(digits, DateTimeFormatter.BASIC_ISO_DATE);
+      return Date.from(day.atStartOfDay(ZoneId.systemDefault()).toInstant());
+    } catch (DateTimeParseException e) {
+      throw (ParseException) new ParseException(e.getMessage(), e.getErrorIndex()).initCause(e);
+    }
   }
 
   /**

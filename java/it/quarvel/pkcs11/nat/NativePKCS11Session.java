@@ -1,6 +1,6 @@
 package it.quarvel.pkcs11.nat;
 
-import static it.quarvel.pkcs11.PKCS11Constants.CKR_BUFFER_TOO_SMALL;
+import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11SessionInfo;
@@ -21,8 +21,13 @@ import java.util.Optional;
  * usual steps of an operation in one call. The others are the PKCS#11 functions one by one.
  */
 public class NativePKCS11Session implements AutoCloseable {
+  private static final int SMALLEST_ROOM = 1024;
   private static final int SMALLEST_WRAP_ROOM = 4 * 1024;
   private static final int LARGEST_WRAP_ROOM = 64 * 1024;
+
+  static {
+    NativePKCS11.loadLibrary();
+  }
 
   private final NativePKCS11Slot slot;
   private final int sessionID;
@@ -50,6 +55,12 @@ public class NativePKCS11Session implements AutoCloseable {
      * @throws E to end the search
      */
     boolean visit(NativePKCS11Object object) throws E;
+  }
+
+  /** {@link #sign(byte[], int, int, byte[], int)} and its like. */
+  private interface Operation {
+    int run(byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
+        throws PKCS11Exception;
   }
 
   /** Ends a search when the block that runs it ends, however it ends. */
@@ -859,10 +870,9 @@ public class NativePKCS11Session implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public byte[] sign(int mech, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
-    int length = data.length;
+    notNull(data);
     signInit(mech, null, key);
-    byte[] out = room(sign(data, 0, length, null, 0));
-    return prefix(out, sign(data, 0, length, out, 0));
+    return result(this::sign, data, SMALLEST_ROOM);
   }
 
   /**
@@ -877,9 +887,9 @@ public class NativePKCS11Session implements AutoCloseable {
    *     active, when the result is longer than the data
    */
   public byte[] encrypt(int mech, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
-    byte[] out = new byte[data.length];
+    byte[] out = new byte[notNull(data).length];
     encryptInit(mech, null, key);
-    return prefix(out, encrypt(data, 0, data.length, out, 0));
+    return prefix(out, encrypt(data, 0, out.length, out, 0));
   }
 
   /**
@@ -892,10 +902,9 @@ public class NativePKCS11Session implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public byte[] decrypt(int mech, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
-    int length = data.length;
+    int room = Math.max(SMALLEST_ROOM, notNull(data).length);
     decryptInit(mech, null, key);
-    byte[] out = room(decrypt(data, 0, length, null, 0));
-    return prefix(out, decrypt(data, 0, length, out, 0));
+    return result(this::decrypt, data, room);
   }
 
   /**
@@ -974,7 +983,7 @@ public class NativePKCS11Session implements AutoCloseable {
   public NativePKCS11Object unwrapKey(
       int mech, NativePKCS11Object unwrappingKey, byte[] wrapped, PKCS11Template template)
       throws PKCS11Exception {
-    int length = wrapped.length;
+    int length = notNull(wrapped).length;
     return converted(
         unwrapKey(
             mech, null, unwrappingKey, wrapped, 0, length, template.types(), template.values()));
@@ -985,12 +994,29 @@ public class NativePKCS11Session implements AutoCloseable {
     return "NativePKCS11Session[sessionID=" + sessionID + "]";
   }
 
-  /** Never empty: an empty array would turn the operation into another question for the length. */
-  private static byte[] room(int length) throws PKCS11Exception {
-    if (length < 0) {
-      throw new PKCS11Exception("The module announces a result of " + length + " bytes");
+  /**
+   * The result of a started operation. Room is offered first: the question for the length is one call
+   * more, and some modules answer it by writing through the null pointer. A refusal for want of room
+   * leaves the operation active.
+   */
+  private static byte[] result(Operation operation, byte[] data, int room) throws PKCS11Exception {
+    byte[] out = new byte[room];
+    try {
+      return prefix(out, operation.run(data, 0, data.length, out, 0));
+    } catch (PKCS11Exception e) {
+      if (e.errorCode() != CKR_BUFFER_TOO_SMALL) {
+        throw e;
+      }
     }
-    return new byte[Math.max(1, length)];
+    out = new byte[Math.max(room, operation.run(data, 0, data.length, null, 0))];
+    return prefix(out, operation.run(data, 0, data.length, out, 0));
+  }
+
+  private static byte[] notNull(byte[] data) throws PKCS11Exception {
+    if (data == null) {
+      throw new PKCS11Exception(CKR_ARGUMENTS_BAD);
+    }
+    return data;
   }
 
   /** A result is null, with nothing raised, when the values did not make a template. */
