@@ -21,7 +21,7 @@ add_custom_command(
   OUTPUT ${QUARVEL_CLASSES_STAMP}
   BYPRODUCTS ${QUARVEL_JNI_HEADER_FILES}
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_CLASSES}
-  COMMAND ${Java_JAVAC_EXECUTABLE} --release 17 -Xlint:all -Werror -Xdoclint:all/protected
+  COMMAND ${Java_JAVAC_EXECUTABLE} --release 17 -Xlint:all -Werror -Xdoclint:all/protected,-missing
           -d ${QUARVEL_CLASSES} -h ${QUARVEL_JNI_HEADERS} ${QUARVEL_JAVA_SOURCES}
   COMMAND ${CMAKE_COMMAND} -E touch ${QUARVEL_CLASSES_STAMP}
   DEPENDS ${QUARVEL_JAVA_SOURCES}
@@ -91,11 +91,13 @@ quarvel_jar(quarvel-pkcs11-cli DEPENDS ${QUARVEL_CLI_STAMP} ${manifest} CONTENTS
 # ---- Sources and Javadoc, for development environments ----
 
 set(javadoc ${CMAKE_BINARY_DIR}/javadoc)
+set(javadoc_title "${PROJECT_NAME} ${PROJECT_VERSION}")
 find_program(QUARVEL_JAVADOC javadoc HINTS ${QUARVEL_JDK}/bin REQUIRED)
 add_custom_command(
   OUTPUT ${javadoc}.stamp
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${javadoc}
-  COMMAND ${QUARVEL_JAVADOC} -quiet -notimestamp -Xdoclint:all -Werror -d ${javadoc}
+  COMMAND ${QUARVEL_JAVADOC} -quiet -notimestamp -Xdoclint:all,-missing -Werror -d ${javadoc}
+          -windowtitle ${javadoc_title} -doctitle ${javadoc_title} -header ${javadoc_title}
           ${QUARVEL_JAVA_SOURCES}
   COMMAND ${CMAKE_COMMAND} -E touch ${javadoc}.stamp
   DEPENDS ${QUARVEL_JAVA_SOURCES}

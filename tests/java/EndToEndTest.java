@@ -103,6 +103,7 @@ class EndToEndTest {
   }
 
   @Test
+  @SuppressWarnings("deprecation")
   void logsInAndOutAndRefusesTheRest() throws Exception {
     assertEquals(new PKCS11SessionInfo(CKS_RW_USER_FUNCTIONS, 6, 0), session.getInfo());
     session.setPIN(PIN, "0\u00e0\u00e99");
@@ -274,6 +275,7 @@ class EndToEndTest {
   }
 
   @Test
+  @SuppressWarnings("deprecation")
   void leavesCardSpecificCallsToTheirCards() throws Exception {
     assertEquals(0, session.getIdentrusObject().objectID());
     assertFails("CKR_OBJECT_HANDLE_INVALID (0x82)", session::getCardStatus);

@@ -1,5 +1,7 @@
 package it.quarvel.pkcs11;
 
+import static it.quarvel.pkcs11.PKCS11Constants.CKR_OK;
+
 /**
  * A failure of the module, or of the library in front of it.
  *
@@ -13,14 +15,8 @@ package it.quarvel.pkcs11;
 public class PKCS11Exception extends Exception {
   private static final long serialVersionUID = 1L;
 
-  /** The return value, 0 when there is only a message. */
   private final int errorCode;
-
-  /** Whether the return value lies in the vendor-defined range. */
   private final boolean vendorDefined;
-
-  /** The return value by name, empty when there is only a message. */
-  private final String name;
 
   /**
    * Makes an exception that carries only a message.
@@ -31,7 +27,6 @@ public class PKCS11Exception extends Exception {
     super(message);
     errorCode = 0;
     vendorDefined = false;
-    name = "";
   }
 
   /**
@@ -53,7 +48,6 @@ public class PKCS11Exception extends Exception {
     super(describe(errorCode, vendorDefined));
     this.errorCode = errorCode;
     this.vendorDefined = vendorDefined;
-    this.name = nameOf(errorCode, vendorDefined);
   }
 
   /**
@@ -81,7 +75,7 @@ public class PKCS11Exception extends Exception {
    *     empty when the exception carries only a message
    */
   public String name() {
-    return name;
+    return errorCode == CKR_OK ? "" : nameOf(errorCode, vendorDefined);
   }
 
   private static String describe(int errorCode, boolean vendorDefined) {

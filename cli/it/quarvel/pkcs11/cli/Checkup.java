@@ -79,6 +79,7 @@ final class Checkup {
   }
 
   /** Calls one method of each group that the library refuses, with arguments that ask nothing. */
+  @SuppressWarnings("deprecation")
   void tryWhatIsNotOffered() {
     NativePKCS11Session session = connection.session();
     NativePKCS11Object none = new NativePKCS11Object(session, 0);

@@ -100,7 +100,7 @@ final class NativeLibrary {
     }
   }
 
-  /** The file of a library that was loaded by its name, which the map of the process alone tells. */
+  /** The file of a library that was loaded by name, which only the map of the process tells. */
   private static String mappedFile() {
     try (Stream<String> lines = Files.lines(Path.of("/proc/self/maps"))) {
       return lines

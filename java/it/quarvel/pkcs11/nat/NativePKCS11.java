@@ -13,7 +13,7 @@ import java.util.List;
  * <pre>{@code
  * NativePKCS11.loadPKCS11Library("/usr/lib/softhsm/libsofthsm2.so");
  * NativePKCS11 module = new NativePKCS11();
- * module.libInitialize(); // before the try: what another part of the process uses is not ours to end
+ * module.libInitialize(); // before the try: a module that another part of the process uses stays
  * try {
  *   for (NativePKCS11Slot slot : module.slots(true)) {
  *     System.out.println(slot.getTokenInfo().trimmedLabel());
@@ -34,8 +34,8 @@ import java.util.List;
  *       the Java virtual machine itself fails its own error arrives. A null key or byte array, or a
  *       length beyond its array, is refused with CKR_ARGUMENTS_BAD before the module is called; a
  *       null string with "Internal error".
- *   <li>Handles are {@code int}. A module with handles of 64 bits works only behind p11-kit-proxy,
- *       which gives it small ones.
+ *   <li>Handles are {@code int}. A module with slot or session handles of 64 bits works only behind
+ *       p11-kit-proxy, which gives it small ones and passes object handles on.
  *   <li>A mechanism reaches the module without parameters; the parameter objects are not read.
  *       Offsets are not read either: data starts at the first element of its array.
  *   <li>Attribute values are given as {@code String}, {@code byte[]}, {@code Integer}, {@code
@@ -44,9 +44,29 @@ import java.util.List;
  *       method silently: the module is not called, nothing is raised, the result is null. A {@link
  *       it.quarvel.pkcs11.PKCS11Template} takes no such value, and its dates do not depend on the
  *       locale.
+ *   <li>Texts are modified UTF-8, in both directions. A character above U+FFFF is written as six
+ *       bytes, which other programs do not read, and one that they have written is lost: take the
+ *       bytes of such a text. A module whose path has one cannot be opened.
  *   <li>Attribute and mechanism types of the vendor-defined range cannot be named, since an {@code
  *       int} reaches the module with its sign extended to 64 bits.
  * </ul>
+ *
+ * <p>Whichever class of this package is used first loads the native library, from the first of
+ * these that works:
+ *
+ * <ol>
+ *   <li>the file that the system property {@code it.quarvel.pkcs11.library} names; nothing else is
+ *       tried then;
+ *   <li>the copy in the jar, which has the version of these classes. It is written to a new folder
+ *       in {@code java.io.tmpdir} or, if it is set, {@code it.quarvel.pkcs11.tmpdir}, and deleted
+ *       once it is loaded;
+ *   <li>what {@code System.loadLibrary} finds, in {@code java.library.path} for instance. It comes
+ *       last, since a library of the system may be of another version.
+ * </ol>
+ *
+ * <p>An {@code UnsatisfiedLinkError} tells what was tried and why it failed, or the file of a
+ * library that has another version than {@link #BRIDGE_VERSION}. Later uses of these classes are
+ * then a {@code NoClassDefFoundError}.
  *
  * <p>With the environment variable PKCS11_ZOV_DEBUG present, the process's standard output goes to
  * /var/tmp/vorlenk0.log from the first load on, with a trace of every call. Five methods for
@@ -68,12 +88,13 @@ public class NativePKCS11 {
 
   /**
    * Loads a module ({@code C_GetFunctionList}). The first of all calls; {@link #libInitialize}
-   * follows.
+   * follows. Finalise an earlier module first: it stays open otherwise, and out of reach.
    *
-   * @param libName path of the module's shared library
+   * @param libName path of the module's shared library, which the dynamic linker gets unchanged
    * @return address of the module's function list, never 0
-   * @throws PKCS11Exception with "Internal error" when the file cannot be opened or is no module,
-   *     with "Internal error (Null parameter)" for a null path
+   * @throws PKCS11Exception with "Internal error" when the file cannot be opened, is no module or
+   *     hands out no functions, with "Internal error (Null parameter)" for a null path; whatever
+   *     was opened stays in memory
    */
   public static native long loadPKCS11Library(String libName) throws PKCS11Exception;
 
@@ -81,13 +102,24 @@ public class NativePKCS11 {
    * Initialises the loaded module ({@code C_Initialize} without arguments).
    *
    * @throws PKCS11Exception with the module's return value, for instance
-   *     CKR_CRYPTOKI_ALREADY_INITIALIZED, or with "Internal error" when no module is loaded
+   *     CKR_CRYPTOKI_ALREADY_INITIALIZED when another part of the process uses it, which {@link
+   *     #libFinalize} would then end; with "Internal error" unless the last load has succeeded and
+   *     its module has not been finalised since
    */
   public native void libInitialize() throws PKCS11Exception;
 
   /**
    * Finalises the module ({@code C_Finalize}) and closes it. Never fails; slots, sessions and
-   * objects are of no more use afterwards. Load again to start over.
+   * objects are of no more use afterwards, and every call is "Internal error". Load again to start
+   * over.
+   *
+   * <p>After a load that failed it reaches no module, but ends the use of an earlier one all the
+   * same. A module without {@code C_Finalize} stays as it is, open and in use.
+   *
+   * <p>Closing takes the module's code out of the process. A call that is under way, beside a
+   * shutdown hook for instance, then ends the process; so do a thread that the module has left
+   * running, and what it wants to be done when a thread ends. {@code System.load} of the module's
+   * file, before its first load here, keeps its code in the process.
    */
   public native void libFinalize();
 
@@ -115,26 +147,12 @@ public class NativePKCS11 {
    */
   public native NativePKCS11Slot[] getSlotList(boolean tokenIn) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param blocking not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native NativePKCS11Slot waitForSlotEvent(boolean blocking) throws PKCS11Exception;
 
-  /**
-   * Looks an RSA credential up by name, and opens a session with its token. There is no lookup
-   * behind it yet: every call fails, with or without a module.
-   *
-   * @param alias name of the credential
-   * @param flags flags for the lookup
-   * @param pin PIN of the token, or null for none
-   * @return private key, public key and certificate in that session, null for each that is missing
-   * @throws PKCS11Exception always, with the vendor-defined code -1; with "Internal error" for a
-   *     null alias
-   */
+  /** @deprecated always fails: there is no lookup behind it yet */
+  @Deprecated
   public native NativePKCS11Object[] getRSAcredential(String alias, int flags, String pin)
       throws PKCS11Exception;
 
@@ -155,7 +173,7 @@ public class NativePKCS11 {
     return slots;
   }
 
-  /** Some modules refuse a list of none as too long, as every one does a list that has just grown. */
+  /** Some modules refuse a list of none as too long, as others do one that has just grown. */
   private NativePKCS11Slot[] allSlots() throws PKCS11Exception {
     NativePKCS11Slot[] slots = null;
     for (int attempts = 0; attempts < 2 && slots == null; attempts++) {
@@ -184,8 +202,8 @@ public class NativePKCS11 {
 
   /**
    * Has the native library loaded: every class with native methods calls this before its first use,
-   * and the initialiser of this class does it. One class owns the loading, so that two threads which
-   * use two classes first cannot wait for each other.
+   * and the initialiser of this class does it. One class owns the loading, so that two threads
+   * which use two classes first cannot wait for each other.
    */
   static void loadLibrary() {}
 }

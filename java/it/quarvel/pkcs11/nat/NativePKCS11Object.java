@@ -17,7 +17,8 @@ import java.util.Date;
  *
  * <p>The getters read one attribute each ({@code C_GetAttributeValue}). A getter fails with
  * CKR_ATTRIBUTE_TYPE_INVALID when the object has no such attribute and with CKR_ATTRIBUTE_SENSITIVE
- * when the token keeps the value to itself.
+ * when the token keeps the value to itself. Some modules report success and the length -1 instead,
+ * for which no memory can be had: that is "Internal error".
  */
 public class NativePKCS11Object {
   private static final int DATE_LENGTH = 8;
@@ -58,14 +59,8 @@ public class NativePKCS11Object {
     return objectID;
   }
 
-  /**
-   * Not supported.
-   *
-   * @param attrTypes not read
-   * @param attrValues not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native NativePKCS11Object copy(int[] attrTypes, Object[] attrValues)
       throws PKCS11Exception;
 
@@ -122,7 +117,9 @@ public class NativePKCS11Object {
    * Reads a text.
    *
    * @param attr a {@code CKA_} constant
-   * @return the bytes up to the first zero, read as modified UTF-8; empty for an empty value
+   * @return the bytes up to the first zero, read as modified UTF-8; empty for an empty value. A
+   *     character above U+FFFF that another program wrote is lost, and what follows it may be:
+   *     {@link #getByteArrayAttributeValue} has its four bytes
    * @throws PKCS11Exception when the module refuses
    */
   public native String getStringAttributeValue(int attr) throws PKCS11Exception;
@@ -138,7 +135,8 @@ public class NativePKCS11Object {
 
   /**
    * Reads a date in the calendar of the default locale, so that a locale with another one than the
-   * Gregorian calendar gives another day; {@link #getDate} does not depend on it, and has the type.
+   * Gregorian calendar gives another day, and reads it leniently: 30 February is a day in March.
+   * {@link #getDate} does neither, and has the type.
    *
    * @param attr {@code CKA_START_DATE} or {@code CKA_END_DATE}
    * @return a {@code Date}: midnight of that day in the default time zone
@@ -148,7 +146,8 @@ public class NativePKCS11Object {
   public native Object getDateAttributeValue(int attr) throws PKCS11Exception, ParseException;
 
   /**
-   * Reads a big number; {@link #getBigInteger} has the type.
+   * Reads a big number; {@link #getBigInteger} has the type. More than 2<sup>31</sup> bits are an
+   * {@code ArithmeticException} of {@code BigInteger}.
    *
    * @param attr {@code CKA_MODULUS} for instance
    * @return a {@code BigInteger}, never negative
@@ -200,13 +199,13 @@ public class NativePKCS11Object {
   public native void setIntAttributeValue(int attr, int value) throws PKCS11Exception;
 
   /**
-   * Reads a date: eight ASCII digits, or the digit values 0 to 9 that some tokens store. The
-   * calendar is the Gregorian one, whatever the default locale has.
+   * Reads a date: eight ASCII digits, or the digit values 0 to 9 that some tokens store, and
+   * nothing else. The calendar is the Gregorian one, whatever the default locale has.
    *
    * @param attr {@code CKA_START_DATE} or {@code CKA_END_DATE}
-   * @return midnight of that day in the default time zone
+   * @return the start of that day in the default time zone
    * @throws PKCS11Exception when the module refuses; with "VOID Date field" when no date is set
-   * @throws ParseException when the value is no date
+   * @throws ParseException when the value is no day of the calendar, 30 February for instance
    */
   public Date getDate(int attr) throws PKCS11Exception, ParseException {
     byte[] value = getByteArrayAttributeValue(attr);

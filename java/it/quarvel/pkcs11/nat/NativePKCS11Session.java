@@ -48,7 +48,8 @@ public class NativePKCS11Session implements AutoCloseable {
   @FunctionalInterface
   public interface Visitor<E extends Exception> {
     /**
-     * Looks at an object. The search is still open: no other one can start in the session.
+     * Looks at an object. The search is still open: no other one can start in the session, and some
+     * modules refuse to sign in it meanwhile (CKR_OPERATION_ACTIVE).
      *
      * @param object the object
      * @return whether to go on to the next one
@@ -155,6 +156,11 @@ public class NativePKCS11Session implements AutoCloseable {
   /**
    * Starts a signature ({@code C_SignInit}).
    *
+   * <p>A key with {@code CKA_ALWAYS_AUTHENTICATE} wants the PIN before each signature or
+   * decryption, by a login of its own kind ({@code CKU_CONTEXT_SPECIFIC}) that cannot be had here.
+   * With most modules the first one after a login succeeds and the next one is
+   * CKR_USER_NOT_LOGGED_IN; logging out and in again gives one more.
+   *
    * @param mech a {@code CKM_} value
    * @param param not read
    * @param key a private or secret key
@@ -164,8 +170,8 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception;
 
   /**
-   * Signs all data at once ({@code C_Sign}). Ends the operation, unless it only asks for the length
-   * or fails with CKR_BUFFER_TOO_SMALL.
+   * Signs all data at once ({@code C_Sign}). Ends the operation, unless it only asks for the
+   * length, fails with CKR_BUFFER_TOO_SMALL, or is refused before the module is called.
    *
    * @param inData the data
    * @param inOffset not read: data starts at index 0
@@ -219,7 +225,7 @@ public class NativePKCS11Session implements AutoCloseable {
 
   /**
    * Decrypts all data at once ({@code C_Decrypt}). Ends the operation, unless it only asks for the
-   * length or fails with CKR_BUFFER_TOO_SMALL.
+   * length, fails with CKR_BUFFER_TOO_SMALL, or is refused before the module is called.
    *
    * @param inData the encrypted data
    * @param inOffset not read: data starts at index 0
@@ -250,7 +256,8 @@ public class NativePKCS11Session implements AutoCloseable {
   /**
    * Returns the next object of the search ({@code C_FindObjects}).
    *
-   * @return the object, or null when there is no further one
+   * @return the object, or null when there is no further one; also for an object with the handle 0,
+   *     which some modules give out although it stands for none
    * @throws PKCS11Exception when the module refuses
    */
   public native NativePKCS11Object findObject() throws PKCS11Exception;
@@ -458,361 +465,156 @@ public class NativePKCS11Session implements AutoCloseable {
       Object[] attrValues)
       throws PKCS11Exception;
 
-  /**
-   * Not supported YET.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @throws PKCS11Exception always, with "Not supported YET"
-   */
+  /** @deprecated always fails with "Not supported YET" */
+  @Deprecated
   public native void signUpdate(byte[] inData, int inOffset, int inLen) throws PKCS11Exception;
 
-  /**
-   * Not supported YET.
-   *
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported YET"
-   */
+  /** @deprecated always fails with "Not supported YET" */
+  @Deprecated
   public native int signFinal(byte[] outData, int outOffset) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native byte[] getOperationState() throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param state not read
-   * @param encryptionKey not read
-   * @param authenticationKey not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void setOperationState(
       byte[] state, NativePKCS11Object encryptionKey, NativePKCS11Object authenticationKey)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int encryptUpdate(
       byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int encryptFinal(byte[] outData, int outOffset) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int decryptUpdate(
       byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int decryptFinal(byte[] outData, int outOffset) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param mech not read
-   * @param param not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void digestInit(int mech, Object param) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int digest(byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void digestUpdate(byte[] inData, int inOffset, int inLen) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param key not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void digestKey(NativePKCS11Object key) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int digestFinal(byte[] outData, int outOffset) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param mech not read
-   * @param param not read
-   * @param key not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void signRecoverInit(int mech, Object param, NativePKCS11Object key)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int signRecover(
       byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param mech not read
-   * @param param not read
-   * @param key not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void verifyInit(int mech, Object param, NativePKCS11Object key)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @param signature not read
-   * @param sigOffset not read
-   * @param sigLen not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native boolean verify(
       byte[] inData, int inOffset, int inLen, byte[] signature, int sigOffset, int sigLen)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void verifyUpdate(byte[] inData, int inOffset, int inLen) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param signature not read
-   * @param sigOffset not read
-   * @param sigLen not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native boolean verifyFinal(byte[] signature, int sigOffset, int sigLen)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param mech not read
-   * @param param not read
-   * @param key not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void verifyRecoverInit(int mech, Object param, NativePKCS11Object key)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param signature not read
-   * @param sigOffset not read
-   * @param sigLen not read
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int verifyRecover(
       byte[] signature, int sigOffset, int sigLen, byte[] outData, int outOffset)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int digestEncryptUpdate(
       byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int decryptDigestUpdate(
       byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int signEncryptUpdate(
       byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param inData not read
-   * @param inOffset not read
-   * @param inLen not read
-   * @param outData not read
-   * @param outOffset not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native int decryptVerifyUpdate(
       byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param mech not read
-   * @param param not read
-   * @param baseKey not read
-   * @param attrTypes not read
-   * @param attrValues not read
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native NativePKCS11Object deriveKey(
       int mech, Object param, NativePKCS11Object baseKey, int[] attrTypes, Object[] attrValues)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param seed not read
-   * @param seedOffset not read
-   * @param seedLen not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void seedRandom(byte[] seed, int seedOffset, int seedLen) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param outData not read
-   * @param outOffset not read
-   * @param outLen not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void generateRandom(byte[] outData, int outOffset, int outLen)
       throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @return nothing
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native boolean getFunctionStatus() throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void cancelFunction() throws PKCS11Exception;
 
   /**
-   * Finds every object that matches.
+   * Finds every object that matches; one with the handle 0 ends the search.
    *
    * @param template the attributes to match; null or empty for every object
    * @return the objects in the module's order
@@ -839,7 +641,8 @@ public class NativePKCS11Session implements AutoCloseable {
 
   /**
    * Visits every object that matches, each as the module yields it, so that none needs to be kept.
-   * The search is ended however the visits end.
+   * The search is open meanwhile, so that some modules refuse to sign in the session; it is ended
+   * however the visits end.
    *
    * @param <E> what the visitor throws
    * @param template the attributes to match; null or empty for every object
@@ -861,10 +664,10 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Signs data.
+   * Signs data. Room for 1,024 bytes is offered first; a longer signature costs two calls more.
    *
    * @param mech a {@code CKM_} value
-   * @param key a private or secret key
+   * @param key a private or secret key, see {@link #signInit} on those that want the PIN each time
    * @param data the data
    * @return the signature
    * @throws PKCS11Exception when the module refuses
@@ -893,10 +696,11 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Decrypts data.
+   * Decrypts data. Room for as many bytes as there are encrypted ones, and at least 1,024, is
+   * offered first; a longer result costs two calls more.
    *
    * @param mech a {@code CKM_} value
-   * @param key a private or secret key
+   * @param key a private or secret key, see {@link #signInit} on those that want the PIN each time
    * @param data the encrypted data
    * @return the decrypted data
    * @throws PKCS11Exception when the module refuses
@@ -995,9 +799,9 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * The result of a started operation. Room is offered first: the question for the length is one call
-   * more, and some modules answer it by writing through the null pointer. A refusal for want of room
-   * leaves the operation active.
+   * The result of a started operation. Room is offered first: the question for the length is one
+   * call more, and some modules answer it by writing through the null pointer. A refusal for want
+   * of room leaves the operation active.
    */
   private static byte[] result(Operation operation, byte[] data, int room) throws PKCS11Exception {
     byte[] out = new byte[room];

@@ -86,13 +86,8 @@ public class NativePKCS11Slot {
    */
   public native PKCS11MechanismInfo getMechanismInfo(int mech) throws PKCS11Exception;
 
-  /**
-   * Not supported.
-   *
-   * @param soPin not read
-   * @param label not read
-   * @throws PKCS11Exception always, with "Not supported"
-   */
+  /** @deprecated always fails with "Not supported" */
+  @Deprecated
   public native void initToken(String soPin, String label) throws PKCS11Exception;
 
   /**

@@ -1,0 +1,5 @@
+/**
+ * What a module tells of itself, its slots, tokens, mechanisms and sessions; PKCS#11 constants and
+ * their names; templates of attributes; and the exception for every failure.
+ */
+package it.quarvel.pkcs11;
