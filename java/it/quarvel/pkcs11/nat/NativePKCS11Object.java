@@ -1,9 +1,21 @@
 package it.quarvel.pkcs11.nat;
 
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Template;
+import java.io.IOException;
 import java.math.BigInteger;
 import java.nio.charset.StandardCharsets;
+import java.security.AlgorithmParameters;
+import java.security.GeneralSecurityException;
+import java.security.InvalidKeyException;
+import java.security.KeyFactory;
+import java.security.PublicKey;
+import java.security.spec.ECParameterSpec;
+import java.security.spec.ECPoint;
+import java.security.spec.ECPublicKeySpec;
+import java.security.spec.RSAPublicKeySpec;
 import java.text.ParseException;
 import java.time.LocalDate;
 import java.time.ZoneId;
@@ -22,6 +34,9 @@ import java.util.Date;
  */
 public class NativePKCS11Object {
   private static final int DATE_LENGTH = 8;
+
+  /** The byte of SEC 1 before a point that is written as both its coordinates. */
+  private static final int UNCOMPRESSED = 4;
 
   static {
     NativePKCS11.loadLibrary();
@@ -239,6 +254,50 @@ public class NativePKCS11Object {
    */
   public BigInteger getBigInteger(int attr) throws PKCS11Exception {
     return (BigInteger) getBigIntegerAttributeValue(attr);
+  }
+
+  /**
+   * Makes Java's own public key of this one: of an RSA key, private or public, and of a public EC
+   * key. It reads attributes of this object only ({@code C_GetAttributeValue}): the type, then
+   * {@code CKA_MODULUS} and {@code CKA_PUBLIC_EXPONENT}, or {@code CKA_EC_PARAMS} and {@code
+   * CKA_EC_POINT}, which some tokens show of private EC keys too.
+   *
+   * @return an {@link java.security.interfaces.RSAPublicKey} or {@link
+   *     java.security.interfaces.ECPublicKey}
+   * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_TYPE_INVALID for an object
+   *     that is no key or lacks the public numbers
+   * @throws InvalidKeyException for a key of another type, on a curve that Java does not have, or
+   *     of numbers that are no key
+   */
+  public PublicKey publicKey() throws PKCS11Exception, InvalidKeyException {
+    int type = getIntAttributeValue(CKA_KEY_TYPE);
+    try {
+      return switch (type) {
+        case CKK_RSA -> KeyFactory.getInstance("RSA").generatePublic(new RSAPublicKeySpec(
+            getBigInteger(CKA_MODULUS), getBigInteger(CKA_PUBLIC_EXPONENT)));
+        case CKK_EC -> KeyFactory.getInstance("EC").generatePublic(ecKey());
+        default -> throw new InvalidKeyException("no public key of type " + keyTypeName(type));
+      };
+    } catch (InvalidKeyException e) {
+      throw e;
+    } catch (GeneralSecurityException | IOException e) {
+      throw new InvalidKeyException(e.getMessage(), e);
+    }
+  }
+
+  /** Takes an uncompressed point from the end of the value: not all tokens wrap it in DER. */
+  private ECPublicKeySpec ecKey() throws PKCS11Exception, GeneralSecurityException, IOException {
+    AlgorithmParameters parameters = AlgorithmParameters.getInstance("EC");
+    parameters.init(getByteArrayAttributeValue(CKA_EC_PARAMS));
+    ECParameterSpec curve = parameters.getParameterSpec(ECParameterSpec.class);
+    byte[] point = getByteArrayAttributeValue(CKA_EC_POINT);
+    int size = (curve.getCurve().getField().getFieldSize() + 7) / 8;
+    int x = point.length - 2 * size;
+    if (x < 1 || point[x - 1] != UNCOMPRESSED) {
+      throw new InvalidKeyException("CKA_EC_POINT is no uncompressed point of the key's curve");
+    }
+    return new ECPublicKeySpec(new ECPoint(new BigInteger(1, point, x, size),
+        new BigInteger(1, point, x + size, size)), curve);
   }
 
   /**
