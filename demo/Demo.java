@@ -1,132 +1,62 @@
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Constants;
-import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.PKCS11Info;
-import it.quarvel.pkcs11.PKCS11SlotInfo;
-import it.quarvel.pkcs11.PKCS11Template;
-import it.quarvel.pkcs11.PKCS11TokenInfo;
-import it.quarvel.pkcs11.nat.NativePKCS11;
-import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import it.quarvel.pkcs11.nat.NativePKCS11Session;
-import it.quarvel.pkcs11.nat.NativePKCS11Slot;
-import java.io.ByteArrayInputStream;
-import java.io.ByteArrayOutputStream;
+import it.quarvel.pkcs11.*;
+import it.quarvel.pkcs11.nat.*;
 import java.nio.charset.StandardCharsets;
-import java.security.GeneralSecurityException;
-import java.security.KeyFactory;
-import java.security.MessageDigest;
-import java.security.PublicKey;
-import java.security.Signature;
-import java.security.cert.CertificateFactory;
-import java.security.cert.X509Certificate;
-import java.security.spec.RSAPublicKeySpec;
-import java.util.Arrays;
-import java.util.HashMap;
-import java.util.HexFormat;
-import java.util.Map;
-import java.util.Optional;
-import java.util.Set;
-import java.util.stream.Collectors;
+import java.security.*;
+import java.util.*;
+import java.util.stream.*;
 
 /**
  * Shows a token, signs with one of its RSA keys, and has Java's own cryptography verify it. Writes
  * nothing to the token; with {@code --write} a {@link Tour} does, which is meant for a token that
  * nobody needs.
+ *
+ * @param options the words of the command line by the option before them
+ * @param write whether there is to be a tour
  */
-public class Demo {
-  private static final String USAGE =
-      "usage: java -cp quarvel-pkcs11.jar:CLASSES Demo"
-          + " --module FILE --pin PIN [--label TOKEN] [--key LABEL] [--write]";
+public record Demo(Map<String, String> options, boolean write) {
+  private static final String USAGE = "usage: java -cp quarvel-pkcs11.jar:CLASSES Demo"
+      + " --module FILE --pin PIN [--label TOKEN] [--key LABEL] [--write]";
 
-  /** The DER that PKCS #1 puts before a SHA-256 digest. */
-  private static final byte[] SHA256_DIGEST_INFO =
-      HexFormat.of().parseHex("3031300d060960864801650304020105000420");
-
-  /** A failure that needs no return value to explain it. */
-  static class DemoException extends Exception {
-    private static final long serialVersionUID = 1L;
-
-    DemoException(String message) {
-      super(message);
-    }
-  }
-
-  private final Map<String, String> options;
-
-  private Demo(Map<String, String> options) {
-    this.options = options;
-  }
+  /** The DER that PKCS #1 puts before a SHA-256 digest, in hexadecimal digits. */
+  private static final String SHA256_DIGEST_INFO = "3031300d060960864801650304020105000420";
 
   public static void main(String[] args) {
-    Map<String, String> options = parse(args);
-    if (!options.keySet().containsAll(Set.of("--module", "--pin"))) {
+    List<String> words = new ArrayList<>(List.of(args));
+    boolean write = words.remove("--write");
+    Map<String, String> options = new HashMap<>();
+    for (int i = 0; i + 1 < words.size(); i += 2) {
+      options.put(words.get(i), words.get(i + 1));
+    }
+    if (words.size() % 2 != 0 || !options.keySet().containsAll(Set.of("--module", "--pin"))
+        || !Set.of("--module", "--pin", "--label", "--key").containsAll(options.keySet())) {
       System.err.println(USAGE);
       System.exit(2);
     }
     try {
-      System.out.println(new Demo(options).run());
-    } catch (PKCS11Exception | GeneralSecurityException | DemoException | LinkageError e) {
-      System.err.println("Demo: " + e.getMessage().replace("\n", "; ") + advice(e) + more(e));
+      System.out.println(new Demo(options, write).run());
+    } catch (PKCS11Exception | GeneralSecurityException | IllegalStateException | LinkageError e) {
+      System.err.println(Stream.concat(Stream.of(e), Stream.of(e.getSuppressed()))
+          .map(failure -> failure.getMessage().replace("\n", "; "))
+          .collect(Collectors.joining("; then: ", "Demo: ",
+              e instanceof IllegalStateException ? "" : "; see docs/troubleshooting.md")));
       System.exit(1);
     }
   }
 
-  /** Returns the options by name, none at all when there is anything wrong with them. */
-  private static Map<String, String> parse(String[] args) {
-    Set<String> withValue = Set.of("--module", "--pin", "--label", "--key");
-    Map<String, String> options = new HashMap<>();
-    for (int i = 0; i < args.length; i++) {
-      String name = args[i];
-      if (name.equals("--write")) {
-        options.put(name, "");
-      } else if (withValue.contains(name) && i + 1 < args.length) {
-        options.put(name, args[++i]);
-      } else {
-        return Map.of();
-      }
-    }
-    return options;
-  }
-
-  private static String advice(Throwable failure) {
-    if (!(failure instanceof PKCS11Exception e)) {
-      return "";
-    }
-    return switch (e.errorCode()) {
-      case CKR_PIN_INCORRECT -> ": check --pin; most tokens lock after a few wrong ones";
-      case CKR_PIN_LOCKED -> ": have the security officer set a new PIN";
-      case CKR_MECHANISM_INVALID, CKR_KEY_FUNCTION_NOT_PERMITTED ->
-          ": name a key that may sign with RSA by --key, or leave --write out";
-      case CKR_TOKEN_WRITE_PROTECTED -> ": leave --write out";
-      case CKR_TOKEN_NOT_PRESENT, CKR_DEVICE_REMOVED -> ": insert the token and start again";
-      case CKR_SESSION_HANDLE_INVALID, CKR_OBJECT_HANDLE_INVALID ->
-          ": if the module has handles of 64 bits, put p11-kit-proxy in front of it";
-      case 0 ->
-          e.getMessage().startsWith("Internal error")
-              ? ": check that --module names a PKCS#11 module and that it finds its configuration"
-              : "";
-      default -> ": check the token with the tools of its module";
-    };
-  }
-
-  /** What went wrong on the way out, after the failure itself. */
-  private static String more(Throwable failure) {
-    return Arrays.stream(failure.getSuppressed())
-        .map(suppressed -> "; then: " + suppressed.getMessage())
-        .collect(Collectors.joining());
-  }
-
   /** Does it all, and returns what the last line is to say. */
-  private String run() throws PKCS11Exception, GeneralSecurityException, DemoException {
+  private String run() throws PKCS11Exception, GeneralSecurityException {
     NativePKCS11.loadPKCS11Library(options.get("--module"));
     NativePKCS11 module = new NativePKCS11();
+    // Before the try: it is refused when another part of the process uses the module, which is then
+    // not to be finalised here.
+    module.libInitialize();
     try {
-      module.libInitialize();
-      show(module.getInfo());
+      PKCS11Info info = module.getInfo();
+      System.out.printf("Module: %s, %s %s%n", info.manufacturerID().strip(),
+          info.libraryDescription().strip(), PKCS11Info.versionText(info.libraryVersion()));
       NativePKCS11Slot slot = chooseSlot(module);
-      showMechanisms(slot);
-      boolean write = options.containsKey("--write");
       // Read-only is enough to sign. Closing the last session logs out as well, so that a failure
       // after the login leaves nobody logged in.
       int flags = write ? CKF_SERIAL_SESSION | CKF_RW_SESSION : CKF_SERIAL_SESSION;
@@ -144,58 +74,25 @@ public class Demo {
     }
   }
 
-  private static void show(PKCS11Info info) {
-    System.out.printf(
-        "Module: %s, %s %s, PKCS#11 %s%n",
-        info.manufacturerID().strip(),
-        info.libraryDescription().strip(),
-        PKCS11Info.versionText(info.libraryVersion()),
-        PKCS11Info.versionText(info.cryptokiVersion()));
-  }
-
-  /** Shows every slot, and returns the first one with the token that was asked for. */
-  private NativePKCS11Slot chooseSlot(NativePKCS11 module) throws PKCS11Exception, DemoException {
+  /** Shows every token, and returns the slot of the first that was asked for. */
+  private NativePKCS11Slot chooseSlot(NativePKCS11 module) throws PKCS11Exception {
     String label = options.get("--label");
     NativePKCS11Slot chosen = null;
-    for (NativePKCS11Slot slot : module.slots(false)) {
-      PKCS11SlotInfo info = slot.getInfo();
-      System.out.printf("Slot %d: %s%n", slot.slotID(), info.slotDescription().strip());
-      if (!info.hasFlag(CKF_TOKEN_PRESENT)) {
-        continue;
-      }
+    for (NativePKCS11Slot slot : module.slots(true)) {
       PKCS11TokenInfo token = slot.getTokenInfo();
-      show(token);
+      boolean initialised = token.hasFlag(CKF_TOKEN_INITIALIZED);
+      System.out.printf("Slot %d: token \"%s\", %s %s, serial number %s%s%n", slot.slotID(),
+          token.trimmedLabel(), token.manufacturerID().strip(), token.model().strip(),
+          token.serialNumber().strip(), initialised ? "" : ", not initialised");
       boolean matches = label == null || label.equals(token.trimmedLabel());
-      if (chosen == null && matches && token.hasFlag(CKF_TOKEN_INITIALIZED)) {
-        chosen = slot;
-      }
+      chosen = chosen == null && matches && initialised ? slot : chosen;
     }
     if (chosen == null) {
-      throw new DemoException(
-          "no initialised token" + (label == null ? "" : " labelled " + label)
-              + ": insert or initialise one, or name another by --label");
+      throw new IllegalStateException("no initialised token"
+          + (label == null ? "" : " labelled " + label) + ": insert or initialise one");
     }
     System.out.println("Using slot " + chosen.slotID());
     return chosen;
-  }
-
-  private static void show(PKCS11TokenInfo token) {
-    System.out.printf(
-        "  Token \"%s\": %s %s, serial number %s, PIN of %d to %d bytes%s%n",
-        token.trimmedLabel(),
-        token.manufacturerID().strip(),
-        token.model().strip(),
-        token.serialNumber().strip(),
-        token.minPinLen(),
-        token.maxPinLen(),
-        token.hasFlag(CKF_TOKEN_INITIALIZED) ? "" : ", not initialised");
-  }
-
-  private static void showMechanisms(NativePKCS11Slot slot) throws PKCS11Exception {
-    System.out.println(
-        Arrays.stream(slot.getMechanismList())
-            .mapToObj(PKCS11Constants::mechanismName)
-            .collect(Collectors.joining(" ", "Mechanisms: ", "")));
   }
 
   /** Bytes can be wiped, which a String cannot: a real program reads them from the user. */
@@ -209,102 +106,44 @@ public class Demo {
   }
 
   private String signAndVerify(NativePKCS11Session session)
-      throws PKCS11Exception, GeneralSecurityException, DemoException {
+      throws PKCS11Exception, GeneralSecurityException {
     NativePKCS11Object key = findSigningKey(session);
-    show(key);
+    String label = key.getStringAttributeValue(CKA_LABEL);
+    byte[] id = key.getByteArrayAttributeValue(CKA_ID);
+    System.out.printf("Key \"%s\": id %s, RSA of %d bits%n", label,
+        HexFormat.of().formatHex(id), key.getBigInteger(CKA_MODULUS).bitLength());
     byte[] data = "Signed by a token, verified by Java.".getBytes(StandardCharsets.UTF_8);
     byte[] signature = sign(session, key, data);
 
     Signature verifier = Signature.getInstance("SHA256withRSA");
-    verifier.initVerify(findPublicKey(session, key));
+    // Its public key has the same id; a private RSA key mostly tells the public numbers as well.
+    PKCS11Template half = new PKCS11Template().put(CKA_CLASS, CKO_PUBLIC_KEY).put(CKA_ID, id);
+    verifier.initVerify((id.length == 0 ? key : session.findFirst(half).orElse(key)).publicKey());
     verifier.update(data);
     if (!verifier.verify(signature)) {
-      throw new DemoException("the signature does not verify: the public key with the same CKA_ID"
-          + " belongs to another private key");
+      throw new IllegalStateException("the public key with the same CKA_ID is another key's");
     }
     return "Verified: Java accepts the %d-byte SHA256withRSA signature made by key \"%s\""
-        .formatted(signature.length, key.getStringAttributeValue(CKA_LABEL));
+        .formatted(signature.length, label);
   }
 
-  private NativePKCS11Object findSigningKey(NativePKCS11Session session)
-      throws PKCS11Exception, DemoException {
-    PKCS11Template template =
-        new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY).put(CKA_KEY_TYPE, CKK_RSA);
+  private NativePKCS11Object findSigningKey(NativePKCS11Session session) throws PKCS11Exception {
     String label = options.get("--key");
-    if (label == null) {
-      template.put(CKA_SIGN, true);
-    } else {
-      template.put(CKA_LABEL, label);
-    }
-    return session
-        .findFirst(template)
-        .orElseThrow(
-            () -> new DemoException(
-                (label == null ? "no RSA key that signs" : "no private RSA key labelled " + label)
-                    + " on the token: make one, or name another by --key"));
-  }
-
-  private static void show(NativePKCS11Object key) throws PKCS11Exception {
-    System.out.printf(
-        "Key \"%s\": id %s, %s, %s of %d bits, sensitive %b, extractable %b%n",
-        key.getStringAttributeValue(CKA_LABEL),
-        HexFormat.of().formatHex(key.getByteArrayAttributeValue(CKA_ID)),
-        PKCS11Constants.objectClassName(key.getIntAttributeValue(CKA_CLASS)),
-        PKCS11Constants.keyTypeName(key.getIntAttributeValue(CKA_KEY_TYPE)),
-        key.getBigInteger(CKA_MODULUS).bitLength(),
-        key.getBoolAttributeValue(CKA_SENSITIVE),
-        key.getBoolAttributeValue(CKA_EXTRACTABLE));
+    PKCS11Template key =
+        new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY).put(CKA_KEY_TYPE, CKK_RSA);
+    return session.findFirst(label == null ? key.put(CKA_SIGN, true) : key.put(CKA_LABEL, label))
+        .orElseThrow(() -> new IllegalStateException("no private RSA key "
+            + (label == null ? "that signs" : "labelled " + label) + ": name one by --key"));
   }
 
   /** Lets the token digest the data where it can, and digests it here where it cannot. */
   private static byte[] sign(NativePKCS11Session session, NativePKCS11Object key, byte[] data)
       throws PKCS11Exception, GeneralSecurityException {
     int[] mechanisms = session.slot().getMechanismList();
-    if (Arrays.stream(mechanisms).anyMatch(m -> m == CKM_SHA256_RSA_PKCS)) {
+    if (Arrays.stream(mechanisms).anyMatch(mechanism -> mechanism == CKM_SHA256_RSA_PKCS)) {
       return session.sign(CKM_SHA256_RSA_PKCS, key, data);
     }
-    ByteArrayOutputStream digestInfo = new ByteArrayOutputStream();
-    digestInfo.writeBytes(SHA256_DIGEST_INFO);
-    digestInfo.writeBytes(MessageDigest.getInstance("SHA-256").digest(data));
-    return session.sign(CKM_RSA_PKCS, key, digestInfo.toByteArray());
-  }
-
-  /** Finds the public half: a public key or certificate with the same CKA_ID, or the key's own. */
-  private static PublicKey findPublicKey(NativePKCS11Session session, NativePKCS11Object key)
-      throws PKCS11Exception, GeneralSecurityException {
-    byte[] id = key.getByteArrayAttributeValue(CKA_ID);
-    if (id.length > 0) {
-      Optional<NativePKCS11Object> publicKey = findById(session, CKO_PUBLIC_KEY, id);
-      if (publicKey.isPresent()) {
-        return rsaKey(publicKey.get());
-      }
-      Optional<NativePKCS11Object> certificate = findById(session, CKO_CERTIFICATE, id);
-      if (certificate.isPresent()) {
-        byte[] der = certificate.get().getByteArrayAttributeValue(CKA_VALUE);
-        return x509(der).getPublicKey();
-      }
-    }
-    return rsaKey(key);
-  }
-
-  private static Optional<NativePKCS11Object> findById(
-      NativePKCS11Session session, int objectClass, byte[] id) throws PKCS11Exception {
-    return session.findFirst(new PKCS11Template().put(CKA_CLASS, objectClass).put(CKA_ID, id));
-  }
-
-  /** Reads a certificate in DER. */
-  static X509Certificate x509(byte[] der) throws GeneralSecurityException {
-    return (X509Certificate)
-        CertificateFactory.getInstance("X.509")
-            .generateCertificate(new ByteArrayInputStream(der));
-  }
-
-  /** Makes Java's own key of the numbers of an RSA key on the token. */
-  static PublicKey rsaKey(NativePKCS11Object key)
-      throws PKCS11Exception, GeneralSecurityException {
-    RSAPublicKeySpec numbers =
-        new RSAPublicKeySpec(
-            key.getBigInteger(CKA_MODULUS), key.getBigInteger(CKA_PUBLIC_EXPONENT));
-    return KeyFactory.getInstance("RSA").generatePublic(numbers);
+    String digest = HexFormat.of().formatHex(MessageDigest.getInstance("SHA-256").digest(data));
+    return session.sign(CKM_RSA_PKCS, key, HexFormat.of().parseHex(SHA256_DIGEST_INFO + digest));
   }
 }
