@@ -1,0 +1,117 @@
+package it.quarvel.pkcs11.cli.command;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Constants;
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.cli.console.Failure;
+import it.quarvel.pkcs11.cli.option.Names;
+import it.quarvel.pkcs11.cli.option.ObjectFilter;
+import it.quarvel.pkcs11.cli.option.PinOptions;
+import it.quarvel.pkcs11.cli.option.TokenOptions;
+import it.quarvel.pkcs11.cli.token.Attributes;
+import it.quarvel.pkcs11.cli.token.Connection;
+import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.nat.NativePKCS11Object;
+import it.quarvel.pkcs11.nat.NativePKCS11Session;
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import picocli.CommandLine.Mixin;
+import picocli.CommandLine.Option;
+import picocli.CommandLine.Parameters;
+
+/** A command that makes other data of data with one key. */
+public abstract class KeyCommand extends ModuleCommand {
+  /** There is no sensible mechanism for this type of key. */
+  static final int NO_DEFAULT = -1;
+
+  private static final Path STANDARD = Path.of("-");
+
+  @Mixin private TokenOptions token;
+  @Mixin private PinOptions pin;
+  @Mixin private ObjectFilter filter;
+
+  @Option(names = "--mechanism", paramLabel = "NAME", converter = Names.Mechanism.class,
+      description = "The mechanism; see above for what it is otherwise.")
+  private Integer mechanism;
+
+  @Option(names = {"-o", "--output"}, paramLabel = "FILE",
+      description = "Where the result goes; else to standard output.")
+  private Path output;
+
+  @Parameters(arity = "0..1", paramLabel = "FILE",
+      description = "The data; without it, or with \"-\", standard input.")
+  private Path input = STANDARD;
+
+  abstract String operation();
+
+  /** Returns the mechanism for who names none. */
+  abstract int defaultMechanism(int keyType);
+
+  /** Tells the user what is odd about data for a mechanism that nobody has named. */
+  void warn(int defaultMechanism, byte[] data) {}
+
+  abstract byte[] apply(
+      NativePKCS11Session session, int mechanism, NativePKCS11Object key, byte[] data)
+      throws PKCS11Exception;
+
+  @Override
+  public final Integer call() throws Failure {
+    if (!filter.isNamed(token.uri())) {
+      throw Failure.usage("which key? Name it by --label, --id or --uri");
+    }
+    return super.call();
+  }
+
+  /** Reads the data first: a file that is not there should cost no login. */
+  @Override
+  final void run(Connection connection) throws Failure {
+    byte[] data = read();
+    Token chosen = token.choose(connection);
+    connection.openSession(chosen.slot(), 0);
+    if (pin.isAsked(token.uri()) || chosen.info().hasFlag(CKF_LOGIN_REQUIRED)) {
+      pin.login(program(), connection, chosen, token.uri());
+    }
+    NativePKCS11Object key = filter.key(connection, token.uri());
+    int chosenMechanism = mechanism != null ? mechanism : chooseMechanism(key, data);
+    write(connection.call(
+        operation(), () -> apply(connection.session(), chosenMechanism, key, data)));
+  }
+
+  private int chooseMechanism(NativePKCS11Object key, byte[] data) throws Failure {
+    Integer keyType = new Attributes(key).read(CKA_KEY_TYPE, key::getIntAttributeValue);
+    if (keyType == null) {
+      throw Failure.usage("this object is no key: --type is private, public or secret-key");
+    }
+    int found = defaultMechanism(keyType);
+    if (found == NO_DEFAULT) {
+      throw Failure.usage("no usual mechanism for a key of type %s: name one by --mechanism"
+          .formatted(PKCS11Constants.keyTypeName(keyType)));
+    }
+    warn(found, data);
+    return found;
+  }
+
+  private byte[] read() throws Failure {
+    boolean standard = input.equals(STANDARD);
+    try {
+      // Standard input stays open: it may be the terminal that the PIN comes from.
+      return standard ? System.in.readAllBytes() : Files.readAllBytes(input);
+    } catch (IOException e) {
+      throw Failure.file((standard ? "standard input" : input) + " cannot be read", e);
+    }
+  }
+
+  private void write(byte[] result) throws Failure {
+    if (output == null) {
+      program().out().write(result);
+      return;
+    }
+    try {
+      Files.write(output, result);
+    } catch (IOException e) {
+      throw Failure.file(output + " cannot be written", e);
+    }
+  }
+}

@@ -1,0 +1,28 @@
+package it.quarvel.pkcs11.cli.command;
+
+import it.quarvel.pkcs11.cli.console.Failure;
+import it.quarvel.pkcs11.cli.console.Program;
+import it.quarvel.pkcs11.cli.token.Connection;
+import it.quarvel.pkcs11.cli.token.Steps;
+import java.util.concurrent.Callable;
+import picocli.CommandLine.ParentCommand;
+
+/** A command that works on an initialised module, which is finalised however the command ends. */
+public abstract class ModuleCommand implements Callable<Integer> {
+  @ParentCommand private Program program;
+
+  /** Does what the command is for. */
+  abstract void run(Connection connection) throws Failure;
+
+  @Override
+  public Integer call() throws Failure {
+    try (Connection connection = Connection.open(program.module(), new Steps())) {
+      run(connection);
+    }
+    return 0;
+  }
+
+  final Program program() {
+    return program;
+  }
+}

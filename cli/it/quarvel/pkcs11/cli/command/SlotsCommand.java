@@ -1,0 +1,86 @@
+package it.quarvel.pkcs11.cli.command;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Info;
+import it.quarvel.pkcs11.PKCS11SlotInfo;
+import it.quarvel.pkcs11.PKCS11TokenInfo;
+import it.quarvel.pkcs11.cli.console.Failure;
+import it.quarvel.pkcs11.cli.console.Output;
+import it.quarvel.pkcs11.cli.option.Names;
+import it.quarvel.pkcs11.cli.token.Connection;
+import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.nat.NativePKCS11Slot;
+import java.util.LinkedHashMap;
+import java.util.Map;
+import java.util.Set;
+import picocli.CommandLine.Command;
+import picocli.CommandLine.Mixin;
+
+/** Lists the slots and their tokens. */
+@Command(name = "slots", description = "List the slots and their tokens.")
+public final class SlotsCommand extends ModuleCommand {
+  @Mixin private Output output;
+
+  @Override
+  void run(Connection connection) throws Failure {
+    for (NativePKCS11Slot slot : connection.call("slots", () -> connection.module().slots(false))) {
+      Map<String, Object> values = new LinkedHashMap<>();
+      values.put("slot", Token.number(slot));
+      addSlot(values, connection, slot);
+      Object description = values.getOrDefault("description", "not readable");
+      output.item(program().out(), "Slot " + Token.number(slot) + ": " + description, values,
+          Set.of("slot", "description"));
+    }
+    output.end(program().out());
+  }
+
+  /** A slot or token that cannot be read is one of the things to show, not the end of the list. */
+  private static void addSlot(
+      Map<String, Object> values, Connection connection, NativePKCS11Slot slot) {
+    try {
+      PKCS11SlotInfo info = connection.call("slot info", slot::getInfo);
+      add(values, info);
+      if (info.hasFlag(CKF_TOKEN_PRESENT)) {
+        addToken(values, connection, slot);
+      }
+    } catch (Failure e) {
+      values.put("slotError", e.reason());
+    }
+  }
+
+  private static void add(Map<String, Object> values, PKCS11SlotInfo info) {
+    values.put("description", info.slotDescription().strip());
+    values.put("manufacturer", info.manufacturerID().strip());
+    values.put("hardwareVersion", PKCS11Info.versionText(info.hardwareVersion()));
+    values.put("firmwareVersion", PKCS11Info.versionText(info.firmwareVersion()));
+    values.put("flags", Names.flags(info, Names.SLOT_FLAGS));
+  }
+
+  private static void addToken(
+      Map<String, Object> values, Connection connection, NativePKCS11Slot slot) {
+    try {
+      add(values, connection.call("token info", slot::getTokenInfo));
+    } catch (Failure e) {
+      values.put("tokenError", e.reason());
+    }
+  }
+
+  private static void add(Map<String, Object> values, PKCS11TokenInfo token) {
+    values.put("tokenLabel", token.trimmedLabel());
+    values.put("tokenManufacturer", token.manufacturerID().strip());
+    values.put("tokenModel", token.model().strip());
+    values.put("serialNumber", token.serialNumber().strip());
+    values.put("tokenHardwareVersion", PKCS11Info.versionText(token.hardwareVersion()));
+    values.put("tokenFirmwareVersion", PKCS11Info.versionText(token.firmwareVersion()));
+    values.put("minPinLength", token.minPinLen());
+    values.put("maxPinLength", token.maxPinLen());
+    values.put("freePublicMemory", known(token.freePublicMemory()));
+    values.put("freePrivateMemory", known(token.freePrivateMemory()));
+    values.put("tokenFlags", Names.flags(token, Names.TOKEN_FLAGS));
+  }
+
+  private static Integer known(int size) {
+    return size == CK_UNAVAILABLE_INFORMATION ? null : size;
+  }
+}

@@ -1,0 +1,66 @@
+package it.quarvel.pkcs11.cli.console;
+
+import java.io.IOException;
+import java.nio.file.AccessDeniedException;
+import java.nio.file.FileSystemException;
+import java.nio.file.NoSuchFileException;
+
+/** What ends a command: one line for the user and the exit status. */
+public final class Failure extends Exception {
+  /** Something did not work. */
+  public static final int FAILED = 1;
+
+  /** The command line asks for something that does not exist. */
+  public static final int USAGE = 2;
+
+  private static final long serialVersionUID = 1L;
+
+  private final int status;
+
+  private final String reason;
+
+  private Failure(int status, String reason, String message, Throwable cause) {
+    super(message, cause);
+    this.status = status;
+    this.reason = reason;
+  }
+
+  /** Makes a failure that says itself what is wrong and what to do. */
+  public Failure(String message) {
+    this(FAILED, message, message, null);
+  }
+
+  /** Makes a failure whose message says more than what went wrong, the reason. */
+  public Failure(String reason, String message, Throwable cause) {
+    this(FAILED, reason, message, cause);
+  }
+
+  /** Makes a failure that the command line is to blame for. */
+  public static Failure usage(String message) {
+    return new Failure(USAGE, message, message, null);
+  }
+
+  /** Makes a failure of a file, whose exception often says no more than its name. */
+  public static Failure file(String what, IOException cause) {
+    String reason = cause instanceof NoSuchFileException ? "there is no such file or folder"
+        : cause instanceof AccessDeniedException ? "you have no permission"
+        : cause instanceof FileSystemException e && e.getReason() != null ? e.getReason()
+        : cause instanceof FileSystemException ? cause.getClass().getSimpleName()
+        : cause.getMessage();
+    return new Failure(what + ": " + reason);
+  }
+
+  /** Makes a failure that nobody is left to read about. */
+  public static Failure silent(int status) {
+    return new Failure(status, "", "", null);
+  }
+
+  public int status() {
+    return status;
+  }
+
+  /** Returns what went wrong without operation and advice, for a table that shows these itself. */
+  public String reason() {
+    return reason;
+  }
+}

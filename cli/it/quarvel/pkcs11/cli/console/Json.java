@@ -1,0 +1,40 @@
+package it.quarvel.pkcs11.cli.console;
+
+import java.util.HexFormat;
+import java.util.List;
+import java.util.Map;
+import java.util.stream.Collectors;
+
+/** Data for programs: JSON as RFC 8259 has it. Bytes become hexadecimal text. */
+final class Json {
+  private Json() {}
+
+  /** Writes maps, lists, numbers, truth values, bytes and null as such, the rest as text. */
+  static String of(Object value) {
+    if (value == null || value instanceof Number || value instanceof Boolean) {
+      return String.valueOf(value);
+    }
+    if (value instanceof Map<?, ?> map) {
+      return map.entrySet().stream()
+          .map(entry -> quote(entry.getKey().toString()) + ": " + of(entry.getValue()))
+          .collect(Collectors.joining(", ", "{", "}"));
+    }
+    if (value instanceof List<?> list) {
+      return list.stream().map(Json::of).collect(Collectors.joining(", ", "[", "]"));
+    }
+    return quote(value instanceof byte[] bytes ? HexFormat.of().formatHex(bytes) : "" + value);
+  }
+
+  private static String quote(String text) {
+    return text.codePoints().mapToObj(Json::escape).collect(Collectors.joining("", "\"", "\""));
+  }
+
+  /** A surrogate that stands alone has no UTF-8, but it has an escape. */
+  private static String escape(int c) {
+    if (c == '"' || c == '\\') {
+      return "\\" + (char) c;
+    }
+    boolean plain = c >= ' ' && Character.getType(c) != Character.SURROGATE;
+    return plain ? Character.toString(c) : "\\u%04x".formatted(c);
+  }
+}

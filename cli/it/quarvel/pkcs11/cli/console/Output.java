@@ -1,0 +1,56 @@
+package it.quarvel.pkcs11.cli.console;
+
+import java.util.List;
+import java.util.Map;
+import java.util.Set;
+import picocli.CommandLine.Option;
+
+/** The choice between data for people and for programs, and the one place that acts on it. */
+public final class Output {
+  @Option(names = "--json", description = "Write JSON instead of text.")
+  private boolean json;
+
+  private String separator = "[";
+
+  public boolean isJson() {
+    return json;
+  }
+
+  /** Writes the only thing there is to say. */
+  public void object(Stdout out, String title, Map<String, Object> values) throws Failure {
+    out.write(json ? Json.of(values) + "\n" : Text.block(title, values, Set.of()));
+  }
+
+  /**
+   * Writes one of a list of any length at once; {@link #end} follows the last. People need not read
+   * again what the title has of the values.
+   */
+  public void item(Stdout out, String title, Map<String, Object> values, Set<String> inTitle)
+      throws Failure {
+    if (json) {
+      out.write(separator + "\n" + Json.of(values));
+      separator = ",";
+    } else {
+      out.write(Text.block(title, values, inTitle));
+    }
+  }
+
+  /** Ends the list. A list that a failure has cut short stays open: it is no valid JSON. */
+  public void end(Stdout out) throws Failure {
+    if (json) {
+      out.write(separator.equals("[") ? "[]\n" : "\n]\n");
+    }
+  }
+
+  /** Writes a table. */
+  public void table(Stdout out, List<Map<String, Object>> rows) throws Failure {
+    if (!json) {
+      out.write(Text.table(rows));
+      return;
+    }
+    for (Map<String, Object> row : rows) {
+      item(out, "", row, Set.of());
+    }
+    end(out);
+  }
+}

@@ -1,0 +1,71 @@
+package it.quarvel.pkcs11.cli.console;
+
+import java.io.OutputStream;
+import java.io.PrintStream;
+import picocli.CommandLine.Option;
+import picocli.CommandLine.ScopeType;
+
+/** What all commands share: two options, and where their data and their messages go. */
+public class Program {
+  public static final String NAME = "quarvel-pkcs11";
+
+  private static final String MODULE_VARIABLE = "QUARVEL_PKCS11_MODULE";
+  private static final String TRACE_VARIABLE = "PKCS11_ZOV_DEBUG";
+
+  @Option(names = "--module", paramLabel = "FILE", scope = ScopeType.INHERIT,
+      description = "The PKCS#11 module; else the one that " + MODULE_VARIABLE + " names.")
+  private String module;
+
+  @Option(names = "--verbose", scope = ScopeType.INHERIT,
+      description = "Show where in the program a failure comes from.")
+  private boolean verbose;
+
+  private final Stdout out;
+  private final PrintStream err;
+
+  protected Program(OutputStream out, PrintStream err) {
+    this.out = new Stdout(out);
+    this.err = err;
+  }
+
+  /** Returns the path of the module, from the command line or the environment. */
+  public String module() throws Failure {
+    String path = module != null ? module : System.getenv(MODULE_VARIABLE);
+    if (path == null || path.isEmpty()) {
+      throw Failure.usage("no PKCS#11 module: name its file by --module or " + MODULE_VARIABLE);
+    }
+    if (Text.isGarbled(path)) {
+      throw Failure.usage("the path of the PKCS#11 module" + Text.GARBLED);
+    }
+    if (System.getenv(TRACE_VARIABLE) != null) {
+      message(TRACE_VARIABLE + " is set: standard output goes to /var/tmp/vorlenk0.log");
+    }
+    return path;
+  }
+
+  public Stdout out() {
+    return out;
+  }
+
+  public PrintStream err() {
+    return err;
+  }
+
+  /** Tells the user something, in one line. */
+  public void message(String text) {
+    err.println(NAME + ": " + Text.printable(text.replaceAll("\\R", "; ")));
+  }
+
+  /** Says what is wrong and no more: standard output may be a file that somebody reads later. */
+  public int report(Exception failure) {
+    if (failure instanceof Failure known && known.getMessage().isEmpty()) {
+      return known.status();
+    }
+    message(failure instanceof Failure ? failure.getMessage()
+        : "unexpected " + failure + "; --verbose shows where");
+    if (verbose) {
+      failure.printStackTrace(err);
+    }
+    return failure instanceof Failure known ? known.status() : Failure.FAILED;
+  }
+}

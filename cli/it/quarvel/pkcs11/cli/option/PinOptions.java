@@ -1,0 +1,173 @@
+package it.quarvel.pkcs11.cli.option;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.cli.console.Failure;
+import it.quarvel.pkcs11.cli.console.Program;
+import it.quarvel.pkcs11.cli.console.Terminal;
+import it.quarvel.pkcs11.cli.console.Text;
+import it.quarvel.pkcs11.cli.token.Connection;
+import it.quarvel.pkcs11.cli.token.PKCS11Uri;
+import it.quarvel.pkcs11.cli.token.Token;
+import java.io.IOException;
+import java.nio.ByteBuffer;
+import java.nio.CharBuffer;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.Arrays;
+import picocli.CommandLine.ArgGroup;
+import picocli.CommandLine.ITypeConverter;
+import picocli.CommandLine.Option;
+import picocli.CommandLine.TypeConversionException;
+
+/** How to log in. The PIN is asked for without echo unless one of the options says otherwise. */
+public final class PinOptions {
+  private static final class Source {
+    @Option(names = "--pin", paramLabel = "env:NAME", converter = VariableConverter.class,
+        description = "Log in with the PIN in this environment variable.")
+    String variable;
+
+    @Option(names = "--pin-source", paramLabel = "FILE",
+        description = "Log in with the PIN that is the first line of this file.")
+    Path file;
+
+    @Option(names = "--pinpad", description = "Log in with the PIN pad of the reader.")
+    boolean pinpad;
+  }
+
+  private static final class VariableConverter implements ITypeConverter<String> {
+    @Override
+    public String convert(String value) {
+      if (!value.matches("env:.+")) {
+        throw new TypeConversionException(
+            "a PIN on the command line can be read by other users in the list of processes: write"
+                + " env:NAME, use --pin-source, or leave it out and be asked");
+      }
+      return value.substring("env:".length());
+    }
+  }
+
+  @ArgGroup(exclusive = true)
+  private Source source = new Source();
+
+  @Option(names = "--login", description = "Log in, and ask for the PIN.")
+  private boolean login;
+
+  /** Tells whether the user wants a login, whatever the command needs. */
+  public boolean isAsked(PKCS11Uri uri) {
+    return login || source.variable != null || source.file != null || source.pinpad
+        || uri.pinFile() != null;
+  }
+
+  /** Logs in, once. */
+  public void login(Program program, Connection connection, Token token, PKCS11Uri uri)
+      throws Failure {
+    if (token.info().hasFlag(CKF_USER_PIN_FINAL_TRY)) {
+      program.message("this is the last try: another wrong PIN locks the token");
+    }
+    byte[] pin = pin(token, uri);
+    if (pin != null && pin.length == 0) {
+      throw new Failure("the PIN is empty");
+    }
+    connection.login(pin);
+  }
+
+  /** Returns the PIN for the caller to wipe, null when the token asks for it itself. */
+  private byte[] pin(Token token, PKCS11Uri uri) throws Failure {
+    if (source.pinpad) {
+      return null;
+    }
+    if (source.variable != null) {
+      return ofVariable(source.variable);
+    }
+    Path file = source.file != null ? source.file : uri.pinFile();
+    if (file != null) {
+      return ofFile(file);
+    }
+    return token.info().hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH) ? null : ofTerminal(token);
+  }
+
+  private static byte[] ofVariable(String name) throws Failure {
+    byte[] pin = rawVariable(name);
+    if (pin != null) {
+      return pin;
+    }
+    String value = System.getenv(name);
+    if (value == null) {
+      throw new Failure("no environment variable " + name + ", which --pin says has the PIN");
+    }
+    if (Text.isGarbled(value)) {
+      throw new Failure("the PIN in " + name + Text.GARBLED);
+    }
+    return value.getBytes(StandardCharsets.UTF_8);
+  }
+
+  /** Returns the PIN as it is, whatever the locale makes of it; null when there is no access. */
+  private static byte[] rawVariable(String name) {
+    try {
+      byte[] all = Files.readAllBytes(Path.of("/proc/self/environ"));
+      try {
+        return value(all, (name + "=").getBytes(StandardCharsets.UTF_8));
+      } finally {
+        Arrays.fill(all, (byte) 0);
+      }
+    } catch (IOException e) {
+      return null;
+    }
+  }
+
+  private static byte[] value(byte[] variables, byte[] start) {
+    int end;
+    for (int from = 0; from < variables.length; from = end + 1) {
+      end = indexOf(variables, from, '\0');
+      int value = from + start.length;
+      if (value <= end && Arrays.equals(variables, from, value, start, 0, start.length)) {
+        return Arrays.copyOfRange(variables, value, end);
+      }
+    }
+    return null;
+  }
+
+  private static byte[] ofFile(Path file) throws Failure {
+    try {
+      byte[] content = Files.readAllBytes(file);
+      int length = Math.min(indexOf(content, 0, '\n'), indexOf(content, 0, '\r'));
+      byte[] pin = Arrays.copyOf(content, length);
+      Arrays.fill(content, (byte) 0);
+      return pin;
+    } catch (IOException e) {
+      // Without its name, which may be a PIN that is not at its place.
+      throw Failure.file("the file with the PIN cannot be read", e);
+    }
+  }
+
+  /** Returns where the byte is, the end of the bytes when there is none. */
+  private static int indexOf(byte[] bytes, int from, char wanted) {
+    int i = from;
+    while (i < bytes.length && bytes[i] != wanted) {
+      i++;
+    }
+    return i;
+  }
+
+  /** Newer versions of Java offer a console without a terminal, which would echo. */
+  private static byte[] ofTerminal(Token token) throws Failure {
+    if (!Terminal.is(Terminal.IN) || !Terminal.is(Terminal.OUT) || System.console() == null) {
+      throw new Failure(
+          "no terminal to ask for the PIN, or standard input or output is redirected: use"
+              + " --pin env:NAME, --pin-source or --pinpad");
+    }
+    char[] typed = System.console()
+        .readPassword("PIN of token \"%s\": ", Text.printable(token.info().trimmedLabel()));
+    if (typed == null) {
+      throw new Failure("no PIN");
+    }
+    ByteBuffer encoded = StandardCharsets.UTF_8.encode(CharBuffer.wrap(typed));
+    byte[] pin = new byte[encoded.remaining()];
+    encoded.get(pin);
+    Arrays.fill(encoded.array(), (byte) 0);
+    Arrays.fill(typed, '\0');
+    return pin;
+  }
+}

@@ -1,0 +1,168 @@
+package it.quarvel.pkcs11.cli.token;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11TokenInfo;
+import java.io.ByteArrayOutputStream;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.InvalidPathException;
+import java.nio.file.Path;
+import java.util.LinkedHashMap;
+import java.util.Map;
+import java.util.Set;
+
+/**
+ * A PKCS#11 URI as RFC 7512 defines it, for instance {@code pkcs11:token=demo;object=signing}. It
+ * names a token by {@code token}, {@code manufacturer}, {@code model}, {@code serial} and {@code
+ * slot-id}, an object by {@code object}, {@code id} and {@code type}, and a file with the PIN by
+ * {@code pin-source}. Other attributes are refused, since leaving one out would match more than was
+ * meant.
+ */
+public final class PKCS11Uri {
+  /** The URI of those who give none: it matches everything. */
+  public static final PKCS11Uri ANY = new PKCS11Uri(Map.of());
+
+  private static final String SCHEME = "pkcs11:";
+  private static final String FILE_SCHEME = "^file:(//(localhost)?)?(?=/)";
+  private static final Set<String> PATH =
+      Set.of("token", "manufacturer", "model", "serial", "slot-id", "object", "id", "type");
+  private static final Set<String> QUERY = Set.of("pin-source");
+  private static final Set<String> REFUSED = Set.of(
+      "library-manufacturer", "library-description", "library-version", "slot-manufacturer",
+      "slot-description", "module-name", "module-path");
+  private static final Map<String, Integer> TYPES = Map.of("cert", CKO_CERTIFICATE,
+      "data", CKO_DATA, "private", CKO_PRIVATE_KEY, "public", CKO_PUBLIC_KEY,
+      "secret-key", CKO_SECRET_KEY);
+
+  private final Map<String, byte[]> attributes;
+
+  private PKCS11Uri(Map<String, byte[]> attributes) {
+    this.attributes = attributes;
+  }
+
+  /**
+   * Reads a URI.
+   *
+   * @throws IllegalArgumentException with a message that never shows a value, which may be a PIN
+   */
+  public static PKCS11Uri parse(String uri) {
+    if (!uri.regionMatches(true, 0, SCHEME, 0, SCHEME.length())) {
+      throw bad("does not start with \"" + SCHEME + "\"");
+    }
+    String[] parts = uri.substring(SCHEME.length()).split("\\?", 2);
+    Map<String, byte[]> attributes = new LinkedHashMap<>();
+    add(attributes, parts[0], ";", PATH);
+    add(attributes, parts.length > 1 ? parts[1] : "", "&", QUERY);
+    PKCS11Uri parsed = new PKCS11Uri(attributes);
+    parsed.check();
+    return parsed;
+  }
+
+  /** Returns the class of objects that a type of RFC 7512 stands for. */
+  public static int objectClass(String type) {
+    Integer objectClass = TYPES.get(type);
+    if (objectClass == null) {
+      throw new IllegalArgumentException("the types are cert, data, private, public, secret-key");
+    }
+    return objectClass;
+  }
+
+  /** Tells whether a token, and the number of the slot that it is in, are what the URI names. */
+  public boolean matches(PKCS11TokenInfo token, long slot) {
+    return same("token", token.label()) && same("manufacturer", token.manufacturerID())
+        && same("model", token.model()) && same("serial", token.serialNumber())
+        && same("slot-id", Long.toString(slot));
+  }
+
+  /** Returns the label of the object as bytes, null when the URI does not name it. */
+  public byte[] object() {
+    return attributes.get("object");
+  }
+
+  /** Returns the id of the object, null when the URI does not name it. */
+  public byte[] id() {
+    return attributes.get("id");
+  }
+
+  /** Returns the class of the object, null when the URI does not name its type. */
+  public Integer objectClass() {
+    String type = text("type");
+    return type == null ? null : objectClass(type);
+  }
+
+  /** Returns the file that {@code pin-source} names, null without one. */
+  public Path pinFile() {
+    String source = text("pin-source");
+    return source == null ? null : Path.of(source.replaceFirst(FILE_SCHEME, ""));
+  }
+
+  private void check() {
+    objectClass();
+    try {
+      if (pinFile() != null && !pinFile().isAbsolute()) {
+        throw bad("names no file by its full path in pin-source");
+      }
+    } catch (InvalidPathException e) {
+      throw bad("names no file in pin-source: one has no zero byte in its name, and no characters"
+          + " that this locale does not have");
+    }
+  }
+
+  private boolean same(String name, String found) {
+    String wanted = text(name);
+    return wanted == null || wanted.stripTrailing().equals(found.stripTrailing());
+  }
+
+  private String text(String name) {
+    byte[] value = attributes.get(name);
+    return value == null ? null : new String(value, StandardCharsets.UTF_8);
+  }
+
+  private static void add(
+      Map<String, byte[]> attributes, String part, String separator, Set<String> known) {
+    for (String attribute : part.isEmpty() ? new String[0] : part.split(separator, -1)) {
+      String[] pair = attribute.split("=", 2);
+      if (pair[0].equals("pin-value")) {
+        throw bad("has a pin-value, which other users can read in the list of processes: use"
+            + " pin-source, --pin env:NAME or --pin-source");
+      }
+      if (pair.length < 2) {
+        throw bad("has an attribute without \"=\"");
+      }
+      if (!known.contains(pair[0])) {
+        throw bad("has an attribute that is not known at its place: "
+            + (isName(pair[0]) ? pair[0] : "no attribute of RFC 7512"));
+      }
+      if (attributes.put(pair[0], decode(pair[0], pair[1])) != null) {
+        throw bad("has " + pair[0] + " twice");
+      }
+    }
+  }
+
+  private static boolean isName(String text) {
+    return PATH.contains(text) || QUERY.contains(text) || REFUSED.contains(text);
+  }
+
+  private static byte[] decode(String name, String value) {
+    byte[] encoded = value.getBytes(StandardCharsets.UTF_8);
+    ByteArrayOutputStream decoded = new ByteArrayOutputStream();
+    for (int i = 0; i < encoded.length; i++) {
+      if (encoded[i] != '%') {
+        decoded.write(encoded[i]);
+        continue;
+      }
+      int high = i + 2 < encoded.length ? Character.digit(encoded[i + 1], 16) : -1;
+      int low = i + 2 < encoded.length ? Character.digit(encoded[i + 2], 16) : -1;
+      if (high < 0 || low < 0) {
+        throw bad("has a \"%\" without two hexadecimal digits in " + name);
+      }
+      decoded.write(high << 4 | low);
+      i += 2;
+    }
+    return decoded.toByteArray();
+  }
+
+  private static IllegalArgumentException bad(String what) {
+    return new IllegalArgumentException("the PKCS#11 URI " + what);
+  }
+}

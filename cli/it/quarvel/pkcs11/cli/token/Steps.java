@@ -1,0 +1,41 @@
+package it.quarvel.pkcs11.cli.token;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.cli.console.Failure;
+import java.security.GeneralSecurityException;
+
+/** Gives every call on the module the name of its operation, which its failure then carries. */
+public class Steps {
+  /** A call with a result. */
+  public interface Call<T> {
+    T call() throws PKCS11Exception, GeneralSecurityException, Failure;
+  }
+
+  /** A call without a result. */
+  public interface Action {
+    void run() throws PKCS11Exception, GeneralSecurityException, Failure;
+  }
+
+  public <T> T call(String operation, Call<T> call) throws Failure {
+    try {
+      return call.call();
+    } catch (PKCS11Exception e) {
+      throw failure(operation, e);
+    } catch (GeneralSecurityException e) {
+      throw new Failure(operation + ": Java cannot use the result: " + e.getMessage());
+    }
+  }
+
+  public final void run(String operation, Action action) throws Failure {
+    call(operation, () -> {
+      action.run();
+      return null;
+    });
+  }
+
+  /** Makes a failure of an operation of the module, with advice where there is any. */
+  static Failure failure(String operation, PKCS11Exception cause) {
+    String reason = cause.getMessage();
+    return new Failure(reason, reason + ": " + operation + Hints.of(operation, cause), cause);
+  }
+}
