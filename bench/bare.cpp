@@ -1,11 +1,11 @@
-// The bare C calls: what an operation costs a C program, without Java in the loop. Each method
-// makes `calls` operations with the module that the process has already initialised.
+// The bare C calls: what an operation costs a C program, without Java in the loop.
 #include "Bare.h"
 
 #include <dlfcn.h>
 #include <jni.h>
 
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include "pkcs11.h"
@@ -14,29 +14,9 @@ namespace {
 
 CK_FUNCTION_LIST_PTR p11 = nullptr;
 
-using InitFunction = CK_RV (*)(CK_SESSION_HANDLE, CK_MECHANISM*, CK_OBJECT_HANDLE);
-using DataFunction = CK_RV (*)(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG*);
-
 /// A refusal would make every figure worthless.
 void require(CK_RV rv) {
   if (rv != CKR_OK) std::abort();
-}
-
-jlong repeat(JNIEnv* env, jlong session, jlong key, jlong mech, jbyteArray data, jint room,
-             jint calls, InitFunction init, DataFunction function) {
-  std::vector<CK_BYTE> in(static_cast<std::size_t>(env->GetArrayLength(data)));
-  env->GetByteArrayRegion(data, 0, static_cast<jsize>(in.size()),
-                          reinterpret_cast<jbyte*>(in.data()));
-  std::vector<CK_BYTE> out(static_cast<std::size_t>(room));
-  CK_MECHANISM mechanism = {static_cast<CK_MECHANISM_TYPE>(mech), nullptr, 0};
-  CK_ULONG total = 0;
-  for (jint i = 0; i < calls; ++i) {
-    require(init(static_cast<CK_ULONG>(session), &mechanism, static_cast<CK_ULONG>(key)));
-    CK_ULONG outLen = out.size();
-    require(function(static_cast<CK_ULONG>(session), in.data(), in.size(), out.data(), &outLen));
-    total += outLen;
-  }
-  return static_cast<jlong>(total);
 }
 
 }  // namespace
@@ -48,36 +28,32 @@ void JNICALL Java_Bare_open(JNIEnv* env, jclass, jstring module) {
   require(reinterpret_cast<CK_C_GetFunctionList>(symbol)(&p11));
 }
 
-jlong JNICALL Java_Bare_sign(JNIEnv* env, jclass, jlong session, jlong key, jlong mech,
-                             jbyteArray data, jint room, jint calls) {
-  return repeat(env, session, key, mech, data, room, calls, p11->C_SignInit, p11->C_Sign);
-}
-
-jlong JNICALL Java_Bare_encrypt(JNIEnv* env, jclass, jlong session, jlong key, jlong mech,
-                                jbyteArray data, jint room, jint calls) {
-  return repeat(env, session, key, mech, data, room, calls, p11->C_EncryptInit, p11->C_Encrypt);
-}
-
-jlong JNICALL Java_Bare_decrypt(JNIEnv* env, jclass, jlong session, jlong key, jlong mech,
-                                jbyteArray data, jint room, jint calls) {
-  return repeat(env, session, key, mech, data, room, calls, p11->C_DecryptInit, p11->C_Decrypt);
-}
-
-jlong JNICALL Java_Bare_search(JNIEnv*, jclass, jlong session, jlong objectClass, jint batch,
-                               jint calls) {
-  CK_OBJECT_CLASS wanted = static_cast<CK_OBJECT_CLASS>(objectClass);
-  CK_ATTRIBUTE attribute = {CKA_CLASS, &wanted, sizeof wanted};
-  std::vector<CK_OBJECT_HANDLE> objects(static_cast<std::size_t>(batch));
-  const auto handle = static_cast<CK_SESSION_HANDLE>(session);
-  CK_ULONG total = 0;
+void JNICALL Java_Bare_transform(JNIEnv* env, jclass, jchar kind, jlong session, jlong key,
+                                 jlong mechanismType, jbyteArray data, jint room, jint calls) {
+  std::vector<jbyte> in(env->GetArrayLength(data));
+  env->GetByteArrayRegion(data, 0, env->GetArrayLength(data), in.data());
+  auto* input = reinterpret_cast<CK_BYTE*>(in.data());
+  std::vector<CK_BYTE> out(room);
+  CK_MECHANISM mechanism = {static_cast<CK_MECHANISM_TYPE>(mechanismType), nullptr, 0};
+  const auto [init, finish] = kind == 'S'   ? std::pair(p11->C_SignInit, p11->C_Sign)
+                              : kind == 'E' ? std::pair(p11->C_EncryptInit, p11->C_Encrypt)
+                                            : std::pair(p11->C_DecryptInit, p11->C_Decrypt);
   for (jint i = 0; i < calls; ++i) {
-    require(p11->C_FindObjectsInit(handle, &attribute, 1));
-    CK_ULONG count = 0;
-    do {
-      require(p11->C_FindObjects(handle, objects.data(), objects.size(), &count));
-      total += count;
-    } while (count != 0);
-    require(p11->C_FindObjectsFinal(handle));
+    CK_ULONG outLen = out.size();
+    require(init(session, &mechanism, key));
+    require(finish(session, input, in.size(), out.data(), &outLen));
   }
-  return static_cast<jlong>(total);
+}
+
+void JNICALL Java_Bare_search(JNIEnv*, jclass, jlong session, jint batch, jint calls) {
+  CK_OBJECT_CLASS wanted = CKO_SECRET_KEY;
+  CK_ATTRIBUTE attribute = {CKA_CLASS, &wanted, sizeof wanted};
+  std::vector<CK_OBJECT_HANDLE> objects(batch);
+  for (jint i = 0; i < calls; ++i) {
+    require(p11->C_FindObjectsInit(session, &attribute, 1));
+    for (CK_ULONG count = 1; count != 0;) {
+      require(p11->C_FindObjects(session, objects.data(), objects.size(), &count));
+    }
+    require(p11->C_FindObjectsFinal(session));
+  }
 }

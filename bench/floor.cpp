@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 
 #include "it_quarvel_pkcs11_nat_NativePKCS11.h"
 #include "it_quarvel_pkcs11_nat_NativePKCS11Object.h"
@@ -15,10 +14,7 @@
 #include "it_quarvel_pkcs11_nat_NativePKCS11Slot.h"
 #include "pkcs11.h"
 
-#define MODULE(name) JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_##name
-#define SLOT(name) JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_##name
-#define SESSION(name) JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_##name
-#define OBJECT(name) JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_##name
+#define NATIVE(name) JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11##name
 
 namespace {
 
@@ -29,17 +25,28 @@ jint narrow(CK_ULONG value) { return static_cast<jint>(value); }
 jint version(CK_VERSION value) { return value.major * 256 + value.minor; }
 CK_BYTE_PTR bytes(const void* data) { return static_cast<CK_BYTE_PTR>(const_cast<void*>(data)); }
 
-template <typename... Args>
-jobject create(JNIEnv* env, const char* className, const char* signature, Args... args) {
+template <typename T>
+T* allocate(CK_ULONG count) {
+  return static_cast<T*>(std::malloc(count * sizeof(T)));
+}
+
+/// Creates objects of a class; class and constructor are looked up before the arguments are made.
+auto constructor(JNIEnv* env, const char* className, const char* signature) {
   const jclass cl = env->FindClass(className);
-  return env->NewObject(cl, env->GetMethodID(cl, "<init>", signature), args...);
+  const jmethodID init = env->GetMethodID(cl, "<init>", signature);
+  return [=](auto... args) { return env->NewObject(cl, init, args...); };
+}
+
+auto objects(JNIEnv* env) {
+  return constructor(env, "it/quarvel/pkcs11/nat/NativePKCS11Object",
+                     "(Lit/quarvel/pkcs11/nat/NativePKCS11Session;I)V");
 }
 
 /// @return whether the module refused; the exception is then pending
 bool refused(JNIEnv* env, CK_RV rv) {
   if (rv == CKR_OK) return false;
-  const jobject e = create(env, "it/quarvel/pkcs11/PKCS11Exception", "(I)V", narrow(rv));
-  env->Throw(static_cast<jthrowable>(e));
+  const auto create = constructor(env, "it/quarvel/pkcs11/PKCS11Exception", "(I)V");
+  env->Throw(static_cast<jthrowable>(create(narrow(rv))));
   return true;
 }
 
@@ -47,15 +54,9 @@ CK_ULONG handle(JNIEnv* env, jobject obj, const char* field) {
   return widen(env->GetIntField(obj, env->GetFieldID(env->GetObjectClass(obj), field, "I")));
 }
 
-CK_SESSION_HANDLE sessionOf(JNIEnv* env, jobject obj) {
-  const jfieldID session = env->GetFieldID(env->GetObjectClass(obj), "session",
-                                           "Lit/quarvel/pkcs11/nat/NativePKCS11Session;");
-  return handle(env, env->GetObjectField(obj, session), "sessionID");
-}
-
 template <std::size_t size>
 jstring text(JNIEnv* env, const CK_CHAR (&field)[size]) {
-  auto* copy = static_cast<char*>(std::malloc(size + 1));
+  char* copy = allocate<char>(size + 1);
   std::memcpy(copy, field, size);
   copy[size] = '\0';
   const jstring string = env->NewStringUTF(copy);
@@ -63,10 +64,7 @@ jstring text(JNIEnv* env, const CK_CHAR (&field)[size]) {
   return string;
 }
 
-jobject tokenObject(JNIEnv* env, jobject session, CK_OBJECT_HANDLE object) {
-  return create(env, "it/quarvel/pkcs11/nat/NativePKCS11Object",
-                "(Lit/quarvel/pkcs11/nat/NativePKCS11Session;I)V", session, narrow(object));
-}
+// ---- Templates ----
 
 bool isA(JNIEnv* env, jobject obj, const char* className, jclass* cl) {
   *cl = env->FindClass(className);
@@ -87,14 +85,13 @@ void convert(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* entry) {
   if (isA(env, obj, "java/lang/String", &cl)) {
     const auto string = static_cast<jstring>(obj);
     const char* chars = env->GetStringUTFChars(string, nullptr);
-    const std::size_t size = std::strlen(chars);
-    copyOut(entry, chars, size + 1);
-    entry->ulValueLen = size;
+    copyOut(entry, chars, std::strlen(chars) + 1);
+    --entry->ulValueLen;
     env->ReleaseStringUTFChars(string, chars);
   } else if (isA(env, obj, "[B", &cl)) {
     const auto array = static_cast<jbyteArray>(obj);
     const jsize size = env->GetArrayLength(array);
-    entry->pValue = std::malloc(static_cast<std::size_t>(size));
+    entry->pValue = allocate<jbyte>(widen(size));
     env->GetByteArrayRegion(array, 0, size, static_cast<jbyte*>(entry->pValue));
     entry->ulValueLen = widen(size);
   } else if (isA(env, obj, "java/lang/Integer", &cl)) {
@@ -108,102 +105,104 @@ void convert(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* entry) {
   }
 }
 
+/// The lengths of both arrays are part of the contract; the arrays given here agree.
 struct Template {
-  CK_ATTRIBUTE* entries;
+  Template(JNIEnv* env, jintArray types, jobjectArray values) {
+    count = widen(env->GetArrayLength(types));
+    if (widen(env->GetArrayLength(values)) != count) std::abort();
+    entries = allocate<CK_ATTRIBUTE>(count);
+    jint* elements = env->GetIntArrayElements(types, nullptr);
+    for (CK_ULONG i = 0; i < count; ++i) {
+      convert(env, elements[i], env->GetObjectArrayElement(values, narrow(i)), &entries[i]);
+    }
+    env->ReleaseIntArrayElements(types, elements, JNI_ABORT);
+  }
+  ~Template() {
+    for (CK_ULONG i = 0; i < count; ++i) std::free(entries[i].pValue);
+    std::free(entries);
+  }
+
   CK_ULONG count;
+  CK_ATTRIBUTE* entries;
 };
 
-/// The lengths of both arrays are part of the contract; the arrays given here agree.
-Template convert(JNIEnv* env, jintArray types, jobjectArray values) {
-  const CK_ULONG count = widen(env->GetArrayLength(types));
-  if (widen(env->GetArrayLength(values)) != count) std::abort();
-  auto* entries = static_cast<CK_ATTRIBUTE*>(std::malloc(count * sizeof(CK_ATTRIBUTE)));
-  jint* elements = env->GetIntArrayElements(types, nullptr);
-  for (CK_ULONG i = 0; i < count; ++i) {
-    convert(env, elements[i], env->GetObjectArrayElement(values, narrow(i)), &entries[i]);
-  }
-  env->ReleaseIntArrayElements(types, elements, JNI_ABORT);
-  return {entries, count};
+// ---- Attribute values ----
+
+/// The bytes after `zeros` zero bytes.
+jbyteArray toArray(JNIEnv* env, const CK_ATTRIBUTE& value, jint zeros) {
+  const jint size = narrow(value.ulValueLen);
+  const jbyteArray array = env->NewByteArray(zeros + size);
+  env->SetByteArrayRegion(array, zeros, size, static_cast<const jbyte*>(value.pValue));
+  return array;
 }
 
-void release(const Template& attributes) {
-  for (CK_ULONG i = 0; i < attributes.count; ++i) std::free(attributes.entries[i].pValue);
-  std::free(attributes.entries);
+jobject toObject(JNIEnv* env, const CK_ATTRIBUTE& value) {
+  const char* chars = static_cast<const char*>(value.pValue);
+  if (value.type == CKA_LABEL) return env->NewStringUTF(chars);
+  if (value.type == CKA_ID) return toArray(env, value, 0);
+  if (value.type == CKA_MODULUS) {
+    const jbyteArray magnitude = toArray(env, value, 1);
+    return constructor(env, "java/math/BigInteger", "([B)V")(magnitude);
+  }
+  if (value.type == CKA_END_DATE) {
+    const jclass cl = env->FindClass("java/text/SimpleDateFormat");
+    const jmethodID init = env->GetMethodID(cl, "<init>", "(Ljava/lang/String;)V");
+    const jobject format = env->NewObject(cl, init, env->NewStringUTF("yyyyMMdd"));
+    const jmethodID parse = env->GetMethodID(cl, "parse", "(Ljava/lang/String;)Ljava/util/Date;");
+    return env->CallObjectMethod(format, parse, env->NewStringUTF(chars));
+  }
+  if (value.type == CKA_CLASS) {
+    CK_ULONG number;
+    std::memcpy(&number, chars, sizeof number);
+    return constructor(env, "java/lang/Integer", "(I)V")(narrow(number));
+  }
+  const jboolean set = *chars != 0 ? JNI_TRUE : JNI_FALSE;
+  return constructor(env, "java/lang/Boolean", "(Z)V")(set);
 }
+
+// ---- Signing, encryption, decryption ----
 
 using InitFunction = CK_RV (*)(CK_SESSION_HANDLE, CK_MECHANISM*, CK_OBJECT_HANDLE);
 using DataFunction = CK_RV (*)(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG*);
 
 void start(JNIEnv* env, jobject session, jint mech, jobject key, InitFunction function) {
-  const CK_SESSION_HANDLE handleOfSession = handle(env, session, "sessionID");
-  const CK_OBJECT_HANDLE handleOfKey = handle(env, key, "objectID");
+  const CK_SESSION_HANDLE id = handle(env, session, "sessionID");
+  const CK_OBJECT_HANDLE keyId = handle(env, key, "objectID");
   CK_MECHANISM mechanism = {widen(mech), nullptr, 0};
-  refused(env, function(handleOfSession, &mechanism, handleOfKey));
+  refused(env, function(id, &mechanism, keyId));
 }
 
 /// The output's room is `inLen` for encrypt, the array's length (a call of its own) otherwise.
 jint transform(JNIEnv* env, jobject session, jbyteArray in, jint inLen, jbyteArray out,
                bool roomIsLength, DataFunction function) {
-  const CK_SESSION_HANDLE handleOfSession = handle(env, session, "sessionID");
+  const CK_SESSION_HANDLE id = handle(env, session, "sessionID");
   jbyte* input = env->GetByteArrayElements(in, nullptr);
   jbyte* output = env->GetByteArrayElements(out, nullptr);
   CK_ULONG outLen = widen(roomIsLength ? env->GetArrayLength(out) : inLen);
-  const CK_RV rv = function(handleOfSession, bytes(input), widen(inLen), bytes(output), &outLen);
+  const CK_RV rv = function(id, bytes(input), widen(inLen), bytes(output), &outLen);
   env->ReleaseByteArrayElements(in, input, 0);
   env->ReleaseByteArrayElements(out, output, 0);
   return refused(env, rv) ? -1 : narrow(outLen);
 }
 
-/// One attribute by two calls into a block of its own; no bytes after a refusal.
-CK_ATTRIBUTE readValue(JNIEnv* env, jobject obj, jint attr) {
-  const CK_OBJECT_HANDLE object = handle(env, obj, "objectID");
-  const CK_SESSION_HANDLE session = sessionOf(env, obj);
-  CK_ATTRIBUTE value = {widen(attr), nullptr, 0};
-  if (refused(env, p11->C_GetAttributeValue(session, object, &value, 1))) return value;
-  value.pValue = std::malloc(value.ulValueLen + 1);
-  if (refused(env, p11->C_GetAttributeValue(session, object, &value, 1))) std::abort();
-  static_cast<char*>(value.pValue)[value.ulValueLen] = '\0';
-  return value;
-}
-
-jobject toDate(JNIEnv* env, const char* date) {
-  const jclass cl = env->FindClass("java/text/SimpleDateFormat");
-  const jmethodID init = env->GetMethodID(cl, "<init>", "(Ljava/lang/String;)V");
-  const jobject format = env->NewObject(cl, init, env->NewStringUTF("yyyyMMdd"));
-  const jmethodID parse = env->GetMethodID(cl, "parse", "(Ljava/lang/String;)Ljava/util/Date;");
-  return env->CallObjectMethod(format, parse, env->NewStringUTF(date));
-}
-
-jobject toBigInteger(JNIEnv* env, const CK_ATTRIBUTE& value) {
-  const jint size = narrow(value.ulValueLen);
-  const jbyteArray magnitude = env->NewByteArray(size + 1);
-  env->SetByteArrayRegion(magnitude, 1, size, static_cast<const jbyte*>(value.pValue));
-  return create(env, "java/math/BigInteger", "([B)V", magnitude);
-}
-
-jbyteArray toByteArray(JNIEnv* env, const CK_ATTRIBUTE& value) {
-  const jint size = narrow(value.ulValueLen);
-  const jbyteArray array = env->NewByteArray(size);
-  env->SetByteArrayRegion(array, 0, size, static_cast<const jbyte*>(value.pValue));
-  return array;
-}
-
-jobject toInteger(JNIEnv* env, const CK_ATTRIBUTE& value) {
-  CK_ULONG number;
-  std::memcpy(&number, value.pValue, sizeof number);
-  return create(env, "java/lang/Integer", "(I)V", narrow(number));
-}
-
-jobject toBoolean(JNIEnv* env, const CK_ATTRIBUTE& value) {
-  const jboolean set = *static_cast<CK_BBOOL*>(value.pValue) != 0 ? JNI_TRUE : JNI_FALSE;
-  return create(env, "java/lang/Boolean", "(Z)V", set);
-}
-
 }  // namespace
+
+#define OPERATION(begin, finish, initFunction, dataFunction, roomIsLength)                       \
+  void NATIVE(Session_##begin)(JNIEnv * env, jobject session, jint mech, jobject, jobject key) { \
+    start(env, session, mech, key, p11->initFunction);                                           \
+  }                                                                                              \
+  jint NATIVE(Session_##finish)(JNIEnv * env, jobject session, jbyteArray in, jint, jint inLen,  \
+                                jbyteArray out, jint) {                                          \
+    return transform(env, session, in, inLen, out, roomIsLength, p11->dataFunction);             \
+  }
+
+OPERATION(signInit, sign, C_SignInit, C_Sign, true)
+OPERATION(encryptInit, encrypt, C_EncryptInit, C_Encrypt, false)
+OPERATION(decryptInit, decrypt, C_DecryptInit, C_Decrypt, true)
 
 // ---- The module ----
 
-jlong MODULE(loadPKCS11Library)(JNIEnv* env, jclass, jstring libName) {
+jlong NATIVE(_loadPKCS11Library)(JNIEnv* env, jclass, jstring libName) {
   const char* path = env->GetStringUTFChars(libName, nullptr);
   void* symbol = dlsym(dlopen(path, RTLD_LAZY), "C_GetFunctionList");
   env->ReleaseStringUTFChars(libName, path);
@@ -211,22 +210,23 @@ jlong MODULE(loadPKCS11Library)(JNIEnv* env, jclass, jstring libName) {
   return reinterpret_cast<jlong>(p11);
 }
 
-void MODULE(libInitialize)(JNIEnv* env, jobject) { refused(env, p11->C_Initialize(nullptr)); }
+void NATIVE(_libInitialize)(JNIEnv* env, jobject) { refused(env, p11->C_Initialize(nullptr)); }
 
-jstring MODULE(getBridgeVersion)(JNIEnv* env, jobject) { return env->NewStringUTF("1.16"); }
+jstring NATIVE(_getBridgeVersion)(JNIEnv* env, jobject) { return env->NewStringUTF("1.16"); }
 
-jobject MODULE(getInfo)(JNIEnv* env, jobject) {
+jobject NATIVE(_getInfo)(JNIEnv* env, jobject) {
   CK_INFO info;
   if (refused(env, p11->C_GetInfo(&info))) return nullptr;
-  return create(env, "it/quarvel/pkcs11/PKCS11Info", "(ILjava/lang/String;ILjava/lang/String;I)V",
-                version(info.cryptokiVersion), text(env, info.manufacturerID), narrow(info.flags),
+  const auto create = constructor(env, "it/quarvel/pkcs11/PKCS11Info",
+                                  "(ILjava/lang/String;ILjava/lang/String;I)V");
+  return create(version(info.cryptokiVersion), text(env, info.manufacturerID), narrow(info.flags),
                 text(env, info.libraryDescription), version(info.libraryVersion));
 }
 
-jobjectArray MODULE(getSlotList)(JNIEnv* env, jobject module, jboolean tokenIn) {
+jobjectArray NATIVE(_getSlotList)(JNIEnv* env, jobject module, jboolean tokenIn) {
   CK_ULONG count;
   if (refused(env, p11->C_GetSlotList(tokenIn, nullptr, &count))) return nullptr;
-  auto* slots = static_cast<CK_SLOT_ID*>(std::malloc(count * sizeof(CK_SLOT_ID)));
+  auto* slots = allocate<CK_SLOT_ID>(count);
   if (refused(env, p11->C_GetSlotList(tokenIn, slots, &count))) std::abort();
   const jclass cl = env->FindClass("it/quarvel/pkcs11/nat/NativePKCS11Slot");
   const jmethodID init = env->GetMethodID(cl, "<init>", "(Lit/quarvel/pkcs11/nat/NativePKCS11;I)V");
@@ -241,13 +241,13 @@ jobjectArray MODULE(getSlotList)(JNIEnv* env, jobject module, jboolean tokenIn) 
 
 // ---- Slots ----
 
-jobject SLOT(getTokenInfo)(JNIEnv* env, jobject slot) {
+jobject NATIVE(Slot_getTokenInfo)(JNIEnv* env, jobject slot) {
   CK_TOKEN_INFO info;
   if (refused(env, p11->C_GetTokenInfo(handle(env, slot, "slotID"), &info))) return nullptr;
-  return create(env, "it/quarvel/pkcs11/PKCS11TokenInfo",
-                "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
-                "IIIIIIIIIIIIILjava/lang/String;)V",
-                text(env, info.label), text(env, info.manufacturerID), text(env, info.model),
+  const auto create = constructor(env, "it/quarvel/pkcs11/PKCS11TokenInfo",
+                                  "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
+                                  "Ljava/lang/String;IIIIIIIIIIIIILjava/lang/String;)V");
+  return create(text(env, info.label), text(env, info.manufacturerID), text(env, info.model),
                 text(env, info.serialNumber), narrow(info.flags), narrow(info.ulMaxSessionCount),
                 narrow(info.ulSessionCount), narrow(info.ulMaxRwSessionCount),
                 narrow(info.ulRwSessionCount), narrow(info.ulMaxPinLen), narrow(info.ulMinPinLen),
@@ -257,13 +257,13 @@ jobject SLOT(getTokenInfo)(JNIEnv* env, jobject slot) {
                 text(env, info.utcTime));
 }
 
-jintArray SLOT(getMechanismList)(JNIEnv* env, jobject slot) {
+jintArray NATIVE(Slot_getMechanismList)(JNIEnv* env, jobject slot) {
   const CK_SLOT_ID id = handle(env, slot, "slotID");
   CK_ULONG count;
   if (refused(env, p11->C_GetMechanismList(id, nullptr, &count))) return nullptr;
-  auto* types = static_cast<CK_ULONG*>(std::malloc(count * sizeof(CK_ULONG)));
+  auto* types = allocate<CK_ULONG>(count);
   if (refused(env, p11->C_GetMechanismList(id, types, &count))) std::abort();
-  auto* ints = static_cast<char*>(static_cast<void*>(types));
+  auto* ints = static_cast<char*>(static_cast<void*>(types));  // narrowed in place
   for (CK_ULONG i = 0; i < count; ++i) {
     const jint type = narrow(types[i]);
     std::memcpy(ints + i * sizeof type, &type, sizeof type);
@@ -276,156 +276,102 @@ jintArray SLOT(getMechanismList)(JNIEnv* env, jobject slot) {
 
 // ---- Sessions ----
 
-jobject SESSION(getInfo)(JNIEnv* env, jobject session) {
+jobject NATIVE(Session_getInfo)(JNIEnv* env, jobject session) {
   CK_SESSION_INFO info;
-  if (refused(env, p11->C_GetSessionInfo(handle(env, session, "sessionID"), &info))) {
-    return nullptr;
-  }
-  return create(env, "it/quarvel/pkcs11/PKCS11SessionInfo", "(III)V", narrow(info.state),
-                narrow(info.flags), narrow(info.ulDeviceError));
+  const CK_RV rv = p11->C_GetSessionInfo(handle(env, session, "sessionID"), &info);
+  if (refused(env, rv)) return nullptr;
+  const auto create = constructor(env, "it/quarvel/pkcs11/PKCS11SessionInfo", "(III)V");
+  return create(narrow(info.state), narrow(info.flags), narrow(info.ulDeviceError));
 }
 
-void SESSION(login)(JNIEnv* env, jobject session, jboolean isSO, jstring pin) {
-  const CK_SESSION_HANDLE handleOfSession = handle(env, session, "sessionID");
+void NATIVE(Session_login)(JNIEnv* env, jobject session, jboolean isSO, jstring pin) {
+  const CK_SESSION_HANDLE id = handle(env, session, "sessionID");
   const char* chars = env->GetStringUTFChars(pin, nullptr);
-  refused(env, p11->C_Login(handleOfSession, isSO != JNI_FALSE ? CKU_SO : CKU_USER, bytes(chars),
-                            std::strlen(chars)));
+  const CK_USER_TYPE user = isSO != JNI_FALSE ? CKU_SO : CKU_USER;
+  refused(env, p11->C_Login(id, user, bytes(chars), std::strlen(chars)));
   env->ReleaseStringUTFChars(pin, chars);
 }
 
-void SESSION(logout)(JNIEnv* env, jobject session) {
+void NATIVE(Session_logout)(JNIEnv* env, jobject session) {
   refused(env, p11->C_Logout(handle(env, session, "sessionID")));
 }
 
-void SESSION(signInit)(JNIEnv* env, jobject session, jint mech, jobject, jobject key) {
-  start(env, session, mech, key, p11->C_SignInit);
+void NATIVE(Session_findObjectsInit)(JNIEnv* env, jobject session, jintArray types,
+                                     jobjectArray values) {
+  const CK_SESSION_HANDLE id = handle(env, session, "sessionID");
+  const Template wanted(env, types, values);
+  refused(env, p11->C_FindObjectsInit(id, wanted.entries, wanted.count));
 }
 
-jint SESSION(sign)(JNIEnv* env, jobject session, jbyteArray in, jint, jint inLen, jbyteArray out,
-                   jint) {
-  return transform(env, session, in, inLen, out, true, p11->C_Sign);
-}
-
-void SESSION(encryptInit)(JNIEnv* env, jobject session, jint mech, jobject, jobject key) {
-  start(env, session, mech, key, p11->C_EncryptInit);
-}
-
-jint SESSION(encrypt)(JNIEnv* env, jobject session, jbyteArray in, jint, jint inLen, jbyteArray out,
-                      jint) {
-  return transform(env, session, in, inLen, out, false, p11->C_Encrypt);
-}
-
-void SESSION(decryptInit)(JNIEnv* env, jobject session, jint mech, jobject, jobject key) {
-  start(env, session, mech, key, p11->C_DecryptInit);
-}
-
-jint SESSION(decrypt)(JNIEnv* env, jobject session, jbyteArray in, jint, jint inLen, jbyteArray out,
-                      jint) {
-  return transform(env, session, in, inLen, out, true, p11->C_Decrypt);
-}
-
-void SESSION(findObjectsInit)(JNIEnv* env, jobject session, jintArray types, jobjectArray values) {
-  const CK_SESSION_HANDLE handleOfSession = handle(env, session, "sessionID");
-  if (types == nullptr && values == nullptr) {
-    refused(env, p11->C_FindObjectsInit(handleOfSession, nullptr, 0));
-    return;
-  }
-  const Template attributes = convert(env, types, values);
-  refused(env, p11->C_FindObjectsInit(handleOfSession, attributes.entries, attributes.count));
-  release(attributes);
-}
-
-jobject SESSION(findObject)(JNIEnv* env, jobject session) {
+jobject NATIVE(Session_findObject)(JNIEnv* env, jobject session) {
   CK_OBJECT_HANDLE object = CK_INVALID_HANDLE;
   CK_ULONG count = 0;
-  if (refused(env, p11->C_FindObjects(handle(env, session, "sessionID"), &object, 1, &count))) {
-    return nullptr;
-  }
-  return count != 0 ? tokenObject(env, session, object) : nullptr;
+  const CK_RV rv = p11->C_FindObjects(handle(env, session, "sessionID"), &object, 1, &count);
+  if (refused(env, rv) || count == 0) return nullptr;
+  return objects(env)(session, narrow(object));
 }
 
-void SESSION(findObjectsFinal)(JNIEnv* env, jobject session) {
+void NATIVE(Session_findObjectsFinal)(JNIEnv* env, jobject session) {
   refused(env, p11->C_FindObjectsFinal(handle(env, session, "sessionID")));
 }
 
-jobject SESSION(createObject)(JNIEnv* env, jobject session, jintArray types, jobjectArray values) {
-  const CK_SESSION_HANDLE handleOfSession = handle(env, session, "sessionID");
-  const Template attributes = convert(env, types, values);
+jobject NATIVE(Session_createObject)(JNIEnv* env, jobject session, jintArray types,
+                                     jobjectArray values) {
+  const CK_SESSION_HANDLE id = handle(env, session, "sessionID");
+  const Template attributes(env, types, values);
   CK_OBJECT_HANDLE object;
-  const CK_RV rv =
-      p11->C_CreateObject(handleOfSession, attributes.entries, attributes.count, &object);
-  const jobject result = refused(env, rv) ? nullptr : tokenObject(env, session, object);
-  release(attributes);
-  return result;
+  const CK_RV rv = p11->C_CreateObject(id, attributes.entries, attributes.count, &object);
+  return refused(env, rv) ? nullptr : objects(env)(session, narrow(object));
 }
 
-jobjectArray SESSION(generateKeyPair)(JNIEnv* env, jobject session, jint mech, jobject,
-                                      jintArray pubTypes, jobjectArray pubValues,
-                                      jintArray prvTypes, jobjectArray prvValues) {
-  const CK_SESSION_HANDLE handleOfSession = handle(env, session, "sessionID");
+jobjectArray NATIVE(Session_generateKeyPair)(JNIEnv* env, jobject session, jint mech, jobject,
+                                             jintArray pubTypes, jobjectArray pubValues,
+                                             jintArray prvTypes, jobjectArray prvValues) {
+  const CK_SESSION_HANDLE id = handle(env, session, "sessionID");
   CK_MECHANISM mechanism = {widen(mech), nullptr, 0};
-  const Template pub = convert(env, pubTypes, pubValues);
-  const Template prv = convert(env, prvTypes, prvValues);
+  const Template pub(env, pubTypes, pubValues);
+  const Template prv(env, prvTypes, prvValues);
   CK_OBJECT_HANDLE pubKey;
   CK_OBJECT_HANDLE prvKey;
-  const CK_RV rv = p11->C_GenerateKeyPair(handleOfSession, &mechanism, pub.entries, pub.count,
-                                          prv.entries, prv.count, &pubKey, &prvKey);
-  jobjectArray pair = nullptr;
-  if (!refused(env, rv)) {
-    const jclass cl = env->FindClass("it/quarvel/pkcs11/nat/NativePKCS11Object");
-    const jmethodID init =
-        env->GetMethodID(cl, "<init>", "(Lit/quarvel/pkcs11/nat/NativePKCS11Session;I)V");
-    const jobject pubObject = env->NewObject(cl, init, session, narrow(pubKey));
-    const jobject prvObject = env->NewObject(cl, init, session, narrow(prvKey));
-    pair = env->NewObjectArray(2, env->FindClass("java/lang/Object"), nullptr);
-    env->SetObjectArrayElement(pair, 0, pubObject);
-    env->SetObjectArrayElement(pair, 1, prvObject);
-  }
-  release(pub);
-  release(prv);
+  const CK_RV rv = p11->C_GenerateKeyPair(id, &mechanism, pub.entries, pub.count, prv.entries,
+                                          prv.count, &pubKey, &prvKey);
+  if (refused(env, rv)) return nullptr;
+  const auto create = objects(env);
+  const jobject pubObject = create(session, narrow(pubKey));
+  const jobject prvObject = create(session, narrow(prvKey));
+  const jobjectArray pair = env->NewObjectArray(2, env->FindClass("java/lang/Object"), nullptr);
+  env->SetObjectArrayElement(pair, 0, pubObject);
+  env->SetObjectArrayElement(pair, 1, prvObject);
   return pair;
 }
 
-jint SESSION(wrapKey)(JNIEnv* env, jobject session, jint mech, jobject, jobject wrappingKey,
-                      jobject key, jbyteArray out, jint) {
-  const CK_SESSION_HANDLE handleOfSession = handle(env, session, "sessionID");
-  const CK_OBJECT_HANDLE handleOfKey = handle(env, key, "objectID");
-  const CK_OBJECT_HANDLE handleOfWrappingKey = handle(env, wrappingKey, "objectID");
+jint NATIVE(Session_wrapKey)(JNIEnv* env, jobject session, jint mech, jobject, jobject wrappingKey,
+                             jobject key, jbyteArray out, jint) {
+  const CK_SESSION_HANDLE id = handle(env, session, "sessionID");
+  const CK_OBJECT_HANDLE keyId = handle(env, key, "objectID");
+  const CK_OBJECT_HANDLE wrappingKeyId = handle(env, wrappingKey, "objectID");
   CK_MECHANISM mechanism = {widen(mech), nullptr, 0};
   jbyte* output = env->GetByteArrayElements(out, nullptr);
   CK_ULONG outLen = widen(env->GetArrayLength(out));
-  const CK_RV rv = p11->C_WrapKey(handleOfSession, &mechanism, handleOfWrappingKey, handleOfKey,
-                                  bytes(output), &outLen);
+  const CK_RV rv = p11->C_WrapKey(id, &mechanism, wrappingKeyId, keyId, bytes(output), &outLen);
   env->ReleaseByteArrayElements(out, output, 0);
   return refused(env, rv) ? -1 : narrow(outLen);
 }
 
 // ---- Objects ----
 
-jobject OBJECT(getAttributeValue)(JNIEnv* env, jobject obj, jint attr) {
-  const CK_ATTRIBUTE value = readValue(env, obj, attr);
-  if (value.pValue == nullptr) return nullptr;
-  jobject result = nullptr;
-  switch (value.type) {
-    case CKA_CLASS:
-      result = toInteger(env, value);
-      break;
-    case CKA_LABEL:
-      result = env->NewStringUTF(static_cast<const char*>(value.pValue));
-      break;
-    case CKA_ID:
-      result = toByteArray(env, value);
-      break;
-    case CKA_MODULUS:
-      result = toBigInteger(env, value);
-      break;
-    case CKA_END_DATE:
-      result = toDate(env, static_cast<const char*>(value.pValue));
-      break;
-    default:
-      result = toBoolean(env, value);
-      break;
-  }
-  std::free(value.pValue);
+jobject NATIVE(Object_getAttributeValue)(JNIEnv* env, jobject obj, jint attr) {
+  const CK_OBJECT_HANDLE object = handle(env, obj, "objectID");
+  const jfieldID field = env->GetFieldID(env->GetObjectClass(obj), "session",
+                                         "Lit/quarvel/pkcs11/nat/NativePKCS11Session;");
+  const CK_SESSION_HANDLE session = handle(env, env->GetObjectField(obj, field), "sessionID");
+  CK_ATTRIBUTE value = {widen(attr), nullptr, 0};
+  if (refused(env, p11->C_GetAttributeValue(session, object, &value, 1))) return nullptr;
+  char* chars = allocate<char>(value.ulValueLen + 1);
+  value.pValue = chars;
+  if (refused(env, p11->C_GetAttributeValue(session, object, &value, 1))) std::abort();
+  chars[value.ulValueLen] = '\0';
+  const jobject result = toObject(env, value);
+  std::free(chars);
   return result;
 }

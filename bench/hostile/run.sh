@@ -1,27 +1,86 @@
-#!/bin/bash
+#!/usr/bin/env bash
 # Compares this library with the JDK's own wrapper on a misbehaving module: run.sh [JDK] [BUILD].
 # It takes some minutes, since each case has a virtual machine of its own.
 set -euo pipefail
-here=$(cd "$(dirname "$0")" && pwd)
-root=$here/../..
+cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 jdk=${1:-$(dirname "$(dirname "$(readlink -f "$(command -v javac)")")")}
-build=$(cd "${2:-$root/build}" && pwd)
+build=$(realpath "${2:-build}")
+scripted=$build/tests/libscripted.so
+
+operations=(INFO SLOT_LIST SLOT_INFO TOKEN_INFO MECHANISM_LIST MECHANISM_INFO OPEN_SESSION
+  SESSION_INFO FIND_ONE READ NEW_SIGNATURE ENCRYPT DECRYPT CREATE GENERATE_KEY NEW_WRAPPED_KEY
+  UNWRAP_KEY)
+# The sizes of the first and second answer, as they are told and as the module takes them.
+lies=('3, then 4=3 4' '3, then 1,000,000=3 1000000' '2^31 twice=0x80000000 0x80000000'
+  '2^60 twice=0x1000000000000000 0x1000000000000000' '3, then 2^64-1=3 0xFFFFFFFFFFFFFFFF'
+  '2^64-1 twice=0xFFFFFFFFFFFFFFFF 0xFFFFFFFFFFFFFFFF')
+exports=(--add-modules jdk.crypto.cryptoki
+  --add-exports "jdk.crypto.cryptoki/sun.security.pkcs11.wrapper=ALL-UNNAMED")
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-# shellcheck disable=SC2046  # flags are words
-g++ -std=c++20 -shared -fPIC -I "$root/tests/native" -I "$root/header201" \
-  $(pkg-config --cflags p11-kit-1) "$here/lies.cpp" "$build/tests/libscripted.so" \
-  -Wl,-rpath,"$build/tests" -o "$work/liblies.so"
-wrapper=jdk.crypto.cryptoki/sun.security.pkcs11.wrapper
-"$jdk/bin/javac" --add-modules=jdk.crypto.cryptoki --add-exports="$wrapper=ALL-UNNAMED" \
-  -cp "$build/quarvel-pkcs11.jar" -d "$work" "$here/Hostile.java"
+read -ra p11kit <<<"$(pkg-config --cflags p11-kit-1)"
+g++ -std=c++20 -shared -fPIC -I tests/native -I header201 "${p11kit[@]}" bench/hostile/lies.cpp \
+  "$scripted" -Wl,-rpath,"$build/tests" -o "$work/liblies.so"
+"$jdk/bin/javac" "${exports[@]}" -cp "$build/quarvel-pkcs11.jar" -d "$work" bench/java/*.java
+java=("$jdk/bin/java" -Xmx1g -XX:TieredStopAtLevel=1 -XX:-CreateCoredumpOnCrash
+  -XX:ErrorFile=/dev/null "${exports[@]}" --enable-native-access=ALL-UNNAMED
+  -cp "$work:$build/quarvel-pkcs11.jar")
 
 # Keeps a list of 2^31 items, which a subject may try to hold twice, from exhausting the machine.
 ulimit -v 12582912
 
+# outcome SUBJECT MODULE OPERATION
+outcome() {
+  local status=0 signal
+  (timeout -k 5 20 "${java[@]}" Hostile "$@" >"$work/$1.out" 2>&1) 2>/dev/null || status=$?
+  case $status in
+    0) tail -n 1 "$work/$1.out" | sed 's/^outcome: //' ;;
+    124 | 137) echo hang ;;
+    *)
+      signal=$(grep -aom 1 'SIG[A-Z]\{3,4\}' "$work/$1.out" || true)
+      echo "crash (status $status${signal:+, $signal})"
+      ;;
+  esac >"$work/$1"
+}
+
+declare -A usual=() crashes=([library]=0 [jdk]=0)
+cases=0 alike=0
+
+# compare MISBEHAVIOUR MODULE: a row for each operation that does not go as in the first rows
+compare() {
+  local operation subject row
+  for operation in "${operations[@]}"; do
+    outcome library "$2" "$operation" &
+    outcome jdk "$2" "$operation"
+    wait
+    for subject in library jdk; do
+      case $(<"$work/$subject") in
+        crash* | hang) crashes[$subject]=$((crashes[$subject] + 1)) ;;
+      esac
+    done
+    cases=$((cases + 1))
+    row="$(<"$work/library") | $(<"$work/jdk")"
+    if [ "${usual[$operation]=$row}" = "$row" ] && [ "$1" != "$first" ]; then
+      alike=$((alike + 1))
+    else
+      echo "| $1 | $operation | $row |"
+    fi
+  done
+}
+
 # The names stand in the order of their numbers.
-sed -n 's/^ *{"\(.*\)",.*/\1/p' "$root/tests/native/misbehaviours.cpp" |
-  tr '\n' '\0' |
-  xargs -0 "$jdk/bin/java" -cp "$work:$build/quarvel-pkcs11.jar" Hostile \
-    "$build/tests/libscripted.so" "$work/liblies.so"
+mapfile -t misbehaviours < <(sed -n 's/^ *{"\(.*\)",.*/\1/p' tests/native/misbehaviours.cpp)
+first=${misbehaviours[0]}
+echo '| The module | Operation | This library | The JDK'\''s wrapper |'
+echo '|---|---|---|---|'
+for number in "${!misbehaviours[@]}"; do
+  QUARVEL_MISBEHAVIOUR=$number compare "${misbehaviours[number]}" "$scripted"
+done
+for lie in "${lies[@]}"; do
+  QUARVEL_LIES=${lie#*=} compare "says ${lie%=*}" "$work/liblies.so"
+done
+echo
+echo "$cases cases for each. Left out: $alike in which both did as in the first rows."
+echo "Crashed or hung: ${crashes[library]} for this library, ${crashes[jdk]} for the JDK's wrapper."
+[ "${crashes[library]}" -eq 0 ]

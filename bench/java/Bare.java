@@ -1,17 +1,24 @@
-/** The bare C calls of the native helper; each method makes `calls` operations. */
-final class Bare {
-  private Bare() {}
+/** The bare C calls of the native helper, in loops of its own. */
+final class Bare implements Subject {
+  /** Opens the module that the process has already initialised. */
+  Bare(String helper, String module) {
+    System.load(helper);
+    open(module);
+  }
 
-  static native void open(String module);
+  @Override
+  public Loop loop(Operation op) {
+    char kind = op.kind().name().charAt(0);
+    return op.kind() == Operation.Kind.SEARCH
+        ? n -> search(op.session(), Operation.BATCH, n)
+        : n -> transform(kind, op.session(), op.key(), op.mechanism(), op.in(), op.size(), n);
+  }
 
-  static native long sign(
-      long session, long key, long mech, byte[] data, int room, int calls);
+  private static native void open(String module);
 
-  static native long encrypt(
-      long session, long key, long mech, byte[] data, int room, int calls);
+  /** Signs, encrypts or decrypts, by the first letter. */
+  private static native void transform(
+      char kind, long session, long key, long mechanism, byte[] in, int room, int calls);
 
-  static native long decrypt(
-      long session, long key, long mech, byte[] data, int room, int calls);
-
-  static native long search(long session, long objectClass, int batch, int calls);
+  private static native void search(long session, int batch, int calls);
 }

@@ -2,9 +2,8 @@ import java.lang.management.CompilationMXBean;
 import java.lang.management.ManagementFactory;
 import java.lang.management.ThreadMXBean;
 import java.util.Arrays;
-import java.util.LinkedHashMap;
-import java.util.List;
-import java.util.Map;
+import java.util.stream.IntStream;
+import java.util.stream.Stream;
 
 /**
  * Measures subjects against each other in rounds: every round runs one batch of each, a few
@@ -14,8 +13,34 @@ import java.util.Map;
  * count; nothing that is measured here waits for anything else.
  */
 final class Rounds {
-  /** What the results of all calls add up to, kept where the compiler cannot see it unused. */
-  private static volatile long consumed;
+  /** Nanoseconds per call, round by round. */
+  record Times(double[] nanos) {
+    double median() {
+      return quantile(nanos, 2);
+    }
+
+    /** The median of the ratios within each round. */
+    double over(Times reference) {
+      return quantile(ratios(reference), 2);
+    }
+
+    /** Half the width of the middle half of the ratios: how far their median can be trusted. */
+    double spread(Times reference) {
+      return (quantile(ratios(reference), 3) - quantile(ratios(reference), 1)) / 2;
+    }
+
+    private double[] ratios(Times reference) {
+      return IntStream.range(0, nanos.length)
+          .mapToDouble(i -> nanos[i] / reference.nanos[i])
+          .toArray();
+    }
+
+    private static double quantile(double[] values, int quarters) {
+      double[] sorted = values.clone();
+      Arrays.sort(sorted);
+      return sorted[sorted.length * quarters / 4];
+    }
+  }
 
   private static final ThreadMXBean THREADS = ManagementFactory.getThreadMXBean();
 
@@ -23,108 +48,64 @@ final class Rounds {
   private final long batchNanos;
   private final long warmUpNanos;
 
+  /** The property bench.quick makes all of it shorter. */
   Rounds(int rounds, long batchMicros, long warmUpMillis) {
-    this.rounds = rounds;
-    this.batchNanos = batchMicros * 1_000;
-    this.warmUpNanos = warmUpMillis * 1_000_000;
+    int part = Boolean.getBoolean("bench.quick") ? 4 : 1;
+    this.rounds = rounds / part;
+    this.batchNanos = batchMicros * 1_000 / part;
+    this.warmUpNanos = warmUpMillis * 1_000_000 / part;
   }
 
-  /**
-   * Warms all subjects up, then measures them.
-   *
-   * @return nanoseconds per call for each subject, round by round
-   */
-  Map<String, double[]> measure(Map<String, Operation> subjects) throws Exception {
-    List<String> names = List.copyOf(subjects.keySet());
-    int[] calls = new int[names.size()];
-    for (int s = 0; s < calls.length; s++) {
-      warmUp(subjects.get(names.get(s)));
+  Times[] measure(Operation op, Subject... subjects) throws Exception {
+    return measure(Stream.of(subjects).map(s -> s.loop(op)).toArray(Subject.Loop[]::new));
+  }
+
+  /** Warms all up, then measures them. */
+  Times[] measure(Subject.Loop... loops) throws Exception {
+    int[] calls = new int[loops.length];
+    Times[] times = new Times[loops.length];
+    for (Subject.Loop loop : loops) {
+      warmUp(loop);
     }
-    for (int s = 0; s < calls.length; s++) {
-      calls[s] = batchSize(subjects.get(names.get(s)));
+    for (int i = 0; i < loops.length; i++) {
+      calls[i] = batchSize(loops[i]);
+      times[i] = new Times(new double[rounds]);
     }
-    Map<String, double[]> times = new LinkedHashMap<>();
-    names.forEach(name -> times.put(name, new double[rounds]));
     System.gc();
     for (int round = 0; round < rounds; round++) {
-      for (int turn = 0; turn < calls.length; turn++) {
-        int s = (round + turn) % calls.length;
-        String name = names.get(s);
-        times.get(name)[round] = (double) time(subjects.get(name), calls[s]) / calls[s];
+      for (int turn = 0; turn < loops.length; turn++) {
+        int i = (round + turn) % loops.length;
+        times[i].nanos[round] = (double) time(loops[i], calls[i]) / calls[i];
       }
     }
     return times;
   }
 
   /** Runs until the compiler has had nothing to do for some batches. */
-  private void warmUp(Operation operation) throws Exception {
+  private void warmUp(Subject.Loop loop) throws Exception {
     CompilationMXBean compiler = ManagementFactory.getCompilationMXBean();
     long start = System.nanoTime();
+    long passed = 0;
     int idle = 0;
-    int calls = 1;
-    while (idle < 5 || System.nanoTime() - start < warmUpNanos) {
+    while ((idle < 5 || passed < warmUpNanos) && passed < 20 * warmUpNanos) {
       long before = compiler.getTotalCompilationTime();
-      if (time(operation, calls) < batchNanos) {
-        calls *= 2;
-      }
+      batchSize(loop);
       idle = compiler.getTotalCompilationTime() == before ? idle + 1 : 0;
-      if (System.nanoTime() - start > 20 * warmUpNanos) {
-        return;
-      }
+      passed = System.nanoTime() - start;
     }
   }
 
-  private int batchSize(Operation operation) throws Exception {
+  private int batchSize(Subject.Loop loop) throws Exception {
     int calls = 1;
-    while (true) {
-      long nanos = time(operation, calls);
-      if (nanos >= batchNanos) {
-        return calls;
-      }
-      calls = (int) Math.max(calls * 2L, Math.min(calls * 8L, calls * batchNanos / (nanos + 1)));
+    while (time(loop, calls) < batchNanos) {
+      calls *= 2;
     }
+    return calls;
   }
 
-  private static long time(Operation operation, int calls) throws Exception {
+  private static long time(Subject.Loop loop, int calls) throws Exception {
     long start = THREADS.getCurrentThreadCpuTime();
-    long sum = operation.run(calls);
-    long nanos = THREADS.getCurrentThreadCpuTime() - start;
-    consumed += sum;
-    return nanos;
-  }
-
-  /** The shortest time of one call over some attempts. */
-  static double best(Operation operation, int calls, int attempts) throws Exception {
-    double best = Double.MAX_VALUE;
-    for (int i = 0; i < attempts; i++) {
-      best = Math.min(best, (double) time(operation, calls) / calls);
-    }
-    return best;
-  }
-
-  static double median(double[] values) {
-    double[] sorted = values.clone();
-    Arrays.sort(sorted);
-    int middle = sorted.length / 2;
-    return sorted.length % 2 == 1 ? sorted[middle] : (sorted[middle - 1] + sorted[middle]) / 2;
-  }
-
-  /** The median of the ratios within each round. */
-  static double ratio(double[] times, double[] reference) {
-    double[] ratios = new double[times.length];
-    for (int i = 0; i < ratios.length; i++) {
-      ratios[i] = times[i] / reference[i];
-    }
-    return median(ratios);
-  }
-
-  /** The middle half of the ratios within each round: how far the median can be trusted. */
-  static double spread(double[] times, double[] reference) {
-    double[] ratios = new double[times.length];
-    for (int i = 0; i < ratios.length; i++) {
-      ratios[i] = times[i] / reference[i];
-    }
-    Arrays.sort(ratios);
-    return ratios[ratios.length * 3 / 4] - ratios[ratios.length / 4];
+    loop.run(calls);
+    return THREADS.getCurrentThreadCpuTime() - start;
   }
 }

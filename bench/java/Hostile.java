@@ -1,0 +1,35 @@
+import java.lang.reflect.Array;
+
+/**
+ * One operation on a misbehaving module, in a virtual machine of its own: Hostile library | jdk
+ * MODULE KIND. Prints what became of it as the last line.
+ */
+final class Hostile {
+  private static final int CKA_ID = 0x102;
+
+  private Hostile() {}
+
+  public static void main(String[] args) {
+    String outcome;
+    try {
+      Operation.Kind kind = Operation.Kind.valueOf(args[2]);
+      Operation op = Operation.of("", kind, kind == Operation.Kind.READ ? CKA_ID : 16);
+      Object result =
+          args[0].equals("library")
+              ? new Library(args[1]).apply(op).call()
+              : new JdkWrapper(args[1], true).apply(op).call();
+      outcome = "returns " + describe(result);
+    } catch (Throwable e) {
+      String name = e.getClass().getSimpleName();
+      outcome = name.equals("PKCS11Exception") ? name + " " + e.getMessage() : name;
+    }
+    System.out.println("\noutcome: " + outcome);
+  }
+
+  private static String describe(Object result) {
+    if (result != null && result.getClass().isArray()) {
+      return Array.getLength(result) + " elements";
+    }
+    return result == null || result instanceof Number ? String.valueOf(result) : "an object";
+  }
+}

@@ -1,0 +1,63 @@
+import java.net.URL;
+import java.net.URLClassLoader;
+import java.nio.file.Path;
+import java.util.concurrent.Callable;
+import java.util.function.Function;
+
+/** One way to call a module. */
+@FunctionalInterface
+interface Subject {
+  /** The folder of the built library; what run.sh builds is in its folder "bench". */
+  String BUILD = System.getProperty("bench.build");
+
+  /** Where results go, so that the compiler must make them. */
+  Object[] KEPT = new Object[1];
+
+  /** One operation, over and over. */
+  @FunctionalInterface
+  interface Loop {
+    void run(int calls) throws Exception;
+  }
+
+  Loop loop(Operation op);
+
+  static Subject of(Function<Operation, Callable<?>> calls) {
+    return op -> repeat(calls.apply(op));
+  }
+
+  /** The one loop around every call from Java. */
+  static Loop repeat(Callable<?> call) {
+    return calls -> {
+      for (int i = 0; i < calls; i++) {
+        KEPT[0] = call.call();
+      }
+    };
+  }
+
+  /**
+   * The loop around nothing. To be made before anything is measured: it shows the compiler more
+   * kinds of calls than it tells apart, so that the loop will favour none of the subjects.
+   */
+  static Loop empty() throws Exception {
+    Loop[] loops = {repeat(() -> null), repeat(() -> KEPT), repeat(() -> "")};
+    for (int i = 0; i < 30_000; i++) {
+      loops[i % loops.length].run(10);
+    }
+    return loops[0];
+  }
+
+  /** This library's Java half over a native library, in a class loader of its own. */
+  @SuppressWarnings("unchecked")
+  static Subject library(String nativeLibrary, String module) throws Exception {
+    URL[] classes = {
+      Path.of(BUILD, "classes").toUri().toURL(), Path.of(BUILD, "bench", "library").toUri().toURL()
+    };
+    Class<?> library =
+        new URLClassLoader(classes, Subject.class.getClassLoader()).loadClass("Library");
+    // The Java half reads the property when its first class is initialised, and only then.
+    System.setProperty("it.quarvel.pkcs11.library", nativeLibrary);
+    return of(
+        (Function<Operation, Callable<?>>)
+            library.getConstructor(String.class).newInstance(module));
+  }
+}
