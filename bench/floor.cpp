@@ -1,13 +1,17 @@
 // The floor: the measured native methods written by hand, making exactly the JNI calls that the
 // contract of each obliges it to make, and calling the module straight through its function list.
 // No trace, no checks beside the module's return value, no layers. What the library costs above
-// this is its own doing; what this costs is the contract's.
+// this is its own doing; what this costs is the contract's. The last section makes the calls of the
+// module as a C program does, without Java in the loop.
 #include <dlfcn.h>
 #include <jni.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+#include <vector>
 
+#include "Bare.h"
 #include "it_quarvel_pkcs11_nat_NativePKCS11.h"
 #include "it_quarvel_pkcs11_nat_NativePKCS11Object.h"
 #include "it_quarvel_pkcs11_nat_NativePKCS11Session.h"
@@ -191,8 +195,8 @@ jint transform(JNIEnv* env, jobject session, jbyteArray in, jint inLen, jbyteArr
   void NATIVE(Session_##begin)(JNIEnv * env, jobject session, jint mech, jobject, jobject key) { \
     start(env, session, mech, key, p11->initFunction);                                           \
   }                                                                                              \
-  jint NATIVE(Session_##finish)(JNIEnv * env, jobject session, jbyteArray in, jint, jint inLen,  \
-                                jbyteArray out, jint) {                                          \
+  jint NATIVE(Session_##finish)(                                                                 \
+      JNIEnv * env, jobject session, jbyteArray in, jint, jint inLen, jbyteArray out, jint) {    \
     return transform(env, session, in, inLen, out, roomIsLength, p11->dataFunction);             \
   }
 
@@ -210,15 +214,15 @@ jlong NATIVE(_loadPKCS11Library)(JNIEnv* env, jclass, jstring libName) {
   return reinterpret_cast<jlong>(p11);
 }
 
-void NATIVE(_libInitialize)(JNIEnv* env, jobject) { refused(env, p11->C_Initialize(nullptr)); }
-
 jstring NATIVE(_getBridgeVersion)(JNIEnv* env, jobject) { return env->NewStringUTF("1.16"); }
+
+void NATIVE(_libInitialize)(JNIEnv* env, jobject) { refused(env, p11->C_Initialize(nullptr)); }
 
 jobject NATIVE(_getInfo)(JNIEnv* env, jobject) {
   CK_INFO info;
   if (refused(env, p11->C_GetInfo(&info))) return nullptr;
-  const auto create = constructor(env, "it/quarvel/pkcs11/PKCS11Info",
-                                  "(ILjava/lang/String;ILjava/lang/String;I)V");
+  const auto create = constructor(
+      env, "it/quarvel/pkcs11/PKCS11Info", "(ILjava/lang/String;ILjava/lang/String;I)V");
   return create(version(info.cryptokiVersion), text(env, info.manufacturerID), narrow(info.flags),
                 text(env, info.libraryDescription), version(info.libraryVersion));
 }
@@ -247,14 +251,14 @@ jobject NATIVE(Slot_getTokenInfo)(JNIEnv* env, jobject slot) {
   const auto create = constructor(env, "it/quarvel/pkcs11/PKCS11TokenInfo",
                                   "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
                                   "Ljava/lang/String;IIIIIIIIIIIIILjava/lang/String;)V");
-  return create(text(env, info.label), text(env, info.manufacturerID), text(env, info.model),
-                text(env, info.serialNumber), narrow(info.flags), narrow(info.ulMaxSessionCount),
-                narrow(info.ulSessionCount), narrow(info.ulMaxRwSessionCount),
-                narrow(info.ulRwSessionCount), narrow(info.ulMaxPinLen), narrow(info.ulMinPinLen),
-                narrow(info.ulTotalPublicMemory), narrow(info.ulFreePublicMemory),
-                narrow(info.ulTotalPrivateMemory), narrow(info.ulFreePrivateMemory),
-                version(info.hardwareVersion), version(info.firmwareVersion),
-                text(env, info.utcTime));
+  return create(
+      text(env, info.label), text(env, info.manufacturerID), text(env, info.model),
+      text(env, info.serialNumber), narrow(info.flags), narrow(info.ulMaxSessionCount),
+      narrow(info.ulSessionCount), narrow(info.ulMaxRwSessionCount), narrow(info.ulRwSessionCount),
+      narrow(info.ulMaxPinLen), narrow(info.ulMinPinLen), narrow(info.ulTotalPublicMemory),
+      narrow(info.ulFreePublicMemory), narrow(info.ulTotalPrivateMemory),
+      narrow(info.ulFreePrivateMemory), version(info.hardwareVersion),
+      version(info.firmwareVersion), text(env, info.utcTime));
 }
 
 jintArray NATIVE(Slot_getMechanismList)(JNIEnv* env, jobject slot) {
@@ -333,8 +337,8 @@ jobjectArray NATIVE(Session_generateKeyPair)(JNIEnv* env, jobject session, jint 
   const Template prv(env, prvTypes, prvValues);
   CK_OBJECT_HANDLE pubKey;
   CK_OBJECT_HANDLE prvKey;
-  const CK_RV rv = p11->C_GenerateKeyPair(id, &mechanism, pub.entries, pub.count, prv.entries,
-                                          prv.count, &pubKey, &prvKey);
+  const CK_RV rv = p11->C_GenerateKeyPair(
+      id, &mechanism, pub.entries, pub.count, prv.entries, prv.count, &pubKey, &prvKey);
   if (refused(env, rv)) return nullptr;
   const auto create = objects(env);
   const jobject pubObject = create(session, narrow(pubKey));
@@ -362,8 +366,8 @@ jint NATIVE(Session_wrapKey)(JNIEnv* env, jobject session, jint mech, jobject, j
 
 jobject NATIVE(Object_getAttributeValue)(JNIEnv* env, jobject obj, jint attr) {
   const CK_OBJECT_HANDLE object = handle(env, obj, "objectID");
-  const jfieldID field = env->GetFieldID(env->GetObjectClass(obj), "session",
-                                         "Lit/quarvel/pkcs11/nat/NativePKCS11Session;");
+  const jfieldID field = env->GetFieldID(
+      env->GetObjectClass(obj), "session", "Lit/quarvel/pkcs11/nat/NativePKCS11Session;");
   const CK_SESSION_HANDLE session = handle(env, env->GetObjectField(obj, field), "sessionID");
   CK_ATTRIBUTE value = {widen(attr), nullptr, 0};
   if (refused(env, p11->C_GetAttributeValue(session, object, &value, 1))) return nullptr;
@@ -374,4 +378,47 @@ jobject NATIVE(Object_getAttributeValue)(JNIEnv* env, jobject obj, jint attr) {
   const jobject result = toObject(env, value);
   std::free(chars);
   return result;
+}
+
+// ---- Bare C ----
+
+/// A refusal would make every figure worthless.
+static void require(CK_RV rv) {
+  if (rv != CKR_OK) std::abort();
+}
+
+/// The module is one that the process has already initialised.
+void JNICALL Java_Bare_open(JNIEnv* env, jclass cl, jstring module) {
+  Java_it_quarvel_pkcs11_nat_NativePKCS11_loadPKCS11Library(env, cl, module);
+}
+
+void JNICALL Java_Bare_transform(JNIEnv* env, jclass, jchar kind, jlong session, jlong key,
+                                 jlong mechanismType, jbyteArray data, jint room, jint calls) {
+  std::vector<jbyte> in(env->GetArrayLength(data));
+  env->GetByteArrayRegion(data, 0, env->GetArrayLength(data), in.data());
+  auto* input = reinterpret_cast<CK_BYTE*>(in.data());
+  std::vector<CK_BYTE> out(room);
+  CK_MECHANISM mechanism = {static_cast<CK_MECHANISM_TYPE>(mechanismType), nullptr, 0};
+  const auto [init, finish] =
+      kind == 'S'   ? std::pair(p11->C_SignInit, p11->C_Sign)
+      : kind == 'E' ? std::pair(p11->C_EncryptInit, p11->C_Encrypt)
+                    : std::pair(p11->C_DecryptInit, p11->C_Decrypt);
+  for (jint i = 0; i < calls; ++i) {
+    CK_ULONG outLen = out.size();
+    require(init(session, &mechanism, key));
+    require(finish(session, input, in.size(), out.data(), &outLen));
+  }
+}
+
+void JNICALL Java_Bare_search(JNIEnv*, jclass, jlong session, jint batch, jint calls) {
+  CK_OBJECT_CLASS wanted = CKO_SECRET_KEY;
+  CK_ATTRIBUTE attribute = {CKA_CLASS, &wanted, sizeof wanted};
+  std::vector<CK_OBJECT_HANDLE> objects(batch);
+  for (jint i = 0; i < calls; ++i) {
+    require(p11->C_FindObjectsInit(session, &attribute, 1));
+    for (CK_ULONG count = 1; count != 0;) {
+      require(p11->C_FindObjects(session, objects.data(), objects.size(), &count));
+    }
+    require(p11->C_FindObjectsFinal(session));
+  }
 }

@@ -54,12 +54,11 @@ CK_RV transform(CK_SESSION_HANDLE, CK_BYTE*, CK_ULONG size, CK_BYTE* out, CK_ULO
 
 std::string_view valueOf(CK_ATTRIBUTE_TYPE type) {
   static constexpr char bytes[256] = {CKO_PRIVATE_KEY};
-  return type == CKA_LABEL      ? "signing key 2048"
-         : type == CKA_END_DATE ? "20351231"
-                                : std::string_view(bytes, type == CKA_CLASS     ? sizeof(CK_ULONG)
-                                                          : type == CKA_ID      ? 20
-                                                          : type == CKA_MODULUS ? sizeof bytes
-                                                                                : 1);
+  if (type == CKA_LABEL) return "signing key 2048";
+  if (type == CKA_END_DATE) return "20351231";
+  if (type == CKA_CLASS) return {bytes, sizeof(CK_ULONG)};
+  if (type == CKA_ID) return {bytes, 20};
+  return {bytes, type == CKA_MODULUS ? sizeof bytes : 1};
 }
 
 CK_RV getAttributeValue(CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE* attributes,

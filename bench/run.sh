@@ -42,7 +42,6 @@ build_bench() {
   compile instantModule.so instantModule.cpp
   compile libfloor.so floor.cpp
   cp "$out/libfloor.so" "$out/libsecondfloor.so"
-  compile libbare.so bare.cpp
 }
 
 # ---- Each prints one part of the page, for the marker of its name; a new one goes here, into

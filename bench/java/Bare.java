@@ -1,8 +1,8 @@
-/** The bare C calls of the native helper, in loops of its own. */
+/** The bare C calls that stand beside the floor, in loops of their own. */
 final class Bare implements Subject {
   /** Opens the module that the process has already initialised. */
-  Bare(String helper, String module) {
-    System.load(helper);
+  Bare(String nativeLibrary, String module) {
+    System.load(nativeLibrary);
     open(module);
   }
 

@@ -36,7 +36,7 @@ final class Table {
   private static void onToken(String module, String pin) throws Exception {
     Subject library = Subject.library(LIBRARY, module);
     JdkWrapper jdk = new JdkWrapper(module, false);
-    Subject bare = new Bare(BENCH + "libbare.so", module);
+    Subject bare = new Bare(BENCH + "libfloor.so", module);
     List<Operation> operations = new Token(jdk.p11, pin).operations();
     print(operations, new Rounds(51, 20_000, 500), "bare C", library, bare, bare, Subject.of(jdk));
   }
