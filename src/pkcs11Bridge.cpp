@@ -28,9 +28,9 @@ bool listUsable = false;
 // that what it wrote, the list in use before or null, can be told from nothing written.
 CK_FUNCTION_LIST unwritten = {};
 
-/// Makes a call that may run a module's start-up code, and puts the thread's floating-point control
-/// word back after it: code linked with -ffast-math switches denormals off when it is loaded, and
-/// Java would compute wrong from then on.
+/// Makes a call that may run a module's code to start or to end, and puts the thread's
+/// floating-point control word back after it: code linked with -ffast-math switches denormals off
+/// when it is loaded, and Java would compute wrong from then on.
 template <typename Call>
 auto keepFloatingPoint(Call call) {
 #if defined(__x86_64__)
@@ -57,7 +57,8 @@ Function functionOf(Function CK_FUNCTION_LIST::*entry) {
 /// @param text what to trace, or a function that traces it with arguments
 /// @return CKR_OK with `function` set, CKR_ZOV_NOTINIT or CKR_ZOV_NOFUNCPTR
 template <typename Text, typename Function>
-CK_RV begin(Text text, Function CK_FUNCTION_LIST::*entry, Function* function) {
+[[gnu::always_inline]] inline CK_RV begin(Text text, Function CK_FUNCTION_LIST::*entry,
+                                          Function* function) {
   if (loaded == 0) return CKR_ZOV_NOTINIT;
   if constexpr (std::is_invocable_v<Text>) {
     text();
@@ -143,9 +144,8 @@ unsigned long address(const void* pointer) { return reinterpret_cast<unsigned lo
 CK_RV loadLib(const char* libName, CK_FUNCTION_LIST_PTR* pFuncList) {
   listUsable = false;
   TRACE("JNI:BRIDGE: Start loading library...");
-  // The dynamic linker copies the name to the stack, which a text of megabytes would overflow. No
-  // longer name can be opened as it stands; one that shrinks below the limit when the linker
-  // expands its ${PLATFORM} is given up.
+  // The dynamic linker copies the name to the stack, which a text of megabytes would overflow. A
+  // longer name opens no file, but where its ${PLATFORM} expands to less; that is given up.
   const bool fits = std::strlen(libName) < PATH_MAX;
   hLibrary = fits ? keepFloatingPoint([=] { return dlopen(libName, RTLD_LAZY); }) : nullptr;
   TRACE(" Done: %lx\n", address(hLibrary));
@@ -159,7 +159,8 @@ CK_RV loadLib(const char* libName, CK_FUNCTION_LIST_PTR* pFuncList) {
   TRACE("JNI:BRIDGE: Calling FuncList...");
   const CK_FUNCTION_LIST_PTR earlier = pFunctionList;
   pFunctionList = &unwritten;
-  const CK_RV ckRv = reinterpret_cast<CK_C_GetFunctionList>(symbol)(&pFunctionList);
+  const auto getFunctionList = reinterpret_cast<CK_C_GetFunctionList>(symbol);
+  const CK_RV ckRv = keepFloatingPoint([=] { return getFunctionList(&pFunctionList); });
   const bool written = pFunctionList != &unwritten;
   if (!written) pFunctionList = earlier;
   TRACE(" Done: %lx\n", address(pFunctionList));
@@ -190,10 +191,10 @@ CK_RV finalizeLib() {
   }
   const CK_C_Finalize function = functionOf(&CK_FUNCTION_LIST::C_Finalize);
   if (function == nullptr) return CKR_ZOV_NOFUNCPTR;
-  const CK_RV ckRv = function(nullptr);
+  const CK_RV ckRv = keepFloatingPoint([=] { return function(nullptr); });
   TRACE(" Done: %li\n", ckRv);
   TRACE("JNI:BRIDGE: It's ok the dlclose ???");
-  dlclose(hLibrary);
+  keepFloatingPoint([] { return dlclose(hLibrary); });
   TRACE("JNI:BRIDGE: It's ok the dlclose !!!");
   listUsable = false;
   loaded = 0;

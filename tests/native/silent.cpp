@@ -1,2 +1,7 @@
-// A module whose C_GetFunctionList reports success and hands out nothing.
-extern "C" unsigned long C_GetFunctionList(void** /*functionList*/) { return 0; }
+// A module whose C_GetFunctionList reports success, hands out nothing and changes how to round.
+#include <cfenv>
+
+extern "C" unsigned long C_GetFunctionList(void** /*functionList*/) {
+  std::fesetround(FE_TOWARDZERO);
+  return 0;
+}
