@@ -1,43 +1,32 @@
-# What cmake --install puts into a prefix, and the packages that CPack makes of it. The components
-# are the two Debian packages: jni has the native library, java everything that runs on a Java
-# virtual machine.
+# What cmake --install puts into a prefix; packaging/package.sh makes the Debian packages and the
+# tarball of it.
 
 include(GNUInstallDirs)
 set(java_dir ${CMAKE_INSTALL_DATADIR}/java)
-set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/libquarvel-pkcs11-java)
+set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/quarvel-pkcs11)
 
-install(TARGETS quarvelpkcs11 LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/jni COMPONENT jni)
-install(FILES ${QUARVEL_JAR} ${CMAKE_BINARY_DIR}/quarvel-pkcs11-cli.jar DESTINATION ${java_dir}
-        COMPONENT java)
-install(FILES ${CMAKE_BINARY_DIR}/quarvel-pkcs11-javadoc.jar
-              ${CMAKE_BINARY_DIR}/quarvel-pkcs11-sources.jar README.md SECURITY.md
-        DESTINATION ${doc_dir} COMPONENT java)
-install(DIRECTORY docs DESTINATION ${doc_dir} COMPONENT java)
-install(PROGRAMS packaging/quarvel-pkcs11 DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT java)
-install(FILES packaging/quarvel-pkcs11.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT java)
+# Whatever the builder's umask.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
+                                                GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
-set(CPACK_GENERATOR DEB TGZ)
-set(CPACK_PACKAGE_VENDOR quarvel)
-set(CPACK_PACKAGE_CONTACT "quarvel developers <maintainers@quarvel.invalid>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Java binding to PKCS#11 tokens")
-set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL jni java)
-set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+configure_file(packaging/quarvel-pkcs11.1.in quarvel-pkcs11.1 @ONLY)
+install(TARGETS ${QUARVEL_NATIVE_TARGETS} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/jni)
+install(FILES ${QUARVEL_JAR} ${CMAKE_BINARY_DIR}/quarvel-pkcs11-cli.jar DESTINATION ${java_dir})
+install(PROGRAMS packaging/quarvel-pkcs11 DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${CMAKE_BINARY_DIR}/quarvel-pkcs11.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${QUARVEL_COMPLETION}
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME quarvel-pkcs11)
+install(FILES README.md CHANGELOG.md SECURITY.md CONTRIBUTING.md LICENSE NOTICE
+        DESTINATION ${doc_dir})
+install(DIRECTORY docs DESTINATION ${doc_dir})
+install(DIRECTORY ${QUARVEL_JAVADOC}/ DESTINATION ${doc_dir}/api)
 
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION java)
-set(CPACK_DEBIAN_JNI_PACKAGE_NAME libquarvel-pkcs11-jni)
-set(CPACK_DEBIAN_JNI_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_JNI_DESCRIPTION "The native half of the classes it.quarvel.pkcs11: opens a PKCS#11 module and
-turns each native method into checked calls of it.")
-set(CPACK_DEBIAN_JAVA_PACKAGE_NAME libquarvel-pkcs11-java)
-set(CPACK_DEBIAN_JAVA_PACKAGE_ARCHITECTURE all)
-set(CPACK_DEBIAN_JAVA_PACKAGE_DEPENDS
-    "libquarvel-pkcs11-jni (= ${PROJECT_VERSION}), default-jre-headless (>= 2:1.17) | java17-runtime-headless, libpicocli-java")
-set(CPACK_DEBIAN_JAVA_DESCRIPTION "The Java half of the binding, its Javadoc, and the command quarvel-pkcs11,
-which shows what a token offers and checks whether the binding works with it.")
-
-set(CPACK_ARCHIVE_COMPONENT_INSTALL OFF)
-set(CPACK_PACKAGE_FILE_NAME quarvel-pkcs11-${PROJECT_VERSION}-linux-${CMAKE_SYSTEM_PROCESSOR})
-include(CPack)
+add_custom_target(
+  packages
+  COMMAND ${CMAKE_SOURCE_DIR}/packaging/package.sh ${CMAKE_BINARY_DIR} ${PROJECT_VERSION}
+          ${QUARVEL_DATE} ${QUARVEL_POM}
+  DEPENDS packaging/package.sh
+  VERBATIM USES_TERMINAL)
+add_dependencies(packages ${QUARVEL_NATIVE_TARGETS} completion quarvel-pkcs11-jar
+                 quarvel-pkcs11-pure-jar quarvel-pkcs11-cli-jar quarvel-pkcs11-javadoc-jar
+                 quarvel-pkcs11-sources-jar)

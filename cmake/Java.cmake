@@ -4,14 +4,13 @@
 file(REAL_PATH ${Java_JAVAC_EXECUTABLE} javac)
 cmake_path(GET javac PARENT_PATH QUARVEL_JDK)
 cmake_path(GET QUARVEL_JDK PARENT_PATH QUARVEL_JDK)
+# Nothing of the builder's environment gets into a class or a page.
+set(java_options -encoding UTF-8 -Xlint:all -Werror --release 17)
 
 file(GLOB_RECURSE QUARVEL_JAVA_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/java/*.java)
 set(QUARVEL_CLASSES ${CMAKE_BINARY_DIR}/classes)
 set(QUARVEL_JNI_HEADERS ${CMAKE_BINARY_DIR}/jni-headers)
 set(QUARVEL_CLASSES_STAMP ${CMAKE_BINARY_DIR}/classes.stamp)
-set(QUARVEL_JAR ${CMAKE_BINARY_DIR}/quarvel-pkcs11.jar)
-# One fixed time for all entries, so that the same sources give the same jar.
-set(QUARVEL_JAR_DATE 2026-01-01T00:00:00Z)
 
 foreach(class NativePKCS11 NativePKCS11Slot NativePKCS11Session NativePKCS11Object)
   list(APPEND QUARVEL_JNI_HEADER_FILES ${QUARVEL_JNI_HEADERS}/it_quarvel_pkcs11_nat_${class}.h)
@@ -21,50 +20,93 @@ add_custom_command(
   OUTPUT ${QUARVEL_CLASSES_STAMP}
   BYPRODUCTS ${QUARVEL_JNI_HEADER_FILES}
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_CLASSES}
-  COMMAND ${Java_JAVAC_EXECUTABLE} --release 17 -Xlint:all -Werror -Xdoclint:all/protected,-missing
-          -d ${QUARVEL_CLASSES} -h ${QUARVEL_JNI_HEADERS} ${QUARVEL_JAVA_SOURCES}
+  COMMAND ${Java_JAVAC_EXECUTABLE} ${java_options} -Xdoclint:all/protected,-missing -d ${QUARVEL_CLASSES}
+          -h ${QUARVEL_JNI_HEADERS} ${QUARVEL_JAVA_SOURCES}
   COMMAND ${CMAKE_COMMAND} -E touch ${QUARVEL_CLASSES_STAMP}
   DEPENDS ${QUARVEL_JAVA_SOURCES}
   VERBATIM)
 add_custom_target(quarvel_classes DEPENDS ${QUARVEL_CLASSES_STAMP})
 
-# quarvel_jar(NAME DEPENDS files... CONTENTS jar arguments...): a target that writes NAME.jar
+# What every manifest says; the jar tool would else name the very version of itself.
+set(manifest_lines "Created-By: CMake
+Implementation-Title: ${PROJECT_NAME}
+Implementation-Version: ${PROJECT_VERSION}
+Implementation-Vendor: the quarvel-pkcs11 authors
+")
+set(legal ${CMAKE_BINARY_DIR}/legal)
+file(COPY LICENSE NOTICE DESTINATION ${legal}/META-INF)
+
+# quarvel_jar(NAME [MANIFEST text] [DEPENDS files...] CONTENTS jar arguments...): a target NAME-jar
+# that writes NAME.jar, licence included.
 function(quarvel_jar name)
-  cmake_parse_arguments(ARG "" "" "DEPENDS;CONTENTS" ${ARGN})
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "MANIFEST" "DEPENDS;CONTENTS")
   set(jar ${CMAKE_BINARY_DIR}/${name}.jar)
+  set(manifest ${CMAKE_BINARY_DIR}/${name}.mf)
+  file(CONFIGURE OUTPUT ${manifest} CONTENT "${manifest_lines}${ARG_MANIFEST}" @ONLY)
   add_custom_command(
     OUTPUT ${jar}
-    COMMAND ${Java_JAR_EXECUTABLE} --create --file ${jar} --date=${QUARVEL_JAR_DATE} ${ARG_CONTENTS}
-    DEPENDS ${ARG_DEPENDS}
+    COMMAND ${Java_JAR_EXECUTABLE} --create --file ${jar} --date=${QUARVEL_DATE}T00:00:00Z
+            --manifest ${manifest} ${ARG_CONTENTS} -C ${legal} META-INF
+    DEPENDS ${ARG_DEPENDS} ${manifest}
     VERBATIM)
   add_custom_target(${name}-jar ALL DEPENDS ${jar})
 endfunction()
 
-# ---- The library's jar: classes, the native library, what GraalVM's native-image wants to know ----
+# ---- The library's jar: classes, the native files, what Maven and native-image want to know ----
 
-# os.arch of the Java virtual machine names the folder of the library.
+# os.arch of the Java virtual machine names the folder of the native files.
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
   set(arch amd64)
 else()
   set(arch ${CMAKE_SYSTEM_PROCESSOR})
 endif()
 set(resources ${CMAKE_BINARY_DIR}/resources)
-set(library ${resources}/it/quarvel/pkcs11/nat/linux-${arch}/libquarvelpkcs11.so)
-set(graal META-INF/native-image/it.quarvel/quarvel-pkcs11)
+foreach(target ${QUARVEL_NATIVE_TARGETS})
+  set(folder it/quarvel/pkcs11/nat/linux-${arch})
+  set(native ${folder}/lib${target}.so)
+  add_custom_command(
+    OUTPUT ${resources}/${native}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${resources}/${folder}
+    COMMAND ${CMAKE_STRIP} -o ${resources}/${native} $<TARGET_FILE:${target}>
+    DEPENDS ${target}
+    VERBATIM)
+  list(APPEND native_files ${resources}/${native})
+  list(APPEND natives -C ${resources} ${native})
+endforeach()
+
+set(pom META-INF/maven/it.quarvel/quarvel-pkcs11)
+set(QUARVEL_POM ${resources}/${pom}/pom.xml)
+configure_file(packaging/pom.xml.in ${QUARVEL_POM} @ONLY)
+file(CONFIGURE OUTPUT ${resources}/${pom}/pom.properties
+     CONTENT "groupId=it.quarvel\nartifactId=quarvel-pkcs11\nversion=${PROJECT_VERSION}\n")
+set(contents --module-version ${PROJECT_VERSION} -C ${QUARVEL_CLASSES} . -C ${resources} ${pom})
 file(GLOB graal_files CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/native-image/*.json)
-cmake_path(GET library PARENT_PATH library_folder)
-file(MAKE_DIRECTORY ${library_folder})
-add_custom_command(
-  OUTPUT ${library}
-  COMMAND ${CMAKE_STRIP} -o ${library} $<TARGET_FILE:quarvelpkcs11>
-  COMMAND ${CMAKE_COMMAND} -E make_directory ${resources}/${graal}
-  COMMAND ${CMAKE_COMMAND} -E copy ${graal_files} ${resources}/${graal}
-  DEPENDS quarvelpkcs11 ${graal_files}
-  VERBATIM)
-quarvel_jar(
-  quarvel-pkcs11
-  DEPENDS ${QUARVEL_CLASSES_STAMP} ${library} ${graal_files}
-  CONTENTS --module-version ${PROJECT_VERSION} -C ${QUARVEL_CLASSES} . -C ${resources} .)
+foreach(file ${graal_files})
+  cmake_path(GET file FILENAME name)
+  set(graal META-INF/native-image/it.quarvel/quarvel-pkcs11/${name})
+  configure_file(${file} ${resources}/${graal} COPYONLY)
+  list(APPEND contents -C ${resources} ${graal})
+endforeach()
+
+# A bundle exports what the module exports.
+file(STRINGS java/module-info.java exports REGEX "^ *exports ")
+list(TRANSFORM exports REPLACE "^ *exports ([^;]*).*" "\\1")
+list(JOIN exports ";version=\"${PROJECT_VERSION}\"," exports)
+set(bundle
+    "Bundle-ManifestVersion: 2
+Bundle-SymbolicName: it.quarvel.pkcs11
+Bundle-Name: ${PROJECT_NAME}
+Bundle-Version: ${PROJECT_VERSION}
+Bundle-License: Apache-2.0
+Export-Package: ${exports};version=\"${PROJECT_VERSION}\"
+Require-Capability: osgi.ee;filter:=\"(&(osgi.ee=JavaSE)(version=17))\"
+")
+quarvel_jar(quarvel-pkcs11 MANIFEST "${bundle}" CONTENTS ${contents} ${natives}
+            DEPENDS ${QUARVEL_CLASSES_STAMP} ${native_files} ${QUARVEL_POM} ${graal_files})
+# For a package that has another one for its native files.
+quarvel_jar(quarvel-pkcs11-pure MANIFEST "${bundle}" CONTENTS ${contents}
+            DEPENDS ${QUARVEL_CLASSES_STAMP} ${QUARVEL_POM} ${graal_files})
+set(QUARVEL_JAR ${CMAKE_BINARY_DIR}/quarvel-pkcs11.jar)
 
 # ---- The inspector's jar ----
 
@@ -75,33 +117,44 @@ set(QUARVEL_CLI_STAMP ${QUARVEL_CLI_CLASSES}.stamp)
 add_custom_command(
   OUTPUT ${QUARVEL_CLI_STAMP}
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_CLI_CLASSES}
-  COMMAND ${Java_JAVAC_EXECUTABLE} --release 17 -Xlint:all,-processing -Werror
+  COMMAND ${Java_JAVAC_EXECUTABLE} ${java_options} -Xlint:-processing
           -cp ${QUARVEL_CLASSES}:${QUARVEL_PICOCLI} -d ${QUARVEL_CLI_CLASSES} ${cli_sources}
   COMMAND ${CMAKE_COMMAND} -E touch ${QUARVEL_CLI_STAMP}
   DEPENDS ${cli_sources} ${QUARVEL_CLASSES_STAMP}
   VERBATIM)
-set(manifest ${CMAKE_BINARY_DIR}/cli-manifest.txt)
-file(CONFIGURE OUTPUT ${manifest} CONTENT [[Main-Class: it.quarvel.pkcs11.cli.Main
-Class-Path: quarvel-pkcs11.jar @QUARVEL_PICOCLI@
+quarvel_jar(
+  quarvel-pkcs11-cli
+  MANIFEST "Main-Class: it.quarvel.pkcs11.cli.Launcher
+Class-Path: quarvel-pkcs11.jar picocli.jar ${QUARVEL_PICOCLI}
 Enable-Native-Access: ALL-UNNAMED
-]] @ONLY)
-quarvel_jar(quarvel-pkcs11-cli DEPENDS ${QUARVEL_CLI_STAMP} ${manifest} CONTENTS --manifest ${manifest}
-            -C ${QUARVEL_CLI_CLASSES} .)
+"
+  CONTENTS -C ${QUARVEL_CLI_CLASSES} .
+  DEPENDS ${QUARVEL_CLI_STAMP})
+
+set(QUARVEL_COMPLETION ${CMAKE_BINARY_DIR}/quarvel-pkcs11.bash)
+add_custom_command(
+  OUTPUT ${QUARVEL_COMPLETION}
+  COMMAND ${Java_JAVA_EXECUTABLE} -cp ${QUARVEL_CLASSES}:${QUARVEL_CLI_CLASSES}:${QUARVEL_PICOCLI}
+          it.quarvel.pkcs11.cli.Main generate-completion > ${QUARVEL_COMPLETION}
+  COMMAND sed -i "/^#!/d" ${QUARVEL_COMPLETION} # it is read, not run
+  DEPENDS ${QUARVEL_CLI_STAMP}
+  VERBATIM)
+add_custom_target(completion ALL DEPENDS ${QUARVEL_COMPLETION})
 
 # ---- Sources and Javadoc, for development environments ----
 
-set(javadoc ${CMAKE_BINARY_DIR}/javadoc)
-set(javadoc_title "${PROJECT_NAME} ${PROJECT_VERSION}")
-find_program(QUARVEL_JAVADOC javadoc HINTS ${QUARVEL_JDK}/bin REQUIRED)
+set(QUARVEL_JAVADOC ${CMAKE_BINARY_DIR}/javadoc)
+set(title "${PROJECT_NAME} ${PROJECT_VERSION}")
+# Without its index, a page that brings a JavaScript library with a licence of its own.
 add_custom_command(
-  OUTPUT ${javadoc}.stamp
-  COMMAND ${CMAKE_COMMAND} -E rm -rf ${javadoc}
-  COMMAND ${QUARVEL_JAVADOC} -quiet -notimestamp -Xdoclint:all,-missing -Werror -d ${javadoc}
-          -windowtitle ${javadoc_title} -doctitle ${javadoc_title} -header ${javadoc_title}
+  OUTPUT ${QUARVEL_JAVADOC}.stamp
+  COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_JAVADOC}
+  COMMAND ${Java_JAVADOC_EXECUTABLE} -J-Duser.language=en -quiet -notimestamp -noindex -locale en
+          -encoding UTF-8 -docencoding UTF-8 -Xdoclint:all,-missing -Werror
+          -windowtitle ${title} -doctitle ${title} -header ${title} -d ${QUARVEL_JAVADOC}
           ${QUARVEL_JAVA_SOURCES}
-  COMMAND ${CMAKE_COMMAND} -E touch ${javadoc}.stamp
+  COMMAND ${CMAKE_COMMAND} -E touch ${QUARVEL_JAVADOC}.stamp
   DEPENDS ${QUARVEL_JAVA_SOURCES}
   VERBATIM)
-quarvel_jar(quarvel-pkcs11-javadoc DEPENDS ${javadoc}.stamp CONTENTS -C ${javadoc} .)
-quarvel_jar(quarvel-pkcs11-sources DEPENDS ${QUARVEL_JAVA_SOURCES} CONTENTS
-            -C ${CMAKE_SOURCE_DIR}/java .)
+quarvel_jar(quarvel-pkcs11-javadoc CONTENTS -C ${QUARVEL_JAVADOC} . DEPENDS ${QUARVEL_JAVADOC}.stamp)
+quarvel_jar(quarvel-pkcs11-sources CONTENTS -C ${CMAKE_SOURCE_DIR}/java . DEPENDS ${QUARVEL_JAVA_SOURCES})

@@ -19,6 +19,7 @@ import java.io.PrintWriter;
 import java.io.StringWriter;
 import java.util.Arrays;
 import java.util.List;
+import picocli.AutoComplete.GenerateCompletion;
 import picocli.CommandLine;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.ParameterException;
@@ -31,7 +32,7 @@ import picocli.CommandLine.UnmatchedArgumentException;
     description = "Inspects PKCS#11 tokens and uses their keys.",
     subcommands = {
       InfoCommand.class, SlotsCommand.class, MechanismsCommand.class, ObjectsCommand.class,
-      SignCommand.class, DecryptCommand.class, CheckCommand.class
+      SignCommand.class, DecryptCommand.class, CheckCommand.class, GenerateCompletion.class
     },
     mixinStandardHelpOptions = true,
     scope = ScopeType.INHERIT,
