@@ -56,7 +56,11 @@ instant() { "${table[@]}" "$@" Table instant; }
 
 growth() { "${table[@]}" "$@" Table growth; }
 
-token() { tests/withToken.sh "${table[@]}" "$@" Table token; }
+token() (
+  . tests/token.sh
+  start_module softhsm2
+  "${table[@]}" "$@" Table token
+)
 
 # The same with the C library told to keep blocks of up to 32 MiB.
 keepingMemory() {

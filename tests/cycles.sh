@@ -1,7 +1,7 @@
-#!/bin/sh
+#!/bin/bash
 # A thousand cycles of load, initialise and finalise on a throwaway token: cycles.sh JAVA CLASSPATH.
 # The virtual machine keeps its own share of the memory small and still.
-set -eu
-# shellcheck disable=SC2016  # for the inner shell, which knows the token
-"$(dirname "$0")/withToken.sh" sh -c 'exec "$@" "$QUARVEL_MODULE"' \
-  sh "$1" -Xmx16m -XX:+UseSerialGC -XX:TieredStopAtLevel=1 -cp "$2" Cycles
+set -euo pipefail
+. "$(dirname "$0")/token.sh"
+start_module softhsm2
+"$1" -Xmx16m -XX:+UseSerialGC -XX:TieredStopAtLevel=1 -cp "$2" Cycles "$QUARVEL_PKCS11_MODULE"

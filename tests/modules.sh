@@ -3,20 +3,27 @@
 # modules.sh write|compare JAVA CLI_JAR PAGE. PAGE is docs/modules.md: "write" makes it anew,
 # "compare" fails when a module now answers otherwise than the page says.
 set -euo pipefail
+. "$(dirname "$0")/token.sh"
+# All modules in one mount namespace, where there is one to be had.
+if unshare -m true 2>/dev/null; then in_namespace; fi
 action=$1 java=$2 cli=$3 page=$(readlink -f "$4")
-folder=$(dirname "$(readlink -f "$0")")
 modules=(softhsm2 spy opencryptoki nss tpm2 trust server)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 # The check-up of a module: operation, tab, result; nothing for a module that cannot be had here.
 check() {
-  local module=$1 write=--write status=0
+  local module=$1 write=--write status
   [ "$module" != trust ] || write= # a list of certificates: there is nothing to write to
-  # shellcheck disable=SC2016  # for the inner shell, which knows the token
-  "$folder/withModule.sh" "$module" sh -c 'exec "$@" ${QUARVEL_TOKEN:+--token "$QUARVEL_TOKEN"} \
-    ${QUARVEL_PIN:+--pin env:QUARVEL_PIN}' sh "$java" -jar "$cli" check $write \
-    >"$work/out" 2>"$work/err" || status=$?
+  set +e
+  (
+    set -e
+    start_module "$module"
+    "$java" -jar "$cli" check $write ${QUARVEL_TOKEN:+--token "$QUARVEL_TOKEN"} \
+      ${QUARVEL_PIN:+--pin env:QUARVEL_PIN}
+  ) >"$work/out" 2>"$work/err"
+  status=$?
+  set -e
   if [ "$status" -eq 77 ]; then
     echo "$module: not run, $(cat "$work/out")" >&2
     return
@@ -61,7 +68,7 @@ cat >"$work/page" <<END
 
 Which operations work on which real module, as \`quarvel-pkcs11 check --write\` found it. The objects
 are session objects, and nothing stays on a token. \`./dev modules\` starts each module in a temporary
-folder, runs the check-up, and writes this page; \`tests/withModule.sh\` shows how each is started.
+folder, runs the check-up, and writes this page; \`tests/token.sh\` shows how each is started.
 
 - **softhsm2**: SoftHSM2; **spy**: SoftHSM2 behind OpenSC's spy.
 - **opencryptoki**: its software token.

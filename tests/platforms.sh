@@ -1,19 +1,18 @@
-#!/bin/sh
+#!/bin/bash
 # The ways in which a Java program can be put together: platforms.sh JDK JAR CLASSES. Each runs the
 # same small program on a throwaway token.
-set -eu
+set -euo pipefail
 jdk=$1 jar=$2 classes=$3
 version=$(sed -n 's/JAVA_VERSION="\([0-9]*\).*/\1/p' "$jdk/release")
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+. "$(dirname "$0")/token.sh"
+start_module softhsm2
+work=$TOKEN_DIR
 
 # runs NAME JAVA ARGUMENTS...
 runs() {
   name=$1
   shift
-  # shellcheck disable=SC2016  # for the inner shell, which knows the token
-  "$(dirname "$0")/withToken.sh" sh -c '"$@" TraceLog "$QUARVEL_MODULE" "$QUARVEL_PIN"' sh "$@" \
-    >"$work/out" 2>&1 || { echo "$name failed:"; cat "$work/out"; exit 1; }
+  "$@" TraceLog "$QUARVEL_PKCS11_MODULE" "$QUARVEL_PIN" >"$work/out" 2>&1 || { echo "$name failed:"; cat "$work/out"; exit 1; }
   echo "$name: works"
 }
 
@@ -68,9 +67,10 @@ if [ "$version" -ge 24 ]; then
   runs 'native access denied but to the module' "$jdk/bin/java" $deny \
     --enable-native-access=it.quarvel.pkcs11 --module-path "$jar" --add-modules it.quarvel.pkcs11 \
     -cp "$classes"
-  "$jdk/bin/java" $deny -jar "${jar%.jar}-cli.jar" info --module none 2>&1 | grep -q 'has to name a PKCS#11 module'
+  "$jdk/bin/java" $deny -jar "${jar%.jar}-cli.jar" info --module none >"$work/out" 2>&1 || true
+  has 'has to name a PKCS#11 module'
   echo 'native access denied but to the inspector: works'
-  "$jdk/bin/java" $deny -cp "$jar:$classes" TraceLog none none 2>&1 |
-    grep -q 'start it with --enable-native-access=ALL-UNNAMED'
+  "$jdk/bin/java" $deny -cp "$jar:$classes" TraceLog none none >"$work/out" 2>&1 || true
+  has 'start it with --enable-native-access=ALL-UNNAMED'
   echo 'native access denied: the error names the flag'
 fi

@@ -1,17 +1,21 @@
-#!/bin/sh
+#!/bin/bash
 # What PKCS11_ZOV_DEBUG adds to the log, and what still reaches standard output before it:
 # traceLog.sh JAVA CLASSPATH. Addresses, slots and sessions are the module's and read X.
-set -eu
+set -euo pipefail
 java=$1 class_path=$2
 
+. "$(dirname "$0")/token.sh"
+start_module softhsm2
+work=$TOKEN_DIR
+
 log=/var/tmp/vorlenk0.log
-touch "$log"
-before=$(wc -c <"$log")
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-# shellcheck disable=SC2016
-PKCS11_ZOV_DEBUG='' "$(dirname "$0")/withToken.sh" sh -c '"$@" "$QUARVEL_MODULE" "$QUARVEL_PIN"' \
-  sh "$java" -cp "$class_path" TraceLog >"$work/stdout"
+if [ -L "$log" ] || { [ -e "$log" ] && [ ! -O "$log" ]; }; then
+  echo "$log is a link or somebody else's"
+  exit 1
+fi
+before=$(stat --format %s "$log" 2>/dev/null || echo 0)
+PKCS11_ZOV_DEBUG='' "$java" -cp "$class_path" TraceLog "$QUARVEL_PKCS11_MODULE" "$QUARVEL_PIN" \
+  >"$work/stdout"
 printf 'getenv done \nredirecting stdout to %s ' "$log" | diff - "$work/stdout"
 
 tail -c +"$((before + 1))" "$log" |

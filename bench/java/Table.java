@@ -19,7 +19,7 @@ final class Table {
             "%n%s%nOf the time of each call, %.1f ns are the loop around it.%n", means, loop);
       }
       case "growth" -> onInstantModule(Operation.growth(), new Rounds(25, 4_000, 300));
-      default -> onToken(System.getenv("QUARVEL_MODULE"), System.getenv("QUARVEL_PIN"));
+      default -> onToken(System.getenv("QUARVEL_PKCS11_MODULE"), System.getenv("QUARVEL_PIN"));
     }
   }
 

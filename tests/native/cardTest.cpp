@@ -1,4 +1,4 @@
-// The card's own methods on a real module that stores vendor-defined attributes: withModule.sh
+// The card's own methods on a real module that stores vendor-defined attributes: token.sh
 // starts NSS and names it in QUARVEL_PKCS11_MODULE; without it these tests are filtered out.
 #include <gtest/gtest.h>
 

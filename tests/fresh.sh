@@ -1,0 +1,118 @@
+#!/bin/bash
+# What `./dev fresh` runs: a Debian with nothing but git and ca-certificates, made in build/fresh by
+# debootstrap from the Debian sources and certificates of this machine; in it a clone of the last
+# commit, then the README's commands as root and as a user with sudo. Writes docs/fresh.md.
+set -euo pipefail
+project=$(dirname "$(dirname "$(readlink -f "$0")")")
+work=$project/build/fresh
+root=$work/root
+
+give_up() {
+  echo "fresh: $1" >&2
+  exit 1
+}
+
+if [ -z "${INSIDE-}" ]; then
+  [ "$(id -u)" -eq 0 ] || give_up "only root can make a root file system"
+  unshare --mount --pid --fork true 2>/dev/null || give_up "no namespace can be had here"
+  git -C "$project" rev-parse HEAD >/dev/null 2>&1 || give_up "this folder is no clone, there is nothing to clone"
+  INSIDE=1 exec unshare --mount --pid --fork --kill-child "$0"
+fi
+
+# ---- The bare machine ----
+
+. /etc/os-release
+# shellcheck disable=SC2016  # apt's own fields
+sources=$(apt-get indextargets --format '$(REPO_URI) $(CODENAME) $(COMPONENT)' \
+  'Created-By: Packages' 'Origin: Debian' | grep " $VERSION_CODENAME" | sort -u) ||
+  give_up "apt here has no sources for Debian $VERSION_CODENAME: run apt-get update"
+mirror=$(awk -v name="$VERSION_CODENAME" '$2 == name && $3 == "main" {print $1; exit}' <<<"$sources")
+
+rm -rf "$work"
+mkdir -p "$work"
+git -C "$project" bundle create --quiet "$work/quarvel.bundle" HEAD
+debootstrap --variant=minbase --include=git,ca-certificates "$VERSION_CODENAME" "$work/bare" "$mirror" \
+  >"$work/debootstrap.log" 2>&1 || give_up "debootstrap failed, see $work/debootstrap.log"
+sed 's/^/deb /' <<<"$sources" >"$work/bare/etc/apt/sources.list"
+apt-config dump Acquire | grep -i proxy >"$work/bare/etc/apt/apt.conf.d/90machine" || true
+cp /etc/resolv.conf /etc/hosts "$work/bare/etc/"
+cp -r /usr/local/share/ca-certificates "$work/bare/usr/local/share/"
+chroot "$work/bare" update-ca-certificates >/dev/null 2>&1
+chroot "$work/bare" apt-get clean
+
+begin() {
+  cp -a "$work/bare" "$root"
+  mount -t proc proc "$root/proc"
+  mount --rbind /dev "$root/dev"
+  cp "$work/quarvel.bundle" "$root/tmp/"
+  chmod 644 "$root/tmp/quarvel.bundle"
+}
+end() {
+  umount --lazy "$root/proc" "$root/dev"
+  rm -rf --one-file-system "$root"
+}
+
+inside() { # USER COMMAND...
+  chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb \
+    /sbin/runuser --login "$1" --command "${*:2}"
+}
+packages() { chroot "$root" dpkg-query --show | wc -l; }
+megabytes() { du --summarize --one-file-system --block-size=1M --exclude=quarvel "$root" | cut -f 1; }
+
+# row USER COMMAND: runs it in the clone, and tells what it took
+row() {
+  local packages_before megabytes_before began=$SECONDS log=$work/$1-${2//[^a-z]/}.log result=passes
+  packages_before=$(packages) megabytes_before=$(megabytes)
+  inside "$1" "cd quarvel && $2" >"$log" 2>&1 || result="**fails**"
+  printf '| %s | `%s` | %s | %d min %02d s | %d | %s | %d MB |\n' "$1" "$2" "$result" \
+    $(((SECONDS - began) / 60)) $(((SECONDS - began) % 60)) $(($(packages) - packages_before)) \
+    "$(sed -n 's/^Need to get \(.*B\) of archives.*/\1/p' "$log")" $(($(megabytes) - megabytes_before)) |
+    tee -a "$work/table"
+  [ "$result" = passes ] || { tail -n 30 "$log"; return 1; }
+}
+
+# ---- As root ----
+
+begin
+bare="$(packages) packages, $(megabytes) MB"
+inside root git clone --quiet /tmp/quarvel.bundle quarvel
+row root './dev demo'
+row root './dev test'
+row root './dev package'
+git clone --quiet "$work/quarvel.bundle" "$work/here"
+"$work/here/dev" package >"$work/here.log" 2>&1
+for file in "$work"/here/build/package/{*.deb,*.tar.gz,maven}; do
+  diff --recursive "$file" "$root/root/quarvel/build/package/$(basename "$file")"
+done
+echo "fresh: the packages have the bytes that this machine makes"
+end
+
+# ---- As a user, without sudo and with it ----
+
+begin
+chroot "$root" useradd --create-home --shell /bin/bash user
+inside user git clone --quiet /tmp/quarvel.bundle quarvel
+if inside user 'quarvel/dev demo' >"$work/refusal" 2>&1 || [ "$(wc -l <"$work/refusal")" -ne 1 ]; then
+  give_up "without sudo: $(cat "$work/refusal")"
+fi
+chroot "$root" sh -c 'apt-get update -qq && apt-get install -y -qq --no-install-recommends sudo' >/dev/null 2>&1
+echo 'user ALL=(ALL) NOPASSWD: ALL' >"$root/etc/sudoers.d/user"
+row user './dev demo'
+row user './dev test'
+end
+
+cat >"$project/docs/fresh.md" <<END
+# On a bare machine
+
+\`./dev fresh\` made this page on $(date --utc +%Y-%m-%d) with Debian $(cat "$work/bare/etc/debian_version"): a root file
+system with git and ca-certificates and nothing else ($bare), a clone, then these commands.
+"user" has sudo. What a command installs goes by what the ones before it have left.
+
+| as | command | result | time | packages | download | on disk |
+|---|---|---|---|---|---|---|
+$(cat "$work/table")
+
+The packages made there have the same bytes as those made on the machine around it. Without root and
+without sudo the first command says which packages to ask for, and ends.
+END
+rm -rf "$work"/bare "$work"/here
