@@ -33,7 +33,7 @@ mkdir -p "$work"
 git -C "$project" bundle create --quiet "$work/quarvel.bundle" HEAD
 debootstrap --variant=minbase --include=git,ca-certificates "$VERSION_CODENAME" "$work/bare" "$mirror" \
   >"$work/debootstrap.log" 2>&1 || give_up "debootstrap failed, see $work/debootstrap.log"
-sed 's/^/deb /' <<<"$sources" >"$work/bare/etc/apt/sources.list"
+awk '{print "deb", $0}' <<<"$sources" >"$work/bare/etc/apt/sources.list"
 apt-config dump Acquire | grep -i proxy >"$work/bare/etc/apt/apt.conf.d/90machine" || true
 cp /etc/resolv.conf /etc/hosts "$work/bare/etc/"
 cp -r /usr/local/share/ca-certificates "$work/bare/usr/local/share/"
@@ -64,6 +64,7 @@ row() {
   local packages_before megabytes_before began=$SECONDS log=$work/$1-${2//[^a-z]/}.log result=passes
   packages_before=$(packages) megabytes_before=$(megabytes)
   inside "$1" "cd quarvel && $2" >"$log" 2>&1 || result="**fails**"
+  # shellcheck disable=SC2016  # Markdown
   printf '| %s | `%s` | %s | %d min %02d s | %d | %s | %d MB |\n' "$1" "$2" "$result" \
     $(((SECONDS - began) / 60)) $(((SECONDS - began) % 60)) $(($(packages) - packages_before)) \
     "$(sed -n 's/^Need to get \(.*B\) of archives.*/\1/p' "$log")" $(($(megabytes) - megabytes_before)) |
@@ -75,11 +76,11 @@ row() {
 
 begin
 bare="$(packages) packages, $(megabytes) MB"
-inside root git clone --quiet /tmp/quarvel.bundle quarvel
+inside root git clone --quiet -c advice.detachedHead=false /tmp/quarvel.bundle quarvel
 row root './dev demo'
 row root './dev test'
 row root './dev package'
-git clone --quiet "$work/quarvel.bundle" "$work/here"
+git clone --quiet -c advice.detachedHead=false "$work/quarvel.bundle" "$work/here"
 "$work/here/dev" package >"$work/here.log" 2>&1
 for file in "$work"/here/build/package/{*.deb,*.tar.gz,maven}; do
   diff --recursive "$file" "$root/root/quarvel/build/package/$(basename "$file")"
@@ -91,7 +92,7 @@ end
 
 begin
 chroot "$root" useradd --create-home --shell /bin/bash user
-inside user git clone --quiet /tmp/quarvel.bundle quarvel
+inside user git clone --quiet -c advice.detachedHead=false /tmp/quarvel.bundle quarvel
 if inside user 'quarvel/dev demo' >"$work/refusal" 2>&1 || [ "$(wc -l <"$work/refusal")" -ne 1 ]; then
   give_up "without sudo: $(cat "$work/refusal")"
 fi
