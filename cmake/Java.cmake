@@ -16,12 +16,16 @@ foreach(class NativePKCS11 NativePKCS11Slot NativePKCS11Session NativePKCS11Obje
   list(APPEND QUARVEL_JNI_HEADER_FILES ${QUARVEL_JNI_HEADERS}/it_quarvel_pkcs11_nat_${class}.h)
 endforeach()
 
+# javac writes its own version, 17.0.21 say, into the description of the module: only 17 stays.
+find_program(QUARVEL_PERL perl REQUIRED)
 add_custom_command(
   OUTPUT ${QUARVEL_CLASSES_STAMP}
   BYPRODUCTS ${QUARVEL_JNI_HEADER_FILES}
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_CLASSES}
   COMMAND ${Java_JAVAC_EXECUTABLE} ${java_options} -Xdoclint:all/protected,-missing -d ${QUARVEL_CLASSES}
           -h ${QUARVEL_JNI_HEADERS} ${QUARVEL_JAVA_SOURCES}
+  COMMAND ${QUARVEL_PERL} -0777 -pi -e "s/\\x01\\0.17\\.[0-9.]+/\\x01\\0\\x0217/s"
+          ${QUARVEL_CLASSES}/module-info.class
   COMMAND ${CMAKE_COMMAND} -E touch ${QUARVEL_CLASSES_STAMP}
   DEPENDS ${QUARVEL_JAVA_SOURCES}
   VERBATIM)

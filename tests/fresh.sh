@@ -52,9 +52,12 @@ end() {
   rm -rf --one-file-system "$root"
 }
 
+# As on a machine of its own, where namespaces can be had: no chroot.
 inside() { # USER COMMAND...
-  chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb \
-    /sbin/runuser --login "$1" --command "${*:2}"
+  # shellcheck disable=SC2016  # for the shell inside
+  unshare --mount sh -euc 'mount --rbind "$1" "$1"; cd "$1"; pivot_root . mnt; umount --lazy /mnt
+    exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb runuser --login "$2" --command "$3"' \
+    sh "$root" "$1" "${*:2}"
 }
 packages() { chroot "$root" dpkg-query --show | wc -l; }
 megabytes() { du --summarize --one-file-system --block-size=1M --exclude=quarvel "$root" | cut -f 1; }
