@@ -8,7 +8,7 @@ tests=$(dirname "$(readlink -f "$0")")
 # ---- In the view ----
 
 signs() { # JAVA ARGUMENTS...: as the README's program does; OpenSSL judges
-  printf %s "$QUARVEL_PIN" | java "$@" | tail -n 1 | xxd -r -p >"$TOKEN_DIR/signature"
+  printf %s "$QUARVEL_PIN" | java "$@" | tail -n 1 | perl -ne 'chomp; print pack "H*", $_' >"$TOKEN_DIR/signature"
   printf data | openssl dgst -sha256 -verify "$TOKEN_DIR/public.pem" -signature "$TOKEN_DIR/signature"
 }
 
