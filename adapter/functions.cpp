@@ -1,0 +1,386 @@
+#include "functions.h"
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+#include <utility>
+
+namespace adapter {
+
+constinit Table Handles::table;
+constinit pthread_mutex_t Handles::mutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+using List = CK_FUNCTION_LIST;
+
+/// Calls a function whose failure leaves nothing more to do.
+template <typename Function, typename... Args>
+void attempt(Function List::*entry, Args... args) {
+  if (const Function function = module::functionOf(entry)) function(args...);
+}
+
+void noteOperation(CK_SESSION_HANDLE number, bool operating) {
+  const Handles handles;
+  SessionEntry* session = handles->findSession(number);
+  if (session != nullptr) session->operating = operating;
+}
+
+}  // namespace
+
+// ---- Roles ----
+
+void SearchingSession::finish(Context* context) {
+  if (context->rv != CKR_OK) return;
+  const Handles handles;
+  SessionEntry* session = handles->findSession(context->number);
+  if (session != nullptr) session->ahead.begin = session->ahead.end = session->ahead.error = 0;
+}
+
+void NewSession::finish(Context* context) {
+  if (context->rv != CKR_OK || callers == nullptr) return;
+  Entry* stale = nullptr;
+  CK_SESSION_HANDLE number = handle;
+  if (Handles()->openSession(context->slot, &number, &stale)) {
+    *callers = number;
+  } else {
+    attempt(&List::C_CloseSession, handle);
+    context->rv = CKR_HOST_MEMORY;
+  }
+  Table::release(stale);
+}
+
+void NewObject::finish(Context* context) {
+  if (context->rv != CKR_OK || callers == nullptr) return;
+  CK_OBJECT_HANDLE number = handle;
+  bool isNumbered = isOwnNumber(Kind::object, number);
+  if (!isNumbered) {
+    const Handles handles;
+    SessionEntry* session = handles->findSession(context->number);
+    isNumbered = session != nullptr && handles->numberObject(session, !context->onToken, &number);
+  }
+  before = std::exchange(context->made, this);
+  if (isNumbered) {
+    *callers = number;
+    return;
+  }
+  for (const NewObject* made = this; made != nullptr; made = made->before) {
+    attempt(&List::C_DestroyObject, context->session, made->handle);
+  }
+  context->rv = CKR_HOST_MEMORY;
+}
+
+void OperationKey::finish(Context* context) {
+  if (context->rv != CKR_OK && context->rv != CKR_OPERATION_ACTIVE) {
+    noteOperation(context->number, false);
+  }
+}
+
+void Result::finish(Context* context) {
+  if (value != nullptr && context->rv == CKR_BUFFER_TOO_SMALL) noteOperation(context->number, true);
+}
+
+void Mechanism::prepare(Context*) {
+  static constexpr struct {
+    CK_MECHANISM_TYPE type;
+    CK_RSA_PKCS_PSS_PARAMS params;
+  } kStandardPss[] = {
+      {CKM_SHA1_RSA_PKCS_PSS, {CKM_SHA_1, CKG_MGF1_SHA1, 20}},
+      {CKM_SHA224_RSA_PKCS_PSS, {CKM_SHA224, CKG_MGF1_SHA224, 28}},
+      {CKM_SHA256_RSA_PKCS_PSS, {CKM_SHA256, CKG_MGF1_SHA256, 32}},
+      {CKM_SHA384_RSA_PKCS_PSS, {CKM_SHA384, CKG_MGF1_SHA384, 48}},
+      {CKM_SHA512_RSA_PKCS_PSS, {CKM_SHA512, CKG_MGF1_SHA512, 64}},
+  };
+  if (value == nullptr) return;
+  copy = *value;
+  value = &copy;
+  copy.mechanism = narrowed(copy.mechanism);
+  if (copy.pParameter != nullptr || copy.ulParameterLen != 0) return;
+  if (copy.mechanism == CKM_RSA_PKCS_OAEP) {
+    oaep = {CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
+    copy.pParameter = &oaep;
+    copy.ulParameterLen = sizeof oaep;
+  }
+  for (const auto& standard : kStandardPss) {
+    if (copy.mechanism != standard.type) continue;
+    pss = standard.params;
+    copy.pParameter = &pss;
+    copy.ulParameterLen = sizeof pss;
+  }
+}
+
+void Count::prepare(Context* context) {
+  Attributes* attributes = context->attributes;
+  if (attributes->value == nullptr) return;
+  const std::span callers(attributes->value, value);
+  bool isNarrow = true;
+  for (const CK_ATTRIBUTE& attribute : callers) {
+    isNarrow &= attribute.type == narrowed(attribute.type);
+    context->onToken |= attribute.type == CKA_TOKEN && attribute.pValue != nullptr &&
+                        attribute.ulValueLen == sizeof(CK_BBOOL) &&
+                        *static_cast<const CK_BBOOL*>(attribute.pValue) != CK_FALSE;
+  }
+  if (isNarrow) return;
+
+  auto* copy = static_cast<CK_ATTRIBUTE*>(std::calloc(value, sizeof(CK_ATTRIBUTE)));
+  if (copy == nullptr) {
+    context->rv = CKR_HOST_MEMORY;
+    return;
+  }
+  std::copy(callers.begin(), callers.end(), copy);
+  for (CK_ATTRIBUTE& attribute : std::span(copy, value)) attribute.type = narrowed(attribute.type);
+  attributes->callers = std::exchange(attributes->value, copy);
+  attributes->count = value;
+}
+
+namespace {
+
+// ---- Functions of another shape ----
+
+CK_RV initialize(void* arguments) {
+  const CK_RV rv = module::initialize(static_cast<const CK_C_INITIALIZE_ARGS*>(arguments));
+  if (rv == CKR_OK) Table::release(Handles()->takeAll());
+  return rv;
+}
+
+/// Whoever shares the module with us keeps it, but not our sessions.
+void closeSessions(const Entry* slots) {
+  const module::Turn turn;
+  for (const Entry* slot = slots; slot != nullptr; slot = slot->siblings.next) {
+    for (const Entry* own = slot->owned; own != nullptr; own = own->siblings.next) {
+      if (own->kind == Kind::session) attempt(&List::C_CloseSession, own->real);
+    }
+  }
+}
+
+CK_RV finalize(void* reserved) {
+  Entry* taken = Handles()->takeAll();
+  if (module::isShared()) closeSessions(taken);
+  const CK_RV rv = module::finalize(reserved);
+  if (module::isInitialised) {
+    Handles()->putBack(taken);
+  } else {
+    Table::release(taken);
+  }
+  return rv;
+}
+
+/// A list of IDs. Room for none is passed on as the question for their number: some modules find an
+/// empty list too small for it.
+template <auto entry, typename Selector>
+CK_RV readList(typename Selector::Type selector, CK_ULONG* items, CK_ULONG* count) {
+  const bool isForNone = items != nullptr && count != nullptr && *count == 0;
+  const CK_RV rv = call<entry, Selector, Size, Size>(selector, isForNone ? nullptr : items, count);
+  return rv == CKR_OK && isForNone && *count != 0 ? CKR_BUFFER_TOO_SMALL : rv;
+}
+
+CK_RV getSlotList(CK_BBOOL present, CK_SLOT_ID* slots, CK_ULONG* count) {
+  const CK_ULONG room = slots != nullptr && count != nullptr ? *count : 0;
+  const CK_RV rv = readList<&List::C_GetSlotList, Argument<CK_BBOOL>>(present, slots, count);
+  if (rv != CKR_OK || room == 0) return rv;
+  const Handles handles;
+  for (CK_SLOT_ID& slot : std::span(slots, std::min(room, *count))) {
+    if (!handles->numberSlot(&slot)) return CKR_HOST_MEMORY;
+  }
+  return CKR_OK;
+}
+
+/// Never in turn: it waits, and others must not wait for it.
+CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* reserved) {
+  const CK_C_WaitForSlotEvent function = module::functionOf(&List::C_WaitForSlotEvent);
+  if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
+  const CK_RV rv = function(flags, slot, reserved);
+  if (rv != CKR_OK || slot == nullptr) return rv;
+  return Handles()->numberSlot(slot) ? CKR_OK : CKR_HOST_MEMORY;
+}
+
+constexpr auto moduleLogin = call<&List::C_Login, Session, Length, Data, Length>;
+
+/// A key that asks for the PIN at each use wants a login of its own between the start and the end
+/// of an operation, which callers know as the user's alone.
+CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_BYTE* pin, CK_ULONG pinLength) {
+  user = narrowed(user);
+  bool operating = false;
+  {
+    const Handles handles;
+    const SessionEntry* record = handles->findSession(session);
+    if (record != nullptr) operating = record->operating;
+  }
+  const CK_RV rv = moduleLogin(session, user, pin, pinLength);
+  if (user != CKU_USER || !operating) return rv;
+  if (rv != CKR_USER_ALREADY_LOGGED_IN && rv != CKR_OPERATION_ACTIVE) return rv;
+  const CK_RV again = moduleLogin(session, CKU_CONTEXT_SPECIFIC, pin, pinLength);
+  return again != CKR_OPERATION_NOT_INITIALIZED ? again : rv;
+}
+
+// ---- Searching ----
+
+constexpr auto moduleFindObjects = call<&List::C_FindObjects, Session, Size, Length, Size>;
+
+/// Hands out what was read ahead, after the `*count` objects that the caller has already.
+/// @return CKR_HOST_MEMORY, or where there was nothing, the error that came instead
+CK_RV handOut(CK_SESSION_HANDLE number, CK_OBJECT_HANDLE* objects, CK_ULONG max, CK_ULONG* count) {
+  const Handles handles;
+  SessionEntry* session = handles->findSession(number);
+  if (session == nullptr) return CKR_OK;
+  Ahead& ahead = session->ahead;
+  for (; *count < max && ahead.begin < ahead.end; ++ahead.begin, ++*count) {
+    objects[*count] = ahead.handles[ahead.begin];
+    if (!handles->numberObject(session, false, &objects[*count])) return CKR_HOST_MEMORY;
+  }
+  return *count != 0 ? CKR_OK : std::exchange(ahead.error, CKR_OK);
+}
+
+/// Fetches the next batch, or the error that comes instead, into the session's record.
+CK_RV readAhead(CK_SESSION_HANDLE number, CK_ULONG* found) {
+  CK_OBJECT_HANDLE batch[Ahead::kRoom] = {};
+  *found = 0;
+  const CK_RV rv = moduleFindObjects(number, batch, Ahead::kRoom, found);
+  *found = rv == CKR_OK ? std::min(*found, Ahead::kRoom) : 0;
+  const Handles handles;
+  SessionEntry* session = handles->findSession(number);
+  if (session == nullptr) return rv != CKR_OK ? rv : CKR_SESSION_HANDLE_INVALID;
+  std::memcpy(session->ahead.handles, batch, sizeof batch);
+  session->ahead.begin = 0;
+  session->ahead.end = *found;
+  session->ahead.error = rv;
+  return CKR_OK;
+}
+
+/// Asks for whole batches, since callers often fetch one by one and the module may be far away. A
+/// batch that is not full ends the call as it would end the module's.
+CK_RV findObjects(CK_SESSION_HANDLE number, CK_OBJECT_HANDLE* objects, CK_ULONG max,
+                  CK_ULONG* count) {
+  if (objects == nullptr || max == 0 || count == nullptr) {
+    return moduleFindObjects(number, objects, max, count);
+  }
+  *count = 0;
+  for (CK_ULONG found = Ahead::kRoom;;) {
+    CK_RV rv = handOut(number, objects, max, count);
+    if (rv != CKR_OK) return *count != 0 ? CKR_OK : rv;
+    if (*count == max || found < Ahead::kRoom) return CKR_OK;
+    rv = readAhead(number, &found);
+    if (rv != CKR_OK) return rv;
+  }
+}
+
+// ---- The list ----
+
+CK_RV getFunctionList(List** list);
+
+constexpr List kFunctions = {
+    .version = {2, 40},
+    .C_Initialize = initialize,
+    .C_Finalize = finalize,
+    .C_GetInfo = call<&List::C_GetInfo, Argument<CK_INFO*>>,
+    .C_GetFunctionList = getFunctionList,
+    .C_GetSlotList = getSlotList,
+    .C_GetSlotInfo = call<&List::C_GetSlotInfo, Slot, Argument<CK_SLOT_INFO*>>,
+    .C_GetTokenInfo = call<&List::C_GetTokenInfo, Slot, Argument<CK_TOKEN_INFO*>>,
+    .C_GetMechanismList = readList<&List::C_GetMechanismList, Slot>,
+    .C_GetMechanismInfo =
+        call<&List::C_GetMechanismInfo, Slot, MechanismType, Argument<CK_MECHANISM_INFO*>>,
+    .C_InitToken = call<&List::C_InitToken, Slot, Data, Length, Data>,
+    .C_InitPIN = call<&List::C_InitPIN, Session, Data, Length>,
+    .C_SetPIN = call<&List::C_SetPIN, Session, Data, Length, Data, Length>,
+    .C_OpenSession = call<&List::C_OpenSession, Slot, Argument<CK_FLAGS>, Argument<void*>,
+                          Argument<CK_NOTIFY>, NewSession>,
+    .C_CloseSession = call<&List::C_CloseSession, ClosedSession>,
+    .C_CloseAllSessions = call<&List::C_CloseAllSessions, ClosedSlot>,
+    .C_GetSessionInfo = call<&List::C_GetSessionInfo, Session, SessionInfo>,
+    .C_GetOperationState = call<&List::C_GetOperationState, Session, Data, Size>,
+    .C_SetOperationState =
+        call<&List::C_SetOperationState, Session, Data, Length, OptionalKey, OptionalKey>,
+    .C_Login = login,
+    .C_Logout = call<&List::C_Logout, Session>,
+    .C_CreateObject = call<&List::C_CreateObject, Session, Attributes, Count, NewObject>,
+    .C_CopyObject = call<&List::C_CopyObject, Session, Original, Attributes, Count, NewObject>,
+    .C_DestroyObject = call<&List::C_DestroyObject, Session, DestroyedObject>,
+    .C_GetObjectSize = call<&List::C_GetObjectSize, Session, Object, Size>,
+    .C_GetAttributeValue = call<&List::C_GetAttributeValue, Session, Object, Attributes, Count>,
+    .C_SetAttributeValue = call<&List::C_SetAttributeValue, Session, Object, Attributes, Count>,
+    .C_FindObjectsInit = call<&List::C_FindObjectsInit, SearchingSession, Attributes, Count>,
+    .C_FindObjects = findObjects,
+    .C_FindObjectsFinal = call<&List::C_FindObjectsFinal, SearchingSession>,
+    .C_EncryptInit = call<&List::C_EncryptInit, Session, Mechanism, Key>,
+    .C_Encrypt = call<&List::C_Encrypt, Session, Data, Length, Data, Size>,
+    .C_EncryptUpdate = call<&List::C_EncryptUpdate, Session, Data, Length, Data, Size>,
+    .C_EncryptFinal = call<&List::C_EncryptFinal, Session, Data, Size>,
+    .C_DecryptInit = call<&List::C_DecryptInit, Session, Mechanism, OperationKey>,
+    .C_Decrypt = call<&List::C_Decrypt, Session, Data, Length, Result, Size>,
+    .C_DecryptUpdate = call<&List::C_DecryptUpdate, Session, Data, Length, Data, Size>,
+    .C_DecryptFinal = call<&List::C_DecryptFinal, Session, Result, Size>,
+    .C_DigestInit = call<&List::C_DigestInit, Session, Mechanism>,
+    .C_Digest = call<&List::C_Digest, Session, Data, Length, Data, Size>,
+    .C_DigestUpdate = call<&List::C_DigestUpdate, Session, Data, Length>,
+    .C_DigestKey = call<&List::C_DigestKey, Session, Key>,
+    .C_DigestFinal = call<&List::C_DigestFinal, Session, Data, Size>,
+    .C_SignInit = call<&List::C_SignInit, Session, Mechanism, OperationKey>,
+    .C_Sign = call<&List::C_Sign, Session, Data, Length, Result, Size>,
+    .C_SignUpdate = call<&List::C_SignUpdate, Session, Data, Length>,
+    .C_SignFinal = call<&List::C_SignFinal, Session, Result, Size>,
+    .C_SignRecoverInit = call<&List::C_SignRecoverInit, Session, Mechanism, OperationKey>,
+    .C_SignRecover = call<&List::C_SignRecover, Session, Data, Length, Result, Size>,
+    .C_VerifyInit = call<&List::C_VerifyInit, Session, Mechanism, Key>,
+    .C_Verify = call<&List::C_Verify, Session, Data, Length, Data, Length>,
+    .C_VerifyUpdate = call<&List::C_VerifyUpdate, Session, Data, Length>,
+    .C_VerifyFinal = call<&List::C_VerifyFinal, Session, Data, Length>,
+    .C_VerifyRecoverInit = call<&List::C_VerifyRecoverInit, Session, Mechanism, Key>,
+    .C_VerifyRecover = call<&List::C_VerifyRecover, Session, Data, Length, Data, Size>,
+    .C_DigestEncryptUpdate = call<&List::C_DigestEncryptUpdate, Session, Data, Length, Data, Size>,
+    .C_DecryptDigestUpdate = call<&List::C_DecryptDigestUpdate, Session, Data, Length, Data, Size>,
+    .C_SignEncryptUpdate = call<&List::C_SignEncryptUpdate, Session, Data, Length, Data, Size>,
+    .C_DecryptVerifyUpdate = call<&List::C_DecryptVerifyUpdate, Session, Data, Length, Data, Size>,
+    .C_GenerateKey = call<&List::C_GenerateKey, Session, Mechanism, Attributes, Count, NewObject>,
+    .C_GenerateKeyPair = call<&List::C_GenerateKeyPair, Session, Mechanism, Attributes, Count,
+                              Attributes, Count, NewObject, NewObject>,
+    .C_WrapKey = call<&List::C_WrapKey, Session, Mechanism, WrappingKey, Key, Data, Size>,
+    .C_UnwrapKey = call<&List::C_UnwrapKey, Session, Mechanism, UnwrappingKey, Data, Length,
+                        Attributes, Count, NewObject>,
+    .C_DeriveKey = call<&List::C_DeriveKey, Session, Mechanism, Key, Attributes, Count, NewObject>,
+    .C_SeedRandom = call<&List::C_SeedRandom, Session, Data, Length>,
+    .C_GenerateRandom = call<&List::C_GenerateRandom, Session, Data, Length>,
+    .C_GetFunctionStatus = call<&List::C_GetFunctionStatus, Session>,
+    .C_CancelFunction = call<&List::C_CancelFunction, Session>,
+    .C_WaitForSlotEvent = waitForSlotEvent,
+};
+
+CK_RV getFunctionList(List** list) {
+  if (list == nullptr) return CKR_ARGUMENTS_BAD;
+  const CK_RV rv = module::load();
+  if (rv == CKR_OK) *list = const_cast<List*>(&kFunctions);  // callers only read it
+  return rv;
+}
+
+// ---- Forks ----
+
+void lockTable() { pthread_mutex_lock(&Handles::mutex); }
+void unlockTable() { pthread_mutex_unlock(&Handles::mutex); }
+void freeLocks() {
+  pthread_mutex_init(&Handles::mutex, nullptr);
+  module::freeLocks();
+}
+
+// glibc has the one in its library, musl the other.
+extern "C" {
+[[gnu::weak]] int __register_atfork(void (*)(), void (*)(), void (*)(), void*);
+[[gnu::weak]] int pthread_atfork(void (*)(), void (*)(), void (*)());
+extern void* __dso_handle;
+}
+
+/// A child has no thread that would let go of a lock, and a table that no thread was changing.
+[[gnu::constructor]] void prepareForForks() {
+  if (__register_atfork != nullptr) {
+    __register_atfork(lockTable, unlockTable, freeLocks, &__dso_handle);
+  } else {
+    pthread_atfork(lockTable, unlockTable, freeLocks);
+  }
+}
+
+}  // namespace
+
+}  // namespace adapter
+
+extern "C" [[gnu::visibility("default")]] CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list) {
+  return adapter::getFunctionList(list);
+}

@@ -1,0 +1,159 @@
+#include "module.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <linux/limits.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace adapter::module {
+
+constinit std::atomic<CK_FUNCTION_LIST*> list = nullptr;
+constinit std::atomic<bool> isInitialised = false;
+constinit std::atomic<bool> isSerial = false;
+constinit pthread_mutex_t turns = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+constinit bool shared = false;  // as `turns` guards it
+
+/// A thread on its way through `load`. It finds itself there already when the real module leads
+/// back to this library; other threads do not wait for it, since they may meet in a circle too.
+class Visit {
+ public:
+  Visit() {
+    const Lock lock(&mutex);
+    for (const Visit* other = first; other != nullptr; other = other->next_) {
+      isReturn_ |= pthread_equal(other->thread_, thread_) != 0;
+    }
+    next_ = first;
+    first = this;
+  }
+  ~Visit() {
+    const Lock lock(&mutex);
+    Visit** at = &first;
+    while (*at != nullptr && *at != this) at = &(*at)->next_;
+    if (*at != nullptr) *at = next_;
+  }
+  Visit(const Visit&) = delete;
+  Visit& operator=(const Visit&) = delete;
+
+  bool isReturn() const { return isReturn_; }
+
+  /// In the child of a fork, which has no other threads.
+  static void forget() {
+    pthread_mutex_init(&mutex, nullptr);
+    first = nullptr;
+  }
+
+ private:
+  static constinit pthread_mutex_t mutex;
+  static constinit Visit* first;
+
+  const pthread_t thread_ = pthread_self();
+  bool isReturn_ = false;
+  Visit* next_ = nullptr;
+};
+constinit pthread_mutex_t Visit::mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit Visit* Visit::first = nullptr;
+
+bool isInThisLibrary(const void* address) {
+  Dl_info theirs, ours;
+  return dladdr(address, &theirs) != 0 && dladdr(&list, &ours) != 0 &&
+         theirs.dli_fbase == ours.dli_fbase;
+}
+
+/// The text of the file beside this library, without a line end; empty where it is too long.
+/// @return whether there is such a file
+bool readPath(char (&path)[PATH_MAX]) {
+  Dl_info self;
+  if (dladdr(&list, &self) == 0) return false;
+  if (std::snprintf(path, sizeof path, "%s.module", self.dli_fname) >= PATH_MAX) return false;
+  const int file = open(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  ssize_t length = read(file, path, sizeof path);
+  close(file);
+  if (length > 0 && path[length - 1] == '\n') --length;
+  path[length > 0 && length < PATH_MAX ? length : 0] = '\0';
+  return true;
+}
+
+}  // namespace
+
+CK_RV load() {
+  if (isInitialised) return CKR_OK;
+  const Visit visit;
+  if (visit.isReturn()) return CKR_FUNCTION_REJECTED;
+
+  char stored[PATH_MAX];
+  const char* path = readPath(stored) ? stored : secure_getenv("QUARVEL_PKCS11_ADAPTED_MODULE");
+  // To the dynamic linker an empty name is the program itself, and it copies names to the stack.
+  if (path == nullptr || *path == '\0' || std::strlen(path) >= PATH_MAX) return CKR_ARGUMENTS_BAD;
+
+  void* library = dlopen(path, RTLD_NOW);
+  if (library == nullptr) return CKR_LIBRARY_LOAD_FAILED;
+  void* symbol = dlsym(library, "C_GetFunctionList");
+  if (symbol == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
+  if (isInThisLibrary(symbol)) return CKR_FUNCTION_REJECTED;
+
+  CK_FUNCTION_LIST* loaded = nullptr;
+  const CK_RV rv = reinterpret_cast<CK_C_GetFunctionList>(symbol)(&loaded);
+  if (rv != CKR_OK) return rv;
+  if (loaded == nullptr) return CKR_GENERAL_ERROR;
+  list = loaded;
+  return CKR_OK;
+}
+
+CK_RV initialize(const CK_C_INITIALIZE_ARGS* arguments) {
+  const Lock lock(&turns);
+  const CK_C_Initialize function = functionOf(&CK_FUNCTION_LIST::C_Initialize);
+  if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
+
+  CK_C_INITIALIZE_ARGS given = {};
+  if (arguments != nullptr) given = *arguments;
+  CK_C_INITIALIZE_ARGS locking = given;
+  locking.flags |= CKF_OS_LOCKING_OK;
+  CK_RV rv = function(&locking);
+  bool serial = secure_getenv("QUARVEL_PKCS11_ADAPTER_SERIAL") != nullptr;
+  if (rv == CKR_CANT_LOCK || rv == CKR_ARGUMENTS_BAD) {
+    CK_C_INITIALIZE_ARGS plain = {};
+    plain.flags = given.flags & ~CK_FLAGS{CKF_OS_LOCKING_OK};
+    plain.pReserved = given.pReserved;
+    rv = function(arguments != nullptr ? &plain : nullptr);
+    serial = true;
+  }
+  const bool foreign = rv == CKR_CRYPTOKI_ALREADY_INITIALIZED && !isInitialised;
+  if (foreign) rv = CKR_OK;
+  if (rv != CKR_OK) return rv;
+  shared = foreign;
+  isSerial = serial || foreign;
+  isInitialised = true;
+  return CKR_OK;
+}
+
+bool isShared() {
+  const Lock lock(&turns);
+  return shared;
+}
+
+CK_RV finalize(void* reserved) {
+  const Lock lock(&turns);
+  const CK_C_Finalize function = functionOf(&CK_FUNCTION_LIST::C_Finalize);
+  if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
+  const CK_RV rv = shared ? CKR_OK : function(reserved);
+  if (rv == CKR_OK || rv == CKR_CRYPTOKI_NOT_INITIALIZED) {
+    isInitialised = shared = false;
+    isSerial = false;
+  }
+  return rv;
+}
+
+void freeLocks() {
+  pthread_mutex_init(&turns, nullptr);
+  Visit::forget();
+}
+
+}  // namespace adapter::module
