@@ -26,6 +26,20 @@ void noteOperation(CK_SESSION_HANDLE number, bool operating) {
   if (session != nullptr) session->operating = operating;
 }
 
+/// Whether one of the templates makes a token object. The keys of a pair count as one.
+bool areOnToken(const Attributes* attributes) {
+  for (; attributes != nullptr; attributes = attributes->before) {
+    for (const CK_ATTRIBUTE& attribute : std::span(attributes->value, attributes->count)) {
+      if (attribute.type == CKA_TOKEN && attribute.pValue != nullptr &&
+          attribute.ulValueLen == sizeof(CK_BBOOL) &&
+          *static_cast<const CK_BBOOL*>(attribute.pValue) != CK_FALSE) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 // ---- Roles ----
@@ -51,23 +65,26 @@ void NewSession::finish(Context* context) {
 }
 
 void NewObject::finish(Context* context) {
-  if (context->rv != CKR_OK || callers == nullptr) return;
+  if (context->answer != CKR_OK || callers == nullptr) return;
   CK_OBJECT_HANDLE number = handle;
   bool isNumbered = isOwnNumber(Kind::object, number);
   if (!isNumbered) {
     const Handles handles;
     SessionEntry* session = handles->findSession(context->number);
-    isNumbered = session != nullptr && handles->numberObject(session, !context->onToken, &number);
+    const bool ofSession = !context->onToken && !areOnToken(context->attributes);
+    isNumbered = session != nullptr && handles->numberObject(session, ofSession, &number);
   }
-  before = std::exchange(context->made, this);
-  if (isNumbered) {
+  if (isNumbered && context->rv == CKR_OK) {
     *callers = number;
+    before = std::exchange(context->made, this);
     return;
   }
-  for (const NewObject* made = this; made != nullptr; made = made->before) {
-    attempt(&List::C_DestroyObject, context->session, made->handle);
-  }
   context->rv = CKR_HOST_MEMORY;
+  attempt(&List::C_DestroyObject, context->session, handle);
+  if (context->made != nullptr) {
+    attempt(&List::C_DestroyObject, context->session, context->made->handle);
+  }
+  context->made = nullptr;
 }
 
 void OperationKey::finish(Context* context) {
@@ -80,57 +97,51 @@ void Result::finish(Context* context) {
   if (value != nullptr && context->rv == CKR_BUFFER_TOO_SMALL) noteOperation(context->number, true);
 }
 
-void Mechanism::prepare(Context*) {
-  static constexpr struct {
-    CK_MECHANISM_TYPE type;
-    CK_RSA_PKCS_PSS_PARAMS params;
-  } kStandardPss[] = {
-      {CKM_SHA1_RSA_PKCS_PSS, {CKM_SHA_1, CKG_MGF1_SHA1, 20}},
-      {CKM_SHA224_RSA_PKCS_PSS, {CKM_SHA224, CKG_MGF1_SHA224, 28}},
-      {CKM_SHA256_RSA_PKCS_PSS, {CKM_SHA256, CKG_MGF1_SHA256, 32}},
-      {CKM_SHA384_RSA_PKCS_PSS, {CKM_SHA384, CKG_MGF1_SHA384, 48}},
-      {CKM_SHA512_RSA_PKCS_PSS, {CKM_SHA512, CKG_MGF1_SHA512, 64}},
-  };
-  if (value == nullptr) return;
+void Mechanism::amend() {
   copy = *value;
   value = &copy;
   copy.mechanism = narrowed(copy.mechanism);
   if (copy.pParameter != nullptr || copy.ulParameterLen != 0) return;
-  if (copy.mechanism == CKM_RSA_PKCS_OAEP) {
-    oaep = {CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
-    copy.pParameter = &oaep;
-    copy.ulParameterLen = sizeof oaep;
+  const auto usePss = [this](CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mask, CK_ULONG salt) {
+    standard.pss = {hash, mask, salt};
+    copy.ulParameterLen = sizeof standard.pss;
+  };
+  switch (copy.mechanism) {
+    case CKM_RSA_PKCS_OAEP:
+      standard.oaep = {CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
+      copy.ulParameterLen = sizeof standard.oaep;
+      break;
+    case CKM_SHA1_RSA_PKCS_PSS:
+      usePss(CKM_SHA_1, CKG_MGF1_SHA1, 20);
+      break;
+    case CKM_SHA224_RSA_PKCS_PSS:
+      usePss(CKM_SHA224, CKG_MGF1_SHA224, 28);
+      break;
+    case CKM_SHA256_RSA_PKCS_PSS:
+      usePss(CKM_SHA256, CKG_MGF1_SHA256, 32);
+      break;
+    case CKM_SHA384_RSA_PKCS_PSS:
+      usePss(CKM_SHA384, CKG_MGF1_SHA384, 48);
+      break;
+    case CKM_SHA512_RSA_PKCS_PSS:
+      usePss(CKM_SHA512, CKG_MGF1_SHA512, 64);
+      break;
+    default:
+      return;
   }
-  for (const auto& standard : kStandardPss) {
-    if (copy.mechanism != standard.type) continue;
-    pss = standard.params;
-    copy.pParameter = &pss;
-    copy.ulParameterLen = sizeof pss;
-  }
+  copy.pParameter = &standard;
 }
 
-void Count::prepare(Context* context) {
+void Count::amend(Context* context) {
   Attributes* attributes = context->attributes;
-  if (attributes->value == nullptr) return;
-  const std::span callers(attributes->value, value);
-  bool isNarrow = true;
-  for (const CK_ATTRIBUTE& attribute : callers) {
-    isNarrow &= attribute.type == narrowed(attribute.type);
-    context->onToken |= attribute.type == CKA_TOKEN && attribute.pValue != nullptr &&
-                        attribute.ulValueLen == sizeof(CK_BBOOL) &&
-                        *static_cast<const CK_BBOOL*>(attribute.pValue) != CK_FALSE;
-  }
-  if (isNarrow) return;
-
   auto* copy = static_cast<CK_ATTRIBUTE*>(std::calloc(value, sizeof(CK_ATTRIBUTE)));
   if (copy == nullptr) {
     context->rv = CKR_HOST_MEMORY;
     return;
   }
-  std::copy(callers.begin(), callers.end(), copy);
+  std::copy_n(attributes->value, value, copy);
   for (CK_ATTRIBUTE& attribute : std::span(copy, value)) attribute.type = narrowed(attribute.type);
   attributes->callers = std::exchange(attributes->value, copy);
-  attributes->count = value;
 }
 
 namespace {

@@ -4,6 +4,8 @@
 #define QUARVEL_ADAPTER_FUNCTIONS_H_
 
 #include <cstdlib>
+#include <span>
+#include <utility>
 
 #include "module.h"
 #include "table.h"
@@ -28,12 +30,13 @@ struct NewObject;
 
 /// What the arguments of one call know of each other.
 struct Context {
-  CK_RV rv = CKR_OK;                 // a refusal, then the module's answer, then the caller's
+  CK_RV rv = CKR_OK;                 // a refusal, or what the caller gets
+  CK_RV answer = CKR_OK;             // the module's
   CK_SLOT_ID slot = 0;               // the real one, of a call for a slot
   CK_SESSION_HANDLE session = 0;     // the real one, of a call in a session
   CK_SESSION_HANDLE number = 0;      // the caller's number for it
   SessionEntry* record = nullptr;    // what the table knows of it, while `resolve` holds the lock
-  Attributes* attributes = nullptr;  // the template whose count comes next
+  Attributes* attributes = nullptr;  // the last template before this argument
   bool onToken = false;              // what is made outlives the session
   const NewObject* made = nullptr;   // the object made before this one
 };
@@ -58,21 +61,24 @@ struct Argument {
   void finish(Context*) {}
 };
 
+/// The part of a call that needs the table; apart, so that the rest stays short.
+template <typename... Roles>
+[[gnu::noinline]] void resolve(Context* context, Roles&... roles) {
+  const Handles handles;
+  (void)((roles.resolve(context, handles), context->rv == CKR_OK) && ...);
+  if (context->rv != CKR_OK && !module::isInitialised) context->rv = CKR_CRYPTOKI_NOT_INITIALIZED;
+}
+
 /// A whole call.
 template <typename Function, typename... Roles>
-CK_RV run(Function function, Roles&&... roles) {
+[[gnu::always_inline]] inline CK_RV run(Function function, Roles&&... roles) {
   if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
   Context context;
   (roles.prepare(&context), ...);
+  if (context.rv == CKR_OK && !(roles.passes() && ...)) resolve(&context, roles...);
   if (context.rv != CKR_OK) return context.rv;
-  if (!(roles.passes() && ...)) {
-    const Handles handles;
-    (void)((roles.resolve(&context, handles), context.rv == CKR_OK) && ...);
-  }
-  if (context.rv != CKR_OK)
-    return module::isInitialised ? context.rv : CKR_CRYPTOKI_NOT_INITIALIZED;
   const module::Turn turn;
-  context.rv = function(roles.value...);
+  context.rv = context.answer = function(roles.value...);
   (roles.finish(&context), ...);
   return context.rv;
 }
@@ -257,28 +263,43 @@ struct MechanismType : Argument<CK_MECHANISM_TYPE> {
 /// RSA mechanisms that need a parameter and have none get their standard one.
 struct Mechanism : Argument<CK_MECHANISM*> {
   CK_MECHANISM copy = {};
-  CK_RSA_PKCS_PSS_PARAMS pss = {};
-  CK_RSA_PKCS_OAEP_PARAMS oaep = {};
+  union {
+    CK_RSA_PKCS_PSS_PARAMS pss;
+    CK_RSA_PKCS_OAEP_PARAMS oaep;
+  } standard = {};
 
-  void prepare(Context* context);
+  void prepare(Context*) {
+    if (value == nullptr) return;
+    if (value->pParameter == nullptr || value->mechanism != narrowed(value->mechanism)) amend();
+  }
+  void amend();
 };
 
-/// A template; the argument after it is its Count, which makes a copy where a type is narrowed.
+/// A template; the argument after it is its Count.
 struct Attributes : Argument<CK_ATTRIBUTE*> {
-  CK_ATTRIBUTE* callers = nullptr;
   CK_ULONG count = 0;
+  CK_ATTRIBUTE* callers = nullptr;  // where `value` is a copy with narrowed types
+  const Attributes* before = nullptr;
 
   ~Attributes() {
     if (callers != nullptr) std::free(value);
   }
-  void prepare(Context* context) { context->attributes = this; }
+  void prepare(Context* context) { before = std::exchange(context->attributes, this); }
   void finish(Context*) {
+    if (callers == nullptr) return;
     for (CK_ULONG i = 0; i < count; ++i) callers[i].ulValueLen = value[i].ulValueLen;
   }
 };
 
 struct Count : Argument<CK_ULONG> {
-  void prepare(Context* context);
+  void prepare(Context* context) {
+    if (context->attributes->value == nullptr) return;
+    context->attributes->count = value;
+    for (const CK_ATTRIBUTE& attribute : std::span(context->attributes->value, value)) {
+      if (attribute.type != narrowed(attribute.type)) return amend(context);
+    }
+  }
+  void amend(Context* context);
 };
 
 }  // namespace adapter
