@@ -137,8 +137,11 @@ struct Session : Argument<CK_SESSION_HANDLE> {
   bool passes() const { return isOwnNumber(Kind::session, value); }
   void resolve(Context* context, const Handles& handles) {
     context->record = handles->findSession(value);
-    if (!handles->resolve(Kind::session, &value)) context->rv = CKR_SESSION_HANDLE_INVALID;
-    context->session = value;
+    if (context->record != nullptr) {
+      context->session = value = context->record->real;
+    } else if (!handles->resolve(Kind::session, &value)) {
+      context->rv = CKR_SESSION_HANDLE_INVALID;
+    }
   }
 };
 
