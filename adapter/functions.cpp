@@ -20,10 +20,15 @@ void attempt(Function List::*entry, Args... args) {
   if (const Function function = module::functionOf(entry)) function(args...);
 }
 
-void noteOperation(CK_SESSION_HANDLE number, bool operating) {
+/// Lets `act` read or write what the table knows of an open session.
+template <typename Act>
+void withSession(CK_SESSION_HANDLE number, Act act) {
   const Handles handles;
-  SessionEntry* session = handles->findSession(number);
-  if (session != nullptr) session->operating = operating;
+  if (SessionEntry* session = handles->findSession(number)) act(session);
+}
+
+void noteOperation(CK_SESSION_HANDLE number, bool operating) {
+  withSession(number, [=](SessionEntry* session) { session->operating = operating; });
 }
 
 /// Whether one of the templates makes a token object. The keys of a pair count as one.
@@ -46,9 +51,9 @@ bool areOnToken(const Attributes* attributes) {
 
 void SearchingSession::finish(Context* context) {
   if (context->rv != CKR_OK) return;
-  const Handles handles;
-  SessionEntry* session = handles->findSession(context->number);
-  if (session != nullptr) session->ahead.begin = session->ahead.end = session->ahead.error = 0;
+  withSession(context->number, [](SessionEntry* session) {
+    session->ahead.begin = session->ahead.end = session->ahead.error = 0;
+  });
 }
 
 void NewSession::finish(Context* context) {
@@ -69,22 +74,20 @@ void NewObject::finish(Context* context) {
   CK_OBJECT_HANDLE number = handle;
   bool isNumbered = isOwnNumber(Kind::object, number);
   if (!isNumbered) {
+    const bool ofSession = !context->onToken && !areOnToken(context->attributes);
     const Handles handles;
     SessionEntry* session = handles->findSession(context->number);
-    const bool ofSession = !context->onToken && !areOnToken(context->attributes);
     isNumbered = session != nullptr && handles->numberObject(session, ofSession, &number);
   }
   if (isNumbered && context->rv == CKR_OK) {
     *callers = number;
-    before = std::exchange(context->made, this);
+    context->made = this;
     return;
   }
   context->rv = CKR_HOST_MEMORY;
+  const NewObject* twin = std::exchange(context->made, nullptr);
   attempt(&List::C_DestroyObject, context->session, handle);
-  if (context->made != nullptr) {
-    attempt(&List::C_DestroyObject, context->session, context->made->handle);
-  }
-  context->made = nullptr;
+  if (twin != nullptr) attempt(&List::C_DestroyObject, context->session, twin->handle);
 }
 
 void OperationKey::finish(Context* context) {
@@ -97,39 +100,31 @@ void Result::finish(Context* context) {
   if (value != nullptr && context->rv == CKR_BUFFER_TOO_SMALL) noteOperation(context->number, true);
 }
 
+/// That hash, its mask generation, and a salt as long.
+constexpr std::pair<CK_MECHANISM_TYPE, CK_RSA_PKCS_PSS_PARAMS> kStandardPss[] = {
+    {CKM_SHA1_RSA_PKCS_PSS, {CKM_SHA_1, CKG_MGF1_SHA1, 20}},
+    {CKM_SHA224_RSA_PKCS_PSS, {CKM_SHA224, CKG_MGF1_SHA224, 28}},
+    {CKM_SHA256_RSA_PKCS_PSS, {CKM_SHA256, CKG_MGF1_SHA256, 32}},
+    {CKM_SHA384_RSA_PKCS_PSS, {CKM_SHA384, CKG_MGF1_SHA384, 48}},
+    {CKM_SHA512_RSA_PKCS_PSS, {CKM_SHA512, CKG_MGF1_SHA512, 64}},
+};
+
 void Mechanism::amend() {
   copy = *value;
   value = &copy;
   copy.mechanism = narrowed(copy.mechanism);
   if (copy.pParameter != nullptr || copy.ulParameterLen != 0) return;
-  const auto usePss = [this](CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mask, CK_ULONG salt) {
-    standard.pss = {hash, mask, salt};
-    copy.ulParameterLen = sizeof standard.pss;
-  };
-  switch (copy.mechanism) {
-    case CKM_RSA_PKCS_OAEP:
-      standard.oaep = {CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
-      copy.ulParameterLen = sizeof standard.oaep;
-      break;
-    case CKM_SHA1_RSA_PKCS_PSS:
-      usePss(CKM_SHA_1, CKG_MGF1_SHA1, 20);
-      break;
-    case CKM_SHA224_RSA_PKCS_PSS:
-      usePss(CKM_SHA224, CKG_MGF1_SHA224, 28);
-      break;
-    case CKM_SHA256_RSA_PKCS_PSS:
-      usePss(CKM_SHA256, CKG_MGF1_SHA256, 32);
-      break;
-    case CKM_SHA384_RSA_PKCS_PSS:
-      usePss(CKM_SHA384, CKG_MGF1_SHA384, 48);
-      break;
-    case CKM_SHA512_RSA_PKCS_PSS:
-      usePss(CKM_SHA512, CKG_MGF1_SHA512, 64);
-      break;
-    default:
-      return;
+  if (copy.mechanism == CKM_RSA_PKCS_OAEP) {
+    standard.oaep = {CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
+    copy.pParameter = &standard;
+    copy.ulParameterLen = sizeof standard.oaep;
   }
-  copy.pParameter = &standard;
+  for (const auto& [mechanism, parameter] : kStandardPss) {
+    if (copy.mechanism != mechanism) continue;
+    standard.pss = parameter;
+    copy.pParameter = &standard;
+    copy.ulParameterLen = sizeof standard.pss;
+  }
 }
 
 void Count::amend(Context* context) {
@@ -212,11 +207,7 @@ constexpr auto moduleLogin = call<&List::C_Login, Session, Length, Data, Length>
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_BYTE* pin, CK_ULONG pinLength) {
   user = narrowed(user);
   bool operating = false;
-  {
-    const Handles handles;
-    const SessionEntry* record = handles->findSession(session);
-    if (record != nullptr) operating = record->operating;
-  }
+  withSession(session, [&](const SessionEntry* record) { operating = record->operating; });
   const CK_RV rv = moduleLogin(session, user, pin, pinLength);
   if (user != CKU_USER || !operating) return rv;
   if (rv != CKR_USER_ALREADY_LOGGED_IN && rv != CKR_OPERATION_ACTIVE) return rv;

@@ -218,8 +218,6 @@ struct Original : Object {
 
 /// Without memory for its number a new object is destroyed again, and so is one made before it.
 struct NewObject : NewHandle {
-  const NewObject* before = nullptr;
-
   void finish(Context* context);
 };
 

@@ -5,6 +5,7 @@
 #include <linux/limits.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,45 +21,34 @@ namespace {
 
 constinit bool shared = false;  // as `turns` guards it
 
+constinit std::atomic<pthread_t> visitors[64] = {};  // threads inside `load`; 0: a free place
+
 /// A thread on its way through `load`. It finds itself there already when the real module leads
-/// back to this library; other threads do not wait for it, since they may meet in a circle too.
+/// back to this library. Threads do not wait for each other, since they may meet in such a circle
+/// too.
 class Visit {
  public:
   Visit() {
-    const Lock lock(&mutex);
-    for (const Visit* other = first; other != nullptr; other = other->next_) {
-      isReturn_ |= pthread_equal(other->thread_, thread_) != 0;
+    const pthread_t self = pthread_self();
+    if (std::count(std::begin(visitors), std::end(visitors), self) != 0) return;
+    for (auto& visitor : visitors) {
+      pthread_t none = 0;
+      if (!visitor.compare_exchange_strong(none, self)) continue;
+      place_ = &visitor;
+      return;
     }
-    next_ = first;
-    first = this;
   }
   ~Visit() {
-    const Lock lock(&mutex);
-    Visit** at = &first;
-    while (*at != nullptr && *at != this) at = &(*at)->next_;
-    if (*at != nullptr) *at = next_;
+    if (place_ != nullptr) *place_ = 0;
   }
   Visit(const Visit&) = delete;
   Visit& operator=(const Visit&) = delete;
 
-  bool isReturn() const { return isReturn_; }
-
-  /// In the child of a fork, which has no other threads.
-  static void forget() {
-    pthread_mutex_init(&mutex, nullptr);
-    first = nullptr;
-  }
+  bool isWelcome() const { return place_ != nullptr; }
 
  private:
-  static constinit pthread_mutex_t mutex;
-  static constinit Visit* first;
-
-  const pthread_t thread_ = pthread_self();
-  bool isReturn_ = false;
-  Visit* next_ = nullptr;
+  std::atomic<pthread_t>* place_ = nullptr;
 };
-constinit pthread_mutex_t Visit::mutex = PTHREAD_MUTEX_INITIALIZER;
-constinit Visit* Visit::first = nullptr;
 
 bool isInThisLibrary(const void* address) {
   Dl_info theirs, ours;
@@ -86,7 +76,7 @@ bool readPath(char (&path)[PATH_MAX]) {
 CK_RV load() {
   if (isInitialised) return CKR_OK;
   const Visit visit;
-  if (visit.isReturn()) return CKR_FUNCTION_REJECTED;
+  if (!visit.isWelcome()) return CKR_FUNCTION_REJECTED;
 
   char stored[PATH_MAX];
   const char* path = readPath(stored) ? stored : secure_getenv("QUARVEL_PKCS11_ADAPTED_MODULE");
@@ -153,7 +143,7 @@ CK_RV finalize(void* reserved) {
 
 void freeLocks() {
   pthread_mutex_init(&turns, nullptr);
-  Visit::forget();
+  for (auto& visitor : visitors) visitor = 0;
 }
 
 }  // namespace adapter::module
