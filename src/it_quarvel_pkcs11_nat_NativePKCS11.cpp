@@ -173,7 +173,7 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11_getSlotList(JNIEnv* env, jobject obj, jb
   return array;
 }
 
-QUARVEL_NOT_SUPPORTED(jobject, _waitForSlotEvent, jboolean)
+QUARVEL_NOT_SUPPORTED(jobject, _waitForSlotEvent, jobject, jboolean)
 
 // ---- RSA credential lookup ----
 

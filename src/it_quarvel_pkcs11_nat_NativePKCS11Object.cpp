@@ -238,7 +238,7 @@ void setScalar(JNIEnv* env, jobject obj, jint attr, void* ckVal, CK_ULONG size) 
 
 // ---- The object as a whole ----
 
-QUARVEL_NOT_SUPPORTED(jobject, Object_copy, jintArray, jobjectArray)
+QUARVEL_NOT_SUPPORTED(jobject, Object_copy, jobject, jintArray, jobjectArray)
 
 JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Object_destroy(JNIEnv* env,
                                                                              jobject obj) {

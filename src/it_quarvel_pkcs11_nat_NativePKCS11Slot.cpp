@@ -113,7 +113,7 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_getMechanismInfo(JNIEnv* env, jobjec
       CK2J_INT(ckInfo.ulMaxKeySize), CK2J_FLAGS(ckInfo.flags)));
 }
 
-QUARVEL_NOT_SUPPORTED(void, Slot_initToken, jstring, jstring)
+QUARVEL_NOT_SUPPORTED(void, Slot_initToken, jobject, jstring, jstring)
 
 JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Slot_openSession(
     JNIEnv* env, jobject slot, jint flags, jobject /*callback*/, jobject /*usrData*/) {

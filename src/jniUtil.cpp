@@ -56,7 +56,7 @@ int setString(JNIEnv* env, jclass /*cl*/, jobject obj, CK_ATTRIBUTE* ckAttr) {
 }
 
 int setByteArray(JNIEnv* env, jclass /*cl*/, jobject obj, CK_ATTRIBUTE* ckAttr) {
-  const auto array = static_cast<jbyteArray>(obj);
+  auto* const array = static_cast<jbyteArray>(obj);
   const jsize size = env->GetArrayLength(array);
   void* value = std::malloc(static_cast<std::size_t>(size));
   if (value == nullptr) return 0;

@@ -48,17 +48,17 @@ void throwCKExcAS(JNIEnv* env, CK_RV errCode);
 /// @return whether it raised
 bool throwIfFailed(JNIEnv* env, CK_RV ckRv);
 
-/// Defines a native method that is refused with `message` and returns `value`; `method` is its
-/// class and name, after the value come its parameter types.
+/// Defines a native method that is refused with `message` and returns `value`; `method` is its class
+/// and name, after the value come its parameter types, the receiver first.
 #define QUARVEL_REFUSED(Result, method, message, value, ...)                \
   JNIEXPORT Result JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11##method( \
-      JNIEnv* env, jobject __VA_OPT__(, ) __VA_ARGS__) {                    \
+      JNIEnv* env, __VA_ARGS__) {                                           \
     throwExc(env, message);                                                 \
     return value;                                                           \
   }
 /// The same for nearly all of them: "Not supported", and null, false or 0.
 #define QUARVEL_NOT_SUPPORTED(Result, method, ...) \
-  QUARVEL_REFUSED(Result, method, "Not supported", Result() __VA_OPT__(, ) __VA_ARGS__)
+  QUARVEL_REFUSED(Result, method, "Not supported", Result(), __VA_ARGS__)
 
 // ---- Handles ----
 //

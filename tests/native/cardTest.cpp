@@ -45,11 +45,12 @@ TEST(Card, TheLifeCycleByteIsReadAndChanged) {
   CK_BYTE status = 3;
   CK_BBOOL no = CK_FALSE;
   CK_BBOOL yes = CK_TRUE;
-  CK_ATTRIBUTE planted[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
-                            {CKA_TOKEN, &no, sizeof no},
-                            {CKA_MODIFIABLE, &yes, sizeof yes},
-                            {0x80000201, &application, sizeof application},
-                            {0x80004400, &status, sizeof status}};
+  CK_ATTRIBUTE planted[] = {
+      {CKA_CLASS, &objectClass, sizeof objectClass},
+      {CKA_TOKEN, &no, sizeof no},
+      {CKA_MODIFIABLE, &yes, sizeof yes},
+      {0x80000201, &application, sizeof application},
+      {0x80004400, &status, sizeof status}};
   CK_OBJECT_HANDLE object = CK_INVALID_HANDLE;
   ASSERT_EQ(bridge::createObject(ckSession, &object, planted, 5), CKR_OK);
 

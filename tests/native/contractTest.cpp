@@ -35,8 +35,8 @@ std::vector<Row> readRows() {
     if (line[0] != ' ') {
       const std::size_t open = line.find('(');
       if (rows.empty() || !rows.back().expected.empty()) rows.push_back({number, {}, {}, {}, {}});
-      rows.back().calls.emplace_back(line.substr(0, open),
-                                     line.substr(open + 1, line.size() - open - 2));
+      rows.back().calls.emplace_back(
+          line.substr(0, open), line.substr(open + 1, line.size() - open - 2));
       continue;
     }
     const std::size_t space = line.find(' ', 2);
@@ -72,10 +72,11 @@ void apply(const std::string& given, hooks::Run* run) {
     if (end == text) break;
     values.push_back(value);
   }
-  const std::map<std::string, std::vector<CK_ULONG>*> lists = {{"slots", &script.slots},
-                                                               {"mechanisms", &script.mechanisms},
-                                                               {"found", &script.found},
-                                                               {"lies", &script.lies}};
+  const std::map<std::string, std::vector<CK_ULONG>*> lists = {
+      {"slots", &script.slots},
+      {"mechanisms", &script.mechanisms},
+      {"found", &script.found},
+      {"lies", &script.lies}};
   if (const auto list = lists.find(name); list != lists.end()) {
     *list->second = values;
   } else if (name == "value") {
@@ -121,19 +122,20 @@ void update(const Row& row, const std::string& keyword, const std::string& value
 }
 
 void check(const Row& row, const std::string& method, const std::string& arguments, int tracing) {
-  SCOPED_TRACE("contract.txt:" + std::to_string(row.line) + " " + method +
-               (tracing != 0 ? " traced" : ""));
+  SCOPED_TRACE(
+      "contract.txt:" + std::to_string(row.line) + " " + method + (tracing != 0 ? " traced" : ""));
   freshModule();
   hooks::Run run;
   for (const std::string& given : row.given) apply(given, &run);
   debug = tracing;
   const Outcome outcome = call(method, arguments, std::move(run));
   shutModule();
-  std::map<std::string, std::string> actual = {{"returns", outcome.result},
-                                               {"module", join(outcome.moduleCalls, "; ")},
-                                               {"arrays", join(outcome.arrays)},
-                                               {"jni", std::to_string(outcome.run.jni.size())},
-                                               {"code", outcome.code}};
+  std::map<std::string, std::string> actual = {
+      {"returns", outcome.result},
+      {"module", join(outcome.moduleCalls, "; ")},
+      {"arrays", join(outcome.arrays)},
+      {"jni", std::to_string(outcome.run.jni.size())},
+      {"code", outcome.code}};
   std::map<std::string, std::string> expected = row.expected;
   if (tracing == 0) expected["always"] += "";  // silence, unless the row says otherwise
   if (tracing != 0) expected.erase("always");

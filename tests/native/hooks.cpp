@@ -214,8 +214,8 @@ struct Hook<entry, R (*)(JNIEnv*, Args...)> {
       if (mode == JNI_ABORT) return;
       const jthrowable pending = realEnv->ExceptionOccurred();
       realEnv->ExceptionClear();
-      realEnv->SetByteArrayRegion(reinterpret_cast<jbyteArray>(array), 0, size,
-                                  static_cast<jbyte*>(bytes));
+      realEnv->SetByteArrayRegion(
+          reinterpret_cast<jbyteArray>(array), 0, size, static_cast<jbyte*>(bytes));
       if (pending != nullptr) realEnv->Throw(pending);
     });
   }

@@ -67,10 +67,10 @@ jbyteArray parseBytes(const char** text) {
 jobject parseDate(const char** text) {
   const std::string digits(*text, 8);
   *text += 8;
-  const jobject format = newObject("java/text/SimpleDateFormat", "(Ljava/lang/String;)V",
-                                   javaEnv->NewStringUTF("yyyyMMdd"));
-  const jmethodID parse = javaEnv->GetMethodID(javaEnv->GetObjectClass(format), "parse",
-                                               "(Ljava/lang/String;)Ljava/util/Date;");
+  const jobject format = newObject(
+      "java/text/SimpleDateFormat", "(Ljava/lang/String;)V", javaEnv->NewStringUTF("yyyyMMdd"));
+  const jmethodID parse = javaEnv->GetMethodID(
+      javaEnv->GetObjectClass(format), "parse", "(Ljava/lang/String;)Ljava/util/Date;");
   const jobject date =
       javaEnv->CallObjectMethod(format, parse, javaEnv->NewStringUTF(digits.c_str()));
   javaEnv->ExceptionCheck();
@@ -260,17 +260,18 @@ bool startJava() {
     std::fprintf(stderr, "QUARVEL_JVM must name a libjvm.so (%s)\n", dlerror());
     return false;
   }
-  std::vector<std::string> options = {"-Djava.class.path=" QUARVEL_CLASS_PATH,
-                                      "-Duser.timezone=Europe/Rome",
-                                      "-Djava.library.path=" QUARVEL_LIBRARY_DIR,
-                                      "-Xms64m",
-                                      "-Xmx64m",
-                                      "-XX:+AlwaysPreTouch"};
+  std::vector<std::string> options = {
+      "-Djava.class.path=" QUARVEL_CLASS_PATH,
+      "-Duser.timezone=Europe/Rome",
+      "-Djava.library.path=" QUARVEL_LIBRARY_DIR,
+      "-Xms64m",
+      "-Xmx64m",
+      "-XX:+AlwaysPreTouch"};
   if (const char* more = std::getenv("QUARVEL_JVM_OPTION")) options.emplace_back(more);
   std::vector<JavaVMOption> optionList;
   for (std::string& option : options) optionList.push_back({option.data(), nullptr});
-  JavaVMInitArgs args = {JNI_VERSION_10, static_cast<jint>(optionList.size()), optionList.data(),
-                         JNI_FALSE};
+  JavaVMInitArgs args = {
+      JNI_VERSION_10, static_cast<jint>(optionList.size()), optionList.data(), JNI_FALSE};
   JavaVM* vm = nullptr;
   const auto createVm = reinterpret_cast<jint (*)(JavaVM**, void**, void*)>(create);
   if (createVm(&vm, reinterpret_cast<void**>(&javaEnv), &args) != JNI_OK) return false;
@@ -371,8 +372,9 @@ std::string showOwners(jobject object) {
   }
   if (!isA("NativePKCS11Slot")) return "";
   const jobject module = owner(object, "module", "NativePKCS11");
-  return javaEnv->IsSameObject(module, objects().module) != JNI_FALSE ? " of this module"
-                                                                      : " of another module";
+  return javaEnv->IsSameObject(module, objects().module) != JNI_FALSE
+             ? " of this module"
+             : " of another module";
 }
 
 std::string show(jobject object) {

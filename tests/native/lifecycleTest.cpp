@@ -84,8 +84,8 @@ TEST(Lifecycle, BadModulesAreRefusedAndChangeNothing) {
       scripted::calls.clear();
       // Calls keep reaching an earlier module through its list, if the bad one left it in place,
       // and until libFinalize.
-      EXPECT_EQ(run("ic"),
-                kRefused + "; " + (initialised && bad.list != nullptr ? "void" : kRefused));
+      EXPECT_EQ(
+          run("ic"), kRefused + "; " + (initialised && bad.list != nullptr ? "void" : kRefused));
       EXPECT_EQ(run("fc"), "void; " + kRefused);
       EXPECT_EQ(bridge::loaded, 0);
       freshModule();
@@ -162,9 +162,9 @@ TEST(Lifecycle, ModulesDoNotChangeHowTheThreadComputes) {
 }
 
 TEST(Lifecycle, EveryCallRefusesANullEntryAndANullList) {
-  const std::set<std::string> others = {"Module.loadPKCS11Library", "Module.libFinalize",
-                                        "Module.getBridgeVersion", "Session.getIdentrusObject",
-                                        "Module.getRSAcredential"};
+  const std::set<std::string> others = {
+      "Module.loadPKCS11Library", "Module.libFinalize", "Module.getBridgeVersion",
+      "Session.getIdentrusObject", "Module.getRSAcredential"};
   for (const bool wholeList : {false, true}) {
     for (const Method& method : methods()) {
       if (others.contains(method.name)) continue;
@@ -214,21 +214,19 @@ TEST(Lifecycle, TextsAreCopiedUpToTheirFirstNul) {
 extern "C" CK_RV __real_getRSACred(CK_CHAR_PTR, CK_ULONG, CK_FLAGS, CK_CHAR_PTR, CK_ULONG,
                                    CK_SLOT_ID_PTR, CK_SESSION_HANDLE_PTR, CK_OBJECT_HANDLE_PTR,
                                    CK_OBJECT_HANDLE_PTR, CK_OBJECT_HANDLE_PTR);
-extern "C" CK_RV __wrap_getRSACred(CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags,
-                                   CK_CHAR_PTR pin, CK_ULONG pinLen, CK_SLOT_ID_PTR slot,
-                                   CK_SESSION_HANDLE_PTR session,
-                                   CK_OBJECT_HANDLE_PTR privateHandle,
-                                   CK_OBJECT_HANDLE_PTR publicHandle,
-                                   CK_OBJECT_HANDLE_PTR certificateHandle) {
+extern "C" CK_RV __wrap_getRSACred(
+    CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags, CK_CHAR_PTR pin, CK_ULONG pinLen,
+    CK_SLOT_ID_PTR slot, CK_SESSION_HANDLE_PTR session, CK_OBJECT_HANDLE_PTR privateHandle,
+    CK_OBJECT_HANDLE_PTR publicHandle, CK_OBJECT_HANDLE_PTR certificateHandle) {
   const std::string name(reinterpret_cast<const char*>(alias));
   if (!name.starts_with("found")) {
     return __real_getRSACred(alias, aliasLen, flags, pin, pinLen, slot, session, privateHandle,
                              publicHandle, certificateHandle);
   }
   const std::string pinText = pin != nullptr ? reinterpret_cast<const char*>(pin) : "null";
-  scripted::calls.push_back("lookup(" + name + "/" + std::to_string(aliasLen) + ", " +
-                            std::to_string(flags) + ", " + pinText + "/" + std::to_string(pinLen) +
-                            ")");
+  scripted::calls.push_back(
+      "lookup(" + name + "/" + std::to_string(aliasLen) + ", " + std::to_string(flags) + ", " +
+      pinText + "/" + std::to_string(pinLen) + ")");
   *slot = 7;
   *session = 5;
   *privateHandle = 0x11;

@@ -52,10 +52,9 @@ const std::vector<Misbehaviour>& misbehaviours() {
       {"writes up to the room it was given",
        [] {
          setData(fillTheRoom);
-         scripted::list.C_WrapKey = [](CK_SESSION_HANDLE, CK_MECHANISM*, CK_OBJECT_HANDLE,
-                                       CK_OBJECT_HANDLE, CK_BYTE* out, CK_ULONG* room) {
-           return fillTheRoom(0, nullptr, 0, out, room);
-         };
+         scripted::list.C_WrapKey =
+             [](CK_SESSION_HANDLE, CK_MECHANISM*, CK_OBJECT_HANDLE, CK_OBJECT_HANDLE, CK_BYTE* out,
+                CK_ULONG* room) { return fillTheRoom(0, nullptr, 0, out, room); };
        }},
       {"claims an output of all ones",
        [] {
@@ -70,38 +69,39 @@ const std::vector<Misbehaviour>& misbehaviours() {
       {"hands out all ones", [] { script.handle = ~CK_ULONG{0} - 1; }},
       {"finds more than was asked for",
        [] {
-         scripted::list.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE* object, CK_ULONG,
-                                           CK_ULONG* count) {
-           *object = ~CK_ULONG{0};
-           *count = ~CK_ULONG{0};
-           return CK_RV{CKR_OK};
-         };
+         scripted::list.C_FindObjects =
+             [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE* object, CK_ULONG, CK_ULONG* count) {
+               *object = ~CK_ULONG{0};
+               *count = ~CK_ULONG{0};
+               return CK_RV{CKR_OK};
+             };
        }},
       {"writes texts of stray continuation bytes", fillTexts<0xBF>},
       {"writes texts of unfinished sequences", fillTexts<0xE2>},
       {"writes texts of bytes that no encoding has", fillTexts<0xFF>},
       {"moves the value of an attribute to its own memory",
        [] {
-         scripted::list.C_GetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE,
-                                                 CK_ATTRIBUTE* attr, CK_ULONG) {
-           static CK_BYTE own[8];
-           attr->pValue = own;
-           attr->ulValueLen = sizeof own;
-           return CK_RV{CKR_OK};
-         };
+         scripted::list.C_GetAttributeValue =
+             [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE* attr, CK_ULONG) {
+               static CK_BYTE own[8];
+               attr->pValue = own;
+               attr->ulValueLen = sizeof own;
+               return CK_RV{CKR_OK};
+             };
        }},
       {"writes into the templates that it is given",
        [] {
          scripted::list.C_FindObjectsInit = [](CK_SESSION_HANDLE, CK_ATTRIBUTE* attrs,
                                                CK_ULONG count) { return spoil(attrs, count); };
-         scripted::list.C_SetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE,
-                                                 CK_ATTRIBUTE* attrs,
-                                                 CK_ULONG count) { return spoil(attrs, count); };
+         scripted::list.C_SetAttributeValue =
+             [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE* attrs, CK_ULONG count) {
+               return spoil(attrs, count);
+             };
          scripted::list.C_CreateObject = [](CK_SESSION_HANDLE, CK_ATTRIBUTE* attrs, CK_ULONG count,
                                             CK_OBJECT_HANDLE*) { return spoil(attrs, count); };
-         scripted::list.C_GenerateKey = [](CK_SESSION_HANDLE, CK_MECHANISM*, CK_ATTRIBUTE* attrs,
-                                           CK_ULONG count,
-                                           CK_OBJECT_HANDLE*) { return spoil(attrs, count); };
+         scripted::list.C_GenerateKey =
+             [](CK_SESSION_HANDLE, CK_MECHANISM*, CK_ATTRIBUTE* attrs, CK_ULONG count,
+                CK_OBJECT_HANDLE*) { return spoil(attrs, count); };
          scripted::list.C_GenerateKeyPair =
              [](CK_SESSION_HANDLE, CK_MECHANISM*, CK_ATTRIBUTE* pub, CK_ULONG pubCount,
                 CK_ATTRIBUTE* prv, CK_ULONG prvCount, CK_OBJECT_HANDLE*, CK_OBJECT_HANDLE*) {
@@ -114,11 +114,11 @@ const std::vector<Misbehaviour>& misbehaviours() {
        }},
       {"writes its outputs and then fails",
        [] {
-         scripted::list.C_OpenSession = [](CK_SLOT_ID, CK_FLAGS, void*, CK_NOTIFY,
-                                           CK_SESSION_HANDLE* session) {
-           *session = 3;
-           return CK_RV{CKR_FUNCTION_FAILED};
-         };
+         scripted::list.C_OpenSession =
+             [](CK_SLOT_ID, CK_FLAGS, void*, CK_NOTIFY, CK_SESSION_HANDLE* session) {
+               *session = 3;
+               return CK_RV{CKR_FUNCTION_FAILED};
+             };
          scripted::list.C_GetSlotList = [](CK_BBOOL, CK_SLOT_ID* slots, CK_ULONG* count) {
            *count = 1;
            if (slots != nullptr) *slots = 1;

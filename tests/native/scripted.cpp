@@ -152,8 +152,8 @@ struct Plain<CK_RV (*)(Args...)> {
 
 CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE* attr,
                         CK_ULONG count) {
-  const CK_RV rv = record("C_GetAttributeValue", session, object, attr->type, attr->pValue,
-                          attr->ulValueLen, count);
+  const CK_RV rv = record(
+      "C_GetAttributeValue", session, object, attr->type, attr->pValue, attr->ulValueLen, count);
   return give(rv, script.value, static_cast<CK_BYTE*>(attr->pValue), &attr->ulValueLen);
 }
 

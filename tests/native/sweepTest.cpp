@@ -58,22 +58,21 @@ TEST(Sweep, EveryJniFunctionAndEveryAllocationFailsOnce) {
       const std::size_t made = outcome.moduleCalls.size();
       const bool isAnswer = made != 0 && made < good.moduleCalls.size();
       const bool isText = made != 0 && !isAnswer;  // else a template's value
-      EXPECT_EQ(exception, isAnswer               ? "Internal error"
-                           : isTemplate || isText ? kOutOfMemory
-                                                  : "");
+      EXPECT_EQ(exception, isAnswer ? "Internal error" : isTemplate || isText ? kOutOfMemory : "");
     }
   }
   std::printf("faults injected: %zu in JNI functions, %zu in allocations\n", jniFaults, heapFaults);
 }
 
 TEST(Sweep, EveryModuleFunctionFails) {
-  const std::map<CK_RV, std::string> answers = {{0x30, "CKR_DEVICE_ERROR (0x30)"},
-                                                {0x7FFFFFFF, "CKR 0x7FFFFFFF"},
-                                                {0x80000000, "Internal error"},
-                                                {0x100000030, "Internal error"}};
+  const std::map<CK_RV, std::string> answers = {
+      {0x30, "CKR_DEVICE_ERROR (0x30)"},
+      {0x7FFFFFFF, "CKR 0x7FFFFFFF"},
+      {0x80000000, "Internal error"},
+      {0x100000030, "Internal error"}};
   // These report a failure in their own way, which contract.txt states.
-  const std::set<std::string> particular = {"Module.libFinalize", "Module.getRSAcredential",
-                                            "Session.getIdentrusObject"};
+  const std::set<std::string> particular = {
+      "Module.libFinalize", "Module.getRSAcredential", "Session.getIdentrusObject"};
   std::size_t faults = 0;
   for (const Method& method : methods()) {
     const std::string arguments = join(goodArguments(method));
