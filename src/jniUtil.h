@@ -48,8 +48,8 @@ void throwCKExcAS(JNIEnv* env, CK_RV errCode);
 /// @return whether it raised
 bool throwIfFailed(JNIEnv* env, CK_RV ckRv);
 
-/// Defines a native method that is refused with `message` and returns `value`; `method` is its class
-/// and name, after the value come its parameter types, the receiver first.
+/// Defines a native method that is refused with `message` and returns `value`; `method` is its
+/// class and name, after the value come its parameter types, the receiver first.
 #define QUARVEL_REFUSED(Result, method, message, value, ...)                \
   JNIEXPORT Result JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11##method( \
       JNIEnv* env, __VA_ARGS__) {                                           \
