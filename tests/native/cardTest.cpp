@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "java.h"
+#include "call.h"
 #include "pkcs11Bridge.h"
 
 namespace {

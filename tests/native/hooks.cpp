@@ -86,13 +86,12 @@ std::string shown(const std::string& by, const unsigned char* elements, std::siz
   return "{" + list + "}";
 }
 
-/// Takes it back; calls `copyBack` with the elements while they are there.
-template <typename CopyBack>
-void takeBack(const std::string& by, const void* elements, CopyBack copyBack) {
+/// Takes elements back. @return what they hold; nothing when they are not held
+std::string takeBack(const std::string& by, const void* elements) {
   const auto found = held.find(const_cast<void*>(elements));
   if (found == held.end() || found->second.by != by) {
     violation("given back, but not held: elements of " + by);
-    return;
+    return "";
   }
   auto* block = static_cast<unsigned char*>(found->first) - kGuard;
   const std::size_t size = found->second.size;
@@ -102,124 +101,108 @@ void takeBack(const std::string& by, const void* elements, CopyBack copyBack) {
     violation("written beyond the elements of " + by);
   }
   mark("release " + shown(by, block + kGuard, size));
-  copyBack(block + kGuard, static_cast<jsize>(size));
+  const std::string contents(reinterpret_cast<char*>(block) + kGuard, size);
   held.erase(found);
   __real_free(block);
+  return contents;
 }
 
-const char* copyOfChars(jstring string, jboolean* /*isCopy*/) {
-  const char* chars = realEnv->GetStringUTFChars(string, nullptr);
-  void* copy = handOut("GetStringUTFChars", chars, std::strlen(chars) + 1);
-  realEnv->ReleaseStringUTFChars(string, chars);
-  return static_cast<const char*>(copy);
+/// GetByteArrayElements and GetIntArrayElements.
+template <typename Element>
+Element* copyOut(const char* by, jarray array) {
+  const auto size = static_cast<std::size_t>(realEnv->GetArrayLength(array));
+  void* elements = realEnv->GetPrimitiveArrayCritical(array, nullptr);
+  void* copy = handOut(by, elements, size * sizeof(Element));
+  realEnv->ReleasePrimitiveArrayCritical(array, elements, JNI_ABORT);
+  return static_cast<Element*>(copy);
 }
 
 // ---- The hooked entries ----
 
 std::string lastFunction;
 
-bool worksWithException(const std::string& function) {
-  return function.starts_with("Release") || function == "ExceptionCheck";
-}
-bool runsJavaCode(const std::string& function) { return function.starts_with("Call"); }
-
 /// Counts and checks one call. @return whether it is to fail
 bool enter(const std::string& function) {
   run->jni.push_back({function, scripted::calls.size()});
-  if (!worksWithException(function) && realEnv->ExceptionCheck() != JNI_FALSE) {
+  const bool worksWithException = function.starts_with("Release") || function == "ExceptionCheck";
+  if (!worksWithException && realEnv->ExceptionCheck() != JNI_FALSE) {
     violation(function + " with an exception pending");
   }
-  if (runsJavaCode(lastFunction) != (function == "ExceptionCheck")) {
+  const bool ranJavaCode = lastFunction.starts_with("Call");
+  if (ranJavaCode != (function == "ExceptionCheck")) {
     violation(function + " right after " + lastFunction);
   }
   lastFunction = function;
   return run->jni.size() == run->failJni && canFail(function);
 }
 
-/// The error that the virtual machine raises when the function fails.
+/// Raises the error that the virtual machine raises when the function fails.
 void raiseFailure(const std::string& function) {
+  if (function == "GetStringUTFChars" || function.ends_with("ArrayElements")) return;  // null alone
   const std::map<std::string, const char*> errors = {
       {"FindClass", "java/lang/NoClassDefFoundError"},
       {"GetFieldID", "java/lang/NoSuchFieldError"},
       {"GetMethodID", "java/lang/NoSuchMethodError"},
-      {"CallIntMethodV", "java/lang/IllegalStateException"},
-      {"CallBooleanMethodV", "java/lang/IllegalStateException"},
-      {"CallObjectMethodV", "java/lang/IllegalStateException"},
       {"GetObjectArrayElement", "java/lang/ArrayIndexOutOfBoundsException"}};
-  if (function.starts_with("Get") && function.find("Elements") != std::string::npos) return;
-  if (function == "GetStringUTFChars") return;  // out of memory: null alone
-  const auto error = errors.find(function);
-  realEnv->ThrowNew(
-      realEnv->FindClass(error != errors.end() ? error->second : "java/lang/OutOfMemoryError"),
-      "injected");
+  const auto found = errors.find(function);
+  const char* error = found != errors.end()          ? found->second
+                      : function.starts_with("Call") ? "java/lang/IllegalStateException"
+                                                     : "java/lang/OutOfMemoryError";
+  realEnv->ThrowNew(realEnv->FindClass(error), "injected");
 }
 
-enum class Entry {
-#define QUARVEL_NAME(NAME) NAME,
-  QUARVEL_JNI(QUARVEL_NAME)
-};
-const char* const kNames[] = {
-#define QUARVEL_TEXT(NAME) #NAME,
-    QUARVEL_JNI(QUARVEL_TEXT)};
-
-template <Entry entry, typename Function>
+template <scripted::Name name, typename Function>
 struct Hook;
-
-template <Entry entry, typename R, typename... Args>
-struct Hook<entry, R (*)(JNIEnv*, Args...)> {
-  static inline R (*real)(JNIEnv*, Args...);
+template <scripted::Name name, typename R, typename... Args>
+struct Hook<name, R (*)(JNIEnv*, Args...)> {
+  static inline R (*behind)(JNIEnv*, Args...);
 
   static R call(JNIEnv* /*env*/, Args... args) {
-    const std::string function = kNames[static_cast<int>(entry)];
-    if (enter(function)) {
-      raiseFailure(function);
-      return R();
-    }
-    return perform(args...);
-  }
-
-  static R perform(Args... args) {
-    if constexpr (entry == Entry::Throw || entry == Entry::ThrowNew) mark("raise");
-    if constexpr (entry == Entry::GetByteArrayElements || entry == Entry::GetIntArrayElements) {
-      return copyOut(kNames[static_cast<int>(entry)], args...);
-    } else if constexpr (entry == Entry::GetStringUTFChars) {
-      return copyOfChars(args...);
-    } else if constexpr (entry == Entry::ReleaseByteArrayElements) {
-      copyIn("GetByteArrayElements", 0, args...);
-    } else if constexpr (entry == Entry::ReleaseIntArrayElements) {
-      copyIn("GetIntArrayElements", JNI_ABORT, args...);
-    } else if constexpr (entry == Entry::ReleaseStringUTFChars) {
-      [](jstring, const char* chars) {
-        takeBack("GetStringUTFChars", chars, [](void*, jsize) {});
-      }(args...);
-    } else {
-      return real(realEnv, args...);
-    }
-  }
-
-  template <typename Array>
-  static R copyOut(const char* name, Array array, jboolean* /*isCopy*/) {
-    const auto size = static_cast<std::size_t>(realEnv->GetArrayLength(array));
-    auto* elements = static_cast<R>(realEnv->GetPrimitiveArrayCritical(array, nullptr));
-    void* copy = handOut(name, elements, size * sizeof *elements);
-    realEnv->ReleasePrimitiveArrayCritical(array, elements, JNI_ABORT);
-    return static_cast<R>(copy);
-  }
-
-  template <typename Array, typename Element>
-  static void copyIn(const char* takenBy, jint expected, Array array, Element* elements,
-                     jint mode) {
-    if (mode != expected) violation(std::string("release mode of ") + takenBy);
-    takeBack(takenBy, elements, [=](void* bytes, jsize size) {
-      if (mode == JNI_ABORT) return;
-      const jthrowable pending = realEnv->ExceptionOccurred();
-      realEnv->ExceptionClear();
-      realEnv->SetByteArrayRegion(
-          reinterpret_cast<jbyteArray>(array), 0, size, static_cast<jbyte*>(bytes));
-      if (pending != nullptr) realEnv->Throw(pending);
-    });
+    if (!enter(name.chars)) return behind(realEnv, args...);
+    raiseFailure(name.chars);
+    return R();
   }
 };
+
+/// What stands behind the entries that hand out copies or leave a mark.
+void replaceEntries(JNINativeInterface_* table) {
+  table->Throw = [](JNIEnv* env, jthrowable exception) {
+    mark("raise");
+    return env->Throw(exception);
+  };
+  table->ThrowNew = [](JNIEnv* env, jclass cl, const char* message) {
+    mark("raise");
+    return env->ThrowNew(cl, message);
+  };
+  table->GetStringUTFChars = [](JNIEnv* env, jstring string, jboolean* /*isCopy*/) {
+    const char* chars = env->GetStringUTFChars(string, nullptr);
+    void* copy = handOut("GetStringUTFChars", chars, std::strlen(chars) + 1);
+    env->ReleaseStringUTFChars(string, chars);
+    return static_cast<const char*>(copy);
+  };
+  table->ReleaseStringUTFChars = [](JNIEnv*, jstring, const char* chars) {
+    takeBack("GetStringUTFChars", chars);
+  };
+  table->GetByteArrayElements = [](JNIEnv*, jbyteArray array, jboolean* /*isCopy*/) {
+    return copyOut<jbyte>("GetByteArrayElements", array);
+  };
+  table->ReleaseByteArrayElements = [](JNIEnv* env, jbyteArray array, jbyte* elements, jint mode) {
+    if (mode != 0) violation("elements of a byte[] not copied back");
+    const std::string contents = takeBack("GetByteArrayElements", elements);
+    const jthrowable pending = env->ExceptionOccurred();
+    env->ExceptionClear();
+    env->SetByteArrayRegion(array, 0, static_cast<jsize>(contents.size()),
+                            reinterpret_cast<const jbyte*>(contents.data()));
+    if (pending != nullptr) env->Throw(pending);
+  };
+  table->GetIntArrayElements = [](JNIEnv*, jintArray array, jboolean* /*isCopy*/) {
+    return copyOut<jint>("GetIntArrayElements", array);
+  };
+  table->ReleaseIntArrayElements = [](JNIEnv*, jintArray, jint* elements, jint mode) {
+    if (mode != JNI_ABORT) violation("elements of an int[] copied back");
+    takeBack("GetIntArrayElements", elements);
+  };
+}
 
 [[noreturn]] void forbidden() {
   std::fprintf(stderr, "a JNI function was called that the library does not use\n");
@@ -243,16 +226,15 @@ JNIEnv* hookedEnv(JNIEnv* real) {
   static JNINativeInterface_ table;
   static JNIEnv env;
   realEnv = real;
+  JNINativeInterface_ behind = *real->functions;
+  replaceEntries(&behind);
   void (*trap)() = forbidden;
   for (std::size_t at = 0; at < sizeof table; at += sizeof trap) {
     std::memcpy(reinterpret_cast<char*>(&table) + at, &trap, sizeof trap);
   }
-#define QUARVEL_HOOK(NAME)                                  \
-  {                                                         \
-    using Hooked = Hook<Entry::NAME, decltype(table.NAME)>; \
-    Hooked::real = real->functions->NAME;                   \
-    table.NAME = Hooked::call;                              \
-  }
+#define QUARVEL_HOOK(NAME)                                 \
+  Hook<#NAME, decltype(table.NAME)>::behind = behind.NAME; \
+  table.NAME = Hook<#NAME, decltype(table.NAME)>::call;
   QUARVEL_JNI(QUARVEL_HOOK)
   env.functions = &table;
   return &env;

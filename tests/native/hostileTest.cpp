@@ -7,7 +7,7 @@
 #include <fstream>
 #include <random>
 
-#include "java.h"
+#include "call.h"
 #include "pkcs11Bridge.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <regex>
 #include <set>
 
-#include "java.h"
+#include "call.h"
 #include "jniUtil.h"
 #include "pkcs11Bridge.h"
 #include "trace.h"

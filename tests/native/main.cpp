@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "java.h"
+#include "call.h"
 
 int main(int argc, char** argv) {
   if (std::getenv("QUARVEL_PKCS11_MODULE") == nullptr) GTEST_FLAG_SET(filter, "-Card.*");

@@ -34,51 +34,42 @@ std::string entries(const CK_ATTRIBUTE* attr, CK_ULONG count) {
   return "{" + shown + "}";
 }
 
-using Shown = std::vector<std::string>;
-
-// An input buffer shows with the length behind it, an output buffer with its room; other outputs
-// do not show.
-Shown shown() { return {}; }
-Shown shown(CK_BYTE* out, CK_ULONG* room) {
-  return {out == nullptr ? "null" : "pointer", number(*room)};
-}
-template <typename T, typename... Rest>
-Shown shown(T first, Rest... rest);
-template <typename... Rest>
-Shown shown(CK_ATTRIBUTE* attr, CK_ULONG count, Rest... rest);
-template <typename... Rest>
-Shown shown(CK_BYTE* bytes, CK_ULONG size, Rest... rest) {
-  Shown all = shown(rest...);
-  all.insert(all.begin(), data(bytes, size));
-  return all;
-}
-template <typename... Rest>
-Shown shown(CK_ATTRIBUTE* attr, CK_ULONG count, Rest... rest) {
-  Shown all = shown(rest...);
-  all.insert(all.begin(), entries(attr, count));
-  return all;
-}
-template <typename T, typename... Rest>
-Shown shown(T first, Rest... rest) {
-  Shown all = shown(rest...);
-  if constexpr (std::is_integral_v<T>) {
-    all.insert(all.begin(), number(first));
-  } else if constexpr (std::is_same_v<T, CK_MECHANISM*>) {
-    all.insert(all.begin(), "mech " + number(first->mechanism) +
-                                (first->pParameter != nullptr ? " with parameter" : ""));
-  } else if constexpr (!std::is_same_v<T, CK_ULONG*>) {
-    if constexpr (!std::is_class_v<std::remove_pointer_t<T>>) {
-      all.insert(all.begin(), first == nullptr ? "null" : "pointer");
+/// Adds arguments to `all`. An input buffer shows with the length behind it, an output buffer with
+/// its room; other outputs do not show.
+void show(std::vector<std::string>* /*all*/) {}
+template <typename First, typename... Rest>
+void show(std::vector<std::string>* all, First first, Rest... rest) {
+  const auto withSize = [=](auto size, auto... others) {
+    if constexpr (std::is_same_v<First, CK_ATTRIBUTE*>) {
+      all->push_back(entries(first, size));
+    } else if constexpr (std::is_pointer_v<decltype(size)>) {
+      all->insert(all->end(), {first == nullptr ? "null" : "pointer", number(*size)});
+    } else {
+      all->push_back(data(first, size));
     }
+    show(all, others...);
+  };
+  if constexpr (std::is_same_v<First, CK_ATTRIBUTE*> || std::is_same_v<First, CK_BYTE*>) {
+    return withSize(rest...);
+  } else if constexpr (std::is_integral_v<First>) {
+    all->push_back(number(first));
+  } else if constexpr (std::is_same_v<First, CK_MECHANISM*>) {
+    all->push_back("mech " + number(first->mechanism) +
+                   (first->pParameter != nullptr ? " with parameter" : ""));
+  } else if constexpr (!std::is_same_v<First, CK_ULONG*> &&
+                       !std::is_class_v<std::remove_pointer_t<First>>) {
+    all->push_back(first == nullptr ? "null" : "pointer");
   }
-  return all;
+  show(all, rest...);
 }
 
 /// Records a call and finds its answer.
 template <typename... Args>
 CK_RV record(const std::string& function, Args... args) {
+  std::vector<std::string> parts;
+  show(&parts, args...);
   std::string call;
-  for (const std::string& part : shown(args...)) call += (call.empty() ? "" : ", ") + part;
+  for (const std::string& part : parts) call += (call.empty() ? "" : ", ") + part;
   calls.push_back(function + "(" + call + ")");
   if (script.failFrom != 0 && calls.size() >= script.failFrom) return script.failWith;
   for (const std::string& key : {function, std::string("*")}) {
@@ -102,53 +93,30 @@ CK_RV give(CK_RV rv, const std::vector<Item>& from, Item* to, CK_ULONG* size) {
   return CKR_OK;
 }
 
-void fillOutputs() {}
-void fillOutputs(CK_BYTE*, CK_ULONG*) {}
-/// New handles, and letters from A to Z over and over in every information structure.
-template <typename T, typename... Rest>
-void fillOutputs(T first, Rest... rest) {
-  if constexpr (std::is_same_v<T, CK_ULONG*>) {
-    *first = script.handle++;
-  } else if constexpr (std::is_pointer_v<T> && !std::is_same_v<T, CK_ATTRIBUTE*> &&
-                       !std::is_same_v<T, CK_MECHANISM*>) {
-    if constexpr (std::is_class_v<std::remove_pointer_t<T>>) {
-      auto* bytes = reinterpret_cast<CK_BYTE*>(first);
-      for (std::size_t i = 0; i < sizeof *first; ++i) bytes[i] = static_cast<CK_BYTE>('A' + i % 26);
-    }
-  }
-  fillOutputs(rest...);
-}
-template <typename... Rest>
-CK_RV giveOutput(CK_RV, Rest...) {
-  return CKR_OK;
-}
+/// Fills the outputs: new handles, letters from A to Z over and over in every information
+/// structure, the script's output in a buffer.
+CK_RV fill() { return CKR_OK; }
 template <typename First, typename... Rest>
-CK_RV giveOutput(CK_RV rv, First first, Rest... rest) {
+CK_RV fill(First first, Rest... rest) {
+  using Pointed = std::remove_pointer_t<First>;
   if constexpr (std::is_same_v<std::tuple<First, Rest...>, std::tuple<CK_BYTE*, CK_ULONG*>>) {
-    return give(rv, script.output, first, rest...);
+    return give(CKR_OK, script.output, first, rest...);
+  } else if constexpr (std::is_same_v<First, CK_ULONG*>) {
+    *first = script.handle++;
+  } else if constexpr (std::is_class_v<Pointed> && !std::is_same_v<Pointed, CK_ATTRIBUTE> &&
+                       !std::is_same_v<Pointed, CK_MECHANISM>) {
+    auto* bytes = reinterpret_cast<CK_BYTE*>(first);
+    for (std::size_t i = 0; i < sizeof *first; ++i) bytes[i] = static_cast<CK_BYTE>('A' + i % 26);
   }
-  return giveOutput(rv, rest...);
+  return fill(rest...);
 }
-
-template <std::size_t n>
-struct Name {
-  char chars[n];
-  constexpr Name(const char (&from)[n]) { std::copy(from, from + n, chars); }
-};
 
 /// A function that only records, hands out new handles and the script's output.
-template <typename F>
-struct Plain;
-template <typename... Args>
-struct Plain<CK_RV (*)(Args...)> {
-  template <Name name>
-  static CK_RV function(Args... args) {
-    const CK_RV rv = record(name.chars, args...);
-    if (rv != CKR_OK) return rv;
-    fillOutputs(args...);
-    return giveOutput(rv, args...);
-  }
-};
+template <Name name, typename... Args>
+CK_RV plain(Args... args) {
+  const CK_RV rv = record(name.chars, args...);
+  return rv != CKR_OK ? rv : fill(args...);
+}
 
 CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE* attr,
                         CK_ULONG count) {
@@ -185,7 +153,7 @@ void reset() {
   handedOut = &list;
   list = {};
   // clang-format off
-#define PLAIN(NAME) list.NAME = Plain<decltype(list.NAME)>::function<#NAME>;
+#define PLAIN(NAME) list.NAME = plain<#NAME>;
   PLAIN(C_Initialize) PLAIN(C_Finalize) PLAIN(C_OpenSession) PLAIN(C_CloseSession)
   PLAIN(C_CloseAllSessions) PLAIN(C_InitPIN) PLAIN(C_SetPIN) PLAIN(C_Login) PLAIN(C_Logout)
   PLAIN(C_CreateObject) PLAIN(C_DestroyObject) PLAIN(C_SetAttributeValue) PLAIN(C_FindObjectsInit)

@@ -3,6 +3,7 @@
 #ifndef QUARVEL_TESTS_NATIVE_SCRIPTED_H_
 #define QUARVEL_TESTS_NATIVE_SCRIPTED_H_
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -30,6 +31,13 @@ extern Script script;
 extern std::vector<std::string> calls;
 extern CK_FUNCTION_LIST list;
 extern CK_FUNCTION_LIST_PTR handedOut;  // by C_GetFunctionList
+
+/// A text as a template argument.
+template <std::size_t n>
+struct Name {
+  char chars[n];
+  constexpr Name(const char (&from)[n]) { std::copy(from, from + n, chars); }
+};
 
 /// Bytes as the record shows them.
 std::string data(const void* bytes, CK_ULONG size);

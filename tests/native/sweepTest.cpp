@@ -4,7 +4,7 @@
 #include <map>
 #include <set>
 
-#include "java.h"
+#include "call.h"
 
 namespace {
 

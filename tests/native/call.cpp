@@ -1,0 +1,87 @@
+#include "call.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "pkcs11Bridge.h"
+#include "trace.h"
+
+namespace {
+
+jobject receiverOf(const std::string& name) {
+  return name.starts_with("Module.")    ? objects().module
+         : name.starts_with("Slot.")    ? objects().slot
+         : name.starts_with("Session.") ? objects().session
+                                        : objects().object;
+}
+
+std::string shown(char type, const jvalue& value) {
+  return type == 'V'   ? "void"
+         : type == 'I' ? std::to_string(value.i)
+         : type == 'J' ? std::to_string(value.j)
+         : type == 'Z' ? (value.z != JNI_FALSE ? "true" : "false")
+                       : show(value.l);
+}
+
+}  // namespace
+
+Outcome call(const std::string& name, const std::string& arguments, hooks::Run run,
+             const jobject* receiver) {
+  static JNIEnv* const hooked = hooks::hookedEnv(java());
+  const Method& called = method(name);
+  java()->PushLocalFrame(1024);
+  const std::vector<jvalue> values = parse(called.parameters, arguments);
+  scripted::calls.clear();
+
+  Outcome outcome;
+  outcome.run = std::move(run);
+  testing::internal::CaptureStdout();
+  hooks::begin(&outcome.run);
+  const jvalue result =
+      called.invoke(hooked, receiver != nullptr ? *receiver : receiverOf(name), values);
+  hooks::end();
+  outcome.output = outcome.marked = testing::internal::GetCapturedStdout();
+  for (auto mark = outcome.run.marks.rbegin(); mark != outcome.run.marks.rend(); ++mark) {
+    outcome.marked.insert(std::min(mark->printed, outcome.output.size()), "<" + mark->what + ">");
+  }
+  const std::string number = "exc number ";
+  if (const std::size_t at = outcome.output.rfind(number); at != std::string::npos) {
+    const std::size_t from = at + number.size();
+    outcome.code = outcome.output.substr(from, outcome.output.find('.', from) - from);
+  }
+
+  const std::string exception = takeException();
+  outcome.result = shown(called.result, result) + (exception.empty() ? "" : " ! " + exception);
+  outcome.moduleCalls = scripted::calls;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (called.parameters[i] == 'B') outcome.arrays.push_back(show(values[i].l));
+  }
+  java()->PopLocalFrame(nullptr);
+  EXPECT_EQ(join(outcome.run.violations), "") << name;
+  EXPECT_EQ(outcome.run.blocks, 0u) << name << " leaks";
+  return outcome;
+}
+
+Outcome callFresh(const std::string& name, const std::string& arguments, hooks::Run run,
+                  const std::function<void()>& prepare, const jobject* receiver) {
+  freshModule();
+  prepare();
+  Outcome outcome = call(name, arguments, std::move(run), receiver);
+  shutModule();
+  return outcome;
+}
+
+void freshModule() {
+  scripted::reset();
+  debug = 0;
+  CK_FUNCTION_LIST_PTR list = nullptr;
+  ASSERT_EQ(bridge::loadLib(QUARVEL_SCRIPTED, &list), CKR_OK);
+  ASSERT_EQ(bridge::initLib(), CKR_OK);
+  scripted::calls.clear();
+}
+
+void shutModule() {
+  debug = 0;
+  bridge::finalizeLib();
+}
