@@ -366,7 +366,7 @@ void freeLocks() {
 // glibc has the one in its library, musl the other.
 extern "C" {
 [[gnu::weak]] int __register_atfork(void (*)(), void (*)(), void (*)(), void*);
-[[gnu::weak]] int pthread_atfork(void (*)(), void (*)(), void (*)());
+#pragma weak pthread_atfork
 extern void* __dso_handle;
 }
 

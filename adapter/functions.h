@@ -83,10 +83,17 @@ template <typename Function, typename... Roles>
   return context.rv;
 }
 
+template <typename Role>
+Role in(typename Role::Type argument) {
+  Role role;
+  role.value = argument;
+  return role;
+}
+
 /// The adapter's version of a function of the list whose arguments have these roles.
 template <auto entry, typename... Roles>
 CK_RV call(typename Roles::Type... arguments) {
-  return run(module::functionOf(entry), Roles{arguments}...);
+  return run(module::functionOf(entry), in<Roles>(arguments)...);
 }
 
 using Data = Argument<CK_BYTE*>;

@@ -227,7 +227,7 @@ void Table::file(Entry* entry) {
 /// Twice as many buckets; without memory the chains get longer.
 void Table::grow() {
   const std::size_t size = std::size_t{1} << bits_;
-  auto** wider = static_cast<Entry**>(std::calloc(4 * size, sizeof(Entry*)));
+  auto** wider = static_cast<Entry**>(std::calloc(4 * size, sizeof(void*)));
   if (wider == nullptr) return;
   Entry** narrower = std::exchange(buckets_, wider);
   ++bits_;
