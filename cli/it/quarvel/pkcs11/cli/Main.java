@@ -74,6 +74,7 @@ public final class Main extends Program {
     StringWriter help = new StringWriter();
     commandLine.setOut(new PrintWriter(help));
     commandLine.setExpandAtFiles(false);
+    commandLine.setUsageHelpWidth(main.out().helpColumns());
     commandLine.setParameterExceptionHandler((failure, all) -> main.refuse(failure));
     commandLine.setExecutionExceptionHandler((failure, c, parsed) -> main.report(failure));
     try {
@@ -89,17 +90,21 @@ public final class Main extends Program {
   }
 
   private int refuse(ParameterException failure) {
+    CommandLine command = failure.getCommandLine();
+    boolean top = !command.getSubcommands().isEmpty();
     String text = failure instanceof UnmatchedArgumentException unmatched
-        ? unmatched(unmatched.getUnmatched()) : failure.getMessage().replaceFirst("^Error: ", "");
-    String command = failure.getCommandLine().getCommandSpec().qualifiedName();
-    message(text + "; see \"" + command + " --help\"");
+        ? unmatched(unmatched.getUnmatched(), top) : failure.getMessage().replaceFirst("^Error: ", "");
+    String commands = top
+        ? "the commands are " + String.join(", ", command.getSubcommands().keySet()) + "; " : "";
+    message("%s; %ssee \"%s --help\"".formatted(
+        text, commands, command.getCommandSpec().qualifiedName()));
     return Failure.USAGE;
   }
 
   /** Names options only: anything else may be a PIN that is not at its place. */
-  private static String unmatched(List<String> arguments) {
+  private static String unmatched(List<String> arguments, boolean top) {
     String first = arguments.get(0);
     return first.startsWith("-") ? "unknown option " + first.replaceFirst("=.*", "")
-        : "there is an argument that belongs to no option";
+        : top ? "there is no such command" : "there is an argument that belongs to no option";
   }
 }

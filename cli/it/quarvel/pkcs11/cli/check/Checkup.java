@@ -5,10 +5,12 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11MechanismInfo;
 import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.cli.check.CheckTable.Result;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.token.Attributes;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.Operation;
+import it.quarvel.pkcs11.cli.token.Steps;
 import it.quarvel.pkcs11.cli.token.Token;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
@@ -18,6 +20,7 @@ import java.util.ArrayList;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.stream.IntStream;
 
 /** The operations of a check-up that leave the token as it is. */
 public final class Checkup {
@@ -37,43 +40,35 @@ public final class Checkup {
     this.token = token;
   }
 
-  /** Returns the mechanisms that the token lists, but for those of its vendor. */
+  /** Returns the mechanisms that the token lists and describes. */
   public Map<Integer, PKCS11MechanismInfo> mechanisms() {
     return mechanisms;
   }
 
-  public void describe() {
+  public void describe() throws Failure {
     NativePKCS11Slot slot = token.slot();
-    table.checkHandle("slot", slot.slotID());
-    table.attempt("slot info", slot::getInfo);
-    table.attempt("serial number", this::readSerialNumber);
-    int[] listed = table.attempt("mechanisms", slot::getMechanismList);
-    for (int mechanism : listed == null ? new int[0] : listed) {
-      if (mechanism >= 0) {
-        mechanisms.put(
-            mechanism, table.attempt("mechanism info", () -> slot.getMechanismInfo(mechanism)));
-      }
-    }
-    if (mechanisms.isEmpty()) {
-      table.note("mechanism info", CheckTable.Result.NOTHING, "no mechanisms");
-    }
+    works("slot info", slot::getInfo);
+    works("serial number", this::readSerialNumber);
+    List<Integer> listed = new ArrayList<>();
+    works("mechanisms", () -> IntStream.of(slot.getMechanismList()).forEach(listed::add));
+    table.each("mechanism info", listed, "no mechanisms", mechanism -> {
+      mechanisms.put(mechanism, slot.getMechanismInfo(mechanism));
+      return Result.WORKS;
+    });
   }
 
-  public void describeSession() {
-    table.checkHandle("session", connection.session().sessionID());
-    table.attempt("session info", connection.session()::getInfo);
+  public void describeSession() throws Failure {
+    works("session info", connection.session()::getInfo);
   }
 
   /** Reads an attribute of each Java type, of the first object of each class and those given. */
-  public void read(List<NativePKCS11Object> more) {
+  public void read(List<NativePKCS11Object> more) throws Failure {
     List<NativePKCS11Object> samples = new ArrayList<>(more);
-    sample(samples);
-    for (NativePKCS11Object object : samples) {
-      table.attempt("object size", object::size);
-    }
-    if (samples.isEmpty()) {
-      table.note("object size", CheckTable.Result.NOTHING, "no object");
-    }
+    table.attempt(Operation.SEARCH, "", () -> sample(samples));
+    table.each("object size", samples, "no object", object -> {
+      object.size();
+      return Result.WORKS;
+    });
     read("read number", samples, CKA_CLASS, NativePKCS11Object::getIntAttributeValue);
     read("read truth value", samples, CKA_TOKEN, NativePKCS11Object::getBoolAttributeValue);
     read("read text", samples, CKA_LABEL, NativePKCS11Object::getStringAttributeValue);
@@ -85,7 +80,7 @@ public final class Checkup {
 
   /** Calls one method of each group that the library refuses, with arguments that ask nothing. */
   @SuppressWarnings("deprecation")
-  public void tryWhatIsNotOffered() {
+  public void tryWhatIsNotOffered() throws Failure {
     NativePKCS11Session session = connection.session();
     NativePKCS11Object none = new NativePKCS11Object(session, 0);
     byte[] data = {};
@@ -112,61 +107,59 @@ public final class Checkup {
 
   public void close() throws Failure {
     if (!connection.isLoggedIn()) {
-      table.note("logout", CheckTable.Result.NOT_ASKED, "no login");
+      table.note("logout", Result.NOT_ASKED, "no login");
     }
     connection.closeSession();
-    table.run("close all sessions", token.slot()::closeAllSessions);
+    works("close all sessions", token.slot()::closeAllSessions);
   }
 
-  private String readSerialNumber() throws PKCS11Exception, Failure {
-    String number = token.slot().getTokenSN();
-    if (!token.info().serialNumber().equals(number)) {
+  private void works(String operation, Steps.Action action) throws Failure {
+    table.attempt(operation, "", () -> {
+      action.run();
+      return Result.WORKS;
+    });
+  }
+
+  private void readSerialNumber() throws PKCS11Exception, Failure {
+    if (!token.info().serialNumber().equals(token.slot().getTokenSN())) {
       throw new Failure("not the serial number of the token info");
     }
-    return number;
   }
 
-  /** A search that fails has its row; what it has found until then serves as well. */
-  private void sample(List<NativePKCS11Object> samples) {
+  /** What a search that fails has found until then serves as well. */
+  private Result sample(List<NativePKCS11Object> samples) throws Failure {
     List<Integer> known = samples.stream().map(NativePKCS11Object::objectID).toList();
     Map<Integer, NativePKCS11Object> byClass = new LinkedHashMap<>();
     int[] count = {0};
     try {
-      connection.search(
-          new PKCS11Template(),
-          object -> {
-            count[0]++;
-            table.checkHandle("object", object.objectID());
-            Integer objectClass = known.contains(object.objectID()) ? null : readClass(object);
-            if (objectClass != null) {
-              byClass.putIfAbsent(objectClass, object);
-            }
-            return true;
-          });
-      table.note(Operation.SEARCH, CheckTable.Result.WORKS, count[0] + " objects");
-    } catch (Failure e) {
-      table.note(Operation.SEARCH, CheckTable.Result.REFUSED, e.reason());
+      connection.search(new PKCS11Template(), object -> {
+        count[0]++;
+        if (!known.contains(object.objectID())) {
+          byClass.putIfAbsent(classOf(object), object);
+        }
+        return true;
+      });
+      table.tell(count[0] + " objects");
+      return Result.WORKS;
+    } finally {
+      samples.addAll(byClass.values());
     }
-    samples.addAll(byClass.values());
   }
 
-  /** An object that cannot be read has its row, and ends no search. */
-  private Integer readClass(NativePKCS11Object object) {
-    return table.attempt(
-        "read number",
-        () -> new Attributes(object).read(CKA_CLASS, object::getIntAttributeValue));
+  /** Those whose class cannot be read are one class: a sample of them is read again, in its row. */
+  private static int classOf(NativePKCS11Object object) {
+    try {
+      return object.getIntAttributeValue(CKA_CLASS);
+    } catch (PKCS11Exception e) {
+      return -1;
+    }
   }
 
   /** Objects without the attribute say nothing about the operation. */
-  private void read(String operation, List<NativePKCS11Object> samples, int type, Reader reader) {
-    boolean found = false;
-    for (NativePKCS11Object object : samples) {
-      Object value = table.attempt(
-          operation, () -> new Attributes(object).read(type, t -> reader.read(object, t)));
-      found |= value != null;
-    }
-    if (!found) {
-      table.note(operation, CheckTable.Result.NOTHING, "no object has such a value");
-    }
+  private void read(String operation, List<NativePKCS11Object> samples, int type, Reader reader)
+      throws Failure {
+    table.each(operation, samples, "no object has such a value", object ->
+        new Attributes(object).read(type, t -> reader.read(object, t)) == null
+            ? Result.NOTHING : Result.WORKS);
   }
 }

@@ -5,8 +5,10 @@ import static it.quarvel.pkcs11.PKCS11Constants.CKF_RW_SESSION;
 import it.quarvel.pkcs11.cli.check.CheckTable;
 import it.quarvel.pkcs11.cli.check.Checkup;
 import it.quarvel.pkcs11.cli.check.KeyTrials;
+import it.quarvel.pkcs11.cli.check.Leftovers;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.console.Output;
+import it.quarvel.pkcs11.cli.console.Terminal;
 import it.quarvel.pkcs11.cli.option.ObjectFilter;
 import it.quarvel.pkcs11.cli.option.PinOptions;
 import it.quarvel.pkcs11.cli.option.TokenOptions;
@@ -23,10 +25,15 @@ import picocli.CommandLine.Option;
     name = "check",
     description = {
       "Try each operation of the library on a token and show which work.",
-      "Without --write nothing is created, and keys are used only when one is named. With it,"
-          + " objects are created in a read/write session and removed again; nothing stays.",
-      "The status is 0 when nothing was refused. What was not asked for does not count, nor what"
-          + " the token has no mechanism or no object for, nor what the binding never offers.",
+      "Without --write nothing is created. With it, objects are created in a read/write session and"
+          + " removed again. Some tokens keep what is made for a session: this is tried on something"
+          + " small, and then keys are made only after a question, or with --yes. What is removed at"
+          + " an interruption, too, stays behind after a kill -9; it is labelled \"quarvel-pkcs11"
+          + " check\".",
+      "A key that is named by --label, --id or --uri is used to sign and decrypt, else one that was"
+          + " made.",
+      "The status is 0 when nothing failed and nothing was refused. What was not asked for does not"
+          + " count, nor what the module, the token or the binding does not have.",
       "Never tried: changes of PINs, and the methods for particular cards, which print on standard"
           + " output."
     })
@@ -39,43 +46,88 @@ public final class CheckCommand extends ModuleCommand {
   @Option(names = "--write", description = "Create objects in the session and remove them again.")
   private boolean write;
 
-  private final CheckTable table = new CheckTable();
+  @Option(names = "--yes",
+      description = "With --write: make keys also on a token that may keep them.")
+  private boolean yes;
+
+  private CheckTable table;
 
   @Override
   public Integer call() throws Failure {
+    boolean named = filter.isNamed(token.uri());
+    if (filter.isTyped() && !named) {
+      throw Failure.usage("which key? Name it by --label, --id or --uri");
+    }
     String module = program().module();
-    int status = 0;
+    table = new CheckTable(program().out(), output);
+    Failure failure = null;
     try (Connection connection = Connection.open(module, table)) {
       run(connection);
     } catch (Failure e) {
-      status = program().report(e);
+      failure = e;
     }
-    table.show(program().out(), output);
-    return status == 0 && !table.works() ? Failure.FAILED : status;
+    table.finish(failure);
+    return failure != null ? program().report(failure) : table.works() ? 0 : Failure.FAILED;
   }
 
   @Override
   void run(Connection connection) throws Failure {
-    table.attempt("info", connection.module()::getInfo);
+    table.attempt("info", "", () -> {
+      connection.module().getInfo();
+      return CheckTable.Result.WORKS;
+    });
     Token chosen = token.choose(connection);
     Checkup checkup = new Checkup(connection, table, chosen);
     checkup.describe();
     connection.openSession(chosen.slot(), write ? CKF_RW_SESSION : 0);
     checkup.describeSession();
     login(connection, chosen);
+    NativePKCS11Object named =
+        filter.isNamed(token.uri()) ? filter.key(connection, token.uri()) : null;
     KeyTrials trials = new KeyTrials(connection, table, checkup.mechanisms());
-    if (write) {
-      trials.create();
-    }
-    checkup.read(trials.created());
-    if (write) {
-      trials.useCreated();
-      trials.destroy();
-    } else {
-      use(trials, connection);
+    Failure unasked = null;
+    Leftovers leftovers = new Leftovers(table, trials, program()::message);
+    try {
+      if (write) {
+        unasked = make(trials);
+      } else {
+        trials.skipWriting();
+      }
+      checkup.read(trials.made());
+      NativePKCS11Object key = named != null ? named : trials.privateKey();
+      if (key == null && (!write || unasked != null)) {
+        trials.skipUse(write ? "--yes" : "--write, or a key by --label");
+      } else {
+        trials.sign(key);
+        trials.decrypt(key);
+      }
+      if (write) {
+        trials.setAttribute();
+        if (unasked == null) {
+          trials.useSecretKey();
+        }
+        trials.destroy();
+      }
+    } finally {
+      leftovers.remove();
     }
     checkup.tryWhatIsNotOffered();
     checkup.close();
+    if (unasked != null) {
+      throw unasked;
+    }
+  }
+
+  /** Makes what may be made, and returns why that is not all. */
+  private Failure make(KeyTrials trials) throws Failure {
+    String doubt = trials.createObject();
+    if (doubt.isEmpty() || yes
+        || Terminal.agrees(doubt + ". Make keys all the same, and try to remove them?")) {
+      trials.createKeys();
+      return null;
+    }
+    trials.skipKeys("--yes");
+    return new Failure(doubt + ", so that no keys were made: --yes makes them all the same");
   }
 
   /** A check-up goes on without the login that the token refuses. */
@@ -92,14 +144,5 @@ public final class CheckCommand extends ModuleCommand {
       }
       program().report(e);
     }
-  }
-
-  private void use(KeyTrials trials, Connection connection) throws Failure {
-    if (filter.isNamed(token.uri())) {
-      NativePKCS11Object key = filter.key(connection, token.uri());
-      trials.sign(key);
-      trials.decrypt(key);
-    }
-    trials.skipTheRest();
   }
 }

@@ -3,8 +3,8 @@ package it.quarvel.pkcs11.cli.command;
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import picocli.CommandLine.Command;
 
 /** Decrypts with a key of the token. */
@@ -28,8 +28,14 @@ public final class DecryptCommand extends KeyCommand {
   }
 
   @Override
-  byte[] apply(NativePKCS11Session session, int mechanism, NativePKCS11Object key, byte[] data)
+  boolean mayBeText() {
+    return true;
+  }
+
+  @Override
+  byte[] apply(
+      Connection connection, int mechanism, NativePKCS11Object key, int keyType, byte[] data)
       throws PKCS11Exception {
-    return session.decrypt(mechanism, key, data);
+    return connection.decrypt(mechanism, key, data);
   }
 }

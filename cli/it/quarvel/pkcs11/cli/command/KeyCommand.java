@@ -5,6 +5,8 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 import it.quarvel.pkcs11.PKCS11Constants;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.console.Failure;
+import it.quarvel.pkcs11.cli.console.Terminal;
+import it.quarvel.pkcs11.cli.console.Text;
 import it.quarvel.pkcs11.cli.option.Names;
 import it.quarvel.pkcs11.cli.option.ObjectFilter;
 import it.quarvel.pkcs11.cli.option.PinOptions;
@@ -13,7 +15,6 @@ import it.quarvel.pkcs11.cli.token.Attributes;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.Token;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -49,17 +50,20 @@ public abstract class KeyCommand extends ModuleCommand {
   /** Returns the mechanism for who names none. */
   abstract int defaultMechanism(int keyType);
 
-  /** Tells the user what is odd about data for a mechanism that nobody has named. */
-  void warn(int defaultMechanism, byte[] data) {}
+  /** Tells whether the result is for people to read, if it happens to be text. */
+  abstract boolean mayBeText();
 
   abstract byte[] apply(
-      NativePKCS11Session session, int mechanism, NativePKCS11Object key, byte[] data)
-      throws PKCS11Exception;
+      Connection connection, int mechanism, NativePKCS11Object key, int keyType, byte[] data)
+      throws PKCS11Exception, Failure;
 
   @Override
   public final Integer call() throws Failure {
     if (!filter.isNamed(token.uri())) {
       throw Failure.usage("which key? Name it by --label, --id or --uri");
+    }
+    if (!mayBeText()) {
+      refuseTerminal();
     }
     return super.call();
   }
@@ -74,27 +78,40 @@ public abstract class KeyCommand extends ModuleCommand {
       pin.login(program(), connection, chosen, token.uri());
     }
     NativePKCS11Object key = filter.key(connection, token.uri());
-    int chosenMechanism = mechanism != null ? mechanism : chooseMechanism(key, data);
+    int keyType = keyType(key);
+    int chosenMechanism = mechanism != null ? mechanism : usualMechanism(keyType);
     write(connection.call(
-        operation(), () -> apply(connection.session(), chosenMechanism, key, data)));
+        operation(), () -> apply(connection, chosenMechanism, key, keyType, data)));
   }
 
-  private int chooseMechanism(NativePKCS11Object key, byte[] data) throws Failure {
+  private static int keyType(NativePKCS11Object key) throws Failure {
     Integer keyType = new Attributes(key).read(CKA_KEY_TYPE, key::getIntAttributeValue);
     if (keyType == null) {
       throw Failure.usage("this object is no key: --type is private, public or secret-key");
     }
+    return keyType;
+  }
+
+  private int usualMechanism(int keyType) throws Failure {
     int found = defaultMechanism(keyType);
     if (found == NO_DEFAULT) {
       throw Failure.usage("no usual mechanism for a key of type %s: name one by --mechanism"
           .formatted(PKCS11Constants.keyTypeName(keyType)));
     }
-    warn(found, data);
     return found;
+  }
+
+  private void refuseTerminal() throws Failure {
+    if (output == null && Terminal.is(Terminal.OUT)) {
+      throw Failure.usage("the result is no text for a terminal: name a file by -o");
+    }
   }
 
   private byte[] read() throws Failure {
     boolean standard = input.equals(STANDARD);
+    if (standard && Terminal.isClosed(Terminal.IN)) {
+      throw new Failure("standard input is closed: name the file with the data");
+    }
     try {
       // Standard input stays open: it may be the terminal that the PIN comes from.
       return standard ? System.in.readAllBytes() : Files.readAllBytes(input);
@@ -105,6 +122,9 @@ public abstract class KeyCommand extends ModuleCommand {
 
   private void write(byte[] result) throws Failure {
     if (output == null) {
+      if (!Text.isText(result)) {
+        refuseTerminal();
+      }
       program().out().write(result);
       return;
     }

@@ -4,7 +4,7 @@ import it.quarvel.pkcs11.PKCS11Constants;
 import it.quarvel.pkcs11.PKCS11MechanismInfo;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.console.Output;
-import it.quarvel.pkcs11.cli.option.Names;
+import it.quarvel.pkcs11.cli.console.Unread;
 import it.quarvel.pkcs11.cli.option.TokenOptions;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
@@ -16,11 +16,10 @@ import picocli.CommandLine.Command;
 import picocli.CommandLine.Mixin;
 
 /** Lists the mechanisms of a token. */
-@Command(
-    name = "mechanisms",
+@Command(name = "mechanisms",
     description = {
       "List the mechanisms of a token, their key sizes and uses.",
-      "Those of a vendor are shown by number and cannot be used."
+      "Sizes are in bits or bytes, as each mechanism counts. Those of a vendor are shown by number."
     })
 public final class MechanismsCommand extends ModuleCommand {
   @Mixin private TokenOptions token;
@@ -31,21 +30,31 @@ public final class MechanismsCommand extends ModuleCommand {
     NativePKCS11Slot slot = token.choose(connection).slot();
     List<Map<String, Object>> rows = new ArrayList<>();
     for (int mechanism : connection.call("mechanisms", slot::getMechanismList)) {
-      rows.add(describe(connection, slot, mechanism));
+      Map<String, Object> row = new LinkedHashMap<>();
+      row.put("mechanism", PKCS11Constants.mechanismName(mechanism));
+      describe(row, connection, slot, mechanism);
+      rows.add(row);
     }
     output.table(program().out(), rows);
   }
 
-  private static Map<String, Object> describe(
-      Connection connection, NativePKCS11Slot slot, int mechanism) throws Failure {
-    Map<String, Object> row = new LinkedHashMap<>();
-    row.put("mechanism", PKCS11Constants.mechanismName(mechanism));
-    // The number of a vendor's mechanism reaches the module changed.
-    PKCS11MechanismInfo info = mechanism < 0 ? null
-        : connection.call("mechanism info", () -> slot.getMechanismInfo(mechanism));
-    row.put("minKeySize", info == null ? null : info.minKeySize());
-    row.put("maxKeySize", info == null ? null : info.maxKeySize());
-    row.put("uses", info == null ? List.of() : Names.flags(info, Names.MECHANISM_FLAGS));
-    return row;
+  private static void describe(
+      Map<String, Object> row, Connection connection, NativePKCS11Slot slot, int mechanism) {
+    try {
+      PKCS11MechanismInfo info =
+          connection.call("mechanism info", () -> slot.getMechanismInfo(mechanism));
+      row.put("minKeySize", size(info.minKeySize()));
+      row.put("maxKeySize", size(info.maxKeySize()));
+      row.put("uses", PKCS11Constants.mechanismFlagNames(info.flags()));
+    } catch (Failure e) {
+      row.put("minKeySize", null);
+      row.put("maxKeySize", null);
+      row.put("uses", List.of(new Unread(e.reason())));
+    }
+  }
+
+  private static Object size(int size) {
+    return size == PKCS11Constants.CK_UNAVAILABLE_INFORMATION ? "unlimited"
+        : Integer.toUnsignedLong(size);
   }
 }

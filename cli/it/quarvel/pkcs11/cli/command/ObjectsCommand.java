@@ -1,7 +1,9 @@
 package it.quarvel.pkcs11.cli.command;
 
+import static it.quarvel.pkcs11.PKCS11Constants.CKF_LOGIN_REQUIRED;
+
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Output;
+import it.quarvel.pkcs11.cli.console.UriOutput;
 import it.quarvel.pkcs11.cli.console.Progress;
 import it.quarvel.pkcs11.cli.option.Names;
 import it.quarvel.pkcs11.cli.option.ObjectFilter;
@@ -10,6 +12,8 @@ import it.quarvel.pkcs11.cli.option.TokenOptions;
 import it.quarvel.pkcs11.cli.token.Attributes;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.cli.token.Uris;
+import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import java.util.List;
 import java.util.Map;
 import java.util.Objects;
@@ -21,12 +25,16 @@ import picocli.CommandLine.Option;
 
 /** Lists the objects of a token, each as the search yields it. */
 @Command(name = "objects",
-    description = "List the objects of a token; private ones only after a login.")
+    description = {
+      "List the objects of a token; private ones only after a login.",
+      "A value that an object does not have is \"-\" where it was asked for; one that cannot be had"
+          + " is shown as the reason in brackets, \"(sensitive)\" for instance."
+    })
 public final class ObjectsCommand extends ModuleCommand {
   @Mixin private TokenOptions token;
   @Mixin private PinOptions pin;
   @Mixin private ObjectFilter filter;
-  @Mixin private Output output;
+  @Mixin private UriOutput output;
 
   @Option(names = "--attribute", paramLabel = "NAME", converter = Names.Attribute.class,
       description = "Show this attribute too, for instance CKA_PUBLIC_EXPONENT. Can be repeated.")
@@ -44,7 +52,7 @@ public final class ObjectsCommand extends ModuleCommand {
       connection.search(
           filter.template(token.uri()),
           object -> {
-            show(new Attributes(object).describe(attributes));
+            show(chosen, object);
             progress.step();
             return true;
           });
@@ -52,12 +60,18 @@ public final class ObjectsCommand extends ModuleCommand {
       progress.end();
     }
     output.end(program().out());
+    if (!connection.isLoggedIn() && chosen.info().hasFlag(CKF_LOGIN_REQUIRED)) {
+      program().message("private objects, if there are any, show after a login only: --login");
+    }
   }
 
-  private void show(Map<String, Object> values) throws Failure {
+  private void show(Token chosen, NativePKCS11Object object) throws Failure {
+    String uri = output.needsUri() ? Uris.of(chosen.info(), object) : "";
+    Map<String, Object> values =
+        output.isUriOnly() ? Map.of() : new Attributes(object).describe(attributes);
     List<String> inTitle = List.of("class", "keyType", "certificateType");
     String title = inTitle.stream().map(values::get).filter(Objects::nonNull).map(Object::toString)
         .collect(Collectors.joining(", "));
-    output.item(program().out(), title, values, Set.copyOf(inTitle));
+    output.item(program().out(), title, uri, values, Set.copyOf(inTitle));
   }
 }

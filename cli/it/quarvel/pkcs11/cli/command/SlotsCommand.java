@@ -6,10 +6,11 @@ import it.quarvel.pkcs11.PKCS11Info;
 import it.quarvel.pkcs11.PKCS11SlotInfo;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Output;
-import it.quarvel.pkcs11.cli.option.Names;
+import it.quarvel.pkcs11.cli.console.UriOutput;
+import it.quarvel.pkcs11.cli.option.TokenOptions;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.cli.token.Uris;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.util.LinkedHashMap;
 import java.util.Map;
@@ -18,34 +19,37 @@ import picocli.CommandLine.Command;
 import picocli.CommandLine.Mixin;
 
 /** Lists the slots and their tokens. */
-@Command(name = "slots", description = "List the slots and their tokens.")
+@Command(name = "slots", description = "List the slots and their tokens, or those asked for.")
 public final class SlotsCommand extends ModuleCommand {
-  @Mixin private Output output;
+  @Mixin private TokenOptions token;
+  @Mixin private UriOutput output;
 
   @Override
   void run(Connection connection) throws Failure {
     for (NativePKCS11Slot slot : connection.call("slots", () -> connection.module().slots(false))) {
       Map<String, Object> values = new LinkedHashMap<>();
       values.put("slot", Token.number(slot));
-      addSlot(values, connection, slot);
+      PKCS11TokenInfo info = addSlot(values, connection, slot);
+      if (!token.matches(slot, info) || output.isUriOnly() && info == null) {
+        continue;
+      }
       Object description = values.getOrDefault("description", "not readable");
-      output.item(program().out(), "Slot " + Token.number(slot) + ": " + description, values,
-          Set.of("slot", "description"));
+      output.item(program().out(), "Slot " + Token.number(slot) + ": " + description,
+          info == null ? "" : Uris.of(info), values, Set.of("slot", "description"));
     }
     output.end(program().out());
   }
 
   /** A slot or token that cannot be read is one of the things to show, not the end of the list. */
-  private static void addSlot(
+  private static PKCS11TokenInfo addSlot(
       Map<String, Object> values, Connection connection, NativePKCS11Slot slot) {
     try {
       PKCS11SlotInfo info = connection.call("slot info", slot::getInfo);
       add(values, info);
-      if (info.hasFlag(CKF_TOKEN_PRESENT)) {
-        addToken(values, connection, slot);
-      }
+      return info.hasFlag(CKF_TOKEN_PRESENT) ? addToken(values, connection, slot) : null;
     } catch (Failure e) {
       values.put("slotError", e.reason());
+      return null;
     }
   }
 
@@ -54,15 +58,18 @@ public final class SlotsCommand extends ModuleCommand {
     values.put("manufacturer", info.manufacturerID().strip());
     values.put("hardwareVersion", PKCS11Info.versionText(info.hardwareVersion()));
     values.put("firmwareVersion", PKCS11Info.versionText(info.firmwareVersion()));
-    values.put("flags", Names.flags(info, Names.SLOT_FLAGS));
+    values.put("flags", slotFlagNames(info.flags()));
   }
 
-  private static void addToken(
+  private static PKCS11TokenInfo addToken(
       Map<String, Object> values, Connection connection, NativePKCS11Slot slot) {
     try {
-      add(values, connection.call("token info", slot::getTokenInfo));
+      PKCS11TokenInfo info = connection.call("token info", () -> Token.of(slot).info());
+      add(values, info);
+      return info;
     } catch (Failure e) {
       values.put("tokenError", e.reason());
+      return null;
     }
   }
 
@@ -73,14 +80,20 @@ public final class SlotsCommand extends ModuleCommand {
     values.put("serialNumber", token.serialNumber().strip());
     values.put("tokenHardwareVersion", PKCS11Info.versionText(token.hardwareVersion()));
     values.put("tokenFirmwareVersion", PKCS11Info.versionText(token.firmwareVersion()));
-    values.put("minPinLength", token.minPinLen());
-    values.put("maxPinLength", token.maxPinLen());
+    values.put("minPinLength", known(token.minPinLen()));
+    values.put("maxPinLength", known(token.maxPinLen()));
+    values.put("maxSessions", limit(token.maxSessionCount()));
+    values.put("maxWritingSessions", limit(token.maxRwSessionCount()));
     values.put("freePublicMemory", known(token.freePublicMemory()));
     values.put("freePrivateMemory", known(token.freePrivateMemory()));
-    values.put("tokenFlags", Names.flags(token, Names.TOKEN_FLAGS));
+    values.put("tokenFlags", tokenFlagNames(token.flags()));
   }
 
-  private static Integer known(int size) {
-    return size == CK_UNAVAILABLE_INFORMATION ? null : size;
+  private static Object limit(int count) {
+    return count == CK_EFFECTIVELY_INFINITE ? "unlimited" : known(count);
+  }
+
+  private static Object known(int size) {
+    return size == CK_UNAVAILABLE_INFORMATION ? "unavailable" : Integer.toUnsignedLong(size);
   }
 }

@@ -22,6 +22,9 @@ final class Json {
     if (value instanceof List<?> list) {
       return list.stream().map(Json::of).collect(Collectors.joining(", ", "[", "]"));
     }
+    if (value instanceof Unread unread) {
+      return of(Map.of("unreadable", unread.reason()));
+    }
     return quote(value instanceof byte[] bytes ? HexFormat.of().formatHex(bytes) : "" + value);
   }
 
@@ -29,12 +32,9 @@ final class Json {
     return text.codePoints().mapToObj(Json::escape).collect(Collectors.joining("", "\"", "\""));
   }
 
-  /** A surrogate that stands alone has no UTF-8, but it has an escape. */
+  /** What must not reach a terminal raw has an escape, and so has a surrogate that stands alone. */
   private static String escape(int c) {
-    if (c == '"' || c == '\\') {
-      return "\\" + (char) c;
-    }
-    boolean plain = c >= ' ' && Character.getType(c) != Character.SURROGATE;
-    return plain ? Character.toString(c) : "\\u%04x".formatted(c);
+    return Text.steers(c) ? Text.escape(c)
+        : c == '"' || c == '\\' ? "\\" + (char) c : Character.toString(c);
   }
 }

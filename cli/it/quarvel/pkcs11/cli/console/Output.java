@@ -6,7 +6,7 @@ import java.util.Set;
 import picocli.CommandLine.Option;
 
 /** The choice between data for people and for programs, and the one place that acts on it. */
-public final class Output {
+public class Output {
   @Option(names = "--json", description = "Write JSON instead of text.")
   private boolean json;
 
@@ -18,7 +18,7 @@ public final class Output {
 
   /** Writes the only thing there is to say. */
   public void object(Stdout out, String title, Map<String, Object> values) throws Failure {
-    out.write(json ? Json.of(values) + "\n" : Text.block(title, values, Set.of()));
+    out.write(json ? Json.of(values) + "\n" : Text.block(title, values, Set.of(), out.columns()));
   }
 
   /**
@@ -31,7 +31,20 @@ public final class Output {
       out.write(separator + "\n" + Json.of(values));
       separator = ",";
     } else {
-      out.write(Text.block(title, values, inTitle));
+      out.write(Text.block(title, values, inTitle, out.columns()));
+    }
+  }
+
+  /** Has the list become the first member of an object, instead of all there is. */
+  public void nest(String member) {
+    separator = "{\"%s\": [".formatted(member);
+  }
+
+  /** Ends the list and the object that it is the first member of. */
+  public void end(Stdout out, Map<String, Object> others) throws Failure {
+    if (json) {
+      String rest = Json.of(others).substring(1);
+      out.write((separator.equals(",") ? "\n" : separator) + "], " + rest + "\n");
     }
   }
 
@@ -45,7 +58,7 @@ public final class Output {
   /** Writes a table. */
   public void table(Stdout out, List<Map<String, Object>> rows) throws Failure {
     if (!json) {
-      out.write(Text.table(rows));
+      out.write(Text.table(rows, out.columns()));
       return;
     }
     for (Map<String, Object> row : rows) {

@@ -2,6 +2,8 @@ package it.quarvel.pkcs11.cli.console;
 
 import java.io.OutputStream;
 import java.io.PrintStream;
+import java.io.PrintWriter;
+import java.io.StringWriter;
 import picocli.CommandLine.Option;
 import picocli.CommandLine.ScopeType;
 
@@ -64,7 +66,10 @@ public class Program {
     message(failure instanceof Failure ? failure.getMessage()
         : "unexpected " + failure + "; --verbose shows where");
     if (verbose) {
-      failure.printStackTrace(err);
+      StringWriter trace = new StringWriter();
+      failure.printStackTrace(new PrintWriter(trace));
+      trace.toString().lines().map(line -> line.replace("\t", "  ")).map(Text::printable)
+          .forEach(err::println);
     }
     return failure instanceof Failure known ? known.status() : Failure.FAILED;
   }

@@ -1,5 +1,6 @@
 package it.quarvel.pkcs11.cli.console;
 
+import java.io.File;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -10,14 +11,52 @@ public final class Terminal {
   public static final int OUT = 1;
   public static final int ERR = 2;
 
+  /** What is taken for a terminal that does not tell. */
+  private static final int USUAL_COLUMNS = 80;
+
   private Terminal() {}
 
   public static boolean is(int descriptor) {
+    return target(descriptor).toString().matches("/dev/(pts/|tty|console).*");
+  }
+
+  /**
+   * Tells whether the process was started without this stream: the virtual machine then opens one of
+   * its own files in its place.
+   */
+  public static boolean isClosed(int descriptor) {
+    return target(descriptor).startsWith(System.getProperty("java.home"));
+  }
+
+  /** Returns how wide standard output is, without end when it is no terminal. */
+  static int columns() {
+    if (!is(OUT)) {
+      return Integer.MAX_VALUE;
+    }
     try {
-      String target = Files.readSymbolicLink(Path.of("/proc/self/fd/" + descriptor)).toString();
-      return target.matches("/dev/(pts/|tty|console).*");
-    } catch (IOException e) {
+      Process stty = new ProcessBuilder("stty", "size").redirectInput(new File("/dev/tty")).start();
+      String[] size = new String(stty.getInputStream().readAllBytes()).strip().split(" ");
+      int columns = size.length == 2 ? Integer.parseInt(size[1]) : 0;
+      return columns > 0 ? columns : USUAL_COLUMNS;
+    } catch (IOException | NumberFormatException e) {
+      return USUAL_COLUMNS;
+    }
+  }
+
+  /** Asks for a yes. Newer versions of Java offer a console without a terminal. */
+  public static boolean agrees(String question) {
+    if (!is(IN) || !is(OUT) || System.console() == null) {
       return false;
+    }
+    String answer = System.console().readLine("%s [y/N] ", Text.printable(question));
+    return answer != null && answer.strip().matches("(?i)y(es)?");
+  }
+
+  private static Path target(int descriptor) {
+    try {
+      return Path.of("/proc/self/fd/" + descriptor).toRealPath();
+    } catch (IOException e) {
+      return Path.of("");
     }
   }
 }

@@ -1,5 +1,6 @@
 package it.quarvel.pkcs11.cli.console;
 
+import java.nio.charset.StandardCharsets;
 import java.util.HexFormat;
 import java.util.List;
 import java.util.Locale;
@@ -7,6 +8,7 @@ import java.util.Map;
 import java.util.Set;
 import java.util.stream.Collectors;
 import java.util.stream.IntStream;
+import java.util.stream.Stream;
 
 /** Data for people: blocks of named values, and tables. */
 public final class Text {
@@ -14,50 +16,97 @@ public final class Text {
   public static final String GARBLED =
       " has characters that this locale does not have: start with LC_ALL=C.UTF-8";
 
+  private static final String INDENT = "    ";
+
   private Text() {}
 
   /** Java puts a replacement character for each byte that the locale does not know. */
-  public static boolean isGarbled(String text) {
-    return text.indexOf('\uFFFD') >= 0;
+  public static boolean isGarbled(CharSequence text) {
+    return text.chars().anyMatch(c -> c == '\uFFFD');
   }
 
   /**
    * Writes a title and below it the values that say something which the title does not. Who asks
    * for an attribute sees that the object has none.
    */
-  static String block(String title, Map<String, Object> values, Set<String> inTitle) {
+  static String block(String title, Map<String, Object> values, Set<String> inTitle, int columns) {
     int width = values.keySet().stream().mapToInt(key -> words(key).length()).max().orElse(0);
     return values.entrySet().stream()
         .filter(entry -> !inTitle.contains(entry.getKey()) && isShown(entry))
-        .map(entry -> "  " + pad(words(entry.getKey()), width) + "  " + shown(entry))
+        .map(entry -> wrap("  " + pad(words(entry.getKey()), width) + "  ", shown(entry), columns))
         .collect(Collectors.joining("\n", printable(title) + "\n", "\n"));
   }
 
   /** Writes rows of the same keys under a heading that names them. */
-  static String table(List<Map<String, Object>> rows) {
+  static String table(List<Map<String, Object>> rows, int columns) {
     if (rows.isEmpty()) {
       return "";
     }
     List<String> keys = List.copyOf(rows.get(0).keySet());
     int[] widths = keys.stream().mapToInt(key -> width(rows, key)).toArray();
-    return rows.stream()
-        .map(row -> line(keys.stream().map(key -> value(row.get(key))).toList(), widths))
-        .collect(Collectors.joining("", line(keys.stream().map(Text::words).toList(), widths), ""));
+    return Stream.concat(Stream.of(keys.stream().map(Text::words).toList()),
+            rows.stream().map(row -> keys.stream().map(key -> value(row.get(key))).toList()))
+        .map(cells -> line(cells, widths, columns)).collect(Collectors.joining());
+  }
+
+  /** Writes one row of a table; the last cell may be longer than the terminal is wide. */
+  public static String line(List<String> cells, int[] widths, int columns) {
+    int last = cells.size() - 1;
+    String start = IntStream.range(0, last).mapToObj(i -> pad(cells.get(i), widths[i]) + "  ")
+        .collect(Collectors.joining());
+    return wrap(start, cells.get(last), columns) + "\n";
+  }
+
+  /**
+   * Writes a text behind its start, in lines that fit and begin below each other. A word that is too
+   * long for this has the text start on a line of its own.
+   */
+  public static String wrap(String start, String text, int columns) {
+    if (length(start) + length(text) <= columns) {
+      return (start + text).stripTrailing();
+    }
+    boolean own = Stream.of(text.split(" ")).anyMatch(w -> length(start) + length(w) > columns);
+    String indent = own ? INDENT : " ".repeat(length(start));
+    StringBuilder all = new StringBuilder(own ? start.stripTrailing() + "\n" + indent : start);
+    int used = indent.length();
+    for (String word : text.split(" ")) {
+      if (used > indent.length() && used + 1 + length(word) > columns) {
+        all.append("\n").append(indent);
+        used = indent.length();
+      } else if (used > indent.length()) {
+        all.append(" ");
+        used++;
+      }
+      all.append(word);
+      used += length(word);
+    }
+    return all.toString();
+  }
+
+  /** Tells whether bytes are text that does nothing to a terminal but begin new lines. */
+  public static boolean isText(byte[] bytes) {
+    return new String(bytes, StandardCharsets.UTF_8).codePoints()
+        .allMatch(c -> c == '\n' || c == '\t' || c != '\uFFFD' && !steers(c));
   }
 
   /** Shows what could steer a terminal, or turn its text around, as an escape. */
   public static String printable(String text) {
-    return text.codePoints()
-        .mapToObj(c -> steers(c) ? "\\u%04X".formatted(c) : Character.toString(c))
+    return text.codePoints().mapToObj(c -> steers(c) ? escape(c) : Character.toString(c))
         .collect(Collectors.joining());
   }
 
-  private static boolean steers(int c) {
+  static boolean steers(int c) {
     return switch (Character.getType(c)) {
       case Character.CONTROL, Character.FORMAT, Character.SURROGATE,
           Character.LINE_SEPARATOR, Character.PARAGRAPH_SEPARATOR -> true;
       default -> false;
     };
+  }
+
+  /** Writes the code units of a character as Java and JSON do. */
+  static String escape(int c) {
+    return Character.toString(c).chars().mapToObj("\\u%04X"::formatted)
+        .collect(Collectors.joining());
   }
 
   private static boolean isShown(Map.Entry<String, Object> entry) {
@@ -73,16 +122,11 @@ public final class Text {
   }
 
   private static int width(List<Map<String, Object>> rows, String key) {
-    int widest = rows.stream().mapToInt(row -> value(row.get(key)).length()).max().orElse(0);
+    int widest = rows.stream().mapToInt(row -> length(value(row.get(key)))).max().orElse(0);
     return Math.max(widest, words(key).length());
   }
 
-  private static String line(List<String> cells, int[] widths) {
-    return IntStream.range(0, widths.length).mapToObj(i -> pad(cells.get(i), widths[i]))
-        .collect(Collectors.joining("  ")).stripTrailing() + "\n";
-  }
-
-  private static String value(Object value) {
+  public static String value(Object value) {
     if (value instanceof List<?> list) {
       return list.stream().map(Text::value).collect(Collectors.joining(" "));
     }
@@ -98,6 +142,10 @@ public final class Text {
   }
 
   private static String pad(String text, int width) {
-    return text + " ".repeat(width - text.length());
+    return text + " ".repeat(Math.max(0, width - length(text)));
+  }
+
+  private static int length(String text) {
+    return text.codePointCount(0, text.length());
   }
 }

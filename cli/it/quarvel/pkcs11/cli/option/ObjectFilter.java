@@ -57,6 +57,11 @@ public final class ObjectFilter {
     return label != null || id != null || uri.object() != null || uri.id() != null;
   }
 
+  /** Tells whether only objects of one type are meant. */
+  public boolean isTyped() {
+    return type != null;
+  }
+
   /** Returns what to search for; labels go as bytes, which keeps all of UTF-8 as it is. */
   public PKCS11Template template(PKCS11Uri uri) {
     PKCS11Template template = new PKCS11Template();

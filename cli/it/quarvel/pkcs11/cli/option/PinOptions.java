@@ -10,6 +10,7 @@ import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.PKCS11Uri;
 import it.quarvel.pkcs11.cli.token.Token;
 import java.io.IOException;
+import java.io.InputStream;
 import java.nio.ByteBuffer;
 import java.nio.CharBuffer;
 import java.nio.charset.StandardCharsets;
@@ -48,6 +49,8 @@ public final class PinOptions {
     }
   }
 
+  private static final int LONGEST_FILE = 4096;
+
   @ArgGroup(exclusive = true)
   private Source source = new Source();
 
@@ -63,6 +66,9 @@ public final class PinOptions {
   /** Logs in, once. */
   public void login(Program program, Connection connection, Token token, PKCS11Uri uri)
       throws Failure {
+    if (source.pinpad && !token.info().hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH)) {
+      throw new Failure("token %s has no PIN pad, or does not tell of it".formatted(token));
+    }
     if (token.info().hasFlag(CKF_USER_PIN_FINAL_TRY)) {
       program.message("this is the last try: another wrong PIN locks the token");
     }
@@ -73,7 +79,7 @@ public final class PinOptions {
     connection.login(pin);
   }
 
-  /** Returns the PIN for the caller to wipe, null when the token asks for it itself. */
+  /** Returns the PIN, which the connection wipes; null when the token asks for it itself. */
   private byte[] pin(Token token, PKCS11Uri uri) throws Failure {
     if (source.pinpad) {
       return null;
@@ -130,11 +136,14 @@ public final class PinOptions {
   }
 
   private static byte[] ofFile(Path file) throws Failure {
-    try {
-      byte[] content = Files.readAllBytes(file);
+    try (InputStream in = Files.newInputStream(file)) {
+      byte[] content = in.readNBytes(LONGEST_FILE + 1);
       int length = Math.min(indexOf(content, 0, '\n'), indexOf(content, 0, '\r'));
       byte[] pin = Arrays.copyOf(content, length);
       Arrays.fill(content, (byte) 0);
+      if (length > LONGEST_FILE) {
+        throw new Failure("the file with the PIN has a first line of more than 4096 bytes");
+      }
       return pin;
     } catch (IOException e) {
       // Without its name, which may be a PIN that is not at its place.
@@ -162,6 +171,9 @@ public final class PinOptions {
         .readPassword("PIN of token \"%s\": ", Text.printable(token.info().trimmedLabel()));
     if (typed == null) {
       throw new Failure("no PIN");
+    }
+    if (Text.isGarbled(CharBuffer.wrap(typed))) {
+      throw new Failure("the PIN" + Text.GARBLED + ". It was not tried");
     }
     ByteBuffer encoded = StandardCharsets.UTF_8.encode(CharBuffer.wrap(typed));
     byte[] pin = new byte[encoded.remaining()];

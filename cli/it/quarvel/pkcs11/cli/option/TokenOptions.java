@@ -23,12 +23,24 @@ public final class TokenOptions {
     @Option(names = "--token", paramLabel = "LABEL", description = "The token with this label.")
     String label;
 
-    @Option(names = "--slot", paramLabel = "N", description = "The token in this slot.")
+    @Option(names = "--slot", paramLabel = "N", converter = SlotConverter.class,
+        description = "The token in this slot; 0x starts a hexadecimal number.")
     Long slot;
 
     @Option(names = "--uri", paramLabel = "URI", converter = UriConverter.class,
         description = "The token, and the object, that a PKCS#11 URI (RFC 7512) names.")
     PKCS11Uri uri;
+  }
+
+  private static final class SlotConverter implements ITypeConverter<Long> {
+    @Override
+    public Long convert(String text) {
+      try {
+        return Names.number(text);
+      } catch (NumberFormatException e) {
+        throw new TypeConversionException("a slot is a number, as in 12 or 0xc");
+      }
+    }
   }
 
   private static final class UriConverter implements ITypeConverter<PKCS11Uri> {
@@ -50,23 +62,28 @@ public final class TokenOptions {
     return choice.uri == null ? PKCS11Uri.ANY : choice.uri;
   }
 
-  /** Finds the one token that is meant. */
+  /** Tells whether a slot, with the token in it or null, is one of those meant. */
+  public boolean matches(NativePKCS11Slot slot, PKCS11TokenInfo token) {
+    return (choice.slot == null || choice.slot == Token.number(slot))
+        && (choice.label == null || token != null
+            && choice.label.stripTrailing().equals(token.trimmedLabel()))
+        && (choice.uri == null || token != null && choice.uri.matches(token, Token.number(slot)));
+  }
+
+  /** Finds the one token that is meant; who names none means one that is initialised. */
   public Token choose(Connection connection) throws Failure {
-    List<Token> tokens = new ArrayList<>();
+    List<Token> all = new ArrayList<>();
     PKCS11Exception unreadable = null;
     for (NativePKCS11Slot slot : connection.call("slots", () -> connection.module().slots(true))) {
-      if (choice.slot != null && choice.slot != Token.number(slot)) {
-        continue;
-      }
       try {
-        Token token = new Token(slot, slot.getTokenInfo());
-        if (matches(token)) {
-          tokens.add(token);
-        }
+        all.add(Token.of(slot));
       } catch (PKCS11Exception e) {
-        unreadable = choice.slot != null || !isAbsent(e.errorCode()) ? e : unreadable;
+        boolean named = choice.slot != null && choice.slot == Token.number(slot);
+        unreadable = named || choice.slot == null && !isAbsent(e.errorCode()) ? e : unreadable;
       }
     }
+    List<Token> tokens = all.stream().filter(token -> matches(token.slot(), token.info()))
+        .filter(token -> isNamed() || token.info().hasFlag(CKF_TOKEN_INITIALIZED)).toList();
     if (tokens.isEmpty() && unreadable != null) {
       PKCS11Exception cause = unreadable;
       return connection.call("token info", () -> {
@@ -74,11 +91,15 @@ public final class TokenOptions {
       });
     }
     if (tokens.size() != 1) {
-      throw new Failure(tokens.isEmpty() ? none() : several(tokens));
+      throw new Failure(tokens.isEmpty() ? none(all)
+          : list(tokens.size() + " tokens: ", tokens) + "; choose one by --slot");
     }
     // Read once more: only the slot that counts is a step of the command.
-    NativePKCS11Slot slot = tokens.get(0).slot();
-    return new Token(slot, connection.call("token info", slot::getTokenInfo));
+    return connection.call("token info", () -> Token.of(tokens.get(0).slot()));
+  }
+
+  private boolean isNamed() {
+    return choice.slot != null || choice.label != null || choice.uri != null;
   }
 
   /** A token that has gone, or that the module does not know, is none that could be meant. */
@@ -87,21 +108,13 @@ public final class TokenOptions {
         || code == CKR_DEVICE_REMOVED;
   }
 
-  private boolean matches(Token token) {
-    PKCS11TokenInfo info = token.info();
-    return (choice.slot != null || info.hasFlag(CKF_TOKEN_INITIALIZED))
-        && (choice.label == null || choice.label.stripTrailing().equals(info.trimmedLabel()))
-        && uri().matches(info, Token.number(token.slot()));
+  private String none(List<Token> all) {
+    return all.isEmpty() ? "no token: insert one; \"slots\" shows the slots there are"
+        : list(isNamed() ? "no token that was asked for; there are: "
+            : "no initialised token; name one by --token or --slot, of: ", all);
   }
 
-  private String none() {
-    return choice.label == null && choice.slot == null && choice.uri == null
-        ? "no initialised token: insert or initialise one; \"slots\" shows what there is"
-        : "no token that was asked for: \"slots\" shows what there is";
-  }
-
-  private static String several(List<Token> tokens) {
-    return tokens.stream().map(Token::toString).collect(
-        Collectors.joining(", ", tokens.size() + " tokens: ", "; choose one by --slot"));
+  private static String list(String start, List<Token> tokens) {
+    return tokens.stream().map(Token::toString).collect(Collectors.joining(", ", start, ""));
   }
 }

@@ -2,24 +2,32 @@ package it.quarvel.pkcs11.cli.token;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Constants;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.console.Failure;
+import it.quarvel.pkcs11.cli.console.Unread;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
+import java.io.ByteArrayInputStream;
 import java.math.BigInteger;
+import java.nio.ByteBuffer;
+import java.nio.charset.CharacterCodingException;
 import java.nio.charset.StandardCharsets;
+import java.security.cert.CertificateException;
+import java.security.cert.CertificateFactory;
+import java.security.cert.X509Certificate;
 import java.text.ParseException;
+import java.time.LocalDate;
+import java.time.ZoneId;
 import java.util.ArrayList;
-import java.util.Arrays;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
 import javax.security.auth.x500.X500Principal;
+import org.ietf.jgss.GSSException;
+import org.ietf.jgss.Oid;
 
 /**
- * The attributes of an object. Those that it lacks, and those that the token keeps to itself, are
- * null.
+ * The attributes of an object.
  *
  * @param object the object
  */
@@ -34,117 +42,206 @@ public record Attributes(NativePKCS11Object object) {
     CKA_EXTRACTABLE, CKA_NEVER_EXTRACTABLE, CKA_LOCAL, CKA_ALWAYS_AUTHENTICATE
   };
 
+  private static final Map<String, String> CURVES = Map.ofEntries(
+      Map.entry("1.2.840.10045.3.1.1", "P-192"), Map.entry("1.3.132.0.33", "P-224"),
+      Map.entry("1.2.840.10045.3.1.7", "P-256"), Map.entry("1.3.132.0.34", "P-384"),
+      Map.entry("1.3.132.0.35", "P-521"), Map.entry("1.3.132.0.10", "secp256k1"),
+      Map.entry("1.3.36.3.3.2.8.1.1.7", "brainpoolP256r1"),
+      Map.entry("1.3.36.3.3.2.8.1.1.11", "brainpoolP384r1"),
+      Map.entry("1.3.36.3.3.2.8.1.1.13", "brainpoolP512r1"),
+      Map.entry("1.3.101.110", "X25519"), Map.entry("1.3.101.111", "X448"),
+      Map.entry("1.3.101.112", "Ed25519"), Map.entry("1.3.101.113", "Ed448"));
+
+  /** DER's tag of a text of ASCII characters. */
+  private static final int PRINTABLE_STRING = 0x13;
+
   /** Reads a value in one of the Java classes that there are. */
   public interface Getter<T> {
     T get(int type) throws PKCS11Exception, ParseException;
   }
 
-  /** Describes the object as a listing shows it, with further attributes under their names. */
-  public Map<String, Object> describe(List<Integer> further) throws Failure {
-    Integer known = read(CKA_CLASS, object::getIntAttributeValue);
-    int objectClass = known == null ? -1 : known;
+  /**
+   * Describes the object as a listing shows it, with further attributes under their names. A value
+   * that the object lacks is null, one that cannot be had is {@link Unread}.
+   */
+  public Map<String, Object> describe(List<Integer> further) {
+    Object known = number(CKA_CLASS);
+    int objectClass = known instanceof Integer number ? number : -1;
     Map<String, Object> values = new LinkedHashMap<>();
-    values.put("class", PKCS11Constants.objectClassName(objectClass));
+    values.put("class", known instanceof Integer ? objectClassName(objectClass) : known);
     switch (objectClass) {
       case CKO_PUBLIC_KEY, CKO_PRIVATE_KEY, CKO_SECRET_KEY -> addKey(values, objectClass);
       case CKO_CERTIFICATE -> addCertificate(values);
-      case CKO_DATA -> values.put("application", text(CKA_APPLICATION));
+      case CKO_DATA -> addText(values, "application", CKA_APPLICATION);
       default -> { }
     }
-    values.put("label", text(CKA_LABEL));
+    addText(values, "label", CKA_LABEL);
     values.put("access", flags(ACCESS, objectClass));
     for (int type : further) {
-      values.put(PKCS11Constants.attributeName(type), any(type));
+      addAny(values, type);
     }
     return values;
   }
 
-  /** Reads a value, null when there is none to read. */
+  /** Reads a value, null when the object lacks it or the token keeps it to itself. */
   public <T> T read(int type, Getter<T> getter) throws Failure {
     try {
       return getter.get(type);
     } catch (PKCS11Exception e) {
-      boolean empty = e.errorCode() == 0 && e.getMessage().startsWith("VOID");
-      boolean none =
-          e.errorCode() == CKR_ATTRIBUTE_TYPE_INVALID || e.errorCode() == CKR_ATTRIBUTE_SENSITIVE;
-      if (empty || none) {
+      if (isEmpty(e) || e.errorCode() == CKR_ATTRIBUTE_TYPE_INVALID
+          || e.errorCode() == CKR_ATTRIBUTE_SENSITIVE) {
         return null;
       }
-      throw Steps.failure("read " + PKCS11Constants.attributeName(type), e);
+      throw Steps.failure("read " + attributeName(type), e);
     } catch (ParseException e) {
-      throw new Failure("read " + PKCS11Constants.attributeName(type) + ": " + e.getMessage());
+      throw new Failure("read " + attributeName(type) + ": " + e.getMessage());
     }
   }
 
-  private void addKey(Map<String, Object> values, int objectClass) throws Failure {
-    Integer keyType = read(CKA_KEY_TYPE, object::getIntAttributeValue);
-    values.put("keyType", keyType == null ? null : PKCS11Constants.keyTypeName(keyType));
-    if (objectClass == CKO_SECRET_KEY) {
-      values.put("bytes", read(CKA_VALUE_LEN, object::getIntAttributeValue));
-    } else if (keyType != null && keyType == CKK_RSA) {
-      byte[] modulus = read(CKA_MODULUS, object::getByteArrayAttributeValue);
-      values.put("bits", modulus == null ? null : new BigInteger(1, modulus).bitLength());
-    } else {
-      values.put("parameters", read(CKA_EC_PARAMS, object::getByteArrayAttributeValue));
+  /** Reads a value, null when the object lacks it, {@link Unread} when it cannot be had. */
+  public Object value(int type, Getter<?> getter) {
+    try {
+      return getter.get(type);
+    } catch (PKCS11Exception e) {
+      return isEmpty(e) || e.errorCode() == CKR_ATTRIBUTE_TYPE_INVALID ? null
+          : new Unread(e.errorCode() == CKR_ATTRIBUTE_SENSITIVE ? "sensitive" : e.getMessage());
+    } catch (ParseException e) {
+      return new Unread(e.getMessage());
     }
-    values.put("id", read(CKA_ID, object::getByteArrayAttributeValue));
+  }
+
+  /** Reads a value as bytes, null when there are none to be had. */
+  public byte[] bytesOrNull(int type) {
+    return bytes(type) instanceof byte[] bytes ? bytes : null;
+  }
+
+  private static boolean isEmpty(PKCS11Exception e) {
+    return e.errorCode() == 0 && e.getMessage().startsWith("VOID");
+  }
+
+  private void addKey(Map<String, Object> values, int objectClass) {
+    Object keyType = number(CKA_KEY_TYPE);
+    values.put("keyType", keyType instanceof Integer type ? keyTypeName(type) : keyType);
+    if (objectClass == CKO_SECRET_KEY) {
+      values.put("bytes", number(CKA_VALUE_LEN));
+    } else if (Integer.valueOf(CKK_RSA).equals(keyType)) {
+      Object modulus = bytes(CKA_MODULUS);
+      values.put("bits",
+          modulus instanceof byte[] bytes ? new BigInteger(1, bytes).bitLength() : modulus);
+    } else {
+      Object parameters = bytes(CKA_EC_PARAMS);
+      values.put("curve", parameters instanceof byte[] der ? curve(der) : parameters);
+    }
+    values.put("id", bytes(CKA_ID));
+    values.put("startDate", date(CKA_START_DATE));
+    values.put("endDate", date(CKA_END_DATE));
     values.put("usage", flags(USES, objectClass));
   }
 
-  private void addCertificate(Map<String, Object> values) throws Failure {
-    Integer type = read(CKA_CERTIFICATE_TYPE, object::getIntAttributeValue);
+  /** What the certificate itself says counts more than the attributes beside it. */
+  private void addCertificate(Map<String, Object> values) {
+    Object type = number(CKA_CERTIFICATE_TYPE);
     values.put("certificateType",
-        type == null ? null : type == CKC_X_509 ? "CKC_X_509" : "0x%08X".formatted(type));
-    values.put("id", read(CKA_ID, object::getByteArrayAttributeValue));
-    values.put("subject", name(read(CKA_SUBJECT, object::getByteArrayAttributeValue)));
-    values.put(
-        "serialNumber", integer(read(CKA_SERIAL_NUMBER, object::getByteArrayAttributeValue)));
-  }
-
-  /** Not as a String, which would take its bytes for modified UTF-8. */
-  private String text(int type) throws Failure {
-    byte[] value = read(type, object::getByteArrayAttributeValue);
-    return value == null ? null : new String(value, StandardCharsets.UTF_8);
-  }
-
-  /** Shows numbers and truth values as such and the rest as bytes. */
-  private Object any(int type) throws Failure {
-    byte[] bytes = read(type, object::getByteArrayAttributeValue);
-    if (bytes == null || type == CKA_LABEL || type == CKA_APPLICATION) {
-      return bytes == null ? null : new String(bytes, StandardCharsets.UTF_8);
-    }
-    Object value = read(type, this::known);
-    return value instanceof Integer || value instanceof Boolean ? value : bytes;
-  }
-
-  private Object known(int type) {
+        type instanceof Integer number ? certificateTypeName(number) : type);
+    values.put("id", bytes(CKA_ID));
     try {
-      return object.getAttributeValue(type);
-    } catch (PKCS11Exception | ParseException e) {
-      return null;
+      X509Certificate certificate = (X509Certificate) CertificateFactory.getInstance("X.509")
+          .generateCertificate(new ByteArrayInputStream(bytesOrEmpty(CKA_VALUE)));
+      values.put("subject", certificate.getSubjectX500Principal().getName());
+      values.put("issuer", certificate.getIssuerX500Principal().getName());
+      values.put("serialNumber", certificate.getSerialNumber().toByteArray());
+      values.put("notAfter", certificate.getNotAfter().toInstant().toString());
+    } catch (CertificateException e) {
+      values.put("subject", name(bytes(CKA_SUBJECT)));
+      values.put("issuer", name(bytes(CKA_ISSUER)));
+      values.put("serialNumber", bytes(CKA_SERIAL_NUMBER));
     }
   }
 
-  /** Takes off the tag and the length of an INTEGER in DER, where there are any. */
-  private static byte[] integer(byte[] der) {
-    return der != null && der.length > 2 && der[0] == 2 && der[1] == der.length - 2
-        ? Arrays.copyOfRange(der, 2, der.length) : der;
+  private byte[] bytesOrEmpty(int type) {
+    byte[] bytes = bytesOrNull(type);
+    return bytes == null ? new byte[0] : bytes;
   }
 
-  private static Object name(byte[] der) {
+  private Object number(int type) {
+    return value(type, object::getIntAttributeValue);
+  }
+
+  private Object bytes(int type) {
+    return value(type, object::getByteArrayAttributeValue);
+  }
+
+  private Object date(int type) {
+    Object date = value(type, object::getDate);
+    return date instanceof java.util.Date day
+        ? LocalDate.ofInstant(day.toInstant(), ZoneId.systemDefault()).toString() : date;
+  }
+
+  /**
+   * Adds a text. It is read as bytes, since a String would take them for modified UTF-8, and bytes
+   * that are no UTF-8 are shown as such too.
+   */
+  private void addText(Map<String, Object> values, String name, int type) {
+    Object value = bytes(type);
+    if (!(value instanceof byte[] bytes)) {
+      values.put(name, value);
+      return;
+    }
+    values.put(name, new String(bytes, StandardCharsets.UTF_8));
     try {
-      return der == null || der.length == 0 ? null : new X500Principal(der).getName();
+      StandardCharsets.UTF_8.newDecoder().decode(ByteBuffer.wrap(bytes));
+    } catch (CharacterCodingException e) {
+      values.put(name + "Bytes", bytes);
+    }
+  }
+
+  /** Adds numbers and truth values as such, texts and dates as such, the rest as bytes. */
+  private void addAny(Map<String, Object> values, int type) {
+    String name = attributeName(type);
+    switch (type) {
+      case CKA_LABEL, CKA_APPLICATION -> addText(values, name, type);
+      case CKA_START_DATE, CKA_END_DATE -> values.put(name, date(type));
+      default -> {
+        Object bytes = bytes(type);
+        Object known = bytes instanceof byte[] ? value(type, object::getAttributeValue) : null;
+        values.put(name, known instanceof Integer || known instanceof Boolean ? known : bytes);
+      }
+    }
+  }
+
+  /** Names a curve: by its object identifier, or by the name that stands in the place of one. */
+  private static Object curve(byte[] der) {
+    if (der.length > 2 && der[0] == PRINTABLE_STRING && der[1] == der.length - 2) {
+      return new String(der, 2, der.length - 2, StandardCharsets.US_ASCII);
+    }
+    try {
+      String oid = new Oid(der).toString();
+      return CURVES.getOrDefault(oid, oid);
+    } catch (GSSException e) {
+      return der;
+    }
+  }
+
+  private static Object name(Object der) {
+    try {
+      return der instanceof byte[] bytes && bytes.length > 0 ? new X500Principal(bytes).getName()
+          : der;
     } catch (IllegalArgumentException e) {
       return der;
     }
   }
 
-  private List<String> flags(int[] types, int objectClass) throws Failure {
-    List<String> set = new ArrayList<>();
+  private List<Object> flags(int[] types, int objectClass) {
+    List<Object> set = new ArrayList<>();
     for (int type : types) {
-      if (has(type, objectClass)
-          && Boolean.TRUE.equals(read(type, object::getBoolAttributeValue))) {
-        set.add(PKCS11Constants.attributeName(type).substring(4).toLowerCase(Locale.ROOT));
+      if (has(type, objectClass)) {
+        String name = attributeName(type).substring(4).toLowerCase(Locale.ROOT);
+        Object value = value(type, object::getBoolAttributeValue);
+        if (value instanceof Unread unread) {
+          set.add(new Unread(name + ": " + unread.reason()));
+        } else if (Boolean.TRUE.equals(value)) {
+          set.add(name);
+        }
       }
     }
     return set;

@@ -1,6 +1,6 @@
 package it.quarvel.pkcs11.cli.token;
 
-import static it.quarvel.pkcs11.PKCS11Constants.CKF_SERIAL_SESSION;
+import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Template;
@@ -9,6 +9,10 @@ import it.quarvel.pkcs11.nat.NativePKCS11;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
+import java.io.ByteArrayInputStream;
+import java.security.GeneralSecurityException;
+import java.security.PublicKey;
+import java.security.cert.CertificateFactory;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
@@ -18,10 +22,16 @@ import java.util.List;
  * reverse, however the command ended.
  */
 public final class Connection implements AutoCloseable {
+  private static final int LONGEST_SIGNATURE = 64 * 1024;
+  private static final int MOST_HALVES = 8;
+
   private final Steps steps;
   private final NativePKCS11 module;
   private NativePKCS11Session session;
   private boolean loggedIn;
+
+  /** Kept for keys that ask for it each time; null where a PIN pad asks. */
+  private byte[] pin;
 
   private Connection(Steps steps, NativePKCS11 module) {
     this.steps = steps;
@@ -41,10 +51,16 @@ public final class Connection implements AutoCloseable {
 
   /** The native library is loaded with the first use of its class, which is here. */
   private static void load(String path) throws PKCS11Exception, Failure {
+    ModuleFile.check(path);
     try {
       NativePKCS11.loadPKCS11Library(path);
     } catch (LinkageError e) {
       throw new Failure(String.valueOf(e.getMessage()).replaceAll("\\s+", " "));
+    } catch (PKCS11Exception e) {
+      if (e.errorCode() != 0) {
+        throw e;
+      }
+      throw new Failure(e.getMessage(), e.getMessage() + ": load; " + ModuleFile.reason(path), e);
     }
   }
 
@@ -70,21 +86,83 @@ public final class Connection implements AutoCloseable {
     session = steps.call("open session", () -> slot.openSession(CKF_SERIAL_SESSION | flags));
   }
 
-  /** Logs in once, and wipes the PIN; without one the token's own PIN pad asks for it. */
-  public void login(byte[] pin) throws Failure {
+  /** Logs in once; without a PIN the token's own PIN pad asks for it. Closing wipes the PIN. */
+  public void login(byte[] given) throws Failure {
+    pin = given;
+    steps.run(Operation.LOGIN, this::login);
+    loggedIn = true;
+  }
+
+  private void login() throws PKCS11Exception {
+    if (pin == null) {
+      session.loginAuthPath(false);
+    } else {
+      session.loginellips(false, pin);
+    }
+  }
+
+  /** Signs; a key that asks for the PIN each time gets it. */
+  public byte[] sign(int mechanism, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
+    if (!asksEachTime(key)) {
+      return session.sign(mechanism, key, data);
+    }
+    session.signInit(mechanism, null, key);
+    loginForOperation();
+    byte[] out = new byte[LONGEST_SIGNATURE];
+    return Arrays.copyOf(out, session.sign(data, 0, data.length, out, 0));
+  }
+
+  /** Decrypts; a key that asks for the PIN each time gets it. */
+  public byte[] decrypt(int mechanism, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
+    if (!asksEachTime(key)) {
+      return session.decrypt(mechanism, key, data);
+    }
+    session.decryptInit(mechanism, null, key);
+    loginForOperation();
+    byte[] out = new byte[Math.max(LONGEST_SIGNATURE, data.length)];
+    return Arrays.copyOf(out, session.decrypt(data, 0, data.length, out, 0));
+  }
+
+  private boolean asksEachTime(NativePKCS11Object key) {
+    return loggedIn && Boolean.TRUE.equals(new Attributes(key)
+        .value(CKA_ALWAYS_AUTHENTICATE, key::getBoolAttributeValue));
+  }
+
+  /** A module that is used directly finds this login superfluous, and may well sign without. */
+  private void loginForOperation() throws PKCS11Exception {
     try {
-      steps.run(Operation.LOGIN, () -> {
-        if (pin == null) {
-          session.loginAuthPath(false);
-        } else {
-          session.loginellips(false, pin);
-        }
-      });
-      loggedIn = true;
-    } finally {
-      if (pin != null) {
-        Arrays.fill(pin, (byte) 0);
+      login();
+    } catch (PKCS11Exception e) {
+      if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN && e.errorCode() != CKR_OPERATION_ACTIVE) {
+        throw e;
       }
+    }
+  }
+
+  /** Returns the public keys that a private key, and what has the same id, tells Java. */
+  public List<PublicKey> publicKeys(NativePKCS11Object key) throws Failure {
+    List<PublicKey> found = new ArrayList<>();
+    addPublicKey(found, key);
+    byte[] id = new Attributes(key).bytesOrNull(CKA_ID);
+    if (found.isEmpty() && id != null && id.length > 0) {
+      for (int objectClass : new int[] {CKO_PUBLIC_KEY, CKO_CERTIFICATE}) {
+        PKCS11Template same = new PKCS11Template().put(CKA_CLASS, objectClass).put(CKA_ID, id);
+        for (NativePKCS11Object half : find(same, MOST_HALVES)) {
+          addPublicKey(found, half);
+        }
+      }
+    }
+    return found;
+  }
+
+  private static void addPublicKey(List<PublicKey> found, NativePKCS11Object object) {
+    try {
+      byte[] value = new Attributes(object).bytesOrNull(CKA_CERTIFICATE_TYPE) == null ? null
+          : object.getByteArrayAttributeValue(CKA_VALUE);
+      found.add(value == null ? object.publicKey() : CertificateFactory.getInstance("X.509")
+          .generateCertificate(new ByteArrayInputStream(value)).getPublicKey());
+    } catch (PKCS11Exception | GeneralSecurityException e) {
+      // It tells Java none.
     }
   }
 
@@ -120,6 +198,9 @@ public final class Connection implements AutoCloseable {
 
   @Override
   public void close() throws Failure {
+    if (pin != null) {
+      Arrays.fill(pin, (byte) 0);
+    }
     try {
       closeSession();
     } finally {

@@ -6,28 +6,23 @@ import it.quarvel.pkcs11.PKCS11Exception;
 
 /** What to do about a return value. */
 public final class Hints {
-  /** What helps when a handle of the module is wider than a Java int. */
-  public static final String HANDLE_WIDTH =
-      "add the module to the configuration of p11-kit and load p11-kit-proxy.so, or run"
-          + " \"p11-kit server\" with it and load p11-kit-client.so: these give it small handles";
+  private static final String PARAMETER = "mechanisms that need a parameter cannot be used";
 
   private Hints() {}
 
   /** Returns advice to append to a message, empty when there is none. */
   static String of(String operation, PKCS11Exception failure) {
     int code = failure.errorCode();
-    String hint = code == 0 ? internal(operation, failure) : of(code, operation);
+    String hint = code == 0 ? internal(failure) : of(code, operation);
     return hint.isEmpty() ? "" : "; " + hint;
   }
 
-  private static String internal(String operation, PKCS11Exception failure) {
+  private static String internal(PKCS11Exception failure) {
     if (!failure.getMessage().startsWith("Internal error")) {
       return "";
     }
-    return operation.equals(Operation.LOAD)
-        ? "--module has to name a PKCS#11 module; \"ldd FILE\" shows the libraries that it misses"
-        : "the module lacks the function, or answers with a number of its own, which the trace of"
-            + " PKCS11_ZOV_DEBUG shows";
+    return "the module lacks the function, or answers with a number of its own, which the trace of"
+        + " PKCS11_ZOV_DEBUG shows";
   }
 
   private static String of(int code, String operation) {
@@ -38,21 +33,24 @@ public final class Hints {
       case CKR_PIN_EXPIRED -> "the PIN has to be changed first";
       case CKR_PIN_LEN_RANGE, CKR_PIN_INVALID -> "\"slots\" shows how long a PIN is";
       case CKR_USER_PIN_NOT_INITIALIZED -> "the token has no user PIN yet";
-      case CKR_USER_NOT_LOGGED_IN ->
-          "log in with --login; keys that ask for the PIN at each use cannot be used";
+      case CKR_USER_NOT_LOGGED_IN -> "log in with --login";
       case CKR_TOKEN_NOT_RECOGNIZED -> "initialise the token with the tools of its module";
       case CKR_TOKEN_NOT_PRESENT, CKR_DEVICE_REMOVED -> "insert the token and start again";
       case CKR_SLOT_ID_INVALID, CKR_SESSION_HANDLE_INVALID, CKR_OBJECT_HANDLE_INVALID ->
-          "when the module has handles of 64 bits, " + HANDLE_WIDTH;
+          "the module may have handles of 64 bits: leave --direct out, if it is there";
       case CKR_MECHANISM_INVALID -> "\"mechanisms\" lists what the token has";
-      case CKR_MECHANISM_PARAM_INVALID -> "mechanisms that need a parameter cannot be used";
-      case CKR_ARGUMENTS_BAD ->
-          operation.equals(Operation.INITIALISE)
-              ? "the module needs arguments: load it through p11-kit-proxy.so"
-              : "mechanisms that need a parameter cannot be used";
+      case CKR_MECHANISM_PARAM_INVALID -> PARAMETER;
+      case CKR_ARGUMENTS_BAD -> switch (operation) {
+        case Operation.INITIALISE -> "the module needs arguments: load it through p11-kit-proxy.so";
+        case Operation.LOGIN -> "\"slots\" shows how long a PIN is";
+        case "sign", "decrypt" -> PARAMETER;
+        default -> "";
+      };
       case CKR_KEY_TYPE_INCONSISTENT -> "the mechanism is for keys of another type";
       case CKR_KEY_FUNCTION_NOT_PERMITTED -> "\"objects\" shows what the key may be used for";
-      case CKR_DATA_LEN_RANGE, CKR_ENCRYPTED_DATA_LEN_RANGE, CKR_ENCRYPTED_DATA_INVALID ->
+      case CKR_DATA_LEN_RANGE ->
+          "the data is too long for the mechanism; one that hashes takes any length";
+      case CKR_ENCRYPTED_DATA_LEN_RANGE, CKR_ENCRYPTED_DATA_INVALID ->
           "the data does not suit the key and the mechanism";
       case CKR_TOKEN_WRITE_PROTECTED -> "leave --write out";
       default -> operation.equals(Operation.INITIALISE)

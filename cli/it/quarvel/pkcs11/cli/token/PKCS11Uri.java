@@ -67,11 +67,17 @@ public final class PKCS11Uri {
     return objectClass;
   }
 
+  /** Returns the type of RFC 7512 that stands for a class of objects, null when there is none. */
+  public static String type(int objectClass) {
+    return TYPES.entrySet().stream().filter(entry -> entry.getValue() == objectClass)
+        .map(Map.Entry::getKey).findFirst().orElse(null);
+  }
+
   /** Tells whether a token, and the number of the slot that it is in, are what the URI names. */
   public boolean matches(PKCS11TokenInfo token, long slot) {
     return same("token", token.label()) && same("manufacturer", token.manufacturerID())
         && same("model", token.model()) && same("serial", token.serialNumber())
-        && same("slot-id", Long.toString(slot));
+        && (attributes.get("slot-id") == null || Long.parseLong(text("slot-id")) == slot);
   }
 
   /** Returns the label of the object as bytes, null when the URI does not name it. */
@@ -98,6 +104,9 @@ public final class PKCS11Uri {
 
   private void check() {
     objectClass();
+    if (text("slot-id") != null && !text("slot-id").matches("[0-9]{1,18}")) {
+      throw bad("has a slot-id that is no decimal number");
+    }
     try {
       if (pinFile() != null && !pinFile().isAbsolute()) {
         throw bad("names no file by its full path in pin-source");

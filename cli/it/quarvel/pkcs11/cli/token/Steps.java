@@ -2,26 +2,27 @@ package it.quarvel.pkcs11.cli.token;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.console.Failure;
-import java.security.GeneralSecurityException;
 
 /** Gives every call on the module the name of its operation, which its failure then carries. */
 public class Steps {
   /** A call with a result. */
   public interface Call<T> {
-    T call() throws PKCS11Exception, GeneralSecurityException, Failure;
+    T call() throws Exception;
   }
 
   /** A call without a result. */
   public interface Action {
-    void run() throws PKCS11Exception, GeneralSecurityException, Failure;
+    void run() throws Exception;
   }
 
   public <T> T call(String operation, Call<T> call) throws Failure {
     try {
       return call.call();
+    } catch (Failure | RuntimeException e) {
+      throw e;
     } catch (PKCS11Exception e) {
       throw failure(operation, e);
-    } catch (GeneralSecurityException e) {
+    } catch (Exception e) {
       throw new Failure(operation + ": Java cannot use the result: " + e.getMessage());
     }
   }

@@ -1,0 +1,42 @@
+package it.quarvel.pkcs11.cli.check;
+
+import java.util.function.Consumer;
+
+/**
+ * Sees to it that what a check-up has made is removed however it ends, also by Ctrl-C or SIGTERM,
+ * and names what stays all the same.
+ */
+public final class Leftovers {
+  private final KeyTrials trials;
+  private final Consumer<String> message;
+  private final Thread hook;
+
+  public Leftovers(CheckTable table, KeyTrials trials, Consumer<String> message) {
+    this.trials = trials;
+    this.message = message;
+    hook = new Thread(() -> {
+      if (!table.close(this::removeAndTell)) {
+        message.accept("the module is busy: what has been made may stay on the token");
+      }
+    });
+    Runtime.getRuntime().addShutdownHook(hook);
+  }
+
+  /** Ends the care: removes what is still there. */
+  public void remove() {
+    try {
+      Runtime.getRuntime().removeShutdownHook(hook);
+      removeAndTell();
+    } catch (IllegalStateException e) {
+      // The process ends, and the hook is at work.
+    }
+  }
+
+  private void removeAndTell() {
+    trials.abandon();
+    String left = trials.left();
+    if (!left.isEmpty()) {
+      message.accept(left);
+    }
+  }
+}
