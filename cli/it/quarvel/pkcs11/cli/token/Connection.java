@@ -60,7 +60,7 @@ public final class Connection implements AutoCloseable {
       if (e.errorCode() != 0) {
         throw e;
       }
-      throw new Failure(e.getMessage(), e.getMessage() + ": load; " + ModuleFile.reason(path), e);
+      throw new Failure(e.getMessage(), ModuleFile.reason(path), e);
     }
   }
 

@@ -42,10 +42,10 @@ final class ModuleFile {
     try {
       boolean module = new String(Files.readAllBytes(Path.of(path)), StandardCharsets.ISO_8859_1)
           .contains("C_GetFunctionList");
-      return module ? "the module cannot be loaded: \"ldd %s\" shows the libraries that it misses"
-          .formatted(path) : "the library is no PKCS#11 module";
+      return path + (module ? " cannot be loaded; \"ldd\" shows the libraries that it misses"
+          : " is a library, but no PKCS#11 module");
     } catch (IOException e) {
-      return "--module has to name a PKCS#11 module";
+      return path + " cannot be loaded; --module has to name the file of a PKCS#11 module";
     }
   }
 }
