@@ -13,7 +13,7 @@ trap 'rm -rf "$work"' EXIT
 
 # The check-up of a module: operation, tab, result; nothing for a module that cannot be had here.
 check() {
-  local module=$1 write=--write status
+  local module=$1 write="--write --yes" status
   [ "$module" != trust ] || write= # a list of certificates: there is nothing to write to
   set +e
   (

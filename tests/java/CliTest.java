@@ -7,6 +7,8 @@ import it.quarvel.pkcs11.cli.Main;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import java.io.*;
 import java.nio.file.*;
+import java.security.*;
+import java.security.spec.X509EncodedKeySpec;
 import java.util.*;
 import java.util.regex.Pattern;
 import javax.crypto.Cipher;
@@ -58,15 +60,25 @@ class CliTest {
     assertEquals(found("  (?:label|ID): +((?=cl|00).+)", theirs),
         found("  (?:label|id) +((?=cl|00).+)", ours));
     assertTrue(ours.contains("  \"\\\\u000A\\u202E\ud83d\ude00*"), ours);
+    assertTrue(ours.matches("(?s).*\n  subject +CN=Test\n  issuer +CN=Test\n.*"), ours);
     // OpenSC has other names for two of them.
     assertEquals(found("(?m)^  ([^,]+)", EndToEndTest.openSc("--list-mechanisms")
         .replace("mechtype-0x210A", "AES-KEY-WRAP-PAD").replace("ECDSA-KEY", "EC-KEY")),
         found("CKM_(\\S+)", run("mechanisms").out));
-    assertTrue(run("objects --attribute 0x12F").out.contains("\n  0x0000012F   -\n"));
-    String item = "\\{\"class\": \"CKO_DATA\".*\"label\": \"\\Q\\\"\\\\\\u000a\u202e\ud83d\ude00\\E"
-        + "\\*+\", .*\"CKA_TOKEN\": true}";
+    assertTrue(run("objects --attribute 0x12F").out.contains("\n  0x0000012F  -\n"));
+    String item = "\\{\"uri\": \"\\S+;type=data\", \"class\": \"CKO_DATA\".*\"label\":"
+        + " \"\\Q\\\"\\\\\\u000A\\u202E\ud83d\ude00\\E\\*+\", .*\"CKA_TOKEN\": true}";
     String json = run("objects --type data --json --attribute token").out;
     assertTrue(json.matches("\\[\n(%s,\n){298}%1$s\n]\n".formatted(item)), json);
+  }
+
+  @Test
+  void findsWhatItsUrisName() {
+    for (String uri : run("objects --pin-source DIR/pin --type private --uri-only").out.split("\n")) {
+      assertEquals(uri + "\n", run("objects --uri-only --uri " + uri + "?pin-source=DIR/pin").out);
+    }
+    String token = run("slots --token demo --uri-only").out.strip();
+    assertEquals(run("slots --token demo").out, run("slots --uri " + token).out);
   }
 
   @Test
@@ -83,13 +95,61 @@ class CliTest {
   }
 
   @Test
+  void signsWithEcKeys() throws Exception {
+    EndToEndTest.openSc("--login --pin 1234 --keypairgen --key-type EC:prime256v1 --id ec --label ec");
+    run("sign --id ec --pin-source DIR/pin --signature-format der -o DIR/signature DIR/data");
+    EndToEndTest.openSc("--read-object --type pubkey --id ec -o " + dir.resolve("ec"));
+    PublicKey key = KeyFactory.getInstance("EC").generatePublic(
+        new X509EncodedKeySpec(Files.readAllBytes(dir.resolve("ec"))));
+    EndToEndTest.assertVerifies(
+        "SHA256withECDSA", key, Files.readAllBytes(dir.resolve("signature")));
+    String ec = run("check --id ec --pin-source DIR/pin").out;
+    assertTrue(ec.matches("(?s).*\nsign  *works .*\ndecrypt  *no mechanism .*"), ec);
+    assertTrue(run("objects --id ec").out.contains("  curve   P-256\n"));
+    EndToEndTest.openSc("--delete-object --type pubkey --id ec");
+    ec = run("check --id ec --pin-source DIR/pin").out;
+    assertTrue(ec.contains("\nsign                answered, not verified"), ec);
+    EndToEndTest.openSc("--login --pin 1234 --delete-object --type privkey --id ec");
+  }
+
+  @Test
   void checksTheTokenAndLeavesItAsItWas() {
     List<String> before = found("(.+)", run("objects --pin-source DIR/pin").out);
     Run check = run("check --write --pin-source DIR/pin");
     assertTrue(check.out.endsWith("\n36 works, 15 not offered by the binding\n"), check.out);
     assertEquals(new Run(0, check.out, ""), check);
     assertEquals(before, found("(.+)", run("objects --pin-source DIR/pin").out));
-    assertTrue(run("check --json").out.contains("\"wrap\", \"result\": \"not asked\""));
+    Run json = run("check --json --token x");
+    assertEquals(1, json.status);
+    assertTrue(json.out.matches("(?s)\\{\"operations\": \\[\n.*\n], \"findings\": \\[], \"works\": "
+        + "false, \"error\": \"no token that was asked for; there are: .*\"}\n"), json.out);
+  }
+
+  @Test
+  void removesWhatItMadeWhenItIsEnded() throws Exception {
+    Process check = start("made", "check --write --pin-source " + dir.resolve("pin"));
+    BufferedReader rows = check.inputReader();
+    for (String row = ""; !row.startsWith("generate key "); row = rows.readLine()) {}
+    check.destroy();
+    assertEquals(143, check.waitFor());
+    assertEquals(5, calls("made", "C_DestroyObject"));
+  }
+
+  /** See native/odd.cpp, behind the adapter. */
+  @Test
+  void showsTheRestOfWhatIsOdd() throws Exception {
+    String module = " --module $QUARVEL_ADAPTER";
+    String mechanisms = output(0, start("odd", "mechanisms" + module));
+    assertTrue(mechanisms.matches(
+        "(?s).* 2147483648 +CKF_SIGN\nCKM_AES_ECB +\\(CKR_DEVICE_ERROR \\(0x30\\)\\)\n"), mechanisms);
+    String slots = output(0, start("odd", "slots" + module));
+    assertTrue(slots.contains("  token label             odd\\u001B[31m\n"), slots);
+    String objects = output(0, start("odd", "objects" + module));
+    assertEquals(List.of("30E930", "30E931", "30E932"), found("label bytes +(\\S+)", objects));
+    assertEquals(3, found("(application  \\(Internal error\\))", objects).size());
+    String rows = output(134, start("odd", "check" + module));
+    assertTrue(rows.matches(
+        "(?s).*\nread date  *not readable .*\nclose session  *works[^\n]*\n"), rows);
   }
 
   @ParameterizedTest
@@ -97,7 +157,7 @@ class CliTest {
     "2|unknown option --pni;.*|objects --pni=1234", "2|(?!.*1234).*|objects --pin 1234",
     "2|(?!.*1234).*pin-value.*|objects --uri pkcs11:?pin-value=1234",
     "2|(?!.*1234).*|objects --pinpad 1234", "2|which key.*|sign DIR/data",
-    "2|.*mechanism MD4:.*|sign --mechanism MD4", "2|.*vendor's.*|sign --mechanism 0x80000001",
+    "2|.*mechanism MD4:.*|sign --mechanism MD4", "2|.*mechanism 0x1.*|sign --mechanism 0x100000000",
     "2|.*attribute colour:.*|objects --attribute colour", "2|.*start.*|objects --uri token=demo",
     "2|.*hexadecimal.*in id;.*|objects --uri pkcs11:id=%0", "2|.*\"=\";.*|objects --uri pkcs11:id",
     "2|.*its place: pin-source;.*|objects --uri pkcs11:pin-source=/x",
@@ -106,11 +166,18 @@ class CliTest {
     "2|.*types are.*|objects --uri pkcs11:type=key", "2|(?!.*1234).*|objects --uri pkcs11:1234=",
     "2|.*locale.*|objects --label \uFFFD", "1|the PIN is empty|objects --pin-source /dev/null",
     "1|.*/none cannot be read: there is no such.*|sign --id 00 DIR/none",
-    "1|no token that.*|objects --token x", "1|no token that.*|objects --uri pkcs11:serial=0",
+    "1|no token that.*are: \"demo\" in slot .*|objects --token x",
+    "1|no token that.*|objects --uri pkcs11:serial=0", "2|.*slot is a number.*|objects --slot 0xx",
+    "1|no token that.*|objects --slot 0x7", "2|.*no decimal.*|objects --uri pkcs11:slot-id=abc",
+    "1|.* has no PIN pad.*|objects --pinpad", "1|.*4096 bytes|objects --pin-source /dev/zero",
+    "2|there is no such command; the commands are info, .*|foo", "2|which key.*|check --type private",
+    "2|--signature-format.*|sign --id 0069ff --pin-source DIR/pin --signature-format der DIR/data",
     "1|no terminal.*|objects --login", "1|no environment.*|objects --pin env:NO_SUCH_NAME",
     "1|no such key.*|sign --label x --pin-source DIR/pin DIR/data",
     "1|CKR_PIN_INCORRECT \\(0xA0\\): login; .*|objects --pin-source DIR/wrong",
-    "1|Internal error: load; .*|info --module libc.so.6"})
+    "1|libc.so.6 cannot be loaded; .*|info --module libc.so.6",
+    "1|.*/none cannot be read: there is no such.*|info --module DIR/none",
+    "1|.*/data is no library|info --module DIR/data"})
   void saysInOneLineWhatIsWrong(int status, String message, String arguments) {
     Run run = run(arguments);
     assertTrue(run.err.matches("quarvel-pkcs11: " + message + "\n"), run.err);
@@ -119,9 +186,15 @@ class CliTest {
 
   @Test
   void triesAPinOnceAndStopsWithItsReader() throws Exception {
-    assertEquals(1, calls("C_Login", 1, "check >&2 --pin-source " + dir.resolve("wrong")));
-    long found = calls("C_FindObjects", 141, "objects --type data");
+    output(1, start("wrong", "check --pin-source " + dir.resolve("wrong")));
+    assertEquals(1, calls("wrong", "C_Login"));
+    Process cut = start("cut", "objects --type data");
+    cut.inputReader().readLine();
+    cut.getInputStream().close();
+    assertEquals(141, cut.waitFor());
+    long found = calls("cut", "C_FindObjects");
     assertTrue(found < 300, found + " of 300");
+    assertEquals(1, calls("cut", "C_Finalize"));
   }
 
   /** Runs in this process. */
@@ -134,20 +207,29 @@ class CliTest {
     return new Run(status, out.toString(UTF_8), err.toString(UTF_8));
   }
 
-  /** Counts the calls of a name in a process of its own, of whose output only a line is read. */
-  static long calls(String name, int status, String arguments) throws Exception {
-    String[] command = {"sh", "-c", "PKCS11SPY=$1 exec \"$2\" -cp \"$3\" it.quarvel.pkcs11.cli.Main"
-        + " --module $(ls /usr/lib/*/pkcs11-spy.so) " + arguments, "sh", EndToEndTest.MODULE,
-        System.getProperty("java.home") + "/bin/java", System.getProperty("java.class.path")};
-    ProcessBuilder builder = new ProcessBuilder(command);
-    builder.environment().put("PKCS11SPY_OUTPUT", dir.resolve(name).toString());
-    Process process = builder.start();
-    process.inputReader().readLine();
-    process.getInputStream().close();
-    assertEquals(status, process.waitFor());
-    String log = Files.readString(dir.resolve(name));
-    assertEquals(1, found("(?m)^\\d+: (C_Finalize)$", log).size(), log);
-    return found("(?m)^\\d+: (" + name + ")$", log).size();
+  /** Starts a process of its own, in which OpenSC's spy notes the calls. */
+  static Process start(String log, String arguments) throws Exception {
+    Path classes = Path.of(CliTest.class.getProtectionDomain().getCodeSource().getLocation().toURI());
+    String module = arguments.contains("--module") ? "" : " --module $(ls /usr/lib/*/pkcs11-spy.so)";
+    ProcessBuilder builder = new ProcessBuilder("sh", "-c",
+        "exec \"$0\" -cp \"$1\" it.quarvel.pkcs11.cli.Main " + arguments + module,
+        System.getProperty("java.home") + "/bin/java", System.getProperty("java.class.path"));
+    builder.environment().putAll(Map.of("PKCS11SPY", EndToEndTest.MODULE,
+        "PKCS11SPY_OUTPUT", dir.resolve(log + ".log").toString(),
+        "QUARVEL_PKCS11_ADAPTED_MODULE", classes.resolveSibling("libodd.so").toString(),
+        "QUARVEL_ADAPTER", classes.resolve("../../adapter/libquarvelpkcs11adapter.so").toString()));
+    return builder.redirectError(ProcessBuilder.Redirect.DISCARD).start();
+  }
+
+  static String output(int status, Process process) throws Exception {
+    String out = new String(process.getInputStream().readAllBytes(), UTF_8);
+    assertEquals(status, process.waitFor(), out);
+    return out;
+  }
+
+  static long calls(String log, String name) throws Exception {
+    String all = Files.readString(dir.resolve(log + ".log"));
+    return found("(?m)^\\d+: (" + name + ")$", all).size();
   }
 
   static List<String> found(String pattern, String text) {

@@ -76,7 +76,7 @@ public final class CheckTable extends Steps {
       calls++;
       if (result == Result.NOTHING || found != Result.NOTHING && found.compareTo(result) > 0) {
         result = found;
-        detail = why;
+        detail = why.isEmpty() ? detail : why;
         alike = 0;
       }
       alike += found == result ? 1 : 0;

@@ -30,11 +30,12 @@ public final class Text {
    * for an attribute sees that the object has none.
    */
   static String block(String title, Map<String, Object> values, Set<String> inTitle, int columns) {
-    int width = values.keySet().stream().mapToInt(key -> words(key).length()).max().orElse(0);
-    return values.entrySet().stream()
-        .filter(entry -> !inTitle.contains(entry.getKey()) && isShown(entry))
+    List<Map.Entry<String, Object>> shown = values.entrySet().stream()
+        .filter(entry -> !inTitle.contains(entry.getKey()) && isShown(entry)).toList();
+    int width = shown.stream().mapToInt(entry -> words(entry.getKey()).length()).max().orElse(0);
+    return shown.stream()
         .map(entry -> wrap("  " + pad(words(entry.getKey()), width) + "  ", shown(entry), columns))
-        .collect(Collectors.joining("\n", printable(title) + "\n", "\n"));
+        .map(line -> line + "\n").collect(Collectors.joining("", printable(title) + "\n", ""));
   }
 
   /** Writes rows of the same keys under a heading that names them. */
