@@ -34,7 +34,7 @@ check() {
     exit 2
   fi
   echo "$module: $(tail -n 1 "$work/out")" >&2
-  awk -F '  +' 'NR > 1 && NF > 1 && $2 !~ /^not offered/ {
+  awk -F '  +' 'NR > 1 && NF > 1 {
     print $1 "\t" $2 ($2 ~ /^refused/ ? " " $NF : "") }' "$work/out"
 }
 
@@ -81,9 +81,11 @@ folder, runs the check-up, and writes this page; \`tests/token.sh\` shows how ea
 
 $(cat "$work/table")
 
-"works": tried, and the answer was right. "refused": the module answered the named return value.
-"no mechanism": the token lists none that the operation could use. "nothing to try": no object of
-the kind. "not asked": no PIN, or nothing may be written.
+"works": tried, and the answer was right; "answered, not verified": Java has no public key to tell.
+"refused": the module answered the named return value; "not offered by the module": it lacks the
+function. "not readable": a value that is none. "no mechanism": the token lists none that the
+operation could use. "nothing to try": no object of the kind. "not asked": no PIN, or nothing may be
+written.
 "not run": the module could not be had where this page was made.
 
 A token on another machine is reached the same way as **server**: \`p11-kit server\` where the token

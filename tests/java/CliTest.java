@@ -157,7 +157,7 @@ class CliTest {
     "2|unknown option --pni;.*|objects --pni=1234", "2|(?!.*1234).*|objects --pin 1234",
     "2|(?!.*1234).*pin-value.*|objects --uri pkcs11:?pin-value=1234",
     "2|(?!.*1234).*|objects --pinpad 1234", "2|which key.*|sign DIR/data",
-    "2|.*mechanism MD4:.*|sign --mechanism MD4", "2|.*mechanism 0x1.*|sign --mechanism 0x100000000",
+    "2|.*mechanism MD4:.*|sign --mechanism MD4", "2|.*vendor's.*|sign --mechanism 0x80000001",
     "2|.*attribute colour:.*|objects --attribute colour", "2|.*start.*|objects --uri token=demo",
     "2|.*hexadecimal.*in id;.*|objects --uri pkcs11:id=%0", "2|.*\"=\";.*|objects --uri pkcs11:id",
     "2|.*its place: pin-source;.*|objects --uri pkcs11:pin-source=/x",

@@ -257,8 +257,9 @@ public final class CheckTable extends Steps {
     for (String finding : findings()) {
       out.write(Text.wrap("", Text.printable(finding), out.columns()) + "\n");
     }
-    out.write(counts.entrySet().stream().map(count -> count.getValue() + " " + count.getKey())
-        .collect(Collectors.joining(", ")) + "\n");
+    out.write(Text.wrap("", counts.entrySet().stream()
+        .map(count -> count.getValue() + " " + count.getKey())
+        .collect(Collectors.joining(", ")), out.columns()) + "\n");
   }
 
   private void begin(String operation) {

@@ -50,7 +50,9 @@ public final class Checkup {
     works("slot info", slot::getInfo);
     works("serial number", this::readSerialNumber);
     List<Integer> listed = new ArrayList<>();
-    works("mechanisms", () -> IntStream.of(slot.getMechanismList()).forEach(listed::add));
+    // The number of a vendor's mechanism reaches the module changed.
+    works("mechanisms", () -> IntStream.of(slot.getMechanismList())
+        .filter(mechanism -> mechanism >= 0).forEach(listed::add));
     table.each("mechanism info", listed, "no mechanisms", mechanism -> {
       mechanisms.put(mechanism, slot.getMechanismInfo(mechanism));
       return Result.WORKS;

@@ -15,6 +15,7 @@ public final class Leftovers {
     this.trials = trials;
     this.message = message;
     hook = new Thread(() -> {
+      message.accept("interrupted: what has been made is removed after the call under way");
       if (!table.close(this::removeAndTell)) {
         message.accept("the module is busy: what has been made may stay on the token");
       }

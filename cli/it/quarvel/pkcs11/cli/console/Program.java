@@ -53,9 +53,10 @@ public class Program {
     return err;
   }
 
-  /** Tells the user something, in one line. */
+  /** Tells the user something, in one line where it fits. */
   public void message(String text) {
-    err.println(NAME + ": " + Text.printable(text.replaceAll("\\R", "; ")));
+    err.println(Text.wrap(NAME + ": ", Text.printable(text.replaceAll("\\R", "; ")),
+        Terminal.columns(Terminal.ERR)));
   }
 
   /** Says what is wrong and no more: standard output may be a file that somebody reads later. */

@@ -20,7 +20,7 @@ public final class Stdout {
   private static final int WIDE = 100;
 
   private final OutputStream out;
-  private final int columns = Terminal.columns();
+  private final int columns = Terminal.columns(Terminal.OUT);
 
   Stdout(OutputStream out) {
     this.out = out;

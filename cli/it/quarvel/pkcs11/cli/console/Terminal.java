@@ -28,9 +28,9 @@ public final class Terminal {
     return target(descriptor).startsWith(System.getProperty("java.home"));
   }
 
-  /** Returns how wide standard output is, without end when it is no terminal. */
-  static int columns() {
-    if (!is(OUT)) {
+  /** Returns how wide a stream is, without end when it is no terminal. */
+  static int columns(int descriptor) {
+    if (!is(descriptor)) {
       return Integer.MAX_VALUE;
     }
     try {
@@ -48,7 +48,8 @@ public final class Terminal {
     if (!is(IN) || !is(OUT) || System.console() == null) {
       return false;
     }
-    String answer = System.console().readLine("%s [y/N] ", Text.printable(question));
+    String answer = System.console().readLine(
+        "%s ", Text.wrap("", Text.printable(question + " [y/N]"), columns(OUT)));
     return answer != null && answer.strip().matches("(?i)y(es)?");
   }
 

@@ -42,13 +42,14 @@ public final class Names {
         return constant(upper.startsWith(kind) ? upper : kind + upper);
       }
       long value = number(upper);
-      if (value <= 0xFFFFFFFFL) {
+      if (value <= Integer.MAX_VALUE) {
         return (int) value;
       }
     } catch (IllegalArgumentException | IndexOutOfBoundsException e) {
-      // Told below.
+      throw new TypeConversionException("unknown %s %s: %s".formatted(what, name, advice));
     }
-    throw new TypeConversionException("unknown %s %s: %s".formatted(what, name, advice));
+    throw new TypeConversionException(
+        "%s %s is the vendor's own and cannot be named".formatted(what, name));
   }
 
   private static int constant(String name) {
