@@ -13,13 +13,13 @@ trap 'rm -rf "$work"' EXIT
 
 # The check-up of a module: operation, tab, result; nothing for a module that cannot be had here.
 check() {
-  local module=$1 write="--write --yes" status
-  [ "$module" != trust ] || write= # a list of certificates: there is nothing to write to
+  local module=$1 write=(--write --yes) status
+  [ "$module" != trust ] || write=() # a list of certificates: there is nothing to write to
   set +e
   (
     set -e
     start_module "$module"
-    "$java" -jar "$cli" check $write ${QUARVEL_TOKEN:+--token "$QUARVEL_TOKEN"} \
+    "$java" -jar "$cli" check "${write[@]}" ${QUARVEL_TOKEN:+--token "$QUARVEL_TOKEN"} \
       ${QUARVEL_PIN:+--pin env:QUARVEL_PIN}
   ) >"$work/out" 2>"$work/err"
   status=$?

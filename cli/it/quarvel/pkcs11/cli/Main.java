@@ -19,6 +19,8 @@ import java.io.PrintWriter;
 import java.io.StringWriter;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Map;
+import java.util.stream.Collectors;
 import picocli.AutoComplete.GenerateCompletion;
 import picocli.CommandLine;
 import picocli.CommandLine.Command;
@@ -94,8 +96,9 @@ public final class Main extends Program {
     boolean top = !command.getSubcommands().isEmpty();
     String text = failure instanceof UnmatchedArgumentException unmatched
         ? unmatched(unmatched.getUnmatched(), top) : failure.getMessage().replaceFirst("^Error: ", "");
-    String commands = top
-        ? "the commands are " + String.join(", ", command.getSubcommands().keySet()) + "; " : "";
+    String commands = top ? command.getSubcommands().entrySet().stream()
+        .filter(entry -> !entry.getValue().getCommandSpec().usageMessage().hidden())
+        .map(Map.Entry::getKey).collect(Collectors.joining(", ", "the commands are ", "; ")) : "";
     message("%s; %ssee \"%s --help\"".formatted(
         text, commands, command.getCommandSpec().qualifiedName()));
     return Failure.USAGE;
