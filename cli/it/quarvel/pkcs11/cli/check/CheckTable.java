@@ -94,16 +94,6 @@ public final class CheckTable extends Steps {
     }
   }
 
-  /** Failures of one kind. */
-  private static final class Finding {
-    private final String example;
-    private int count;
-
-    private Finding(String example) {
-      this.example = example;
-    }
-  }
-
   private static final List<String> HEADING = List.of("operation", "result", "ms", "detail");
   private static final int[] WIDTHS = {18, Result.NOT_IN_MODULE.text.length(), 5, 0};
   private static final int PATIENCE_SECONDS = 30;
@@ -116,7 +106,8 @@ public final class CheckTable extends Steps {
   private final ReentrantLock lock = new ReentrantLock();
 
   private final Map<Result, Integer> counts = new EnumMap<>(Result.class);
-  private final Map<String, Finding> findings = new LinkedHashMap<>();
+  /** What failed, by kind. */
+  private final Map<String, List<String>> findings = new LinkedHashMap<>();
   private final Set<String> refused = new HashSet<>();
   private final List<Row> notInBinding = new ArrayList<>();
   private Row row;
@@ -182,6 +173,13 @@ public final class CheckTable extends Steps {
     row.calls = -1;
     row.add(result, detail);
     return end();
+  }
+
+  /** Says why operations are not tried. */
+  public void skip(String why, String... operations) throws Failure {
+    for (String operation : operations) {
+      note(operation, Result.NOT_ASKED, why);
+    }
   }
 
   /** Says more of the row under way. */
@@ -310,14 +308,14 @@ public final class CheckTable extends Steps {
       refused.add(operation);
     }
     if (result.isFinding()) {
-      findings.computeIfAbsent(result + ", " + failure.reason(),
-          kind -> new Finding(failure.getMessage())).count++;
+      findings.computeIfAbsent(failure.reason(), kind -> new ArrayList<>())
+          .add(failure.getMessage());
     }
   }
 
   /** One line for each kind of failure, however many there are. */
   private List<String> findings() {
-    return findings.values().stream().map(finding -> finding.count == 1 ? finding.example
-        : "%s (%d times)".formatted(finding.example, finding.count)).toList();
+    return findings.values().stream().map(alike -> alike.size() == 1 ? alike.get(0)
+        : "%s (%d times)".formatted(alike.get(0), alike.size())).toList();
   }
 }

@@ -40,9 +40,6 @@ public final class KeyTrials {
   private static final byte[] DATA =
       "Nobody needs what a check signs.".getBytes(StandardCharsets.US_ASCII);
 
-  private static final List<String> MAKING = List.of("generate key", "generate key pair");
-  private static final List<String> USING = List.of("encrypt", "wrap", "unwrap");
-
   /** A call that needs a mechanism. */
   private interface Trial {
     Result apply(int mechanism) throws Exception;
@@ -160,7 +157,9 @@ public final class KeyTrials {
 
   public void useSecretKey() throws Failure {
     if (aes == null) {
-      skip(USING, Result.NOTHING, "no key was made");
+      for (String operation : List.of("encrypt", "wrap", "unwrap")) {
+        table.note(operation, Result.NOTHING, "no key was made");
+      }
       return;
     }
     with("encrypt", CKF_ENCRYPT, mechanism -> {
@@ -218,30 +217,6 @@ public final class KeyTrials {
   public String left() {
     return made.isEmpty() ? "" : "left behind, with the label \"%s\": %s; pkcs11-tool can delete it"
         .formatted(LABEL, new TreeSet<>(made.values()).stream().collect(Collectors.joining(", ")));
-  }
-
-  /** Says why there is no attempt at what needs --write. */
-  public void skipWriting() throws Failure {
-    skip(List.of("create object"), Result.NOT_ASKED, "--write");
-    skipKeys("--write");
-    skip(List.of("set attribute", "destroy", "search after"), Result.NOT_ASKED, "--write");
-  }
-
-  /** Says why no keys are made. */
-  public void skipKeys(String option) throws Failure {
-    skip(MAKING, Result.NOT_ASKED, option);
-    skip(USING, Result.NOT_ASKED, option);
-  }
-
-  /** Says why no key is used. */
-  public void skipUse(String options) throws Failure {
-    skip(List.of("sign", "decrypt"), Result.NOT_ASKED, options);
-  }
-
-  private void skip(List<String> operations, Result result, String why) throws Failure {
-    for (String operation : operations) {
-      table.note(operation, result, why);
-    }
   }
 
   /** Calls with the first mechanism that the token has for this use. */

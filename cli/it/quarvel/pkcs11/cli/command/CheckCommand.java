@@ -91,22 +91,27 @@ public final class CheckCommand extends ModuleCommand {
       if (write) {
         unasked = make(trials);
       } else {
-        trials.skipWriting();
+        table.skip("--write", "create object", "generate key", "generate key pair");
       }
       checkup.read(trials.made());
       NativePKCS11Object key = named != null ? named : trials.privateKey();
+      String option = write ? "--yes" : "--write";
       if (key == null && (!write || unasked != null)) {
-        trials.skipUse(write ? "--yes" : "--write, or a key by --label");
+        table.skip(option + ", or a key by --label", "sign", "decrypt");
       } else {
         trials.sign(key);
         trials.decrypt(key);
       }
+      if (write && unasked == null) {
+        trials.useSecretKey();
+      } else {
+        table.skip(option, "encrypt", "wrap", "unwrap");
+      }
       if (write) {
         trials.setAttribute();
-        if (unasked == null) {
-          trials.useSecretKey();
-        }
         trials.destroy();
+      } else {
+        table.skip(option, "set attribute", "destroy", "search after");
       }
     } finally {
       leftovers.remove();
@@ -126,7 +131,7 @@ public final class CheckCommand extends ModuleCommand {
       trials.createKeys();
       return null;
     }
-    trials.skipKeys("--yes");
+    table.skip("--yes", "generate key", "generate key pair");
     return new Failure(doubt + ", so that no keys were made: --yes makes them all the same");
   }
 

@@ -1,18 +1,15 @@
 package it.quarvel.pkcs11.cli.console;
 
-import java.io.File;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import picocli.CommandLine.Model.UsageMessageSpec;
 
 /** Which of the standard streams is a terminal; Java itself tells only of all of them. */
 public final class Terminal {
   public static final int IN = 0;
   public static final int OUT = 1;
   public static final int ERR = 2;
-
-  /** What is taken for a terminal that does not tell. */
-  private static final int USUAL_COLUMNS = 80;
 
   private Terminal() {}
 
@@ -30,17 +27,7 @@ public final class Terminal {
 
   /** Returns how wide a stream is, without end when it is no terminal. */
   static int columns(int descriptor) {
-    if (!is(descriptor)) {
-      return Integer.MAX_VALUE;
-    }
-    try {
-      Process stty = new ProcessBuilder("stty", "size").redirectInput(new File("/dev/tty")).start();
-      String[] size = new String(stty.getInputStream().readAllBytes()).strip().split(" ");
-      int columns = size.length == 2 ? Integer.parseInt(size[1]) : 0;
-      return columns > 0 ? columns : USUAL_COLUMNS;
-    } catch (IOException | NumberFormatException e) {
-      return USUAL_COLUMNS;
-    }
+    return is(descriptor) ? new UsageMessageSpec().autoWidth(true).width() : Integer.MAX_VALUE;
   }
 
   /** Asks for a yes. Newer versions of Java offer a console without a terminal. */

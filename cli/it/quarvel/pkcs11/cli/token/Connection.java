@@ -22,6 +22,15 @@ import java.util.List;
  * reverse, however the command ended.
  */
 public final class Connection implements AutoCloseable {
+  private interface Start {
+    void run() throws PKCS11Exception;
+  }
+
+  private interface End {
+    int run(byte[] in, int inOffset, int inLength, byte[] out, int outOffset)
+        throws PKCS11Exception;
+  }
+
   private static final int LONGEST_SIGNATURE = 64 * 1024;
   private static final int MOST_HALVES = 8;
 
@@ -103,24 +112,23 @@ public final class Connection implements AutoCloseable {
 
   /** Signs; a key that asks for the PIN each time gets it. */
   public byte[] sign(int mechanism, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
-    if (!asksEachTime(key)) {
-      return session.sign(mechanism, key, data);
-    }
-    session.signInit(mechanism, null, key);
-    loginForOperation();
-    byte[] out = new byte[LONGEST_SIGNATURE];
-    return Arrays.copyOf(out, session.sign(data, 0, data.length, out, 0));
+    return operate(() -> session.signInit(mechanism, null, key), session::sign, key, data);
   }
 
   /** Decrypts; a key that asks for the PIN each time gets it. */
   public byte[] decrypt(int mechanism, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
-    if (!asksEachTime(key)) {
-      return session.decrypt(mechanism, key, data);
+    return operate(() -> session.decryptInit(mechanism, null, key), session::decrypt, key, data);
+  }
+
+  private byte[] operate(Start start, End end, NativePKCS11Object key, byte[] data)
+      throws PKCS11Exception {
+    boolean asks = asksEachTime(key);
+    start.run();
+    if (asks) {
+      loginForOperation();
     }
-    session.decryptInit(mechanism, null, key);
-    loginForOperation();
     byte[] out = new byte[Math.max(LONGEST_SIGNATURE, data.length)];
-    return Arrays.copyOf(out, session.decrypt(data, 0, data.length, out, 0));
+    return Arrays.copyOf(out, end.run(data, 0, data.length, out, 0));
   }
 
   private boolean asksEachTime(NativePKCS11Object key) {
