@@ -68,7 +68,7 @@ if [ "$version" -ge 24 ]; then
     --enable-native-access=it.quarvel.pkcs11 --module-path "$jar" --add-modules it.quarvel.pkcs11 \
     -cp "$classes"
   "$jdk/bin/java" $deny -jar "${jar%.jar}-cli.jar" info --module none >"$work/out" 2>&1 || true
-  has 'has to name a PKCS#11 module'
+  has 'has to name the file of a PKCS#11 module'
   echo 'native access denied but to the inspector: works'
   "$jdk/bin/java" $deny -cp "$jar:$classes" TraceLog none none >"$work/out" 2>&1 || true
   has 'start it with --enable-native-access=ALL-UNNAMED'
