@@ -132,7 +132,11 @@ class CliTest {
     for (String row = ""; !row.startsWith("generate key "); row = rows.readLine()) {}
     check.destroy();
     assertEquals(143, check.waitFor());
-    assertEquals(5, calls("made", "C_DestroyObject"));
+    // How far it has come by then depends on the machine.
+    long made = calls("made", "C_CreateObject|C_GenerateKey|C_UnwrapKey")
+        + 2 * calls("made", "C_GenerateKeyPair");
+    assertTrue(made > 0);
+    assertEquals(made, calls("made", "C_DestroyObject"));
   }
 
   /** See native/odd.cpp, behind the adapter. */
