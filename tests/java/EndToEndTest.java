@@ -64,16 +64,14 @@ class EndToEndTest {
         .put(CKA_PRIME_1, rsa.getPrimeP()).put(CKA_PRIME_2, rsa.getPrimeQ())
         .put(CKA_EXPONENT_1, rsa.getPrimeExponentP()).put(CKA_EXPONENT_2, rsa.getPrimeExponentQ())
         .put(CKA_COEFFICIENT, rsa.getCrtCoefficient());
-    x509 = new PKCS11Template().put(CKA_CLASS, CKO_CERTIFICATE).put(CKA_TOKEN, true)
-        .put(CKA_CERTIFICATE_TYPE, CKC_X_509).put(CKA_VALUE, certificate.getEncoded())
-        .put(CKA_SUBJECT, certificate.getSubjectX500Principal().getEncoded()).put(CKA_LABEL, "");
+    x509 = PKCS11Template.of(certificate).put(CKA_TOKEN, true).put(CKA_LABEL, "");
   }
 
   @BeforeEach
   void logInWithKeys() throws Exception {
     NativePKCS11.loadPKCS11Library(MODULE);
     module.libInitialize();
-    session = module.slots(true).get(0).openSession(CKF_SERIAL_SESSION | CKF_RW_SESSION);
+    session = module.slots(true).get(0).openSession(true);
     session.loginellips(false, PIN.getBytes(UTF_8));
     key = session.createObject(privateKey);
     aes = session.createObject(new PKCS11Template().put(CKA_CLASS, CKO_SECRET_KEY)
@@ -107,10 +105,15 @@ class EndToEndTest {
   void logsInAndOutAndRefusesTheRest() throws Exception {
     assertEquals(new PKCS11SessionInfo(CKS_RW_USER_FUNCTIONS, 6, 0), session.getInfo());
     session.setPIN(PIN, "0\u00e0\u00e99");
-    session.setPINellips("0\u00e0\u00e99".getBytes(UTF_8), PIN.getBytes(UTF_8));
+    session.logout();
+    char[] pin = "0\u00e0\u00e99".toCharArray();
+    session.login(pin);
+    session.setPINellips(new String(pin).getBytes(UTF_8), PIN.getBytes(UTF_8));
     session.logout();
     assertFails("CKR_PIN_INCORRECT (0xA0)",
         () -> session.loginellips(false, (PIN + "\0").getBytes(UTF_8)));
+    assertFails("CKR_ARGUMENTS_BAD (0x7)", () -> session.login(null));
+    assertFails("CKR_ARGUMENTS_BAD (0x7)", () -> session.login("12\ud83d4".toCharArray()));
     // SoftHSM2 has no PIN pad to turn to.
     assertFails("CKR_ARGUMENTS_BAD (0x7)", () -> session.loginAuthPath(false));
     session.login(true, SO_PIN);
@@ -134,18 +137,64 @@ class EndToEndTest {
     NativePKCS11Object found = session.findFirst(new PKCS11Template()
         .put(CKA_MODULUS, rsa.getModulus()).put(CKA_SIGN, true).put(CKA_END_DATE, END)
         .put(CKA_ID, ID).put(CKA_CLASS, CKO_DATA).put(CKA_CLASS, CKO_PRIVATE_KEY)).orElseThrow();
-    assertEquals(key.objectID(), found.objectID());
+    assertEquals(key, found);
+    assertNotEquals(aes, found);
+    NativePKCS11Session other = new NativePKCS11Slot(module, session.slot().slotID()).openSession();
+    assertNotEquals(session, other);
+    assertEquals(Set.of(key, aes), Set.copyOf(other.findAll(null)));
+    assertFails("CKR_SESSION_READ_ONLY (0xB5)", () -> other.createObject(x509));
   }
 
   @Test
   void readsAttributesAsTheJdkKnowsThem() throws Exception {
     NativePKCS11Object stored = session.createObject(x509);
     assertAttributes(stored, x509);
+    assertEquals(certificate, stored.certificate());
     stored.destroy();
     assertFails("CKR_OBJECT_HANDLE_INVALID (0x82)", stored::destroy);
     assertAttributes(key, privateKey);
+    assertEquals(certificate.getPublicKey(), key.publicKey());
+    assertThrows(InvalidKeyException.class, aes::publicKey);
+    assertThrows(IllegalArgumentException.class,
+        () -> x509.put(CKA_SERIAL_NUMBER, certificate.getSerialNumber()));
     // SoftHSM2 does not know sizes.
     assertEquals(-1, key.size());
+  }
+
+  @Test
+  void readsTheAttributesThatThereAre() throws Exception {
+    key.setAttributeValue(CKA_START_DATE, new byte[0]);
+    NativePKCS11Object secret = session.generateKey(CKM_AES_KEY_GEN,
+        new PKCS11Template().put(CKA_VALUE_LEN, 16).put(CKA_SENSITIVE, true));
+    int[] types = {CKA_END_DATE, CKA_START_DATE, CKA_MODULUS_BITS, CKA_VALUE,
+        CKA_ALWAYS_AUTHENTICATE, CKA_CLASS, CKA_MODULUS, CKA_SIGN};
+    Map<Integer, Object> values = key.attributes(types);
+    assertArrayEquals(new byte[] {0}, (byte[]) values.remove(CKA_ALWAYS_AUTHENTICATE));
+    assertEquals(Map.of(CKA_END_DATE, END, CKA_CLASS, CKO_PRIVATE_KEY,
+        CKA_MODULUS, rsa.getModulus(), CKA_SIGN, true), values);
+    assertEquals(Set.of(CKA_CLASS, CKA_SIGN), secret.attributes(types).keySet());
+    secret.destroy();
+    assertFails("CKR_OBJECT_HANDLE_INVALID (0x82)", () -> secret.attributes(types));
+    module.libFinalize();
+    assertFails("Internal error", () -> key.attributes(types));
+  }
+
+  @ParameterizedTest
+  @ValueSource(strings = {"secp256r1", "secp521r1", "Ed25519", "Ed448"})
+  void makesPublicKeysThatVerify(String curve) throws Exception {
+    boolean edwards = curve.startsWith("Ed");
+    AlgorithmParameters ec = AlgorithmParameters.getInstance("EC");
+    ec.init(new ECGenParameterSpec(edwards ? "secp256r1" : curve));
+    String name = curve.replace("Ed", "edwards");
+    byte[] parameters =
+        edwards ? ("\23" + (char) name.length() + name).getBytes(UTF_8) : ec.getEncoded();
+    NativePKCS11Session.KeyPair pair = session.generateKeyPair(
+        edwards ? CKM_EC_EDWARDS_KEY_PAIR_GEN : CKM_EC_KEY_PAIR_GEN,
+        new PKCS11Template().put(CKA_EC_PARAMS, parameters),
+        new PKCS11Template().put(CKA_SIGN, true));
+    byte[] signature = session.sign(edwards ? CKM_EDDSA : CKM_ECDSA, pair.privateKey(), DATA);
+    assertVerifies(edwards ? curve : "NONEwithECDSAinP1363Format", pair.publicKey().publicKey(),
+        signature);
   }
 
   @Test
@@ -269,7 +318,8 @@ class EndToEndTest {
       object.destroy();
     }
     assertLines(objects, "Public Key Object; RSA 1024 bits", "Private Key Object; RSA *",
-        "Certificate Object; type = X.509 cert", " *subject: +DN: CN=Test", "Data object .*",
+        "Certificate Object; type = X.509 cert", " *subject: +DN: CN=Test",
+        " *serial: +0*%X".formatted(certificate.getSerialNumber()), "Data object .*",
         " *application: +'listing'", "Secret Key Object; AES length 32", " *label: +\u00e9");
     assertFalse(openSc(listing).contains("label"));
   }

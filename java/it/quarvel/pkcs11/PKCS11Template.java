@@ -1,6 +1,11 @@
 package it.quarvel.pkcs11;
 
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
 import java.math.BigInteger;
+import java.nio.ByteBuffer;
+import java.security.cert.CertificateEncodingException;
+import java.security.cert.X509Certificate;
 import java.time.Instant;
 import java.time.LocalDate;
 import java.time.ZoneId;
@@ -26,10 +31,41 @@ import java.util.Objects;
  * int} reaches the module with its sign extended to 64 bits, which makes another type of it.
  */
 public final class PKCS11Template {
+  private static final byte INTEGER = 2;
+
   private final Map<Integer, Object> attributes = new LinkedHashMap<>();
 
   /** Makes an empty template, which matches every object. */
   public PKCS11Template() {}
+
+  /**
+   * Makes the template of a certificate: its class and type, subject, issuer and serial number as
+   * DER, and the certificate itself. A search finds it, and with {@code CKA_TOKEN}, {@code CKA_ID}
+   * and {@code CKA_LABEL} added it is ready to be stored.
+   *
+   * @param certificate the certificate
+   * @return a new template
+   * @throws CertificateEncodingException when the certificate cannot be encoded
+   */
+  public static PKCS11Template of(X509Certificate certificate) throws CertificateEncodingException {
+    return new PKCS11Template()
+        .put(CKA_CLASS, CKO_CERTIFICATE)
+        .put(CKA_CERTIFICATE_TYPE, CKC_X_509)
+        .put(CKA_SUBJECT, certificate.getSubjectX500Principal().getEncoded())
+        .put(CKA_ISSUER, certificate.getIssuerX500Principal().getEncoded())
+        .put(CKA_SERIAL_NUMBER, der(certificate.getSerialNumber()))
+        .put(CKA_VALUE, certificate.getEncoded());
+  }
+
+  /** An INTEGER, of the 20 bytes that serial numbers have at most or a few more. */
+  private static byte[] der(BigInteger number) throws CertificateEncodingException {
+    byte[] value = number.toByteArray();
+    if (value.length > Byte.MAX_VALUE) {
+      throw new CertificateEncodingException("a serial number of " + value.length + " bytes");
+    }
+    return ByteBuffer.allocate(2 + value.length)
+        .put(INTEGER).put((byte) value.length).put(value).array();
+  }
 
   /**
    * Puts a text: its modified UTF-8 bytes, without a terminator.
@@ -83,8 +119,14 @@ public final class PKCS11Template {
    * @param type a {@code CKA_} constant
    * @param value the number
    * @return this template
+   * @throws IllegalArgumentException for {@code CKA_SERIAL_NUMBER}, which is DER: {@link #of} puts
+   *     it
    */
   public PKCS11Template put(int type, BigInteger value) {
+    if (type == CKA_SERIAL_NUMBER) {
+      throw new IllegalArgumentException("CKA_SERIAL_NUMBER is a DER INTEGER, which no big number is"
+          + " written as: PKCS11Template.of(certificate) puts it");
+    }
     return set(type, value);
   }
 

@@ -4,6 +4,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Template;
+import java.io.ByteArrayInputStream;
 import java.io.IOException;
 import java.math.BigInteger;
 import java.nio.charset.StandardCharsets;
@@ -12,20 +13,30 @@ import java.security.GeneralSecurityException;
 import java.security.InvalidKeyException;
 import java.security.KeyFactory;
 import java.security.PublicKey;
+import java.security.cert.CertificateException;
+import java.security.cert.CertificateFactory;
+import java.security.cert.X509Certificate;
 import java.security.spec.ECParameterSpec;
 import java.security.spec.ECPoint;
 import java.security.spec.ECPublicKeySpec;
 import java.security.spec.RSAPublicKeySpec;
+import java.security.spec.X509EncodedKeySpec;
 import java.text.ParseException;
 import java.time.LocalDate;
 import java.time.ZoneId;
 import java.time.format.DateTimeFormatter;
 import java.time.format.DateTimeParseException;
+import java.util.Arrays;
 import java.util.Date;
+import java.util.HexFormat;
+import java.util.LinkedHashMap;
+import java.util.Map;
+import java.util.Objects;
 
 /**
  * An object on the token or in a session: a key, a certificate or data. Searches and creations of
- * {@link NativePKCS11Session} return them, and its calls run in that session.
+ * {@link NativePKCS11Session} return them, and its calls run in that session. Objects of one number
+ * on one slot are equal, whichever session found them.
  *
  * <p>The getters read one attribute each ({@code C_GetAttributeValue}). A getter fails with
  * CKR_ATTRIBUTE_TYPE_INVALID when the object has no such attribute and with CKR_ATTRIBUTE_SENSITIVE
@@ -37,6 +48,9 @@ public class NativePKCS11Object {
 
   /** The byte of SEC 1 before a point that is written as both its coordinates. */
   private static final int UNCOMPRESSED = 4;
+
+  private static final int ED25519_SIZE = 32;
+  private static final int ED448_SIZE = 57;
 
   static {
     NativePKCS11.loadLibrary();
@@ -258,12 +272,12 @@ public class NativePKCS11Object {
 
   /**
    * Makes Java's own public key of this one: of an RSA key, private or public, and of a public EC
-   * key. It reads attributes of this object only ({@code C_GetAttributeValue}): the type, then
-   * {@code CKA_MODULUS} and {@code CKA_PUBLIC_EXPONENT}, or {@code CKA_EC_PARAMS} and {@code
-   * CKA_EC_POINT}, which some tokens show of private EC keys too.
+   * or Edwards key. It reads attributes of this object only ({@code C_GetAttributeValue}): the
+   * type, then {@code CKA_MODULUS} and {@code CKA_PUBLIC_EXPONENT}, or {@code CKA_EC_POINT} and for
+   * EC {@code CKA_EC_PARAMS}, which some tokens show of private keys too.
    *
-   * @return an {@link java.security.interfaces.RSAPublicKey} or {@link
-   *     java.security.interfaces.ECPublicKey}
+   * @return an {@link java.security.interfaces.RSAPublicKey}, {@link
+   *     java.security.interfaces.ECPublicKey} or {@link java.security.interfaces.EdECPublicKey}
    * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_TYPE_INVALID for an object
    *     that is no key or lacks the public numbers
    * @throws InvalidKeyException for a key of another type, on a curve that Java does not have, or
@@ -276,6 +290,7 @@ public class NativePKCS11Object {
         case CKK_RSA -> KeyFactory.getInstance("RSA").generatePublic(new RSAPublicKeySpec(
             getBigInteger(CKA_MODULUS), getBigInteger(CKA_PUBLIC_EXPONENT)));
         case CKK_EC -> KeyFactory.getInstance("EC").generatePublic(ecKey());
+        case CKK_EC_EDWARDS -> KeyFactory.getInstance("EdDSA").generatePublic(edwardsKey());
         default -> throw new InvalidKeyException("no public key of type " + keyTypeName(type));
       };
     } catch (InvalidKeyException e) {
@@ -300,6 +315,79 @@ public class NativePKCS11Object {
         new BigInteger(1, point, x + size, size)), curve);
   }
 
+  /** Tells the curve by the size of the point: tokens name it in several ways, some in none. */
+  private X509EncodedKeySpec edwardsKey() throws PKCS11Exception, InvalidKeyException {
+    byte[] point = getByteArrayAttributeValue(CKA_EC_POINT); // bare, or in an OCTET STRING
+    String start = switch (point.length) {
+      case ED25519_SIZE, 2 + ED25519_SIZE -> "302a300506032b6570032100";
+      case ED448_SIZE, 2 + ED448_SIZE -> "3043300506032b6571033a00";
+      default -> throw new InvalidKeyException("CKA_EC_POINT is no point of Ed25519 or Ed448");
+    };
+    int size = point.length < ED448_SIZE ? ED25519_SIZE : ED448_SIZE;
+    byte[] prefix = HexFormat.of().parseHex(start);
+    byte[] key = Arrays.copyOf(prefix, prefix.length + size);
+    System.arraycopy(point, point.length - size, key, prefix.length, size);
+    return new X509EncodedKeySpec(key);
+  }
+
+  /**
+   * Makes Java's own certificate of this one ({@code CKA_VALUE}).
+   *
+   * @return the certificate
+   * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_TYPE_INVALID for an object
+   *     without a value
+   * @throws CertificateException when the value is no X.509 certificate
+   */
+  public X509Certificate certificate() throws PKCS11Exception, CertificateException {
+    return (X509Certificate) CertificateFactory.getInstance("X.509")
+        .generateCertificate(new ByteArrayInputStream(getByteArrayAttributeValue(CKA_VALUE)));
+  }
+
+  /**
+   * Reads several attributes, and leaves those out that the object does not have, that have no
+   * value, or that the token keeps to itself.
+   *
+   * @param types {@code CKA_} constants
+   * @return the values in the order of {@code types}, dates as of {@link #getDate}, others in the
+   *     class that {@link #getAttributeValue} gives them; what neither of these can read as {@code
+   *     byte[]}
+   * @throws PKCS11Exception when the module refuses for another reason
+   */
+  public Map<Integer, Object> attributes(int... types) throws PKCS11Exception {
+    Map<Integer, Object> values = new LinkedHashMap<>();
+    for (int type : types) {
+      try {
+        Object value = value(type);
+        if (value != null) {
+          values.put(type, value);
+        }
+      } catch (PKCS11Exception e) {
+        switch (e.errorCode()) {
+          case CKR_ATTRIBUTE_TYPE_INVALID, CKR_ATTRIBUTE_SENSITIVE -> { }
+          case CKR_OK -> session.getInfo(); // a length of -1, unless the module has gone
+          default -> throw e;
+        }
+      }
+    }
+    return values;
+  }
+
+  /** Returns null for an empty value of a class that has none. */
+  private Object value(int type) throws PKCS11Exception {
+    try {
+      return type == CKA_START_DATE || type == CKA_END_DATE
+          ? getDate(type) : getAttributeValue(type);
+    } catch (PKCS11Exception e) {
+      if (e.errorCode() != CKR_OK) {
+        throw e;
+      }
+    } catch (ParseException e) {
+      // Bytes, then.
+    }
+    byte[] value = getByteArrayAttributeValue(type);
+    return value.length == 0 ? null : value;
+  }
+
   /**
    * Changes several attributes in one call.
    *
@@ -311,7 +399,22 @@ public class NativePKCS11Object {
   }
 
   @Override
+  public boolean equals(Object other) {
+    return other instanceof NativePKCS11Object object && object.objectID == objectID
+        && Objects.equals(object.slot(), slot());
+  }
+
+  @Override
+  public int hashCode() {
+    return objectID;
+  }
+
+  private NativePKCS11Slot slot() {
+    return session == null ? null : session.slot();
+  }
+
+  @Override
   public String toString() {
-    return "NativePKCS11Object[objectID=" + objectID + "]";
+    return "NativePKCS11Object[objectID=" + Integer.toUnsignedString(objectID) + "]";
   }
 }

@@ -5,9 +5,14 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11SessionInfo;
 import it.quarvel.pkcs11.PKCS11Template;
+import java.nio.ByteBuffer;
+import java.nio.CharBuffer;
+import java.nio.charset.CharsetEncoder;
+import java.nio.charset.StandardCharsets;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Objects;
 import java.util.Optional;
 
 /**
@@ -15,7 +20,7 @@ import java.util.Optional;
  * ends it. {@link NativePKCS11} tells what holds for every call.
  *
  * <p>Logging in counts for all sessions of this application with the token, and ends when the last
- * of them is closed.
+ * of them is closed. Sessions of one number on one slot are equal.
  *
  * <p>Methods that take a {@link PKCS11Template}, or return an array instead of filling one, do the
  * usual steps of an operation in one call. The others are the PKCS#11 functions one by one.
@@ -117,8 +122,8 @@ public class NativePKCS11Session implements AutoCloseable {
   public native PKCS11SessionInfo getInfo() throws PKCS11Exception;
 
   /**
-   * Logs in ({@code C_Login}). A {@code String} cannot be wiped from memory; {@link #loginellips}
-   * takes bytes that can. An empty PIN is a PIN without characters, not the reader's PIN pad, which
+   * Logs in ({@code C_Login}). A {@code String} cannot be wiped from memory; {@link #login(char[])}
+   * and {@link #loginellips} take what can. An empty PIN is a PIN without characters, not the reader's PIN pad, which
    * {@link #loginAuthPath} asks for.
    *
    * @param isSO true for the security officer, false for the user
@@ -614,6 +619,34 @@ public class NativePKCS11Session implements AutoCloseable {
   public native void cancelFunction() throws PKCS11Exception;
 
   /**
+   * Logs the user in. The bytes that are made of the PIN are wiped; the characters are the caller's
+   * to wipe.
+   *
+   * @param pin the PIN, sent as UTF-8
+   * @throws PKCS11Exception when the module refuses, with CKR_PIN_INCORRECT for a wrong PIN; before
+   *     it is asked, with CKR_ARGUMENTS_BAD for null or half a surrogate pair, which is no text
+   */
+  public void login(char[] pin) throws PKCS11Exception {
+    if (pin == null) {
+      throw new PKCS11Exception(CKR_ARGUMENTS_BAD);
+    }
+    // Not encode(CharBuffer), which may leave outgrown copies behind.
+    CharsetEncoder encoder = StandardCharsets.UTF_8.newEncoder();
+    ByteBuffer room = ByteBuffer.allocate((int) (pin.length * encoder.maxBytesPerChar()));
+    byte[] bytes = {};
+    try {
+      if (encoder.encode(CharBuffer.wrap(pin), room, true).isError()) {
+        throw new PKCS11Exception(CKR_ARGUMENTS_BAD);
+      }
+      bytes = Arrays.copyOf(room.array(), room.position());
+      loginellips(false, bytes);
+    } finally {
+      Arrays.fill(room.array(), (byte) 0);
+      Arrays.fill(bytes, (byte) 0);
+    }
+  }
+
+  /**
    * Finds every object that matches; one with the handle 0 ends the search.
    *
    * @param template the attributes to match; null or empty for every object
@@ -794,8 +827,19 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   @Override
+  public boolean equals(Object other) {
+    return other instanceof NativePKCS11Session session && session.sessionID == sessionID
+        && Objects.equals(session.slot, slot);
+  }
+
+  @Override
+  public int hashCode() {
+    return sessionID;
+  }
+
+  @Override
   public String toString() {
-    return "NativePKCS11Session[sessionID=" + sessionID + "]";
+    return "NativePKCS11Session[sessionID=" + Integer.toUnsignedString(sessionID) + "]";
   }
 
   /**

@@ -1,11 +1,13 @@
 package it.quarvel.pkcs11.nat;
 
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11MechanismInfo;
 import it.quarvel.pkcs11.PKCS11SlotInfo;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
 
-/** A slot of the module; {@link NativePKCS11#slots} lists them. */
+/** A slot of the module; {@link NativePKCS11#slots} lists them. Slots of one number are equal. */
 public class NativePKCS11Slot {
   static {
     NativePKCS11.loadLibrary();
@@ -123,8 +125,39 @@ public class NativePKCS11Slot {
     return openSession(flags, null, null);
   }
 
+  /**
+   * Opens a read-only session.
+   *
+   * @return the session, which the caller closes
+   * @throws PKCS11Exception when the module refuses
+   */
+  public NativePKCS11Session openSession() throws PKCS11Exception {
+    return openSession(false);
+  }
+
+  /**
+   * Opens a session.
+   *
+   * @param readWrite whether objects on the token, and its PIN, may be changed
+   * @return the session, which the caller closes
+   * @throws PKCS11Exception when the module refuses
+   */
+  public NativePKCS11Session openSession(boolean readWrite) throws PKCS11Exception {
+    return openSession(CKF_SERIAL_SESSION | (readWrite ? CKF_RW_SESSION : 0));
+  }
+
+  @Override
+  public boolean equals(Object other) {
+    return other instanceof NativePKCS11Slot slot && slot.slotID == slotID;
+  }
+
+  @Override
+  public int hashCode() {
+    return slotID;
+  }
+
   @Override
   public String toString() {
-    return "NativePKCS11Slot[slotID=" + slotID + "]";
+    return "NativePKCS11Slot[slotID=" + Integer.toUnsignedString(slotID) + "]";
   }
 }
