@@ -1,5 +1,8 @@
 package it.quarvel.pkcs11;
 
+import java.nio.charset.StandardCharsets;
+import java.util.regex.Pattern;
+
 /**
  * The token in a slot ({@code CK_TOKEN_INFO}). Texts keep the blanks that pad them; {@link
  * PKCS11Info#versionText} writes versions out. A count or a memory size that the token keeps to
@@ -44,12 +47,25 @@ public record PKCS11TokenInfo(
     int firmwareVersion,
     String utcTime)
     implements PKCS11Flags {
+  /** What the four bytes of a character above U+FFFF arrive as. */
+  private static final Pattern FOUR_BYTES = Pattern.compile("[\u00F0-\u00F4][\u0080-\u00BF]{3}");
+
   /**
    * Returns the label as people write it.
    *
-   * @return the label without its padding
+   * @return the label without its padding, with characters above U+FFFF as what they are
    */
   public String trimmedLabel() {
-    return label.stripTrailing();
+    return FOUR_BYTES.matcher(label.stripTrailing()).replaceAll(match -> new String(
+        match.group().getBytes(StandardCharsets.ISO_8859_1), StandardCharsets.UTF_8));
+  }
+
+  /**
+   * Tells whether the token can be used: some have a label and no {@code CKF_TOKEN_INITIALIZED}.
+   *
+   * @return true for a token with the flag or with a label
+   */
+  public boolean isInitialised() {
+    return hasFlag(PKCS11Constants.CKF_TOKEN_INITIALIZED) || !label.isBlank();
   }
 }

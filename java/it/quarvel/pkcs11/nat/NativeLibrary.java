@@ -1,14 +1,11 @@
 package it.quarvel.pkcs11.nat;
 
+import it.quarvel.pkcs11.internal.PrivateFolder;
 import java.io.File;
-import java.io.FileNotFoundException;
 import java.io.IOException;
-import java.io.InputStream;
 import java.nio.file.Files;
 import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
-import java.nio.file.attribute.FileAttribute;
-import java.nio.file.attribute.PosixFilePermissions;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.stream.Stream;
@@ -18,9 +15,6 @@ final class NativeLibrary {
   private static final String NAME = "quarvelpkcs11";
   private static final String FILE = "lib" + NAME + ".so";
   private static final String FILE_PROPERTY = "it.quarvel.pkcs11.library";
-  private static final String TMPDIR_PROPERTY = "it.quarvel.pkcs11.tmpdir";
-  private static final String RESOURCE =
-      "/it/quarvel/pkcs11/nat/linux-" + System.getProperty("os.arch") + "/" + FILE;
 
   private interface Loader {
     void load() throws IOException;
@@ -45,7 +39,7 @@ final class NativeLibrary {
                 "file " + file + " named by the system property " + FILE_PROPERTY,
                 () -> System.load(new File(file).getAbsolutePath()),
                 tried)
-            : succeeds("resource " + RESOURCE, NativeLibrary::loadResource, tried)
+            : succeeds("resource " + PrivateFolder.resource(FILE), NativeLibrary::loadResource, tried)
                 || succeeds(
                     "library " + NAME + " in java.library.path",
                     () -> System.loadLibrary(NAME),
@@ -113,36 +107,15 @@ final class NativeLibrary {
     }
   }
 
-  /** Loads a private copy of the resource; the mapped library outlives its deleted file. */
   @SuppressWarnings("restricted")
   private static void loadResource() throws IOException {
-    try (InputStream in = NativeLibrary.class.getResourceAsStream(RESOURCE)) {
-      if (in == null) {
-        throw new FileNotFoundException("not in the jar");
-      }
-      File directory = createPrivateDirectory().toFile();
-      File copy = new File(directory, FILE);
-      try {
-        Files.copy(in, copy.toPath());
-        System.load(copy.getPath());
-      } catch (UnsatisfiedLinkError e) {
-        throw new IOException(
-            e.getMessage() + "; -D%s=DIR moves the copy elsewhere".formatted(TMPDIR_PROPERTY), e);
-      } finally {
-        copy.delete();
-        directory.delete();
-      }
-    }
-  }
-
-  private static Path createPrivateDirectory() throws IOException {
-    String parent = System.getProperty(TMPDIR_PROPERTY, System.getProperty("java.io.tmpdir"));
-    FileAttribute<?> ownerOnly =
-        PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------"));
-    try {
-      return Files.createTempDirectory(Path.of(parent).toAbsolutePath(), NAME + "-", ownerOnly);
-    } catch (IOException e) {
-      throw new IOException("no directory can be made in " + parent + " (" + e + ")", e);
+    try (PrivateFolder folder = PrivateFolder.create()) {
+      System.load(folder.copy(FILE).toString());
+    } catch (UnsatisfiedLinkError e) {
+      throw new IOException(
+          e.getMessage()
+              + "; -D%s=DIR moves the copy elsewhere".formatted(PrivateFolder.TMPDIR_PROPERTY),
+          e);
     }
   }
 }

@@ -58,10 +58,10 @@ public final class CheckCommand extends ModuleCommand {
     if (filter.isTyped() && !named) {
       throw Failure.usage("which key? Name it by --label, --id or --uri");
     }
-    String module = program().module();
+    String module = program().module(); // refused before the table has begun
     table = new CheckTable(program().out(), output);
     Failure failure = null;
-    try (Connection connection = Connection.open(module, table)) {
+    try (Connection connection = Connection.open(module, program().direct(), table)) {
       run(connection);
     } catch (Failure e) {
       failure = e;

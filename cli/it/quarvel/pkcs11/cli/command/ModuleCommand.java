@@ -16,7 +16,8 @@ public abstract class ModuleCommand implements Callable<Integer> {
 
   @Override
   public Integer call() throws Failure {
-    try (Connection connection = Connection.open(program.module(), new Steps())) {
+    try (Connection connection =
+        Connection.open(program.module(), program.direct(), new Steps())) {
       run(connection);
     }
     return 0;

@@ -7,7 +7,7 @@ import java.io.StringWriter;
 import picocli.CommandLine.Option;
 import picocli.CommandLine.ScopeType;
 
-/** What all commands share: two options, and where their data and their messages go. */
+/** What all commands share: three options, and where their data and their messages go. */
 public class Program {
   public static final String NAME = "quarvel-pkcs11";
 
@@ -17,6 +17,10 @@ public class Program {
   @Option(names = "--module", paramLabel = "FILE", scope = ScopeType.INHERIT,
       description = "The PKCS#11 module; else the one that " + MODULE_VARIABLE + " names.")
   private String module;
+
+  @Option(names = "--direct", scope = ScopeType.INHERIT,
+      description = "Use the module without the adapter that makes other ways of modules fit.")
+  private boolean direct;
 
   @Option(names = "--verbose", scope = ScopeType.INHERIT,
       description = "Show where in the program a failure comes from.")
@@ -43,6 +47,10 @@ public class Program {
       message(TRACE_VARIABLE + " is set: standard output goes to /var/tmp/vorlenk0.log");
     }
     return path;
+  }
+
+  public boolean direct() {
+    return direct;
   }
 
   public Stdout out() {

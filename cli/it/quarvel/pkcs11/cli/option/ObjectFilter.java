@@ -3,9 +3,9 @@ package it.quarvel.pkcs11.cli.option;
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.PKCS11Uri;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import java.nio.charset.StandardCharsets;
 import java.util.HexFormat;

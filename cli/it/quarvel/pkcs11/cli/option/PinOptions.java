@@ -2,12 +2,12 @@ package it.quarvel.pkcs11.cli.option;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
+import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.console.Program;
 import it.quarvel.pkcs11.cli.console.Terminal;
 import it.quarvel.pkcs11.cli.console.Text;
 import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.PKCS11Uri;
 import it.quarvel.pkcs11.cli.token.Token;
 import java.io.IOException;
 import java.io.InputStream;

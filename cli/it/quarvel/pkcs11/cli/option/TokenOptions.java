@@ -4,9 +4,9 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
+import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.PKCS11Uri;
 import it.quarvel.pkcs11.cli.token.Token;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.util.ArrayList;
@@ -47,10 +47,16 @@ public final class TokenOptions {
     @Override
     public PKCS11Uri convert(String uri) {
       try {
-        return PKCS11Uri.parse(uri);
+        PKCS11Uri parsed = PKCS11Uri.parse(uri);
+        if (parsed.modulePath() == null) {
+          return parsed;
+        }
       } catch (IllegalArgumentException e) {
-        throw new TypeConversionException(e.getMessage());
+        throw new TypeConversionException(
+            e.getMessage().replace("use pin-source", "use pin-source, --pin or --pin-source"));
       }
+      throw new TypeConversionException(
+          "the PKCS#11 URI has a module-path: name the module by --module");
     }
   }
 

@@ -3,6 +3,7 @@ package it.quarvel.pkcs11.cli.token;
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Module;
 import it.quarvel.pkcs11.PKCS11Template;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.nat.NativePKCS11;
@@ -35,41 +36,35 @@ public final class Connection implements AutoCloseable {
   private static final int MOST_HALVES = 8;
 
   private final Steps steps;
-  private final NativePKCS11 module;
+  private final PKCS11Module opened;
+  private final NativePKCS11 module = new NativePKCS11();
   private NativePKCS11Session session;
   private boolean loggedIn;
 
   /** Kept for keys that ask for it each time; null where a PIN pad asks. */
   private byte[] pin;
 
-  private Connection(Steps steps, NativePKCS11 module) {
+  private Connection(Steps steps, PKCS11Module opened) {
     this.steps = steps;
-    this.module = module;
+    this.opened = opened;
   }
 
-  /**
-   * Loads and initialises a module. One that refuses is left alone: another part of the process may
-   * be using it.
-   */
-  public static Connection open(String path, Steps steps) throws Failure {
-    steps.run(Operation.LOAD, () -> load(path));
-    NativePKCS11 module = new NativePKCS11();
-    steps.run(Operation.INITIALISE, module::libInitialize);
-    return new Connection(steps, module);
+  /** Loads and initialises a module, behind the adapter or directly. */
+  public static Connection open(String path, boolean direct, Steps steps) throws Failure {
+    return new Connection(steps, steps.call(Operation.OPEN, () -> open(path, direct)));
   }
 
   /** The native library is loaded with the first use of its class, which is here. */
-  private static void load(String path) throws PKCS11Exception, Failure {
-    ModuleFile.check(path);
+  private static PKCS11Module open(String path, boolean direct) throws PKCS11Exception, Failure {
     try {
-      NativePKCS11.loadPKCS11Library(path);
+      return direct ? PKCS11Module.openDirect(path) : PKCS11Module.open(path);
     } catch (LinkageError e) {
       throw new Failure(String.valueOf(e.getMessage()).replaceAll("\\s+", " "));
     } catch (PKCS11Exception e) {
-      if (e.errorCode() != 0) {
+      if (e.errorCode() != 0 || Hints.isInternal(e)) {
         throw e;
       }
-      throw new Failure(e.getMessage(), ModuleFile.reason(path), e);
+      throw new Failure(e.getMessage()); // of the file
     }
   }
 
@@ -212,7 +207,7 @@ public final class Connection implements AutoCloseable {
     try {
       closeSession();
     } finally {
-      steps.run("finalise", module::libFinalize);
+      steps.run("finalise", opened::close);
     }
   }
 }

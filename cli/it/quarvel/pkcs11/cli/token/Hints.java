@@ -17,12 +17,14 @@ public final class Hints {
     return hint.isEmpty() ? "" : "; " + hint;
   }
 
+  /** Tells whether all that a failure says is that there was one. */
+  static boolean isInternal(PKCS11Exception failure) {
+    return failure.getMessage().startsWith("Internal error");
+  }
+
   private static String internal(PKCS11Exception failure) {
-    if (!failure.getMessage().startsWith("Internal error")) {
-      return "";
-    }
-    return "the module lacks the function, or answers with a number of its own, which the trace of"
-        + " PKCS11_ZOV_DEBUG shows";
+    return isInternal(failure) ? "the module lacks the function, or answers with a number of its own,"
+        + " which the trace of PKCS11_ZOV_DEBUG shows" : "";
   }
 
   private static String of(int code, String operation) {
@@ -41,7 +43,7 @@ public final class Hints {
       case CKR_MECHANISM_INVALID -> "\"mechanisms\" lists what the token has";
       case CKR_MECHANISM_PARAM_INVALID -> PARAMETER;
       case CKR_ARGUMENTS_BAD -> switch (operation) {
-        case Operation.INITIALISE -> "the module needs arguments: load it through p11-kit-proxy.so";
+        case Operation.OPEN -> "the module needs arguments: load it through p11-kit-proxy.so";
         case Operation.LOGIN -> "\"slots\" shows how long a PIN is";
         case "sign", "decrypt" -> PARAMETER;
         default -> "";
@@ -53,7 +55,7 @@ public final class Hints {
       case CKR_ENCRYPTED_DATA_LEN_RANGE, CKR_ENCRYPTED_DATA_INVALID ->
           "the data does not suit the key and the mechanism";
       case CKR_TOKEN_WRITE_PROTECTED -> "leave --write out";
-      default -> operation.equals(Operation.INITIALISE)
+      default -> operation.equals(Operation.OPEN)
           ? "the module may not find its configuration or its daemon" : "";
     };
   }

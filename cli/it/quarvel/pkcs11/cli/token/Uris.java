@@ -3,6 +3,7 @@ package it.quarvel.pkcs11.cli.token;
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11TokenInfo;
+import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import java.nio.charset.StandardCharsets;
 
@@ -12,7 +13,7 @@ public final class Uris {
 
   public static String of(PKCS11TokenInfo token) {
     return "pkcs11:" + text("model", token.model()) + text(";manufacturer", token.manufacturerID())
-        + text(";serial", token.serialNumber()) + text(";token", token.label());
+        + text(";serial", token.serialNumber()) + text(";token", token.trimmedLabel());
   }
 
   public static String of(PKCS11TokenInfo token, NativePKCS11Object object) {

@@ -1,8 +1,7 @@
-package it.quarvel.pkcs11.cli.token;
+package it.quarvel.pkcs11;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11TokenInfo;
 import java.io.ByteArrayOutputStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.InvalidPathException;
@@ -14,9 +13,9 @@ import java.util.Set;
 /**
  * A PKCS#11 URI as RFC 7512 defines it, for instance {@code pkcs11:token=demo;object=signing}. It
  * names a token by {@code token}, {@code manufacturer}, {@code model}, {@code serial} and {@code
- * slot-id}, an object by {@code object}, {@code id} and {@code type}, and a file with the PIN by
- * {@code pin-source}. Other attributes are refused, since leaving one out would match more than was
- * meant.
+ * slot-id}, an object by {@code object}, {@code id} and {@code type}, a file with the PIN by {@code
+ * pin-source} and a module by {@code module-path}. Other attributes are refused, since leaving one
+ * out would match more than was meant, and so is {@code pin-value}: others could read it.
  */
 public final class PKCS11Uri {
   /** The URI of those who give none: it matches everything. */
@@ -26,10 +25,10 @@ public final class PKCS11Uri {
   private static final String FILE_SCHEME = "^file:(//(localhost)?)?(?=/)";
   private static final Set<String> PATH =
       Set.of("token", "manufacturer", "model", "serial", "slot-id", "object", "id", "type");
-  private static final Set<String> QUERY = Set.of("pin-source");
+  private static final Set<String> QUERY = Set.of("pin-source", "module-path");
   private static final Set<String> REFUSED = Set.of(
       "library-manufacturer", "library-description", "library-version", "slot-manufacturer",
-      "slot-description", "module-name", "module-path");
+      "slot-description", "module-name");
   private static final Map<String, Integer> TYPES = Map.of("cert", CKO_CERTIFICATE,
       "data", CKO_DATA, "private", CKO_PRIVATE_KEY, "public", CKO_PUBLIC_KEY,
       "secret-key", CKO_SECRET_KEY);
@@ -43,6 +42,8 @@ public final class PKCS11Uri {
   /**
    * Reads a URI.
    *
+   * @param uri the text
+   * @return what it names
    * @throws IllegalArgumentException with a message that never shows a value, which may be a PIN
    */
   public static PKCS11Uri parse(String uri) {
@@ -58,7 +59,13 @@ public final class PKCS11Uri {
     return parsed;
   }
 
-  /** Returns the class of objects that a type of RFC 7512 stands for. */
+  /**
+   * Returns the class of objects that a type of RFC 7512 stands for.
+   *
+   * @param type "cert", "data", "private", "public" or "secret-key"
+   * @return a {@code CKO_} value
+   * @throws IllegalArgumentException for any other type
+   */
   public static int objectClass(String type) {
     Integer objectClass = TYPES.get(type);
     if (objectClass == null) {
@@ -67,39 +74,102 @@ public final class PKCS11Uri {
     return objectClass;
   }
 
-  /** Returns the type of RFC 7512 that stands for a class of objects, null when there is none. */
+  /**
+   * Returns the type of RFC 7512 that stands for a class of objects.
+   *
+   * @param objectClass a {@code CKO_} value
+   * @return the type, null when there is none
+   */
   public static String type(int objectClass) {
     return TYPES.entrySet().stream().filter(entry -> entry.getValue() == objectClass)
         .map(Map.Entry::getKey).findFirst().orElse(null);
   }
 
-  /** Tells whether a token, and the number of the slot that it is in, are what the URI names. */
+  /**
+   * Tells whether a token, and the number of the slot that it is in, are what the URI names.
+   *
+   * @param token what the token says of itself
+   * @param slot number of its slot, never negative
+   * @return true when nothing that the URI says of a token is otherwise
+   */
   public boolean matches(PKCS11TokenInfo token, long slot) {
-    return same("token", token.label()) && same("manufacturer", token.manufacturerID())
+    return same("token", token.trimmedLabel()) && same("manufacturer", token.manufacturerID())
         && same("model", token.model()) && same("serial", token.serialNumber())
-        && (attributes.get("slot-id") == null || Long.parseLong(text("slot-id")) == slot);
+        && (slotID() == null || slotID() == slot);
   }
 
-  /** Returns the label of the object as bytes, null when the URI does not name it. */
+  /**
+   * Returns the label of the token.
+   *
+   * @return the label, null when the URI does not name it
+   */
+  public String token() {
+    return text("token");
+  }
+
+  /**
+   * Returns the serial number of the token.
+   *
+   * @return the serial number, null when the URI does not name it
+   */
+  public String serial() {
+    return text("serial");
+  }
+
+  /**
+   * Returns the number of the token's slot.
+   *
+   * @return the number, never negative; null when the URI does not name it
+   */
+  public Long slotID() {
+    return text("slot-id") == null ? null : Long.valueOf(text("slot-id"));
+  }
+
+  /**
+   * Returns the label of the object.
+   *
+   * @return the bytes of the label, null when the URI does not name it
+   */
   public byte[] object() {
-    return attributes.get("object");
+    return bytes("object");
   }
 
-  /** Returns the id of the object, null when the URI does not name it. */
+  /**
+   * Returns the id of the object.
+   *
+   * @return the id, null when the URI does not name it
+   */
   public byte[] id() {
-    return attributes.get("id");
+    return bytes("id");
   }
 
-  /** Returns the class of the object, null when the URI does not name its type. */
+  /**
+   * Returns the class of the object.
+   *
+   * @return a {@code CKO_} value, null when the URI does not name its type
+   */
   public Integer objectClass() {
     String type = text("type");
     return type == null ? null : objectClass(type);
   }
 
-  /** Returns the file that {@code pin-source} names, null without one. */
+  /**
+   * Returns the file that has the PIN.
+   *
+   * @return the absolute path that {@code pin-source} names, null without one
+   */
   public Path pinFile() {
     String source = text("pin-source");
     return source == null ? null : Path.of(source.replaceFirst(FILE_SCHEME, ""));
+  }
+
+  /**
+   * Returns the file of the module.
+   *
+   * @return what {@link PKCS11Module#open} takes, null when the URI does not name it
+   */
+  public String modulePath() {
+    return text("module-path");
   }
 
   private void check() {
@@ -127,13 +197,18 @@ public final class PKCS11Uri {
     return value == null ? null : new String(value, StandardCharsets.UTF_8);
   }
 
+  private byte[] bytes(String name) {
+    byte[] value = attributes.get(name);
+    return value == null ? null : value.clone();
+  }
+
   private static void add(
       Map<String, byte[]> attributes, String part, String separator, Set<String> known) {
     for (String attribute : part.isEmpty() ? new String[0] : part.split(separator, -1)) {
       String[] pair = attribute.split("=", 2);
       if (pair[0].equals("pin-value")) {
-        throw bad("has a pin-value, which other users can read in the list of processes: use"
-            + " pin-source, --pin env:NAME or --pin-source");
+        throw bad("has a pin-value, which others can read in files, logs and the list of"
+            + " processes: use pin-source");
       }
       if (pair.length < 2) {
         throw bad("has an attribute without \"=\"");

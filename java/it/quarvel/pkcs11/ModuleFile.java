@@ -1,0 +1,189 @@
+package it.quarvel.pkcs11;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.internal.PrivateFolder;
+import it.quarvel.pkcs11.nat.NativePKCS11;
+import java.io.File;
+import java.io.FileInputStream;
+import java.io.FileNotFoundException;
+import java.io.IOException;
+import java.io.InputStream;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.InvalidPathException;
+import java.nio.file.Path;
+import java.util.Arrays;
+
+/** Loads the file of a module, behind the adapter or as it is, and tells why it cannot be loaded. */
+final class ModuleFile {
+  private static final String ADAPTER = "libquarvelpkcs11adapter.so";
+  private static final String ADAPTER_PROPERTY = "it.quarvel.pkcs11.adapter";
+
+  /** The adapter finds the path of the module in a file of its own name and this ending. */
+  private static final String MODULE_SUFFIX = ".module";
+
+  /** With its end, as the dynamic linker takes it. */
+  private static final int LONGEST_PATH = 4096;
+
+  private static final byte[] ELF = {0x7F, 'E', 'L', 'F'};
+
+  /** Where an ELF file tells its class and its byte order, and its machine. */
+  private static final int CLASS = 4;
+  private static final int MACHINE = 18;
+  private static final int HEADER = 20;
+
+  /**
+   * Where the adapter lies while it is loaded. An adapter of a load that failed stays in memory
+   * under its name, and to the dynamic linker another name of the same file is still the first.
+   */
+  private static PrivateFolder folder;
+
+  private ModuleFile() {}
+
+  /**
+   * Loads a module behind the adapter.
+   *
+   * @throws PKCS11Exception that names the file and tells why it cannot be loaded
+   * @throws UnsatisfiedLinkError that tells why the adapter cannot be loaded
+   */
+  static void loadAdapted(String path) throws PKCS11Exception {
+    load(path, ModuleFile::loadAdapter);
+  }
+
+  /**
+   * Loads a module as it is.
+   *
+   * @throws PKCS11Exception that names the file and tells why it cannot be loaded
+   */
+  static void load(String path) throws PKCS11Exception {
+    load(path, NativePKCS11::loadPKCS11Library);
+  }
+
+  private interface Loader {
+    void load(String path) throws PKCS11Exception;
+  }
+
+  private static void load(String path, Loader loader) throws PKCS11Exception {
+    if (path.isEmpty() || path.indexOf('\0') >= 0 || bytes(path).length >= LONGEST_PATH) {
+      throw new PKCS11Exception("the path of the module is empty or too long, or has a zero byte");
+    }
+    File file = new File(path).getAbsoluteFile();
+    boolean isFile = path.contains("/");
+    // A pipe, for one, would have the load wait.
+    if (isFile && file.exists() && !file.isFile()) {
+      throw new PKCS11Exception(path + " is no file");
+    }
+    try {
+      loader.load(isFile ? file.getPath() : path);
+    } catch (PKCS11Exception e) {
+      PKCS11Exception told = new PKCS11Exception(reason(path, isFile ? file : null, e));
+      told.initCause(e);
+      throw told;
+    }
+  }
+
+  private static void loadAdapter(String module) throws PKCS11Exception {
+    try (PrivateFolder open = folder == null ? PrivateFolder.create() : folder.again()) {
+      folder = open;
+      String adapter = placeAdapter(open).toString();
+      Files.write(open.file(ADAPTER + MODULE_SUFFIX), bytes(module + "\n"));
+      try {
+        NativePKCS11.loadPKCS11Library(adapter);
+      } catch (PKCS11Exception e) {
+        if (e.errorCode() != CKR_OK) {
+          throw e;
+        }
+        throw new IOException(whyNotLoaded(new File(adapter)));
+      }
+    } catch (IOException | InvalidPathException e) {
+      folder = null;
+      UnsatisfiedLinkError error = new UnsatisfiedLinkError(
+          "The adapter cannot be loaded. Name its file with -D%s=FILE, or a folder for its copy with"
+              .formatted(ADAPTER_PROPERTY) + " -D%s=DIR.\n%s".formatted(
+                  PrivateFolder.TMPDIR_PROPERTY, e.getMessage()));
+      error.initCause(e);
+      throw error;
+    }
+  }
+
+  /** Puts into the folder: the file that a property names, the jar's own, or the system's. */
+  private static Path placeAdapter(PrivateFolder folder) throws IOException {
+    String named = System.getProperty(ADAPTER_PROPERTY);
+    if (named != null) {
+      return link(folder, new File(named));
+    }
+    try {
+      return folder.copy(ADAPTER);
+    } catch (FileNotFoundException e) {
+      String folders = System.getProperty("java.library.path", "");
+      return link(folder, Arrays.stream(folders.split(File.pathSeparator))
+          .map(place -> new File(place, ADAPTER)).filter(File::exists).findFirst()
+          .orElseThrow(() -> new IOException("resource %s: %s\njava.library.path: not in %s"
+              .formatted(PrivateFolder.resource(ADAPTER), e.getMessage(), folders), e)));
+    }
+  }
+
+  private static Path link(PrivateFolder folder, File file) throws IOException {
+    header(file); // says why it cannot be read
+    return Files.createSymbolicLink(folder.file(ADAPTER), Path.of(file.getAbsolutePath()));
+  }
+
+  /** What a load that failed does not say. Without a folder the file is the linker's to find. */
+  private static String reason(String path, File file, PKCS11Exception failure) {
+    return switch (failure.errorCode()) {
+      case CKR_OK, CKR_LIBRARY_LOAD_FAILED -> file != null ? whyNotLoaded(file)
+          : path + " cannot be loaded, and has to name the file of a PKCS#11 module";
+      case CKR_FUNCTION_NOT_SUPPORTED -> path + " is a library, but no PKCS#11 module";
+      case CKR_FUNCTION_REJECTED -> path + " is the adapter itself, or leads back to it";
+      default -> path + " hands out no functions: " + failure.getMessage();
+    };
+  }
+
+  private static String whyNotLoaded(File file) {
+    try {
+      byte[] header = header(file);
+      if (header.length < HEADER || !Arrays.equals(header, 0, ELF.length, ELF, 0, ELF.length)) {
+        return file + " is no library";
+      }
+      byte[] own = ownHeader(header);
+      if (!Arrays.equals(header, CLASS, CLASS + 2, own, CLASS, CLASS + 2)
+          || !Arrays.equals(header, MACHINE, HEADER, own, MACHINE, HEADER)) {
+        return file + " is a library for another architecture";
+      }
+    } catch (IOException e) {
+      return "cannot read " + e.getMessage();
+    }
+    return whyNotLinked(file);
+  }
+
+  /** Has the virtual machine try, which tells what the dynamic linker says. */
+  @SuppressWarnings("restricted")
+  private static String whyNotLinked(File file) {
+    try {
+      System.load(file.getPath());
+      return file + " is a library, but no PKCS#11 module, or lacks a function: \"ldd -r\" shows it";
+    } catch (UnsatisfiedLinkError e) {
+      return e.getMessage() + "; \"ldd\" shows the libraries that it misses";
+    }
+  }
+
+  private static byte[] header(File file) throws IOException {
+    try (InputStream in = new FileInputStream(file)) {
+      return in.readNBytes(HEADER);
+    }
+  }
+
+  /** The header of this program; where it cannot be read, one that tells no difference. */
+  private static byte[] ownHeader(byte[] unknown) {
+    try {
+      return header(new File("/proc/self/exe"));
+    } catch (IOException e) {
+      return unknown;
+    }
+  }
+
+  private static byte[] bytes(String path) {
+    return path.getBytes(StandardCharsets.UTF_8);
+  }
+}

@@ -1,0 +1,202 @@
+package it.quarvel.pkcs11;
+
+import it.quarvel.pkcs11.nat.NativePKCS11;
+import it.quarvel.pkcs11.nat.NativePKCS11Slot;
+import java.util.ArrayList;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.Objects;
+
+/**
+ * An open PKCS#11 module.
+ *
+ * <pre>{@code
+ * try (PKCS11Module module = PKCS11Module.open("/usr/lib/softhsm/libsofthsm2.so");
+ *     NativePKCS11Session session = module.token("demo").openSession()) {
+ *   ...
+ * }
+ * }</pre>
+ *
+ * <p>{@link #open} puts the adapter between the module and Java, a PKCS#11 module that makes any
+ * other one fit: every thread may call, each with a session of its own, and no caller needs a lock;
+ * handles of 64 bits, and objects that are numbered from 0, work; so do attribute and mechanism
+ * types of the vendor-defined range, mechanisms of PSS without parameters, and keys that want a
+ * login for each operation ({@code CKA_ALWAYS_AUTHENTICATE}): log in again between {@code
+ * signInit} and {@code sign}. {@link #openDirect} does without, and {@link NativePKCS11} tells what
+ * holds then.
+ *
+ * <p>The adapter is the one in the jar, else {@code libquarvelpkcs11adapter.so} in {@code
+ * java.library.path}, unless the system property {@code it.quarvel.pkcs11.adapter} names a file. It
+ * is copied or linked into a new folder in {@code java.io.tmpdir} or, if it is set, {@code
+ * it.quarvel.pkcs11.tmpdir}, which is deleted once it is loaded. Without {@link #close} the module
+ * is never finalised.
+ */
+public final class PKCS11Module implements AutoCloseable {
+  private interface Load {
+    void load(String path) throws PKCS11Exception;
+  }
+
+  /** The one that is open in this process, null when none is; guarded by the class. */
+  private static PKCS11Module current;
+
+  private final NativePKCS11 module;
+  private final String path;
+
+  private PKCS11Module(NativePKCS11 module, String path) {
+    this.module = module;
+    this.path = path;
+  }
+
+  /**
+   * Loads and initialises a module behind the adapter ({@code C_GetFunctionList}, {@code
+   * C_Initialize} with {@code CKF_OS_LOCKING_OK}). One that another part of the process has
+   * initialised is used as it is, and not finalised.
+   *
+   * @param path file of the module; a name without a folder is looked up by the dynamic linker
+   * @return the module, which the caller closes
+   * @throws PKCS11Exception that names the file and tells why it cannot be loaded, or with the
+   *     module's return value when it cannot be initialised
+   * @throws IllegalStateException when a module is open already
+   * @throws UnsatisfiedLinkError when the native library or the adapter cannot be loaded
+   */
+  public static PKCS11Module open(String path) throws PKCS11Exception {
+    return open(path, ModuleFile::loadAdapted);
+  }
+
+  /**
+   * Loads and initialises a module without the adapter ({@code C_GetFunctionList}, {@code
+   * C_Initialize} without arguments).
+   *
+   * @param path as in {@link #open}
+   * @return the module, which the caller closes
+   * @throws PKCS11Exception as {@link #open}; CKR_CRYPTOKI_ALREADY_INITIALIZED when another part of
+   *     the process uses the module
+   * @throws IllegalStateException when a module is open already
+   * @throws UnsatisfiedLinkError when the native library cannot be loaded
+   */
+  public static PKCS11Module openDirect(String path) throws PKCS11Exception {
+    return open(path, ModuleFile::load);
+  }
+
+  private static synchronized PKCS11Module open(String path, Load load) throws PKCS11Exception {
+    if (current != null) {
+      throw new IllegalStateException(
+          "there is one module at a time, and " + current.path + " is open: close it first");
+    }
+    NativePKCS11 module = new NativePKCS11();
+    load.load(Objects.requireNonNull(path, "no path of a module"));
+    // One that refuses is left alone: another part of the process may be using it.
+    module.libInitialize();
+    current = new PKCS11Module(module, path);
+    return current;
+  }
+
+  /**
+   * Returns what the module says of itself ({@code C_GetInfo}).
+   *
+   * @return the module's information
+   * @throws PKCS11Exception when the module refuses
+   */
+  public PKCS11Info info() throws PKCS11Exception {
+    return module.getInfo();
+  }
+
+  /**
+   * Lists the slots ({@code C_GetSlotList}), with a token or without.
+   *
+   * @return the slots in the module's order, empty when there is none
+   * @throws PKCS11Exception when the module refuses
+   */
+  public List<NativePKCS11Slot> slots() throws PKCS11Exception {
+    return module.slots(false);
+  }
+
+  /**
+   * Lists the slots that hold an initialised token, see {@link PKCS11TokenInfo#isInitialised}. One
+   * that cannot be described is none.
+   *
+   * @return the slots in the module's order, empty when there is none
+   * @throws PKCS11Exception when the module refuses
+   */
+  public List<NativePKCS11Slot> tokens() throws PKCS11Exception {
+    return List.copyOf(infos(new ArrayList<>()).keySet());
+  }
+
+  /**
+   * Finds the token with a label.
+   *
+   * @param label the label, with or without its padding
+   * @return the slot that holds the token
+   * @throws PKCS11Exception when no token has it, or several have, with a list of the tokens there
+   *     are; when the module refuses
+   */
+  public NativePKCS11Slot token(String label) throws PKCS11Exception {
+    String wanted = label.stripTrailing();
+    return token("labelled \"%s\"".formatted(label), (slot, token) ->
+        token.trimmedLabel().equals(wanted));
+  }
+
+  /**
+   * Finds the token that a URI names.
+   *
+   * @param uri the URI; {@link PKCS11Uri#ANY} names the only token there is
+   * @return the slot that holds the token
+   * @throws PKCS11Exception when it names no token or several, with a list of the tokens there are;
+   *     when the module refuses
+   */
+  public NativePKCS11Slot token(PKCS11Uri uri) throws PKCS11Exception {
+    return token("that the PKCS#11 URI names", (slot, token) ->
+        uri.matches(token, Integer.toUnsignedLong(slot.slotID())));
+  }
+
+  /**
+   * Finalises and closes the module ({@code C_Finalize}). Slots, sessions and objects are of no more
+   * use; no call may be under way. Once is enough, and another thread may do the same.
+   */
+  @Override
+  public void close() {
+    synchronized (PKCS11Module.class) {
+      if (current == this) {
+        current = null;
+        module.libFinalize();
+      }
+    }
+  }
+
+  private interface Match {
+    boolean matches(NativePKCS11Slot slot, PKCS11TokenInfo token);
+  }
+
+  private NativePKCS11Slot token(String which, Match match) throws PKCS11Exception {
+    List<String> told = new ArrayList<>();
+    Map<NativePKCS11Slot, PKCS11TokenInfo> all = infos(told);
+    List<NativePKCS11Slot> found = all.keySet().stream()
+        .filter(slot -> match.matches(slot, all.get(slot))).toList();
+    if (found.size() != 1) {
+      throw new PKCS11Exception("%s %s; there %s".formatted(
+          found.isEmpty() ? "no token" : found.size() + " tokens", which,
+          told.isEmpty() ? "is none" : "are: " + String.join(", ", told)));
+    }
+    return found.get(0);
+  }
+
+  /** Reads the initialised tokens; {@code told} gets a text of each, and why others cannot be read. */
+  private Map<NativePKCS11Slot, PKCS11TokenInfo> infos(List<String> told) throws PKCS11Exception {
+    Map<NativePKCS11Slot, PKCS11TokenInfo> infos = new LinkedHashMap<>();
+    for (NativePKCS11Slot slot : module.slots(true)) {
+      String number = "slot " + Integer.toUnsignedString(slot.slotID());
+      try {
+        PKCS11TokenInfo info = slot.getTokenInfo();
+        if (info.isInitialised()) {
+          infos.put(slot, info);
+          told.add("\"%s\" (serial number %s, %s)".formatted(
+              info.trimmedLabel(), info.serialNumber().strip(), number));
+        }
+      } catch (PKCS11Exception e) {
+        told.add("%s (%s)".formatted(number, e.getMessage()));
+      }
+    }
+    return infos;
+  }
+}

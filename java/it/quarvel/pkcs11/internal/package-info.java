@@ -1,0 +1,2 @@
+/** What the packages of this library share and nobody else sees. */
+package it.quarvel.pkcs11.internal;
