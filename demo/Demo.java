@@ -14,10 +14,11 @@ import java.util.stream.*;
  *
  * @param options the words of the command line by the option before them
  * @param write whether there is to be a tour
+ * @param direct whether the module is used without the adapter
  */
-public record Demo(Map<String, String> options, boolean write) {
+public record Demo(Map<String, String> options, boolean write, boolean direct) {
   private static final String USAGE = "usage: java -cp quarvel-pkcs11.jar:CLASSES Demo"
-      + " --module FILE --pin PIN [--label TOKEN] [--key LABEL] [--write]";
+      + " --module FILE --pin PIN [--label TOKEN] [--key LABEL] [--write] [--direct]";
 
   /** The DER that PKCS #1 puts before a SHA-256 digest, in hexadecimal digits. */
   private static final String SHA256_DIGEST_INFO = "3031300d060960864801650304020105000420";
@@ -25,6 +26,7 @@ public record Demo(Map<String, String> options, boolean write) {
   public static void main(String[] args) {
     List<String> words = new ArrayList<>(List.of(args));
     boolean write = words.remove("--write");
+    boolean direct = words.remove("--direct");
     Map<String, String> options = new HashMap<>();
     for (int i = 0; i + 1 < words.size(); i += 2) {
       options.put(words.get(i), words.get(i + 1));
@@ -35,7 +37,7 @@ public record Demo(Map<String, String> options, boolean write) {
       System.exit(2);
     }
     try {
-      System.out.println(new Demo(options, write).run());
+      System.out.println(new Demo(options, write, direct).run());
     } catch (PKCS11Exception | GeneralSecurityException | IllegalStateException | LinkageError e) {
       System.err.println(Stream.concat(Stream.of(e), Stream.of(e.getSuppressed()))
           .map(failure -> failure.getMessage().replace("\n", "; "))
@@ -47,20 +49,15 @@ public record Demo(Map<String, String> options, boolean write) {
 
   /** Does it all, and returns what the last line is to say. */
   private String run() throws PKCS11Exception, GeneralSecurityException {
-    NativePKCS11.loadPKCS11Library(options.get("--module"));
-    NativePKCS11 module = new NativePKCS11();
-    // Before the try: it is refused when another part of the process uses the module, which is then
-    // not to be finalised here.
-    module.libInitialize();
-    try {
-      PKCS11Info info = module.getInfo();
+    String file = options.get("--module");
+    try (PKCS11Module module = direct ? PKCS11Module.openDirect(file) : PKCS11Module.open(file)) {
+      PKCS11Info info = module.info();
       System.out.printf("Module: %s, %s %s%n", info.manufacturerID().strip(),
           info.libraryDescription().strip(), PKCS11Info.versionText(info.libraryVersion()));
       NativePKCS11Slot slot = chooseSlot(module);
       // Read-only is enough to sign. Closing the last session logs out as well, so that a failure
       // after the login leaves nobody logged in.
-      int flags = write ? CKF_SERIAL_SESSION | CKF_RW_SESSION : CKF_SERIAL_SESSION;
-      try (NativePKCS11Session session = slot.openSession(flags)) {
+      try (NativePKCS11Session session = slot.openSession(write)) {
         login(session);
         String verified = signAndVerify(session);
         if (write) {
@@ -69,29 +66,24 @@ public record Demo(Map<String, String> options, boolean write) {
         session.logout();
         return verified;
       }
-    } finally {
-      module.libFinalize();
     }
   }
 
-  /** Shows every token, and returns the slot of the first that was asked for. */
-  private NativePKCS11Slot chooseSlot(NativePKCS11 module) throws PKCS11Exception {
-    String label = options.get("--label");
-    NativePKCS11Slot chosen = null;
-    for (NativePKCS11Slot slot : module.slots(true)) {
+  /** Shows every token, and returns the slot of the first or of the one that was asked for. */
+  private NativePKCS11Slot chooseSlot(PKCS11Module module) throws PKCS11Exception {
+    List<NativePKCS11Slot> slots = module.tokens();
+    for (NativePKCS11Slot slot : slots) {
       PKCS11TokenInfo token = slot.getTokenInfo();
-      boolean initialised = token.hasFlag(CKF_TOKEN_INITIALIZED);
-      System.out.printf("Slot %d: token \"%s\", %s %s, serial number %s%s%n", slot.slotID(),
-          token.trimmedLabel(), token.manufacturerID().strip(), token.model().strip(),
-          token.serialNumber().strip(), initialised ? "" : ", not initialised");
-      boolean matches = label == null || label.equals(token.trimmedLabel());
-      chosen = chosen == null && matches && initialised ? slot : chosen;
+      System.out.printf("Slot %s: token \"%s\", %s %s, serial number %s%n",
+          Integer.toUnsignedString(slot.slotID()), token.trimmedLabel(),
+          token.manufacturerID().strip(), token.model().strip(), token.serialNumber().strip());
     }
-    if (chosen == null) {
-      throw new IllegalStateException("no initialised token"
-          + (label == null ? "" : " labelled " + label) + ": insert or initialise one");
+    if (slots.isEmpty()) {
+      throw new IllegalStateException("no initialised token: insert or initialise one");
     }
-    System.out.println("Using slot " + chosen.slotID());
+    String label = options.get("--label");
+    NativePKCS11Slot chosen = label == null ? slots.get(0) : module.token(label);
+    System.out.println("Using slot " + Integer.toUnsignedString(chosen.slotID()));
     return chosen;
   }
 

@@ -135,7 +135,7 @@ final class ModuleFile {
       case CKR_OK, CKR_LIBRARY_LOAD_FAILED -> file != null ? whyNotLoaded(file)
           : path + " cannot be loaded, and has to name the file of a PKCS#11 module";
       case CKR_FUNCTION_NOT_SUPPORTED -> path + " is a library, but no PKCS#11 module";
-      case CKR_FUNCTION_REJECTED -> path + " is the adapter itself, or leads back to it";
+      case CKR_FUNCTION_REJECTED, CKR_ARGUMENTS_BAD -> path + " is the adapter itself, or leads back to it";
       default -> path + " hands out no functions: " + failure.getMessage();
     };
   }
