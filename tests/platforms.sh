@@ -12,7 +12,7 @@ work=$TOKEN_DIR
 runs() {
   name=$1
   shift
-  "$@" TraceLog "$QUARVEL_PKCS11_MODULE" "$QUARVEL_PIN" >"$work/out" 2>&1 || { echo "$name failed:"; cat "$work/out"; exit 1; }
+  "$@" OpenModule "$QUARVEL_PKCS11_MODULE" "$QUARVEL_PIN" >"$work/out" 2>&1 || { echo "$name failed:"; cat "$work/out"; exit 1; }
   echo "$name: works"
 }
 
@@ -25,7 +25,7 @@ runs 'jlink image' "$work/image/bin/java" -cp "$classes"
 
 # fails ARGUMENTS...: the program does not start; has TEXT: its error says so
 fails() {
-  "$jdk/bin/java" -Djava.library.path=/nowhere "$@" TraceLog none none >"$work/out" 2>&1 &&
+  "$jdk/bin/java" -Djava.library.path=/nowhere "$@" OpenModule none none >"$work/out" 2>&1 &&
     { echo "started with $*"; exit 1; }
   return 0
 }
@@ -34,7 +34,7 @@ has() { grep -q "$1" "$work/out" || { echo "no '$1' in:"; cat "$work/out"; exit 
 # As in a system package: the library beside a jar that carries none, and one of another version.
 mkdir "$work/bare" "$work/system" "$work/other" "$work/copies"
 unzip -q "$jar" -d "$work/bare"
-mv "$(find "$work/bare" -name libquarvelpkcs11.so)" "$work/system/"
+find "$work/bare" -name "libquarvelpkcs11*.so" -exec mv -t "$work/system" {} +
 sed 's/1\.16/0.99/' "$work/system/libquarvelpkcs11.so" >"$work/other/libquarvelpkcs11.so"
 cp "$work/system/libquarvelpkcs11.so" "$work/my library.so"
 
@@ -70,7 +70,7 @@ if [ "$version" -ge 24 ]; then
   "$jdk/bin/java" $deny -jar "${jar%.jar}-cli.jar" info --module none >"$work/out" 2>&1 || true
   has 'has to name the file of a PKCS#11 module'
   echo 'native access denied but to the inspector: works'
-  "$jdk/bin/java" $deny -cp "$jar:$classes" TraceLog none none >"$work/out" 2>&1 || true
+  "$jdk/bin/java" $deny -cp "$jar:$classes" OpenModule none none >"$work/out" 2>&1 || true
   has 'start it with --enable-native-access=ALL-UNNAMED'
   echo 'native access denied: the error names the flag'
 fi

@@ -141,6 +141,12 @@ final class ModuleFile {
   }
 
   private static String whyNotLoaded(File file) {
+    if (!file.exists()) {
+      return file + ": there is no such file";
+    }
+    if (!file.canRead()) {
+      return file + " cannot be read: permission denied";
+    }
     try {
       byte[] header = header(file);
       if (header.length < HEADER || !Arrays.equals(header, 0, ELF.length, ELF, 0, ELF.length)) {
@@ -152,7 +158,7 @@ final class ModuleFile {
         return file + " is a library for another architecture";
       }
     } catch (IOException e) {
-      return "cannot read " + e.getMessage();
+      return file + " cannot be read: " + e.getMessage();
     }
     return whyNotLinked(file);
   }

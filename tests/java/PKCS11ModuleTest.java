@@ -1,0 +1,172 @@
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+import static java.nio.charset.StandardCharsets.*;
+import static org.junit.jupiter.api.Assertions.*;
+
+import it.quarvel.pkcs11.*;
+import it.quarvel.pkcs11.nat.*;
+import java.nio.file.*;
+import java.security.*;
+import java.security.spec.*;
+import java.util.*;
+import java.util.concurrent.*;
+import java.util.stream.IntStream;
+import org.junit.jupiter.api.*;
+import org.junit.jupiter.api.io.TempDir;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.CsvSource;
+
+/** Opens modules behind the adapter, the SoftHSM2 of {@link EndToEndTest} above all. */
+class PKCS11ModuleTest {
+  static final Path BUILD;
+  static final byte[] PIN = EndToEndTest.PIN.getBytes(UTF_8);
+
+  @TempDir static Path dir;
+
+  static {
+    try {
+      BUILD = Path.of(PKCS11ModuleTest.class.getProtectionDomain().getCodeSource().getLocation()
+          .toURI()).resolve("../..").normalize();
+    } catch (Exception e) {
+      throw new AssertionError(e);
+    }
+  }
+
+  @BeforeAll
+  static void makeFiles() throws Exception {
+    EndToEndTest.makeKeyAndCertificate(dir);
+    Files.writeString(dir.resolve("text"), "a text that is longer than a header");
+    byte[] library = Files.readAllBytes(BUILD.resolve("tests/libodd.so"));
+    String lacking = new String(library, ISO_8859_1).replace("libc.so.6", "libx.so.6");
+    Files.write(dir.resolve("lacking.so"), lacking.getBytes(ISO_8859_1));
+    library[18] ^= 1;
+    Files.write(dir.resolve("foreign.so"), library);
+  }
+
+  @ParameterizedTest
+  @CsvSource(delimiter = '|', value = {
+    "the path of the module is empty.*|''", "DIR is no file|DIR",
+    "DIR/none: there is no such file|DIR/none", "DIR/text is no library|DIR/text",
+    "/proc/self/mem cannot be read: Input.*|/proc/self/mem",
+    "DIR/foreign.so is a library for another architecture|DIR/foreign.so",
+    "DIR/lacking.so: libx.so.6: .*; \"ldd\" shows .*|DIR/lacking.so",
+    "BUILD/libquarvelpkcs11.so is a library, but no PKCS#11 module.*|BUILD/libquarvelpkcs11.so",
+    "BUILD/adapter/lib\\w+.so is the adapter .*|BUILD/adapter/libquarvelpkcs11adapter.so"})
+  void tellsWhyAFileIsNoModule(String message, String file) throws Exception {
+    String path = file.replace("DIR", "" + dir).replace("BUILD", "" + BUILD);
+    for (boolean direct : new boolean[] {false, true}) {
+      String told = assertThrows(PKCS11Exception.class, () -> {
+        (direct ? PKCS11Module.openDirect(path) : PKCS11Module.open(path)).close();
+      }).getMessage();
+      assertTrue(told.replace("" + dir, "DIR").replace("" + BUILD, "BUILD").matches(message), told);
+    }
+    open().close();
+  }
+
+  @Test
+  void opensOneModuleAtATime() throws Exception {
+    PKCS11Module first = open();
+    assertEquals("there is one module at a time, and " + EndToEndTest.MODULE + " is open: close it"
+        + " first", assertThrows(IllegalStateException.class, this::open).getMessage());
+    assertEquals(1, first.tokens().size());
+    first.close();
+    try (PKCS11Module second = open()) {
+      first.close();
+      assertEquals(1, second.tokens().size());
+      assertEquals(2, second.slots().size());
+    }
+    try (PKCS11Module awkward = PKCS11Module.open("" + BUILD.resolve("tests/libawkward.so"))) {
+      assertEquals(List.of(), awkward.tokens());
+      EndToEndTest.assertFails(
+          "no token labelled \"x\"; there is none", () -> awkward.token("x"));
+    }
+  }
+
+  @Test
+  void namesTheTokensThereAre() throws Exception {
+    EndToEndTest.output("softhsm2-util --init-token --free --label demo --so-pin 1234 --pin 1234");
+    List<String> serials = new ArrayList<>();
+    try (PKCS11Module module = open()) {
+      String told = "; there are: ";
+      for (NativePKCS11Slot slot : module.tokens()) {
+        serials.add(slot.getTokenSN());
+        told += "\"demo\" (serial number %s, slot %d), ".formatted(slot.getTokenSN(), slot.slotID());
+        assertEquals(slot, module.token(PKCS11Uri.parse("pkcs11:serial=" + slot.getTokenSN())));
+        assertEquals(slot, module.token(PKCS11Uri.parse("pkcs11:slot-id=" + slot.slotID())));
+      }
+      String all = told.substring(0, told.length() - 2);
+      EndToEndTest.assertFails("2 tokens labelled \"demo\"" + all, () -> module.token("demo"));
+      EndToEndTest.assertFails("2 tokens that the PKCS#11 URI names" + all,
+          () -> module.token(PKCS11Uri.ANY));
+      EndToEndTest.assertFails("no token labelled \"x\"" + all, () -> module.token("x"));
+    } finally {
+      EndToEndTest.output("softhsm2-util --delete-token --serial " + serials.get(1));
+    }
+    try (PKCS11Module module = open()) {
+      assertEquals(serials.get(0), module.token("demo").getTokenSN());
+    }
+  }
+
+  @Test
+  void signsWhatTheContractAloneCannot() throws Exception {
+    try (PKCS11Module module = open();
+        NativePKCS11Session session = module.token("demo").openSession()) {
+      session.loginellips(false, PIN);
+      NativePKCS11Session.KeyPair pair = session.generateKeyPair(CKM_RSA_PKCS_KEY_PAIR_GEN,
+          new PKCS11Template().put(CKA_MODULUS_BITS, 2048),
+          new PKCS11Template().put(CKA_PRIVATE, true).put(CKA_ALWAYS_AUTHENTICATE, true));
+      Signature pss = Signature.getInstance("RSASSA-PSS");
+      pss.setParameter(new PSSParameterSpec("SHA-256", "MGF1", MGF1ParameterSpec.SHA256, 32, 1));
+      pss.initVerify(pair.publicKey().publicKey());
+      for (int i = 0; i < 3; i++) {
+        session.signInit(CKM_SHA256_RSA_PKCS_PSS, null, pair.privateKey());
+        session.loginellips(false, PIN);
+        byte[] signature = new byte[256];
+        session.sign(EndToEndTest.DATA, 0, EndToEndTest.DATA.length, signature, 0);
+        pss.update(EndToEndTest.DATA);
+        assertTrue(pss.verify(signature));
+      }
+    }
+  }
+
+  /** For 20 rounds, or as many seconds as the system property quarvel.seconds says. */
+  @Test
+  void servesEightThreads() throws Exception {
+    long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(Integer.getInteger("quarvel.seconds", 0));
+    ExecutorService threads = Executors.newFixedThreadPool(8);
+    try (PKCS11Module module = open();
+        NativePKCS11Session login = module.token("demo").openSession()) {
+      login.loginellips(false, PIN);
+      int rounds = 0;
+      for (Future<Integer> thread : threads.invokeAll(IntStream.range(0, 8)
+          .<Callable<Integer>>mapToObj(i -> () -> use(login.slot(), "thread " + i, end)).toList())) {
+        rounds += thread.get();
+      }
+      System.out.println("eight threads: " + rounds + " signatures verified");
+    } finally {
+      threads.shutdown();
+    }
+  }
+
+  private static int use(NativePKCS11Slot slot, String label, long end) throws Exception {
+    PKCS11Template mine = new PKCS11Template().put(CKA_LABEL, label);
+    int rounds = 0;
+    while (rounds < 20 || System.nanoTime() < end) {
+      try (NativePKCS11Session session = slot.openSession()) {
+        NativePKCS11Object key = session.createObject(EndToEndTest.privateKey);
+        key.setAttributeValue(CKA_LABEL, label);
+        assertEquals(List.of(key), session.findAll(mine));
+        EndToEndTest.assertVerifies("SHA256withRSA", EndToEndTest.certificate.getPublicKey(),
+            session.sign(CKM_SHA256_RSA_PKCS, key, EndToEndTest.DATA));
+        if (rounds++ % 2 == 0) {
+          key.destroy();
+          assertEquals(List.of(), session.findAll(mine));
+        }
+      }
+    }
+    return rounds;
+  }
+
+  private PKCS11Module open() throws PKCS11Exception {
+    return PKCS11Module.open(EndToEndTest.MODULE);
+  }
+}
