@@ -1,8 +1,8 @@
 /**
  * Java binding to PKCS#11 tokens.
  *
- * <p>Start at {@link it.quarvel.pkcs11.nat.NativePKCS11}: it loads a PKCS#11 module and leads to
- * slots, sessions and objects.
+ * <p>Start at {@link it.quarvel.pkcs11.PKCS11Module}: it opens a PKCS#11 module and leads to slots,
+ * sessions and objects.
  */
 @SuppressWarnings("module")
 module it.quarvel.pkcs11 {

@@ -8,7 +8,8 @@ import java.util.ArrayList;
 import java.util.List;
 
 /**
- * The PKCS#11 module of this process.
+ * The PKCS#11 module of this process, as it is; {@link it.quarvel.pkcs11.PKCS11Module} opens one
+ * behind an adapter that lifts much of what is said here.
  *
  * <pre>{@code
  * NativePKCS11.loadPKCS11Library("/usr/lib/softhsm/libsofthsm2.so");
@@ -34,8 +35,8 @@ import java.util.List;
  *       the Java virtual machine itself fails its own error arrives. A null key or byte array, or a
  *       length beyond its array, is refused with CKR_ARGUMENTS_BAD before the module is called; a
  *       null string with "Internal error".
- *   <li>Handles are {@code int}. A module with slot or session handles of 64 bits works only behind
- *       p11-kit-proxy, which gives it small ones and passes object handles on.
+ *   <li>Handles are {@code int}. A module with handles of 64 bits works only behind the adapter, or,
+ *       where its object handles are small, behind p11-kit-proxy.
  *   <li>A mechanism reaches the module without parameters; the parameter objects are not read.
  *       Offsets are not read either: data starts at the first element of its array.
  *   <li>Attribute values are given as {@code String}, {@code byte[]}, {@code Integer}, {@code
