@@ -7,7 +7,7 @@ set -euo pipefail
 # All modules in one mount namespace, where there is one to be had.
 if unshare -m true 2>/dev/null; then in_namespace; fi
 action=$1 java=$2 cli=$3 page=$(readlink -f "$4")
-modules=(softhsm2 spy opencryptoki nss tpm2 trust server)
+modules=(softhsm2 spy opencryptoki nss tpm2 trust server opensc)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -50,7 +50,7 @@ for module in "${modules[@]}"; do
 done
 (cd "$work" && sed -i '1i operation' operations &&
   paste -d '|' operations "${modules[@]}" |
-  sed 's/|/ | /g; s/^/| /; s/$/ |/; 1a | --- | --- | --- | --- | --- | --- | --- | --- |') \
+  sed 's/|/ | /g; s/^/| /; s/$/ |/; 1a | --- | --- | --- | --- | --- | --- | --- | --- | --- |') \
   >"$work/table"
 [ "$(wc -l <"$work/table")" -gt 30 ]
 
@@ -63,21 +63,27 @@ if [ "$action" = compare ]; then
     END {exit bad || FNR != lines}' - "$work/table"
   exit
 fi
+of() { dpkg-query -W -f '${Version}' "$1" 2>/dev/null || echo 'not here'; }
 cat >"$work/page" <<END
 # Modules
 
 Which operations work on which real module, as \`quarvel-pkcs11 check --write\` found it. The objects
-are session objects, and nothing stays on a token. \`./dev modules\` starts each module in a temporary
-folder, runs the check-up, and writes this page; \`tests/token.sh\` shows how each is started.
+are session objects, and nothing stays on a token. Each module is behind the adapter, as
+\`PKCS11Module.open\` has it. \`./dev modules\` starts each in a temporary folder, runs the check-up, and
+writes this page; \`tests/token.sh\` shows how each is started. Versions are Debian's, of $(date -u +%F).
 
-- **softhsm2**: SoftHSM2; **spy**: SoftHSM2 behind OpenSC's spy.
-- **opencryptoki**: its software token.
-- **nss**: the slot "generic" of NSS softokn, behind p11-kit's proxy. It has no PIN.
-- **tpm2**: tpm2-pkcs11 on a software TPM, behind p11-kit's proxy, since its session handles do not
-  fit a Java \`int\`. It keeps private objects and keys on the token only, and the check-up makes
-  session objects.
-- **trust**: p11-kit's list of trusted certificates, read only.
-- **server**: SoftHSM2 in another process, reached through p11-kit's server and client.
+- **softhsm2**: SoftHSM2 $(of softhsm2); **spy**: SoftHSM2 behind OpenSC's spy $(of opensc).
+- **opencryptoki**: the software token of opencryptoki $(of opencryptoki).
+- **nss**: the slot "generic" of NSS softokn $(of libnss3), behind p11-kit's proxy, which
+  initialises it as it wants. It has no PIN.
+- **tpm2**: tpm2-pkcs11 $(of libtpm2-pkcs11-1) on a software TPM (swtpm $(of swtpm)). It keeps
+  private objects and keys on the token only, and the check-up makes session objects. Its session
+  handles have 64 bits: directly, nothing works that needs a session.
+- **trust**: the list of trusted certificates of p11-kit $(of p11-kit), read only.
+- **server**: SoftHSM2 in another process, reached through the server and the client of p11-kit.
+- **opensc**: OpenSC $(of opensc-pkcs11) on a SmartCard-HSM in software. Debian has no such card, so
+  this column is made by hand: where \`QUARVEL_CARD_PIN\` has the PIN of a card, the check-up makes a
+  key pair on it and removes it again. Its session and object handles have 64 bits, as with tpm2.
 
 $(cat "$work/table")
 

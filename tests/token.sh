@@ -5,7 +5,8 @@
 # QUARVEL_PKCS11_MODULE is the module's file, QUARVEL_TOKEN the token's label, QUARVEL_PIN and
 # QUARVEL_SO_PIN are its PINs (empty: it has none), TOKEN_DIR is a folder that goes when the script
 # ends. A module that cannot be had here ends the script with status 77.
-# MODULE: softhsm2 spy opencryptoki nss tpm2 trust server
+# MODULE: softhsm2 spy opencryptoki nss tpm2 trust server opensc; the last is whatever card is in the
+# reader, and QUARVEL_CARD_PIN its PIN.
 # shellcheck disable=SC2317  # what a trap calls
 set -euo pipefail
 
@@ -99,23 +100,17 @@ END
 
 start_tpm2() {
   local module=$token_libraries/pkcs11/libtpm2_pkcs11.so port=$((20000 + $$ % 20000))
-  need "$module" swtpm pkcs11-tool "$token_libraries/p11-kit-proxy.so"
-  in_namespace
-  mkdir "$TOKEN_DIR/state" "$TOKEN_DIR/store" "$TOKEN_DIR/modules"
+  need "$module" swtpm pkcs11-tool
+  mkdir "$TOKEN_DIR/state" "$TOKEN_DIR/store"
   export TPM2_PKCS11_STORE=$TOKEN_DIR/store TSS2_LOG=all+NONE
   export TPM2_PKCS11_TCTI="swtpm:host=127.0.0.1,port=$port"
   swtpm socket --tpm2 --tpmstate "dir=$TOKEN_DIR/state" --flags not-need-init,startup-clear \
     --server "type=tcp,port=$port,bindaddr=127.0.0.1" \
     --ctrl "type=tcp,port=$((port + 1)),bindaddr=127.0.0.1" --pid "file=$TOKEN_DIR/pid" --daemon
-  echo "module: $module" >"$TOKEN_DIR/modules/tpm2.module"
-  only_modules_of "$TOKEN_DIR/modules"
-  end_module() {
-    kill "$(cat "$TOKEN_DIR/pid")"
-    umount /usr/share/p11-kit/modules
-  }
+  end_module() { kill "$(cat "$TOKEN_DIR/pid")"; }
   pkcs11-tool --module "$module" --init-token --slot-index 0 --label demo --so-pin 12345678 >/dev/null 2>&1
   pkcs11-tool --module "$module" --token-label demo --init-pin --so-pin 12345678 --pin 1234 >/dev/null 2>&1
-  is_module "$token_libraries/p11-kit-proxy.so" demo 1234 12345678
+  is_module "$module" demo 1234 12345678
 }
 
 start_trust() {
@@ -131,6 +126,12 @@ start_server() {
   is_module "$token_libraries/pkcs11/p11-kit-client.so" demo 1234 12345678
 }
 
+start_opensc() {
+  need "$token_libraries/opensc-pkcs11.so"
+  [ -n "${QUARVEL_CARD_PIN-}" ] || skip 'no QUARVEL_CARD_PIN, so perhaps no card'
+  is_module "$token_libraries/opensc-pkcs11.so" '' "$QUARVEL_CARD_PIN" ''
+}
+
 start_module() {
   TOKEN_DIR=$(mktemp -d)
   export TOKEN_DIR
@@ -141,7 +142,7 @@ start_module() {
 
 if [ "$0" = "${BASH_SOURCE[0]}" ]; then
   if [ $# -lt 2 ] || ! declare -F "start_$1" >/dev/null; then
-    sed -n '2,9s/^# //p' "$0" >&2
+    sed -n '2,10s/^# //p' "$0" >&2
     exit 2
   fi
   start_module "$1"
