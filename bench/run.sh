@@ -68,11 +68,27 @@ keepingMemory() {
     token -Dbench.only=AES
 }
 
+adapter() {
+  echo '| Nanoseconds a call | directly | through the adapter |'
+  echo '|---|---:|---:|'
+  export QUARVEL_PKCS11_ADAPTED_MODULE=$out/instantModule.so
+  "${table[@]}" "-Dbench.handles=handles that pass" Table adapter
+  INSTANT_HANDLE=0x700000007 "${table[@]}" "-Dbench.handles=handles with a number" Table adapter
+}
+
+threads() (
+  . tests/token.sh
+  start_module softhsm2
+  echo "| Signatures a second | through the adapter | JDK's wrapper | bare C |"
+  echo '|---|---:|---:|---:|'
+  QUARVEL_PKCS11_ADAPTED_MODULE=$QUARVEL_PKCS11_MODULE "${table[@]}" Table threads
+)
+
 # ---- The page ----
 
 write_page() {
   local part
-  for part in machine instant token keepingMemory growth; do
+  for part in machine instant token keepingMemory growth adapter threads; do
     "$part" | tee "$out/$part.md"
   done
   awk -v parts="$out/" '

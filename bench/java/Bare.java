@@ -1,17 +1,24 @@
 /** The bare C calls that stand beside the floor, in loops of their own. */
 final class Bare implements Subject {
-  /** Opens the module that the process has already initialised. */
+  private final String module;
+
+  /** Takes a module that the process has already initialised. */
   Bare(String nativeLibrary, String module) {
     System.load(nativeLibrary);
-    open(module);
+    this.module = module;
   }
 
   @Override
   public Loop loop(Operation op) {
     char kind = op.kind().name().charAt(0);
-    return op.kind() == Operation.Kind.SEARCH
-        ? n -> search(op.session(), Operation.BATCH, n)
-        : n -> transform(kind, op.session(), op.key(), op.mechanism(), op.in(), op.size(), n);
+    return n -> {
+      open(module); // anew, since there is but one at a time
+      if (op.kind() == Operation.Kind.SEARCH) {
+        search(op.session(), Operation.BATCH, n);
+      } else {
+        transform(kind, op.session(), op.key(), op.mechanism(), op.in(), op.size(), n);
+      }
+    };
   }
 
   private static native void open(String module);

@@ -54,6 +54,10 @@ public record Operation(
     return new Operation(label, kind, 1, 1, CKM_RSA_PKCS, in, size);
   }
 
+  Operation in(int otherSession) {
+    return new Operation(label, kind, otherSession, key, mechanism, in, size);
+  }
+
   /** A search on the module that finds as many objects as its session's number says. */
   static Operation search(String label, int objects) {
     return new Operation(label, Kind.SEARCH, objects, 1, 0, new byte[0], 0);

@@ -1,12 +1,12 @@
 import java.util.List;
 
 /**
- * Prints one table of docs/performance.md: Table instant | growth | token. A token is what
- * tests/withToken.sh tells. The property bench.only picks operations by a word, bench.quick hurries.
+ * Prints one table of docs/performance.md: Table instant | growth | token | adapter |
+ * threads. A token is what tests/token.sh tells. The property bench.only picks operations by a word, bench.quick hurries.
  */
 final class Table {
-  private static final String LIBRARY = Subject.BUILD + "/libquarvelpkcs11.so";
-  private static final String BENCH = Subject.BUILD + "/bench/";
+  static final String LIBRARY = Subject.BUILD + "/libquarvelpkcs11.so";
+  static final String BENCH = Subject.BUILD + "/bench/";
 
   private Table() {}
 
@@ -19,6 +19,9 @@ final class Table {
             "%n%s%nOf the time of each call, %.1f ns are the loop around it.%n", means, loop);
       }
       case "growth" -> onInstantModule(Operation.growth(), new Rounds(25, 4_000, 300));
+      case "adapter" -> Adapter.onInstantModule(new Rounds(101, 4_000, 300));
+      case "threads" ->
+          Adapter.onToken(System.getenv("QUARVEL_PKCS11_MODULE"), System.getenv("QUARVEL_PIN"));
       default -> onToken(System.getenv("QUARVEL_PKCS11_MODULE"), System.getenv("QUARVEL_PIN"));
     }
   }

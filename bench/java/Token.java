@@ -12,13 +12,18 @@ final class Token {
   private static final byte[] P_256 = {6, 8, 0x2A, (byte) 0x86, 0x48, (byte) 0xCE, 0x3D, 3, 1, 7};
 
   private final PKCS11 p11;
+  private final long slot;
   private final int session;
 
   Token(PKCS11 p11, String pin) throws PKCS11Exception {
     this.p11 = p11;
-    long slot = p11.C_GetSlotList(true)[0];
-    session = (int) p11.C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, null, null);
+    slot = p11.C_GetSlotList(true)[0];
+    session = openSession();
     p11.C_Login(session, CKU_USER, pin.toCharArray());
+  }
+
+  int openSession() throws PKCS11Exception {
+    return (int) p11.C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, null, null);
   }
 
   List<Operation> operations() throws PKCS11Exception {

@@ -1,0 +1,81 @@
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
+import java.util.stream.Stream;
+
+/** What the adapter costs a call, and what threads get through it. */
+final class Adapter {
+  private static final String FILE = Subject.BUILD + "/adapter/libquarvelpkcs11adapter.so";
+  private static final int ROUNDS = 21;
+  private static final long WINDOW = 400_000_000; // nanoseconds
+  private static final int STEP = 10; // calls between two looks at the clock
+
+  private Adapter() {}
+
+  /** Prints what C_SignInit and C_Sign take a C program, directly and through the adapter. */
+  static void onInstantModule(Rounds rounds) throws Exception {
+    String module = Table.BENCH + "instantModule.so";
+    Subject library = Subject.library(Table.LIBRARY, FILE);
+    library.loop(Operation.of("", Operation.Kind.OPEN_SESSION, 0)).run(1);
+    int session = (int) Subject.KEPT[0];
+    library.loop(Operation.of("", Operation.Kind.GENERATE_KEY, 0).in(session)).run(1);
+    int key = (int) Subject.KEPT[0];
+    Operation sign =
+        new Operation("", Operation.Kind.SIGN, session, key, 0, new byte[32], 256);
+    Subject direct = new Bare(Table.BENCH + "libfloor.so", module);
+    Subject through = new Bare(Table.BENCH + "libfloor.so", FILE);
+    Rounds.Times[] times = rounds.measure(sign, direct, through);
+    System.out.printf("| %s | %.1f | %.1f |%n", System.getProperty("bench.handles"),
+        times[0].median() / 2, times[1].median() / 2);
+  }
+
+  /** Prints signatures a second, medians of rounds in which the subjects take turns. */
+  static void onToken(String module, String pin) throws Exception {
+    Subject through = Subject.library(Table.LIBRARY, FILE);
+    JdkWrapper jdk = new JdkWrapper(module, false);
+    Subject bare = new Bare(Table.BENCH + "libfloor.so", module);
+    Token token = new Token(jdk.p11, pin);
+    int[] sessions = {token.openSession(), token.openSession()};
+    for (Operation op : token.operations().subList(0, 2)) {
+      for (int threads = 1; threads <= sessions.length; threads++) {
+        double[][] rates = new double[3][ROUNDS];
+        for (int round = -1; round < ROUNDS; round++) { // one more, to warm up
+          int i = 0;
+          for (Subject subject : List.of(through, Subject.of(jdk), bare)) {
+            rates[i++][Math.max(round, 0)] = rate(subject, op, Arrays.copyOf(sessions, threads));
+          }
+        }
+        Stream.of(rates).forEach(Arrays::sort);
+        System.out.printf("| %s, threads: %d | %,.0f | %,.0f | %,.0f |%n", op.label(), threads,
+            rates[0][ROUNDS / 2], rates[1][ROUNDS / 2], rates[2][ROUNDS / 2]);
+      }
+    }
+  }
+
+  /** Runs an operation for a while in as many threads as there are sessions. */
+  private static double rate(Subject subject, Operation op, int[] sessions) throws Exception {
+    ExecutorService pool = Executors.newFixedThreadPool(sessions.length);
+    long start = System.nanoTime();
+    List<Future<Integer>> threads = new ArrayList<>();
+    for (int session : sessions) {
+      Subject.Loop loop = subject.loop(op.in(session));
+      threads.add(pool.submit(() -> {
+        int calls = 0;
+        for (; System.nanoTime() - start < WINDOW; calls += STEP) {
+          loop.run(STEP);
+        }
+        return calls;
+      }));
+    }
+    int calls = 0;
+    for (Future<Integer> thread : threads) {
+      calls += thread.get();
+    }
+    double seconds = (System.nanoTime() - start) / 1e9;
+    pool.shutdown();
+    return calls / seconds;
+  }
+}
