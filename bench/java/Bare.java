@@ -10,7 +10,7 @@ final class Bare implements Subject {
 
   @Override
   public Loop loop(Operation op) {
-    char kind = op.kind().name().charAt(0);
+    char kind = op.kind().name().charAt(0); // the floor knows S, E and, for all others, D
     return n -> {
       open(module); // anew, since there is but one at a time
       if (op.kind() == Operation.Kind.SEARCH) {

@@ -98,7 +98,7 @@ const Method& method(const std::string& name) {
   for (const Method& candidate : methods()) {
     if (candidate.name == name) return candidate;
   }
-  std::fprintf(stderr, "no native method %s\n", name.c_str());
+  std::fprintf(stderr, "no native method %s: name it in methods()\n", name.c_str());
   std::abort();
 }
 

@@ -172,6 +172,10 @@ void reset() {
     const CK_RV rv = record("C_GetMechanismList", slot, static_cast<void*>(mechs));
     return give(rv, script.mechanisms, mechs, count);
   };
+  if (char* sizes = std::getenv("QUARVEL_LIES"); sizes != nullptr) {
+    const CK_ULONG first = std::strtoul(sizes, &sizes, 0);
+    script.lies = {first, std::strtoul(sizes, nullptr, 0)};
+  }
   if (const char* number = std::getenv("QUARVEL_MISBEHAVIOUR"); number != nullptr) {
     misbehaviours().at(std::strtoul(number, nullptr, 10)).install();
   }

@@ -43,7 +43,7 @@ struct Name {
 std::string data(const void* bytes, CK_ULONG size);
 
 /// Good behaviour: a fresh script and all functions in the list. The environment variable
-/// QUARVEL_MISBEHAVIOUR then installs the misbehaviour of that number.
+/// QUARVEL_MISBEHAVIOUR then installs the misbehaviour of that number, QUARVEL_LIES two sizes.
 void reset();
 
 /// One way to misbehave: replaces entries of the list or bends the script.

@@ -27,7 +27,10 @@ import java.util.Optional;
  */
 public class NativePKCS11Session implements AutoCloseable {
   private static final int SMALLEST_ROOM = 1024;
+
+  /** Doubled after each refusal until it is the largest. */
   private static final int SMALLEST_WRAP_ROOM = 4 * 1024;
+
   private static final int LARGEST_WRAP_ROOM = 64 * 1024;
 
   static {
@@ -800,7 +803,7 @@ public class NativePKCS11Session implements AutoCloseable {
       try {
         return prefix(out, wrapKey(mech, null, wrappingKey, key, out, 0));
       } catch (PKCS11Exception e) {
-        if (e.errorCode() != CKR_BUFFER_TOO_SMALL || room == LARGEST_WRAP_ROOM) {
+        if (e.errorCode() != CKR_BUFFER_TOO_SMALL || room >= LARGEST_WRAP_ROOM) {
           throw e;
         }
       }

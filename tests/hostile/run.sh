@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Compares this library with the JDK's own wrapper on a misbehaving module: run.sh [JDK] [BUILD].
-# It takes some minutes, since each case has a virtual machine of its own.
+# Compares this library with the JDK's own wrapper on a misbehaving module: run.sh [JDK]. Expects
+# the built library and test programs. It takes some minutes, since each case has a virtual machine
+# of its own.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 jdk=${1:-$(dirname "$(dirname "$(readlink -f "$(command -v javac)")")")}
-build=$(realpath "${2:-build}")
-scripted=$build/tests/libscripted.so
+out=build/hostile
+mkdir -p "$out"
 
 operations=(INFO SLOT_LIST SLOT_INFO TOKEN_INFO MECHANISM_LIST MECHANISM_INFO OPEN_SESSION
   SESSION_INFO FIND_ONE READ NEW_SIGNATURE ENCRYPT DECRYPT CREATE GENERATE_KEY NEW_WRAPPED_KEY
@@ -16,52 +17,47 @@ lies=('3, then 4=3 4' '3, then 1,000,000=3 1000000' '2^31 twice=0x80000000 0x800
   '2^64-1 twice=0xFFFFFFFFFFFFFFFF 0xFFFFFFFFFFFFFFFF')
 exports=(--add-modules jdk.crypto.cryptoki
   --add-exports "jdk.crypto.cryptoki/sun.security.pkcs11.wrapper=ALL-UNNAMED")
-
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-read -ra p11kit <<<"$(pkg-config --cflags p11-kit-1)"
-g++ -std=c++20 -shared -fPIC -I tests/native -I header201 "${p11kit[@]}" bench/hostile/lies.cpp \
-  "$scripted" -Wl,-rpath,"$build/tests" -o "$work/liblies.so"
-"$jdk/bin/javac" "${exports[@]}" -cp "$build/quarvel-pkcs11.jar" -d "$work" bench/java/*.java
+"$jdk/bin/javac" "${exports[@]}" -cp build/quarvel-pkcs11.jar -d "$out" bench/java/*.java \
+  tests/hostile/Hostile.java
 java=("$jdk/bin/java" -Xmx1g -XX:TieredStopAtLevel=1 -XX:-CreateCoredumpOnCrash
   -XX:ErrorFile=/dev/null "${exports[@]}" --enable-native-access=ALL-UNNAMED
-  -cp "$work:$build/quarvel-pkcs11.jar")
-
+  -cp "$out:build/quarvel-pkcs11.jar" Hostile)
 # Keeps a list of 2^31 items, which a subject may try to hold twice, from exhausting the machine.
 ulimit -v 12582912
-
-# outcome SUBJECT MODULE OPERATION
-outcome() {
-  local status=0 signal
-  (timeout -k 5 20 "${java[@]}" Hostile "$@" >"$work/$1.out" 2>&1) 2>/dev/null || status=$?
-  case $status in
-    0) tail -n 1 "$work/$1.out" | sed 's/^outcome: //' ;;
-    124 | 137) echo hang ;;
-    *)
-      signal=$(grep -aom 1 'SIG[A-Z]\{3,4\}' "$work/$1.out" || true)
-      echo "crash (status $status${signal:+, $signal})"
-      ;;
-  esac >"$work/$1"
-}
 
 declare -A usual=() crashes=([library]=0 [jdk]=0)
 cases=0 alike=0
 
-# compare MISBEHAVIOUR MODULE: a row for each operation that does not go as in the first rows
+# outcome SUBJECT OPERATION
+outcome() {
+  local status=0 signal
+  (timeout -k 5 20 "${java[@]}" "$1" build/tests/libscripted.so "$2" >"$out/$1.out" 2>&1) \
+    2>/dev/null || status=$?
+  case $status in
+    0) tail -n 1 "$out/$1.out" | sed 's/^outcome: //' ;;
+    124 | 137) echo hang ;;
+    *)
+      signal=$(grep -aom 1 'SIG[A-Z]\{3,4\}' "$out/$1.out" || true)
+      echo "crash (status $status${signal:+, $signal})"
+      ;;
+  esac >"$out/$1"
+}
+
+# compare MISBEHAVIOUR: a row for each operation that does not go as in the first rows
 compare() {
   local operation subject row
   for operation in "${operations[@]}"; do
-    outcome library "$2" "$operation" &
-    outcome jdk "$2" "$operation"
+    outcome library "$operation" &
+    outcome jdk "$operation"
     wait
     for subject in library jdk; do
-      case $(<"$work/$subject") in
+      case $(<"$out/$subject") in
         crash* | hang) crashes[$subject]=$((crashes[$subject] + 1)) ;;
       esac
     done
     cases=$((cases + 1))
-    row="$(<"$work/library") | $(<"$work/jdk")"
-    if [ "${usual[$operation]=$row}" = "$row" ] && [ "$1" != "$first" ]; then
+    row="$(<"$out/library") | $(<"$out/jdk")"
+    if [ "${usual[$operation]=$row}" = "$row" ] && [ "$1" != "${misbehaviours[0]}" ]; then
       alike=$((alike + 1))
     else
       echo "| $1 | $operation | $row |"
@@ -71,14 +67,13 @@ compare() {
 
 # The names stand in the order of their numbers.
 mapfile -t misbehaviours < <(sed -n 's/^ *{"\(.*\)",.*/\1/p' tests/native/misbehaviours.cpp)
-first=${misbehaviours[0]}
 echo '| The module | Operation | This library | The JDK'\''s wrapper |'
 echo '|---|---|---|---|'
 for number in "${!misbehaviours[@]}"; do
-  QUARVEL_MISBEHAVIOUR=$number compare "${misbehaviours[number]}" "$scripted"
+  QUARVEL_MISBEHAVIOUR=$number compare "${misbehaviours[number]}"
 done
 for lie in "${lies[@]}"; do
-  QUARVEL_LIES=${lie#*=} compare "says ${lie%=*}" "$work/liblies.so"
+  QUARVEL_LIES=${lie#*=} compare "says ${lie%=*}"
 done
 echo
 echo "$cases cases for each. Left out: $alike in which both did as in the first rows."
