@@ -1,6 +1,7 @@
 // What each native method returns, asks of the module and prints, as contract.txt states it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
 #include <fstream>
 #include <map>
@@ -111,11 +112,27 @@ void apply(const std::string& given, hooks::Run* run) {
   }
 }
 
-/// The text with @ for the method's name, C_@ for the function of that name.
-std::string unnamed(const std::string& text, std::string name) {
-  std::string function = "C_" + name;
-  function[2] = static_cast<char>(std::toupper(function[2]));
-  return join(split(join(split(text, function), "C_@"), name), "@");
+/// A text in the short forms of the table, for a call with that result.
+/// @param name the method's, where @ stands for it, else empty
+std::string shortened(std::string text, const std::string& result, const std::string& name) {
+  const std::string exception = result.substr(std::min(result.find(" ! "), result.size() - 3) + 3);
+  std::string raised = "vendor defined exc '" + exception + "'...";
+  if (const std::size_t code = exception.find("(0x"); code != std::string::npos) {
+    raised = "exc number " + exception.substr(code + 3, exception.size() - code - 4) + "...";
+    std::transform(raised.begin(), raised.end(), raised.begin(), ::tolower);
+  }
+  std::vector<std::pair<std::string, std::string>> forms = {
+      {"JNI: Throwing " + raised + " Done\n", "$!"},
+      {"JNI: Throwing " + raised + "<raise> Done\n", "$!"},
+      {"JNI:BRIDGE: Calling C_", "$C_"},
+      {"JNI: start PKCS11", "$"}};
+  if (!name.empty()) {
+    forms.emplace_back("C_" + name, "C_@");
+    forms.back().first[2] = static_cast<char>(std::toupper(name[0]));
+    forms.emplace_back(name, "@");
+  }
+  for (const auto& [form, shortForm] : forms) text = join(split(text, form), shortForm.c_str());
+  return text;
 }
 
 /// With QUARVEL_UPDATE in the environment a row that expects something else is rewritten.
@@ -127,7 +144,8 @@ std::string quote(const std::string& keyword, const std::string& value) {
   std::string text = open;
   std::size_t begun = 0;  // where the last line of `text` starts
   for (std::size_t i = 0; i < value.size(); ++i) {
-    const std::size_t size = value.find('\n', i) - i;  // of the printed line from here on
+    const std::size_t size =
+        std::min(value.find('\n', i), value.size()) - i;  // of the printed line from here on
     if (i != 0 && value[i - 1] == '\n' && text.size() - begun + size > 117) {
       begun = text.size() + 2;
       text += "\"\n" + open;
@@ -194,7 +212,7 @@ void check(const Row& row, std::size_t alternative, const std::string& method,
     const bool marked = value.find('<') != std::string::npos;
     actual["trace"] = actual["always"] = marked ? outcome.marked : outcome.output;
     const bool named = value.find('@') != std::string::npos;
-    const std::string stated = named ? unnamed(actual[keyword], name) : actual[keyword];
+    const std::string stated = shortened(actual[keyword], outcome.result, named ? name : "");
     if (updating && row.stated.contains(keyword) && stated != value) {
       update(row, keyword, stated);
     } else {
