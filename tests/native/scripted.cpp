@@ -176,9 +176,8 @@ void reset() {
     const CK_ULONG first = std::strtoul(sizes, &sizes, 0);
     script.lies = {first, std::strtoul(sizes, nullptr, 0)};
   }
-  if (const char* number = std::getenv("QUARVEL_MISBEHAVIOUR"); number != nullptr) {
-    misbehaviours().at(std::strtoul(number, nullptr, 10)).install();
-  }
+  const char* number = std::getenv("QUARVEL_MISBEHAVIOUR");
+  misbehaviours().at(number != nullptr ? std::strtoul(number, nullptr, 10) : 0).install();
 }
 
 [[maybe_unused]] static const bool ready = (reset(), true);

@@ -42,8 +42,9 @@ struct Name {
 /// Bytes as the record shows them.
 std::string data(const void* bytes, CK_ULONG size);
 
-/// Good behaviour: a fresh script and all functions in the list. The environment variable
-/// QUARVEL_MISBEHAVIOUR then installs the misbehaviour of that number, QUARVEL_LIES two sizes.
+/// Good behaviour: a fresh script and all functions in the list. Then the misbehaviour is installed
+/// that has the number in the environment variable QUARVEL_MISBEHAVIOUR, without it the first;
+/// QUARVEL_LIES has the two sizes to report.
 void reset();
 
 /// One way to misbehave: replaces entries of the list or bends the script.
@@ -51,6 +52,7 @@ struct Misbehaviour {
   const char* name;
   void (*install)();
 };
+/// All that this build of the module knows, from a file beside it.
 const std::vector<Misbehaviour>& misbehaviours();
 
 }  // namespace scripted
