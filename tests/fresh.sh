@@ -1,7 +1,7 @@
 #!/bin/bash
 # What `./dev fresh` runs: a Debian with nothing but git and ca-certificates, made in build/fresh by
 # debootstrap from the Debian sources and certificates of this machine; in it a clone of the last
-# commit, then the README's commands as root and as a user with sudo. Writes docs/fresh.md.
+# commit, then the README's commands as root and as a user with sudo. Fills in docs/fresh.md.
 set -euo pipefail
 project=$(dirname "$(dirname "$(readlink -f "$0")")")
 work=$project/build/fresh
@@ -105,18 +105,11 @@ row user './dev demo'
 row user './dev test'
 end
 
-cat >"$project/docs/fresh.md" <<END
-# On a bare machine
-
-\`./dev fresh\` made this page on $(date --utc +%Y-%m-%d) with Debian $(cat "$work/bare/etc/debian_version"): a root file
-system with git and ca-certificates and nothing else ($bare), a clone, then these commands.
-"user" has sudo. What a command installs goes by what the ones before it have left.
-
-| as | command | result | time | packages | download | on disk |
-|---|---|---|---|---|---|---|
-$(cat "$work/table")
-
-The packages made there have the same bytes as those made on the machine around it. Without root and
-without sudo the first command says which packages to ask for, and ends.
-END
+# The prose is written by hand.
+made="Made on $(date --utc +%Y-%m-%d) with Debian $(cat "$work/bare/etc/debian_version"): $bare before the first command."
+awk -v made="$made" -v table="$(cat "$work/table")" '
+  /^Made on / {print made; next}
+  /^[|] (root|user) / {if (!written++) print table; next}
+  {print}' "$project/docs/fresh.md" >"$work/page"
+cat "$work/page" >"$project/docs/fresh.md"
 rm -rf "$work"/bare "$work"/here

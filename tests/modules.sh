@@ -1,7 +1,7 @@
 #!/bin/bash
 # Checks the binding on each real module that starts here, as `quarvel-pkcs11 check --write` does:
-# modules.sh write|compare JAVA CLI_JAR PAGE. PAGE is docs/modules.md: "write" makes it anew,
-# "compare" fails when a module now answers otherwise than the page says.
+# modules.sh write|compare JAVA CLI_JAR PAGE. PAGE is docs/modules.md: "write" makes its table
+# anew, "compare" fails when a module now answers otherwise than the page says.
 set -euo pipefail
 . "$(dirname "$0")/token.sh"
 # All modules in one mount namespace, where there is one to be had.
@@ -63,40 +63,11 @@ if [ "$action" = compare ]; then
     END {exit bad || FNR != lines}' - "$work/table"
   exit
 fi
-of() { dpkg-query -W -f '${Version}' "$1" 2>/dev/null || echo 'not here'; }
-cat >"$work/page" <<END
-# Modules
-
-Which operations work on which real module, as \`quarvel-pkcs11 check --write\` found it. The objects
-are session objects, and nothing stays on a token. Each module is behind the adapter, as
-\`PKCS11Module.open\` has it. \`./dev modules\` starts each in a temporary folder, runs the check-up, and
-writes this page; \`tests/token.sh\` shows how each is started. Versions are Debian's, of $(date -u +%F).
-
-- **softhsm2**: SoftHSM2 $(of softhsm2); **spy**: SoftHSM2 behind OpenSC's spy $(of opensc).
-- **opencryptoki**: the software token of opencryptoki $(of opencryptoki).
-- **nss**: the slot "generic" of NSS softokn $(of libnss3), behind p11-kit's proxy, which
-  initialises it as it wants. It has no PIN.
-- **tpm2**: tpm2-pkcs11 $(of libtpm2-pkcs11-1) on a software TPM (swtpm $(of swtpm)). It keeps
-  private objects and keys on the token only, and the check-up makes session objects. Its session
-  handles have 64 bits: directly, nothing works that needs a session.
-- **trust**: the list of trusted certificates of p11-kit $(of p11-kit), read only.
-- **server**: SoftHSM2 in another process, reached through the server and the client of p11-kit.
-- **opensc**: OpenSC $(of opensc-pkcs11) on a SmartCard-HSM in software. Debian has no such card, so
-  this column is made by hand: where \`QUARVEL_CARD_PIN\` has the PIN of a card, the check-up makes a
-  key pair on it and removes it again. Its session and object handles have 64 bits, as with tpm2.
-
-$(cat "$work/table")
-
-"works": tried, and the answer was right; "answered, not verified": Java has no public key to tell.
-"refused": the module answered the named return value; "not offered by the module": it lacks the
-function. "not readable": a value that is none. "no mechanism": the token lists none that the
-operation could use. "nothing to try": no object of the kind. "not asked": no PIN, or nothing may be
-written.
-"not run": the module could not be had where this page was made.
-
-A token on another machine is reached the same way as **server**: \`p11-kit server\` where the token
-is, its socket forwarded (for example by ssh), and \`p11-kit-client.so\` as the module here. When the
-server dies, calls raise \`PKCS11Exception\` (\`CKR_DEVICE_ERROR\`); after \`libFinalize\`, a new load
-reaches a server that is there again.
-END
-mv "$work/page" "$page"
+versions="Versions of Debian's packages, $(date -u +%F): $(dpkg-query -W -f '${Package} ${Version}, ' \
+  softhsm2 opensc opencryptoki libnss3 libtpm2-pkcs11-1 swtpm p11-kit)"
+# The prose around is written by hand.
+awk -v table="$(cat "$work/table")" -v versions="${versions%, }." '
+  /^Versions of / { print versions; next }
+  !/^[|]/
+  /^[|]/ && !written++ { print table }' "$page" >"$work/page"
+cat "$work/page" >"$page"

@@ -20,7 +20,7 @@ std::string shown(char type, const jvalue& value) {
   return type == 'V'   ? "void"
          : type == 'I' ? std::to_string(value.i)
          : type == 'J' ? std::to_string(value.j)
-         : type == 'Z' ? (value.z != JNI_FALSE ? "true" : "false")
+         : type == 'Z' ? std::vector{"false", "true"}.at(value.z)  // no other is a boolean
                        : show(value.l);
 }
 
@@ -54,9 +54,6 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
   const std::string exception = takeException();
   outcome.result = shown(called.result, result) + (exception.empty() ? "" : " ! " + exception);
   outcome.moduleCalls = scripted::calls;
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    if (called.parameters[i] == 'B') outcome.arrays.push_back(show(values[i].l));
-  }
   java()->PopLocalFrame(nullptr);
   EXPECT_EQ(join(outcome.run.violations), "") << name;
   EXPECT_EQ(outcome.run.blocks, 0u) << name << " leaks";

@@ -13,7 +13,6 @@
 struct Outcome {
   std::string result;  // "3", "null", "void", ...; then " ! " and the message of an exception
   std::vector<std::string> moduleCalls;
-  std::vector<std::string> arrays;  // what the byte[] arguments hold afterwards
   std::string output;               // on standard output
   std::string marked;               // the same with <marks> of what was given back, freed or raised
   std::string code;                 // the return value in the trace of an exception, hexadecimal

@@ -196,7 +196,6 @@ void check(const Row& row, std::size_t alternative, const std::string& method,
   std::map<std::string, std::string> actual = {
       {"returns", outcome.result},
       {"module", join(outcome.moduleCalls, "; ")},
-      {"arrays", join(outcome.arrays)},
       {"jni", std::to_string(outcome.run.jni.size())},
       {"code", outcome.code}};
   std::map<std::string, std::string> expected = row.expected;

@@ -3,9 +3,7 @@
 #include <stdio_ext.h>
 
 #include <cfenv>
-#include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 
 #include "call.h"
@@ -118,28 +116,16 @@ TEST(Lifecycle, EveryOrderOfTheThreeMethods) {
   EXPECT_EQ(run("if"), kRefused + "; void");
 }
 
+// traceLog.sh reads what is in the log then.
 TEST(Lifecycle, TheEnvironmentSwitchesTheTraceOnAndRedirectsIt) {
-  const std::string log = "/var/tmp/vorlenk0.log";
-  const auto size = [&] { return std::ifstream(log, std::ios::ate | std::ios::binary).tellg(); };
-  const std::streamoff before = std::max<std::streamoff>(size(), 0);
   scripted::reset();
   setenv("PKCS11_ZOV_DEBUG", "", 1);
   const Outcome outcome = call("Module.loadPKCS11Library", kLoad);
   unsetenv("PKCS11_ZOV_DEBUG");
-  EXPECT_EQ(outcome.output, "getenv done \nredirecting stdout to " + log + " ");
+  EXPECT_EQ(outcome.output, "getenv done \nredirecting stdout to /var/tmp/vorlenk0.log ");
   EXPECT_EQ(debug, 1);
   EXPECT_NE(__flbf(stdout), 0);  // a crash inside a module leaves its last line in the log
   debug = 0;
-  std::ifstream file(log);
-  file.seekg(before);
-  std::string added((std::istreambuf_iterator<char>(file)), {});
-  added = std::regex_replace(added, std::regex("(Done: |ptr=)[0-9a-f]+"), "$1X");
-  EXPECT_EQ(added, "setting debug to 1\nJNI: start loadPKCS11Library (arg= " QUARVEL_SCRIPTED
-                   ")\n"
-                   "JNI:BRIDGE: Start loading library... Done: X\n"
-                   "JNI:BRIDGE: Getting FuncList address... Done: X\n"
-                   "JNI:BRIDGE: Calling FuncList... Done: X\n"
-                   "JNI: library loaded: (FuncList ptr=X)\nJNI: end loadPKCS11Library\n");
 }
 
 // The silent module is linked with -ffast-math, the scripted one is made to round otherwise.
