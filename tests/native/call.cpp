@@ -51,8 +51,9 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
     outcome.code = outcome.output.substr(from, outcome.output.find('.', from) - from);
   }
 
-  const std::string exception = takeException();
-  outcome.result = shown(called.result, result) + (exception.empty() ? "" : " ! " + exception);
+  outcome.exception = takeException();
+  outcome.value = outcome.result = shown(called.result, result);
+  if (!outcome.exception.empty()) outcome.result += " ! " + outcome.exception;
   outcome.moduleCalls = scripted::calls;
   java()->PopLocalFrame(nullptr);
   EXPECT_EQ(join(outcome.run.violations), "") << name;
@@ -60,25 +61,16 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
   return outcome;
 }
 
-Outcome callFresh(const std::string& name, const std::string& arguments, hooks::Run run,
-                  const std::function<void()>& prepare, const jobject* receiver) {
-  freshModule();
-  prepare();
-  Outcome outcome = call(name, arguments, std::move(run), receiver);
-  shutModule();
-  return outcome;
-}
-
-void freshModule() {
+FreshModule::FreshModule() {
   scripted::reset();
   debug = 0;
   CK_FUNCTION_LIST_PTR list = nullptr;
-  ASSERT_EQ(bridge::loadLib(QUARVEL_SCRIPTED, &list), CKR_OK);
-  ASSERT_EQ(bridge::initLib(), CKR_OK);
+  EXPECT_EQ(bridge::loadLib(QUARVEL_SCRIPTED, &list), CKR_OK);
+  EXPECT_EQ(bridge::initLib(), CKR_OK);
   scripted::calls.clear();
 }
 
-void shutModule() {
+FreshModule::~FreshModule() {
   debug = 0;
   bridge::finalizeLib();
 }

@@ -2,8 +2,6 @@
 #ifndef QUARVEL_TESTS_NATIVE_CALL_H_
 #define QUARVEL_TESTS_NATIVE_CALL_H_
 
-#include <functional>
-
 #include "hooks.h"
 #include "jvm.h"
 #include "methods.h"
@@ -11,11 +9,13 @@
 #include "values.h"
 
 struct Outcome {
-  std::string result;  // "3", "null", "void", ...; then " ! " and the message of an exception
+  std::string value;      // "3", "null", "void", ...
+  std::string exception;  // its message
+  std::string result;     // both, with " ! " between them where there is an exception
   std::vector<std::string> moduleCalls;
-  std::string output;               // on standard output
-  std::string marked;               // the same with <marks> of what was given back, freed or raised
-  std::string code;                 // the return value in the trace of an exception, hexadecimal
+  std::string output;  // on standard output
+  std::string marked;  // the same with <marks> of what was given back, freed or raised
+  std::string code;    // the return value in the trace of an exception, hexadecimal
   hooks::Run run;
 };
 
@@ -26,14 +26,11 @@ struct Outcome {
 Outcome call(const std::string& name, const std::string& arguments, hooks::Run run = {},
              const jobject* receiver = nullptr);
 
-/// The same on the scripted module, initialised for this call and finalised after it.
-/// @param prepare called before the call, to bend the script
-Outcome callFresh(
-    const std::string& name, const std::string& arguments, hooks::Run run = {},
-    const std::function<void()>& prepare = [] {}, const jobject* receiver = nullptr);
-
-/// Loads and initialises the scripted module with `debug` off, its record empty after it.
-void freshModule();
-void shutModule();
+/// The scripted module, loaded and initialised anew, its record empty, with `debug` off; finalised
+/// at scope exit.
+struct FreshModule {
+  FreshModule();
+  ~FreshModule();
+};
 
 #endif  // QUARVEL_TESTS_NATIVE_CALL_H_

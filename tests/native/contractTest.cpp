@@ -112,10 +112,9 @@ void apply(const std::string& given, hooks::Run* run) {
   }
 }
 
-/// A text in the short forms of the table, for a call with that result.
+/// A text in the short forms of the table, for a call that raised the exception.
 /// @param name the method's, where @ stands for it, else empty
-std::string shortened(std::string text, const std::string& result, const std::string& name) {
-  const std::string exception = result.substr(std::min(result.find(" ! "), result.size() - 3) + 3);
+std::string shortened(std::string text, const std::string& exception, const std::string& name) {
   std::string raised = "vendor defined exc '" + exception + "'...";
   if (const std::size_t code = exception.find("(0x"); code != std::string::npos) {
     raised = "exc number " + exception.substr(code + 3, exception.size() - code - 4) + "...";
@@ -186,13 +185,12 @@ void check(const Row& row, std::size_t alternative, const std::string& method,
   SCOPED_TRACE(
       "contract.txt:" + std::to_string(row.line) + " " + method + (tracing != 0 ? " traced" : ""));
   hooks::Run run;
-  freshModule();
+  const FreshModule fresh;
   for (const Texts& given : row.given) {
     apply(given[std::min(alternative, given.size() - 1)], &run);
   }
   debug = tracing;
   const Outcome outcome = call(method, arguments, std::move(run));
-  shutModule();
   std::map<std::string, std::string> actual = {
       {"returns", outcome.result},
       {"module", join(outcome.moduleCalls, "; ")},
@@ -211,7 +209,7 @@ void check(const Row& row, std::size_t alternative, const std::string& method,
     const bool marked = value.find('<') != std::string::npos;
     actual["trace"] = actual["always"] = marked ? outcome.marked : outcome.output;
     const bool named = value.find('@') != std::string::npos;
-    const std::string stated = shortened(actual[keyword], outcome.result, named ? name : "");
+    const std::string stated = shortened(actual[keyword], outcome.exception, named ? name : "");
     if (updating && row.stated.contains(keyword) && stated != value) {
       update(row, keyword, stated);
     } else {

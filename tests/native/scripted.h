@@ -20,11 +20,11 @@ struct Script {
   CK_RV failWith = CKR_OK;
   std::vector<CK_ULONG> slots = {7, 8};
   std::vector<CK_ULONG> mechanisms = {0, 1, 6};
-  Bytes value = {0x08, 0, 0, 0, 0, 0, 0, 0};  // of every attribute
-  std::vector<CK_ULONG> found = {0x21};       // each search call takes the first
-  CK_ULONG handle = 0x11;                     // of the next new session or object, then one more
-  Bytes output = {0xA1, 0xA2, 0xA3};          // of signing, encryption, decryption and wrapping
-  std::vector<CK_ULONG> lies;                 // what the first and second call report as size
+  Bytes value = {'2', '0', '1', '5', '1', '2', '3', '1'};  // of every attribute
+  std::vector<CK_ULONG> found = {0x21};                    // each search call takes the first
+  CK_ULONG handle = 0x11;             // of the next new session or object, then one more
+  Bytes output = {0xA1, 0xA2, 0xA3};  // of signing, encryption, decryption and wrapping
+  std::vector<CK_ULONG> lies;         // what the first and second call report as size
 };
 
 extern Script script;
