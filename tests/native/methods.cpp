@@ -55,44 +55,15 @@ Method describe(const std::string& name, bool refused, R (*native)(JNIEnv*, Self
 
 }  // namespace
 
-// clang-format off
 const std::vector<Method>& methods() {
-#define QUARVEL_METHOD(PREFIX, REFUSED, CLASS, NAME) \
-  describe(PREFIX #NAME, REFUSED, Java_it_quarvel_pkcs11_nat_NativePKCS11##CLASS##_##NAME)
-#define MODULE(NAME, ...) QUARVEL_METHOD("Module.", 0 __VA_ARGS__, , NAME)
-#define SLOT(NAME, ...) QUARVEL_METHOD("Slot.", 0 __VA_ARGS__, Slot, NAME)
-#define SESSION(NAME) QUARVEL_METHOD("Session.", 0, Session, NAME)
-#define REFUSED(NAME) QUARVEL_METHOD("Session.", 1, Session, NAME)
-#define OBJECT(NAME, ...) QUARVEL_METHOD("Object.", 0 __VA_ARGS__, Object, NAME)
+#define QUARVEL_METHOD(REFUSED, CLASS, NAME)                              \
+  describe(*#CLASS != '\0' ? #CLASS "." #NAME : "Module." #NAME, REFUSED, \
+           Java_it_quarvel_pkcs11_nat_NativePKCS11##CLASS##_##NAME),
   static const std::vector<Method> all = {
-      MODULE(loadPKCS11Library), MODULE(libInitialize), MODULE(libFinalize),
-      MODULE(getBridgeVersion), MODULE(getInfo), MODULE(getSlotList), MODULE(waitForSlotEvent, +1),
-      MODULE(getRSAcredential), SLOT(getInfo), SLOT(getTokenInfo), SLOT(getTokenSN),
-      SLOT(getMechanismList), SLOT(getMechanismInfo), SLOT(initToken, +1), SLOT(openSession),
-      SLOT(closeAllSessions), SESSION(close), SESSION(getInfo), SESSION(login), SESSION(logout),
-      SESSION(initPIN), SESSION(setPIN), SESSION(signInit), SESSION(sign), SESSION(encryptInit),
-      SESSION(encrypt), SESSION(decryptInit), SESSION(decrypt), REFUSED(signUpdate),
-      REFUSED(signFinal), REFUSED(getOperationState), REFUSED(setOperationState),
-      REFUSED(encryptUpdate), REFUSED(encryptFinal), REFUSED(decryptUpdate), REFUSED(decryptFinal),
-      REFUSED(digestInit), REFUSED(digest), REFUSED(digestUpdate), REFUSED(digestKey),
-      REFUSED(digestFinal), REFUSED(signRecoverInit), REFUSED(signRecover), REFUSED(verifyInit),
-      REFUSED(verify), REFUSED(verifyUpdate), REFUSED(verifyFinal), REFUSED(verifyRecoverInit),
-      REFUSED(verifyRecover), REFUSED(digestEncryptUpdate), REFUSED(decryptDigestUpdate),
-      REFUSED(signEncryptUpdate), REFUSED(decryptVerifyUpdate), REFUSED(deriveKey),
-      REFUSED(seedRandom), REFUSED(generateRandom), REFUSED(getFunctionStatus),
-      REFUSED(cancelFunction), SESSION(findObjectsInit), SESSION(findObject),
-      SESSION(findObjectsFinal), SESSION(loginellips), SESSION(setPINellips),
-      SESSION(loginAuthPath), SESSION(getCardStatus), SESSION(setCardStatus),
-      SESSION(getIdentrusObject), SESSION(generateKeyPair), SESSION(generateKeyPairOB),
-      SESSION(createObject), SESSION(installCertificate), SESSION(generateKey), SESSION(wrapKey),
-      SESSION(unwrapKey), OBJECT(copy, +1), OBJECT(destroy), OBJECT(size), OBJECT(getAttributeValue),
-      OBJECT(getBoolAttributeValue), OBJECT(getIntAttributeValue), OBJECT(getStringAttributeValue),
-      OBJECT(getByteArrayAttributeValue), OBJECT(getDateAttributeValue),
-      OBJECT(getBigIntegerAttributeValue), OBJECT(setAttributeValue), OBJECT(setAttributeValues),
-      OBJECT(setBoolAttributeValue), OBJECT(setIntAttributeValue)};
+#include "methods.inc"  // one of them for each method in src/
+  };
   return all;
 }
-// clang-format on
 
 const Method& method(const std::string& name) {
   for (const Method& candidate : methods()) {
