@@ -144,7 +144,7 @@ start_module() {
 
 if [ "$0" = "${BASH_SOURCE[0]}" ]; then
   if [ $# -lt 2 ] || ! declare -F "start_$1" >/dev/null; then
-    sed -n '2,10s/^# //p' "$0" >&2
+    sed -n '2,9s/^# //p' "$0" >&2
     exit 2
   fi
   start_module "$1"
