@@ -9,13 +9,6 @@
 
 namespace {
 
-jobject receiverOf(const std::string& name) {
-  return name.starts_with("Module.")    ? objects().module
-         : name.starts_with("Slot.")    ? objects().slot
-         : name.starts_with("Session.") ? objects().session
-                                        : objects().object;
-}
-
 std::string shown(char type, const jvalue& value) {
   return type == 'V'   ? "void"
          : type == 'I' ? std::to_string(value.i)
@@ -27,19 +20,26 @@ std::string shown(char type, const jvalue& value) {
 }  // namespace
 
 Outcome call(const std::string& name, const std::string& arguments, hooks::Run run,
-             const jobject* receiver) {
+             std::string receiver) {
   static JNIEnv* const hooked = hooks::hookedEnv(java());
   const Method& called = method(name);
   java()->PushLocalFrame(1024);
-  const std::vector<jvalue> values = parse(called.parameters, arguments);
+  if (receiver.empty()) {
+    receiver = name.starts_with("Module.")    ? "module"
+               : name.starts_with("Slot.")    ? "slot"
+               : name.starts_with("Session.") ? "session"
+                                              : "key";
+  }
+  std::vector<jvalue> values = parse("L" + called.parameters, receiver + ", " + arguments);
+  const jobject self = values.front().l;
+  values.erase(values.begin());
   scripted::calls.clear();
 
   Outcome outcome;
   outcome.run = std::move(run);
   testing::internal::CaptureStdout();
   hooks::begin(&outcome.run);
-  const jvalue result =
-      called.invoke(hooked, receiver != nullptr ? *receiver : receiverOf(name), values);
+  const jvalue result = called.invoke(hooked, self, values);
   hooks::end();
   outcome.output = outcome.marked = testing::internal::GetCapturedStdout();
   for (auto mark = outcome.run.marks.rbegin(); mark != outcome.run.marks.rend(); ++mark) {

@@ -22,9 +22,9 @@ struct Outcome {
 /// Calls a native method on the handle object of its class, with a fresh record of module calls.
 /// Expects what holds for every run: no violation, nothing held, heap balanced.
 /// @param arguments separated by commas
-/// @param receiver in place of that object
+/// @param receiver in place of that object, as Values.java names it
 Outcome call(const std::string& name, const std::string& arguments, hooks::Run run = {},
-             const jobject* receiver = nullptr);
+             std::string receiver = "");
 
 /// The scripted module, loaded and initialised anew, its record empty, with `debug` off; finalised
 /// at scope exit.

@@ -57,8 +57,7 @@ void addStatement(Row* row, std::string* part) {
       if (other.find('=') == std::string::npos && !name.empty()) other = name + other;
     }
   } else {
-    const char* quoted = rest.c_str();
-    row->expected[keyword] += rest[0] == '"' ? unquote(&quoted) : rest;
+    row->expected[keyword] += rest[0] == '"' ? unquote(rest.c_str()) : rest;
     row->stated[keyword].push_back(part);
   }
 }

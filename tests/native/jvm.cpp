@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 static JNIEnv* javaEnv = nullptr;
@@ -32,22 +33,4 @@ bool startJava() {
   JavaVM* vm = nullptr;
   const auto createVm = reinterpret_cast<jint (*)(JavaVM**, void**, void*)>(create);
   return createVm(&vm, reinterpret_cast<void**>(&javaEnv), &args) == JNI_OK;
-}
-
-jobject newHandle(const std::string& name, const std::string& owner, jobject of, jint handle) {
-  const std::string signature = "(L" + kPackage + owner + ";I)V";
-  return javaEnv->NewGlobalRef(newObject(kPackage + name, signature, of, handle));
-}
-
-const Objects& objects() {
-  static const Objects all = [] {
-    Objects made = {};
-    made.module = javaEnv->NewGlobalRef(newObject(kPackage + "NativePKCS11", "()V"));
-    made.slot = newHandle("NativePKCS11Slot", "NativePKCS11", made.module, 7);
-    made.session = newHandle("NativePKCS11Session", "NativePKCS11Slot", made.slot, 5);
-    made.object = newHandle("NativePKCS11Object", "NativePKCS11Session", made.session, 9);
-    made.other = newHandle("NativePKCS11Object", "NativePKCS11Session", made.session, -9);
-    return made;
-  }();
-  return all;
 }

@@ -23,7 +23,7 @@ const Method& method(const std::string& name);
 /// What a method returns beside an exception.
 std::string failureValue(const Method& method);
 
-/// Arguments with which the method succeeds, one text each (see values.h).
+/// Arguments with which the method succeeds, one text each (see Values.java).
 std::vector<std::string> goodArguments(const Method& method);
 
 #endif  // QUARVEL_TESTS_NATIVE_METHODS_H_

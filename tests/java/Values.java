@@ -1,0 +1,129 @@
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.nat.*;
+import java.io.ByteArrayOutputStream;
+import java.math.BigInteger;
+import java.text.SimpleDateFormat;
+import java.util.*;
+import java.util.regex.*;
+import java.util.stream.Collectors;
+
+/**
+ * Java values from text and as text, for the native tests.
+ *
+ * <p>They are written null, true, 12, 0x1F, "text" (escapes as in Java; "x"*9 is nine of them),
+ * bytes [31 ff] (also [00*1200]), arrays {1, 2} and {"a", 3}. Among the elements of an Object[]
+ * numbers are Integers, and big[00 ff] is a BigInteger, date20130305 a Date, foreign a Long, number0
+ * to number2 a number whose bytes are not to be had, each in its way. The handle objects have the
+ * names of {@link #HANDLES}.
+ */
+class Values {
+  private static final NativePKCS11 MODULE = new NativePKCS11();
+  private static final NativePKCS11Slot SLOT = new NativePKCS11Slot(MODULE, 7);
+  private static final NativePKCS11Session SESSION = new NativePKCS11Session(SLOT, 5);
+
+  /** Module, slot 7, session 5, in it the objects 9 and -9, and objects that are in none of it. */
+  private static final Map<String, Object> HANDLES = Map.of(
+      "module", MODULE, "slot", SLOT, "session", SESSION,
+      "key", new NativePKCS11Object(SESSION, 9), "key2", new NativePKCS11Object(SESSION, -9),
+      "orphan", new NativePKCS11Object(null, 9),
+      "negative", new NativePKCS11Object(new NativePKCS11Session(null, -5), -9));
+
+  private static final Pattern TOKEN = Pattern.compile(
+      "\"((?:[^\"\\\\]|\\\\.)*)\"(?:\\*(\\d+))?|\\w*\\[(.*?)]|[{}]|[^\\s,{}]+", Pattern.DOTALL);
+
+  private static class HostileNumber extends BigInteger {
+    private static final long serialVersionUID = 1L;
+    private final char mode;
+
+    HostileNumber(char mode) {
+      super("1");
+      this.mode = mode;
+    }
+
+    @Override
+    public byte[] toByteArray() {
+      return switch (mode) {
+        case '0' -> null;
+        case '1' -> new byte[0];
+        default -> throw new IllegalStateException();
+      };
+    }
+  }
+
+  /** One value for each letter of `types` (see methods.h), those of primitive types as a Long. */
+  static Object[] parse(String types, String texts) throws Exception {
+    Matcher tokens = TOKEN.matcher(texts);
+    Object[] values = new Object[types.length()];
+    for (int i = 0; i < values.length; i++) {
+      values[i] = value(tokens, types.charAt(i));
+    }
+    if (tokens.find()) throw new IllegalArgumentException("not a value: " + tokens.group());
+    return values;
+  }
+
+  private static Object value(Matcher tokens, char type) throws Exception {
+    if (!tokens.find()) throw new IllegalArgumentException("a value is missing");
+    String token = tokens.group();
+    if (type == 'Z') return Boolean.parseBoolean(token) ? 1L : 0L;
+    if (type == 'I' || type == 'J') return Long.decode(token);
+    if (token.startsWith("\"")) {
+      int times = tokens.group(2) == null ? 1 : Integer.parseInt(tokens.group(2));
+      return tokens.group(1).translateEscapes().repeat(times);
+    }
+    if (token.startsWith("[")) return bytes(tokens.group(3));
+    if (token.startsWith("big[")) return new BigInteger(bytes(tokens.group(3)));
+    if (token.startsWith("date")) return new SimpleDateFormat("yyyyMMdd").parse(token.substring(4));
+    if (token.startsWith("number")) return new HostileNumber(token.charAt(6));
+    return switch (token) {
+      case "null", "}" -> null;
+      case "true", "false" -> Boolean.valueOf(token);
+      case "foreign" -> 1L;
+      case "{" -> elements(tokens, type);
+      default -> HANDLES.containsKey(token) ? HANDLES.get(token) : Long.decode(token).intValue();
+    };
+  }
+
+  private static Object elements(Matcher tokens, char type) throws Exception {
+    List<Object> all = new ArrayList<>();
+    for (Object value = value(tokens, 'L'); !tokens.group().equals("}"); value = value(tokens, 'L')) {
+      all.add(value);
+    }
+    return type == 'A' ? all.stream().mapToInt(Integer.class::cast).toArray() : all.toArray();
+  }
+
+  private static byte[] bytes(String texts) {
+    ByteArrayOutputStream bytes = new ByteArrayOutputStream();
+    for (String text : texts.isEmpty() ? new String[0] : texts.split(" ")) {
+      String[] byteAndTimes = (text + "*1").split("\\*");
+      for (int i = 0; i < Integer.parseInt(byteAndTimes[1]); i++) {
+        bytes.write(Integer.parseInt(byteAndTimes[0], 16));
+      }
+    }
+    return bytes.toByteArray();
+  }
+
+  /**
+   * Any reference as text, arrays by their elements, handle objects with those they belong to, a
+   * PKCS11Exception as its message, another one as the name of its class.
+   */
+  static String show(Object shown) {
+    if (shown instanceof PKCS11Exception exception) return exception.getMessage();
+    if (shown instanceof Throwable) return shown.getClass().getName();
+    String text = Arrays.deepToString(new Object[] {shown});
+    Object[] all = shown instanceof Object[] array ? array : new Object[] {shown};
+    return text.substring(1, text.length() - 1) + Arrays.stream(all)
+        .map(Values::owner).filter(owner -> !owner.isEmpty()).distinct()
+        .collect(Collectors.joining(";"));
+  }
+
+  private static String owner(Object handle) {
+    return handle instanceof NativePKCS11Object object ? " in " + named("session", object.session())
+        : handle instanceof NativePKCS11Session session ? " on " + named("slot", session.slot())
+        : handle instanceof NativePKCS11Slot slot ? " of " + named("module", slot.module())
+        : "";
+  }
+
+  private static String named(String name, Object handle) {
+    return HANDLES.get(name) == handle ? "this " + name : show(handle);
+  }
+}
