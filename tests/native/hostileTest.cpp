@@ -74,18 +74,6 @@ long residentSize() {
 }
 
 TEST(Hostile, RandomWalk) {
-  const std::map<char, std::vector<std::string>> pool = {
-      {'I',
-       {"-2147483648", "-1", "0", "1", "3", "4", "17", "0x111", "0x120", "0x80", "2147483647"}},
-      {'J', {"-1", "0", "5"}},
-      {'Z', {"true", "false"}},
-      {'S', {"null", "\"\"", "\"1234\"", "\"\xC0\x80\"", "\"\xED\xA0\x80\"", "\"/nowhere\""}},
-      {'B', {"null", "[]", "[00]", "[32 30 31 33]", "[ff*300]"}},
-      {'A', {"null", "{}", "{3}", "{0, -1, 3}", "{3, 0x11, 0x100, 1, 0x122, 0x110}"}},
-      {'O',
-       {"null", "{}", "{\"x\"}", "{1, true, null}", "{big[00], date20130305, [01]}",
-        "{\"label\", [01 02], 3, true, big[00 ff], date20130305}", "{foreign}"}},
-      {'L', {"null", "key", "key", "\"text\"", "7", "foreign", "big[80]"}}};
   const std::size_t calls = setting("QUARVEL_WALK_CALLS", 2000);
   const std::size_t seed = setting("QUARVEL_WALK_SEED", 1);
   std::printf("random walk: %zu calls, seed %zu\n", calls, seed);
@@ -109,7 +97,7 @@ TEST(Hostile, RandomWalk) {
     }
     const Method& method = pick(methods());
     std::string arguments;
-    for (const char type : method.parameters) arguments += pick(pool.at(type)) + ", ";
+    for (const char type : method.parameters) arguments += pick(valuesOf(type)) + ", ";
     SCOPED_TRACE("call " + std::to_string(i) + ": " + method.name + "(" + arguments + ")");
     hooks::Run run;
     if (below(4) == 0) run.failJni = 1 + below(30);

@@ -81,21 +81,34 @@ std::string failureValue(const Method& method) {
   return found != byType.end() ? found->second : "null";
 }
 
+const std::vector<std::string>& valuesOf(char type) {
+  static const std::map<char, std::vector<std::string>> byType = {
+      {'I',
+       {"1", "-1", "0", "3", "4", "5", "17", "0x80", "0x111", "0x120", "-2147483648",
+        "2147483647"}},
+      {'J', {"1", "-1", "0", "5"}},
+      {'Z', {"true", "false"}},
+      {'S',
+       {"\"1234\"", "null", "\"\"", "\"/nowhere\"", "\"\xC0\x80\"", "\"\xED\xA0\x80\"",
+        "\"\xED\xA0\xBD\xED\xB8\x80\""}},
+      {'B', {"[32 30 31 33]", "null", "[]", "[00]", "[ff*300]"}},
+      {'A',
+       {"{3, 0x11, 0x100, 1, 0x122, 0x110}", "null", "{}", "{3}", "{0, -1, 3}",
+        "{3, 0x11, 0x100, 1, 0x122, 0x110, 5}"}},
+      {'O',
+       {"{\"label\", [01 02], 3, true, big[00 ff], date20130305}", "null", "{}", "{\"x\"}",
+        "{1, true, null}", "{foreign}", "{null, null, null, null, null, null}",
+        "{\"x\", foreign, 3, true, key, null}", "{\"\", [], 0, false, big[00], null, 1}"}},
+      {'L', {"key", "null", "key2", "\"text\"", "7", "foreign", "big[80]"}}};
+  return byType.at(type);
+}
+
 std::vector<std::string> goodArguments(const Method& method) {
   if (method.name == "Module.loadPKCS11Library") return {"\"" QUARVEL_SCRIPTED "\""};
   if (method.name == "Module.getRSAcredential") return {"\"found\"", "1", "\"1234\""};
   if (method.name == "Object.getAttributeValue") return {"0x121"};
   if (method.name == "Object.setAttributeValue") return {"3", "\"label\""};
-  const std::map<char, std::string> byType = {
-      {'I', "1"},
-      {'J', "1"},
-      {'Z', "true"},
-      {'S', "\"1234\""},
-      {'B', "[32 30 31 33]"},
-      {'A', "{3, 0x11, 0x100, 1, 0x122, 0x110}"},
-      {'O', "{\"label\", [01 02], 3, true, big[00 ff], date20130305}"},
-      {'L', "key"}};
   std::vector<std::string> arguments;
-  for (const char type : method.parameters) arguments.push_back(byType.at(type));
+  for (const char type : method.parameters) arguments.push_back(valuesOf(type).front());
   return arguments;
 }

@@ -23,7 +23,10 @@ const Method& method(const std::string& name);
 /// What a method returns beside an exception.
 std::string failureValue(const Method& method);
 
-/// Arguments with which the method succeeds, one text each (see Values.java).
+/// Values for a parameter of this type as Values.java writes them: a good one, then worse ones.
+const std::vector<std::string>& valuesOf(char type);
+
+/// Arguments with which the method succeeds.
 std::vector<std::string> goodArguments(const Method& method);
 
 #endif  // QUARVEL_TESTS_NATIVE_METHODS_H_

@@ -87,23 +87,13 @@ TEST(Sweep, EveryModuleFunctionFails) {
 }
 
 TEST(Sweep, EveryArgumentIsBadOnce) {
-  const std::map<char, std::vector<std::string>> bad = {
-      {'I', {"-1", "0", "1", "5", "-2147483648", "2147483647"}},
-      {'J', {"-1", "0"}},
-      {'Z', {"false"}},
-      {'S',
-       {"null", "\"\"", "\"x\"*1048576", "\"\xC0\x80\"", "\"\xED\xA0\x80\"",
-        "\"\xED\xA0\xBD\xED\xB8\x80\""}},
-      {'B', {"null", "[]", "[00]", "[41*1048576]"}},
-      {'A', {"null", "{}", "{3}", "{3, 0x11, 0x100, 1, 0x122, 0x110, 5}"}},
-      {'O',
-       {"null", "{}", "{\"x\"}", "{null, null, null, null, null, null}",
-        "{\"x\", foreign, 3, true, key, null}", "{\"\", [], 0, false, big[00], null, 1}"}},
-      {'L', {"null", "key2"}}};
+  const std::map<char, std::string> huge = {{'S', "\"x\"*1048576"}, {'B', "[41*1048576]"}};
   std::size_t cases = 0;
   for (const Method& method : methods()) {
     for (std::size_t at = 0; at < method.parameters.size(); ++at) {
-      for (const std::string& value : bad.at(method.parameters[at])) {
+      std::vector<std::string> values = valuesOf(method.parameters[at]);
+      if (huge.contains(method.parameters[at])) values.push_back(huge.at(method.parameters[at]));
+      for (const std::string& value : values) {
         ++cases;
         std::vector<std::string> arguments = goodArguments(method);
         arguments[at] = value;
