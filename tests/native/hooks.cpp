@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "scripted.h"
+#include "values.h"
 
 // The functions that the library may use. Java's variadic entries arrive as their V forms.
 // clang-format off
@@ -52,69 +53,52 @@ void mark(const std::string& what) {
   run->marks.push_back({what, static_cast<std::size_t>(std::ftell(stdout) - outputStart)});
 }
 
-// ---- Java arrays and strings handed out ----
+void violation(const std::string& text) { run->violations.push_back(text); }
 
-constexpr std::size_t kGuard = 16;
-constexpr unsigned char kGuardByte = 0xC5;
+[[noreturn]] void giveUp(const std::string& why) {
+  std::fprintf(stderr, "%s\n", why.c_str());
+  std::abort();
+}
+
+// ---- Java arrays and strings handed out ----
 
 struct Held {
   std::string by;  // the function that took it
+  void* real;      // what the virtual machine handed out
   std::size_t size;
 };
-std::map<void*, Held> held;
+std::map<const void*, Held> held;
 
-void violation(const std::string& text) { run->violations.push_back(text); }
-
-/// A copy between guard bytes, so that a write beyond the array shows.
-void* handOut(const std::string& by, const void* bytes, std::size_t size) {
-  auto* block = static_cast<unsigned char*>(__real_malloc(size + 2 * kGuard));
-  std::memset(block, kGuardByte, size + 2 * kGuard);
-  std::memcpy(block + kGuard, bytes, size);
-  held[block + kGuard] = {by, size};
-  return block + kGuard;
-}
-
-std::string shown(const std::string& by, const unsigned char* elements, std::size_t size) {
-  if (by == "GetStringUTFChars") return reinterpret_cast<const char*>(elements);
-  if (by == "GetByteArrayElements") return scripted::data(elements, size);
-  std::string list;
-  for (const unsigned char* at = elements; at < elements + size; at += sizeof(jint)) {
-    jint value;
-    std::memcpy(&value, at, sizeof value);
-    list += (list.empty() ? "" : ", ") + std::to_string(value);
-  }
-  return "{" + list + "}";
-}
-
-/// Takes elements back. @return what they hold; nothing when they are not held
-std::string takeBack(const std::string& by, const void* elements) {
-  const auto found = held.find(const_cast<void*>(elements));
-  if (found == held.end() || found->second.by != by) {
-    violation("given back, but not held: elements of " + by);
-    return "";
-  }
-  auto* block = static_cast<unsigned char*>(found->first) - kGuard;
-  const std::size_t size = found->second.size;
-  const auto intact = [](unsigned char byte) { return byte == kGuardByte; };
-  if (!std::all_of(block, block + kGuard, intact) ||
-      !std::all_of(block + kGuard + size, block + 2 * kGuard + size, intact)) {
-    violation("written beyond the elements of " + by);
-  }
-  mark("release " + shown(by, block + kGuard, size));
-  const std::string contents(reinterpret_cast<char*>(block) + kGuard, size);
-  held.erase(found);
-  __real_free(block);
-  return contents;
-}
-
-/// GetByteArrayElements and GetIntArrayElements.
+/// A copy in a block of its own, so that sanitizers see each access beyond it.
 template <typename Element>
-Element* copyOut(const char* by, jarray array) {
-  const auto size = static_cast<std::size_t>(realEnv->GetArrayLength(array));
-  void* elements = realEnv->GetPrimitiveArrayCritical(array, nullptr);
-  void* copy = handOut(by, elements, size * sizeof(Element));
-  realEnv->ReleasePrimitiveArrayCritical(array, elements, JNI_ABORT);
+Element* handOut(const char* by, Element* real, jsize count) {
+  const std::size_t size = static_cast<std::size_t>(count) * sizeof(Element);
+  void* copy = __real_malloc(size);
+  held[std::memcpy(copy, real, size)] = {
+      by, const_cast<void*>(static_cast<const void*>(real)), size};
   return static_cast<Element*>(copy);
+}
+
+std::string shown(const std::string& by, const void* elements, std::size_t size) {
+  if (by == "GetStringUTFChars") return static_cast<const char*>(elements);
+  if (by == "GetByteArrayElements") return scripted::data(elements, size);
+  std::vector<std::string> list;
+  const auto* types = static_cast<const jint*>(elements);
+  for (std::size_t i = 0; i < size / sizeof *types; ++i) list.push_back(std::to_string(types[i]));
+  return "{" + join(list) + "}";
+}
+
+/// Takes a copy back. @return what the virtual machine handed out, with the copy's contents
+template <typename Element>
+Element* takeBack(const std::string& by, Element* copy) {
+  const auto found = held.find(copy);
+  if (found == held.end() || found->second.by != by) giveUp("given back, but not taken by " + by);
+  const Held taken = found->second;
+  held.erase(found);
+  mark("release " + shown(by, copy, taken.size));
+  std::memcpy(taken.real, copy, taken.size);
+  __real_free(const_cast<void*>(static_cast<const void*>(copy)));
+  return static_cast<Element*>(taken.real);
 }
 
 // ---- The hooked entries ----
@@ -176,37 +160,27 @@ void replaceEntries(JNINativeInterface_* table) {
   };
   table->GetStringUTFChars = [](JNIEnv* env, jstring string, jboolean* /*isCopy*/) {
     const char* chars = env->GetStringUTFChars(string, nullptr);
-    void* copy = handOut("GetStringUTFChars", chars, std::strlen(chars) + 1);
-    env->ReleaseStringUTFChars(string, chars);
-    return static_cast<const char*>(copy);
+    return handOut("GetStringUTFChars", chars, static_cast<jsize>(std::strlen(chars) + 1));
   };
-  table->ReleaseStringUTFChars = [](JNIEnv*, jstring, const char* chars) {
-    takeBack("GetStringUTFChars", chars);
+  table->ReleaseStringUTFChars = [](JNIEnv* env, jstring string, const char* chars) {
+    env->ReleaseStringUTFChars(string, takeBack("GetStringUTFChars", chars));
   };
-  table->GetByteArrayElements = [](JNIEnv*, jbyteArray array, jboolean* /*isCopy*/) {
-    return copyOut<jbyte>("GetByteArrayElements", array);
+  table->GetByteArrayElements = [](JNIEnv* env, jbyteArray array, jboolean* /*isCopy*/) {
+    return handOut("GetByteArrayElements", env->GetByteArrayElements(array, nullptr),
+                   env->GetArrayLength(array));
   };
   table->ReleaseByteArrayElements = [](JNIEnv* env, jbyteArray array, jbyte* elements, jint mode) {
     if (mode != 0) violation("elements of a byte[] not copied back");
-    const std::string contents = takeBack("GetByteArrayElements", elements);
-    const jthrowable pending = env->ExceptionOccurred();
-    env->ExceptionClear();
-    env->SetByteArrayRegion(array, 0, static_cast<jsize>(contents.size()),
-                            reinterpret_cast<const jbyte*>(contents.data()));
-    if (pending != nullptr) env->Throw(pending);
+    env->ReleaseByteArrayElements(array, takeBack("GetByteArrayElements", elements), mode);
   };
-  table->GetIntArrayElements = [](JNIEnv*, jintArray array, jboolean* /*isCopy*/) {
-    return copyOut<jint>("GetIntArrayElements", array);
+  table->GetIntArrayElements = [](JNIEnv* env, jintArray array, jboolean* /*isCopy*/) {
+    return handOut("GetIntArrayElements", env->GetIntArrayElements(array, nullptr),
+                   env->GetArrayLength(array));
   };
-  table->ReleaseIntArrayElements = [](JNIEnv*, jintArray, jint* elements, jint mode) {
+  table->ReleaseIntArrayElements = [](JNIEnv* env, jintArray array, jint* elements, jint mode) {
     if (mode != JNI_ABORT) violation("elements of an int[] copied back");
-    takeBack("GetIntArrayElements", elements);
+    env->ReleaseIntArrayElements(array, takeBack("GetIntArrayElements", elements), mode);
   };
-}
-
-[[noreturn]] void forbidden() {
-  std::fprintf(stderr, "a JNI function was called that the library does not use\n");
-  std::abort();
 }
 
 }  // namespace
@@ -228,7 +202,7 @@ JNIEnv* hookedEnv(JNIEnv* real) {
   realEnv = real;
   JNINativeInterface_ behind = *real->functions;
   replaceEntries(&behind);
-  void (*trap)() = forbidden;
+  void (*trap)() = [] { giveUp("a JNI function was called that the library does not use"); };
   for (std::size_t at = 0; at < sizeof table; at += sizeof trap) {
     std::memcpy(reinterpret_cast<char*>(&table) + at, &trap, sizeof trap);
   }
