@@ -101,7 +101,6 @@ class EndToEndTest {
   }
 
   @Test
-  @SuppressWarnings("deprecation")
   void logsInAndOutAndRefusesTheRest() throws Exception {
     assertEquals(new PKCS11SessionInfo(CKS_RW_USER_FUNCTIONS, 6, 0), session.getInfo());
     session.setPIN(PIN, "0\u00e0\u00e99");
@@ -114,8 +113,6 @@ class EndToEndTest {
         () -> session.loginellips(false, (PIN + "\0").getBytes(UTF_8)));
     assertFails("CKR_ARGUMENTS_BAD (0x7)", () -> session.login(null));
     assertFails("CKR_ARGUMENTS_BAD (0x7)", () -> session.login("12\ud83d4".toCharArray()));
-    // SoftHSM2 has no PIN pad to turn to.
-    assertFails("CKR_ARGUMENTS_BAD (0x7)", () -> session.loginAuthPath(false));
     session.login(true, SO_PIN);
     session.initPIN("56789");
     session.logout();
@@ -124,10 +121,6 @@ class EndToEndTest {
     session.setPIN("56789", PIN);
     session.slot().closeAllSessions();
     assertFails("CKR_SESSION_HANDLE_INVALID (0xB3)", session::close);
-    assertFails("Not supported", () -> session.slot().initToken(SO_PIN, "new"));
-    assertFails("Internal error", () -> session.login(false, null));
-    module.libFinalize();
-    assertFails("Internal error", session::getInfo);
   }
 
   @Test
@@ -322,24 +315,6 @@ class EndToEndTest {
         " *serial: +0*%X".formatted(certificate.getSerialNumber()), "Data object .*",
         " *application: +'listing'", "Secret Key Object; AES length 32", " *label: +\u00e9");
     assertFalse(openSc(listing).contains("label"));
-  }
-
-  @Test
-  @SuppressWarnings("deprecation")
-  void leavesCardSpecificCallsToTheirCards() throws Exception {
-    assertEquals(0, session.getIdentrusObject().objectID());
-    assertFails("CKR_OBJECT_HANDLE_INVALID (0x82)", session::getCardStatus);
-    assertFails("CKR_OBJECT_HANDLE_INVALID (0x82)", () -> session.setCardStatus(8));
-    assertFails("CKR_ATTRIBUTE_TYPE_INVALID (0x12)", () -> session.installCertificate(
-        5, certificate.getEncoded(), 0, "CN=Test", "1", "CN=Test", "label"));
-    assertFails("CKR_ATTRIBUTE_TYPE_INVALID (0x12)",
-        () -> session.generateKeyPairOB(CKM_RSA_PKCS_KEY_PAIR_GEN, true));
-    // SoftHSM2 refuses the attribute, but keeps the private key.
-    PKCS11Template half = new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY).put(CKA_LABEL, "");
-    for (NativePKCS11Object left : session.findAll(half)) {
-      left.destroy();
-    }
-    assertFails("vendor-defined 0xFFFFFFFF", () -> module.getRSAcredential("alias", 0, null));
   }
 
   static void assertFails(String message, Executable call) {
