@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <set>
 #include <thread>
 
@@ -44,6 +44,7 @@ void __wrap_free(void* block) {
 }
 
 static Handles seen;  // by the module's C_GetObjectSize: session and object
+static constexpr auto succeed = [](auto...) { return CK_RV{CKR_OK}; };
 
 class Adapter : public testing::Test {
  protected:
@@ -79,7 +80,6 @@ class Adapter : public testing::Test {
   }
   /// What the module sees of a call with session and object, or the refusal.
   Handles use(H session, H object) {
-    CK_ULONG size;
     const CK_RV rv = p11->C_GetObjectSize(session, object, &size);
     return rv == CKR_OK ? seen : Handles{rv};
   }
@@ -94,6 +94,11 @@ class Adapter : public testing::Test {
 
   CK_FUNCTION_LIST* p11 = nullptr;
   Handles found;
+  // Arguments that calls need.
+  CK_MECHANISM mechanism = {};
+  CK_BYTE bytes[8] = {};
+  CK_ULONG size = 0;
+  H made = 0;
 };
 
 constexpr H kWide = 0x7F0000000010;
@@ -148,12 +153,8 @@ TEST_F(Adapter, NumbersHandlesThatDoNotFit) {
 }
 
 TEST_F(Adapter, RefusesNumbersThatItNeverGaveOut) {
-  const auto succeed = [](auto...) { return CK_RV{CKR_OK}; };
   module.C_SetOperationState = succeed;
   const H s = open(kWide), key = make(s, kWide), none = 0x7FFFFFF0;
-  CK_MECHANISM mechanism = {};
-  CK_ULONG size = 0;
-  H made;
   scripted::calls.clear();
   EXPECT_EQ(use(none, key), kNoSession);
   EXPECT_EQ(use(s, none), kNoObject);
@@ -228,13 +229,12 @@ TEST_F(Adapter, UndoesWhatItHasNoMemoryFor) {
     p11->C_Finalize(nullptr);
     p11->C_Initialize(nullptr);
     scripted::calls.clear();
-    H session = 0, keys[2];
-    CK_MECHANISM mechanism = {};
+    H session = 0;
     heapLeft = blocks;
     script.handle = kWide;
     CK_RV rv = p11->C_OpenSession(7, 0, nullptr, nullptr, &session);
     if (rv == CKR_OK) {
-      rv = p11->C_GenerateKeyPair(session, &mechanism, nullptr, 0, nullptr, 0, keys, keys + 1);
+      rv = p11->C_GenerateKeyPair(session, &mechanism, nullptr, 0, nullptr, 0, &made, &made);
     }
     heapLeft = -1;
     EXPECT_EQ(rv, blocks < 4 ? CKR_HOST_MEMORY : CKR_OK);
@@ -313,7 +313,7 @@ TEST_F(Adapter, TakesTurnsWhereTheModuleCannotLock) {
 
 TEST_F(Adapter, WorksInAChildWhileItsParentIsBusy) {
   const H session = open(kWide), object = make(session, kWide);
-  module.C_GetObjectSize = [](auto...) { return CK_RV{CKR_OK}; };
+  module.C_GetObjectSize = succeed;
   std::atomic<bool> stop = false;
   std::jthread busy([&] {
     while (!stop) p11->C_GetObjectSize(session, object, nullptr);
@@ -335,12 +335,10 @@ TEST_F(Adapter, AnswersAListWithRoomForNone) {
     *count = script.slots.size();
     return CK_RV{CKR_OK};
   };
-  H slot;
-  CK_ULONG count = 0;
-  EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, &slot, &count), CKR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(count, 2);
+  EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, &made, &size), CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(size, 2);
   script.slots.clear();
-  EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, &slot, &(count = 0)), CKR_OK);
+  EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, &made, &(size = 0)), CKR_OK);
 }
 
 // ---- What it lifts ----
@@ -375,21 +373,18 @@ TEST_F(Adapter, NarrowsTypesAndCompletesMechanisms) {
         Handles{CKM_SHA256_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 32},
         Handles{CKM_SHA384_RSA_PKCS_PSS, CKM_SHA384, CKG_MGF1_SHA384, 48},
         Handles{CKM_SHA512_RSA_PKCS_PSS, CKM_SHA512, CKG_MGF1_SHA512, 64}}) {
-    CK_MECHANISM mechanism = {standard[0], nullptr, 0};
+    mechanism = {standard[0], nullptr, 0};
     EXPECT_EQ(p11->C_DecryptInit(session, &mechanism, key), CKR_OK);
     EXPECT_EQ(given.front(), standard.front() & 0xFFFFFFFF);
     EXPECT_TRUE(std::equal(given.begin() + 1, given.end(), standard.begin() + 1, standard.end()));
-    CK_ULONG own = 1;
-    mechanism = {standard[0], &own, sizeof own};
+    mechanism = {standard[0], &size, sizeof size};
     EXPECT_EQ(p11->C_DecryptInit(session, &mechanism, key), CKR_OK);
-    EXPECT_EQ(given, (Handles{standard[0] & 0xFFFFFFFF, own})) << "the caller's own parameter";
+    EXPECT_EQ(given, (Handles{standard[0] & 0xFFFFFFFF, size})) << "the caller's own parameter";
   }
 }
 
 TEST_F(Adapter, LogsInForAnOperation) {
   const H session = open(kWide), key = make(session, 0x21);
-  CK_MECHANISM mechanism = {};
-  CK_BYTE bytes[3] = {};
   const auto sign = [&](CK_BYTE* out, CK_ULONG room) {
     return p11->C_Sign(session, bytes, 1, out, &room);
   };
@@ -513,12 +508,10 @@ TEST_F(Adapter, SurvivesModulesThatMisbehave) {
     SCOPED_TRACE(misbehaviour.name);
     scripted::reset();
     misbehaviour.install();
-    H slots[8], session = 0, object = 0, made[2];
-    CK_BYTE bytes[8] = {};
-    CK_ULONG size = 8;
+    H slots[8], session = 0, object = 0;
     CK_ATTRIBUTE attribute = {0xFFFFFFFF80000001, bytes, sizeof bytes};
-    CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS_PSS, nullptr, 0};
-    p11->C_GetSlotList(CK_TRUE, slots, &size);
+    mechanism = {CKM_SHA256_RSA_PKCS_PSS, nullptr, 0};
+    p11->C_GetSlotList(CK_TRUE, slots, &(size = 8));
     p11->C_GetMechanismList(7, slots, &(size = 8));
     for (int i = 0; i < 3; ++i) {
       p11->C_OpenSession(7, 0, nullptr, nullptr, &session);
@@ -530,7 +523,7 @@ TEST_F(Adapter, SurvivesModulesThatMisbehave) {
       p11->C_SignInit(session, &mechanism, object);
       p11->C_Sign(session, bytes, 8, bytes, &(size = 8));
       p11->C_WrapKey(session, &mechanism, object, object, bytes, &(size = 8));
-      p11->C_GenerateKeyPair(session, &mechanism, &attribute, 1, &attribute, 1, made, made + 1);
+      p11->C_GenerateKeyPair(session, &mechanism, &attribute, 1, &attribute, 1, &made, &made);
       p11->C_DestroyObject(session, object);
       if (i != 1) p11->C_CloseSession(session);
     }
@@ -539,19 +532,18 @@ TEST_F(Adapter, SurvivesModulesThatMisbehave) {
 
 // A module for many threads. Its sessions and objects are one kind of thing; the lowest free handle
 // is handed out at once anew, and each thing has a name of its own, which C_GetObjectSize tells.
-static std::mutex thingsMutex;
-static std::map<H, H> things;
+static std::array<std::atomic<H>, 64> things;  // the names by handle, 0 for a free one
 
 static CK_RV makeThing(H* handle) {
-  static H lastName;
-  const std::lock_guard lock(thingsMutex);
-  for (*handle = kWide; things.contains(*handle); ++*handle) continue;
-  things[*handle] = ++lastName;
+  static std::atomic<H> lastName;
+  const H name = ++lastName;
+  std::size_t at = 0;
+  for (H none = 0; !things[at].compare_exchange_strong(none, name); none = 0) ++at;
+  *handle = kWide + at;
   return CKR_OK;
 }
 static CK_RV endThing(H handle) {
-  const std::lock_guard lock(thingsMutex);
-  return things.erase(handle) == 1 ? CKR_OK : CKR_GENERAL_ERROR;
+  return things.at(handle - kWide).exchange(0) != 0 ? CKR_OK : CKR_GENERAL_ERROR;
 }
 
 TEST_F(Adapter, ServesManyThreads) {
@@ -560,33 +552,31 @@ TEST_F(Adapter, ServesManyThreads) {
   module.C_CloseSession = endThing;
   module.C_DestroyObject = [](H, H object) { return endThing(object); };
   module.C_GetObjectSize = [](H session, H object, CK_ULONG* name) {
-    const std::lock_guard lock(thingsMutex);
-    if (!things.contains(session) || !things.contains(object)) return CK_RV{CKR_GENERAL_ERROR};
-    *name = things[object];
-    return CK_RV{CKR_OK};
+    *name = things.at(object - kWide);
+    return CK_RV{*name != 0 && things.at(session - kWide) != 0 ? CKR_OK : CKR_GENERAL_ERROR};
   };
-  module.C_FindObjectsInit = [](H, CK_ATTRIBUTE*, CK_ULONG) { return CK_RV{CKR_OK}; };
+  module.C_FindObjectsInit = succeed;
   module.C_FindObjects = [](H, H* objects, CK_ULONG room, CK_ULONG* count) {
-    const std::lock_guard lock(thingsMutex);
-    for (*count = 0; auto& thing : things) {
-      if (*count < room) objects[(*count)++] = thing.first;
+    *count = 0;
+    for (H at = 0; at < things.size() && *count < room; ++at) {
+      if (things[at] != 0) objects[(*count)++] = kWide + at;
     }
     return CK_RV{CKR_OK};
   };
-  module.C_SignInit = [](H, CK_MECHANISM*, H) { return CK_RV{CKR_OK}; };
+  module.C_SignInit = succeed;
   std::vector<std::jthread> threads;
   for (H slot = 0; slot < 8; ++slot) {
     threads.emplace_back([this, slot] {
       H session = 0, object = 0, before = 0, after = 1, objects[5];
       CK_ULONG count;
-      CK_MECHANISM mechanism = {};
+      CK_MECHANISM own = {};
       for (int round = 0; round < 2000; ++round) {
         CK_RV rv = p11->C_OpenSession(slot % 2, 0, nullptr, nullptr, &session);
         rv |= p11->C_CreateObject(session, nullptr, 0, &object);
         rv |= p11->C_GetObjectSize(session, object, &before);
         rv |= p11->C_FindObjectsInit(session, nullptr, 0);
         rv |= p11->C_FindObjects(session, objects, 5, &count);
-        rv |= p11->C_SignInit(session, &mechanism, object);
+        rv |= p11->C_SignInit(session, &own, object);
         rv |= p11->C_GetObjectSize(session, object, &after);
         rv |= p11->C_DestroyObject(session, object);
         rv |= p11->C_CloseSession(session);
