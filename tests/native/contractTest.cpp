@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <deque>
 #include <fstream>
+#include <iomanip>
 #include <map>
 #include <set>
+#include <sstream>
 
 #include "call.h"
 #include "pkcs11Bridge.h"
@@ -88,13 +90,9 @@ void apply(const std::string& given, hooks::Run* run) {
   if (name == "not") bridge::loaded = 0;
   if (given.find('=') == std::string::npos) return;
   std::vector<CK_ULONG> values;
-  const int base = name == "value" ? 16 : 0;
-  const char* text = given.c_str() + given.find('=') + 1;
-  for (char* end = nullptr;; text = end) {
-    const CK_ULONG value = std::strtoul(text, &end, base);
-    if (end == text) break;
-    values.push_back(value);
-  }
+  std::istringstream texts(given.substr(given.find('=') + 1));
+  texts >> std::setbase(name == "value" ? 16 : 0);
+  for (CK_ULONG value; texts >> value;) values.push_back(value);
   const std::map<std::string, std::vector<CK_ULONG>*> lists = {
       {"slots", &script.slots},
       {"mechanisms", &script.mechanisms},

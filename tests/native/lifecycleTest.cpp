@@ -48,44 +48,35 @@ std::string run(const std::string& steps) {
 
 const std::string kRefused = "void ! Internal error";
 
-struct BadModule {
-  const char* what;
-  std::string path;
-  CK_RV answer;
-  CK_FUNCTION_LIST_PTR list;
-  std::string result;
-};
-
 // The bridge starts, and ends, each of these tests without a usable module.
 TEST(Lifecycle, BadModulesAreRefusedAndChangeNothing) {
   scripted::reset();
-  const std::string refused = "0 ! Internal error";
-  const std::vector<BadModule> modules = {
-      {"no file", "\"/nowhere/module.so\"", CKR_OK, &scripted::list, refused},
-      {"no library", "\"" QUARVEL_CONTRACT "\"", CKR_OK, &scripted::list, refused},
-      {"a folder", "\"/\"", CKR_OK, &scripted::list, refused},
-      {"no C_GetFunctionList", "\"libm.so.6\"", CKR_OK, &scripted::list, refused},
-      {"a failing C_GetFunctionList", kLoad, 5, &scripted::list, "0 ! CKR_GENERAL_ERROR (0x5)"},
-      {"a failing C_GetFunctionList that clears the list", kLoad, 5, nullptr,
-       "0 ! CKR_GENERAL_ERROR (0x5)"},
-      {"a null list", kLoad, CKR_OK, nullptr, refused},
-      {"a list that is not written", "\"" QUARVEL_SILENT "\"", CKR_OK, &scripted::list, refused},
-  };
+  const std::string refused = "0 ! Internal error", failed = "0 ! CKR_GENERAL_ERROR (0x5)";
+  CK_FUNCTION_LIST* const list = &scripted::list;
+  // Path, what C_GetFunctionList answers and hands out, what comes of it, whether it stays open.
+  const std::vector<std::tuple<std::string, CK_RV, CK_FUNCTION_LIST*, std::string, bool>> modules =
+      {{"\"/nowhere/module.so\"", CKR_OK, list, refused, false},
+       {"\"" QUARVEL_CONTRACT "\"", CKR_OK, list, refused, false},
+       {"\"/\"", CKR_OK, list, refused, false},
+       {"\"libm.so.6\"", CKR_OK, list, refused, true},
+       {kLoad, 5, list, failed, true},
+       {kLoad, 5, nullptr, failed, true},
+       {kLoad, CKR_OK, nullptr, refused, true},
+       {"\"" QUARVEL_SILENT "\"", CKR_OK, list, refused, true}};
   for (const bool initialised : {false, true}) {
-    for (const BadModule& bad : modules) {
-      SCOPED_TRACE(bad.what + std::string(initialised ? " over an initialised module" : ""));
+    for (const auto& [path, answer, handedOut, result, open] : modules) {
+      SCOPED_TRACE(path + (initialised ? " over an initialised module" : ""));
       std::optional<FreshModule> earlier;
       if (initialised) earlier.emplace();
-      script.answers = {{"C_GetFunctionList", bad.answer}};
-      scripted::handedOut = bad.list;
-      EXPECT_EQ(load(bad.path), bad.result);
-      EXPECT_EQ(bridge::hLibrary == nullptr, bad.path.find(".so") == std::string::npos ||
-                                                 bad.path.find("nowhere") != std::string::npos);
+      script.answers = {{"C_GetFunctionList", answer}};
+      scripted::handedOut = handedOut;
+      EXPECT_EQ(load(path), result);
+      EXPECT_EQ(bridge::hLibrary != nullptr, open);
       scripted::calls.clear();
       // Calls keep reaching an earlier module through its list, if the bad one left it in place,
       // and until libFinalize.
       EXPECT_EQ(
-          run("ic"), kRefused + "; " + (initialised && bad.list != nullptr ? "void" : kRefused));
+          run("ic"), kRefused + "; " + (initialised && handedOut != nullptr ? "void" : kRefused));
       EXPECT_EQ(run("fc"), "void; " + kRefused);
       EXPECT_EQ(bridge::loaded, 0);
       FreshModule();
@@ -197,17 +188,17 @@ TEST(Lifecycle, TextsAreCopiedUpToTheirFirstNul) {
 }  // namespace
 
 // The linker's --wrap sends the credential lookups here: this one finds the alias "found...".
-extern "C" CK_RV __real_getRSACred(CK_CHAR_PTR, CK_ULONG, CK_FLAGS, CK_CHAR_PTR, CK_ULONG,
-                                   CK_SLOT_ID_PTR, CK_SESSION_HANDLE_PTR, CK_OBJECT_HANDLE_PTR,
-                                   CK_OBJECT_HANDLE_PTR, CK_OBJECT_HANDLE_PTR);
-extern "C" CK_RV __wrap_getRSACred(
-    CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags, CK_CHAR_PTR pin, CK_ULONG pinLen,
-    CK_SLOT_ID_PTR slot, CK_SESSION_HANDLE_PTR session, CK_OBJECT_HANDLE_PTR privateHandle,
-    CK_OBJECT_HANDLE_PTR publicHandle, CK_OBJECT_HANDLE_PTR certificateHandle) {
+extern "C" {
+decltype(bridge::getRSACred) __real_getRSACred, __wrap_getRSACred;
+}
+CK_RV __wrap_getRSACred(CK_CHAR_PTR alias, CK_ULONG aliasLen, CK_FLAGS flags, CK_CHAR_PTR pin,
+                        CK_ULONG pinLen, CK_SLOT_ID* slot, CK_SESSION_HANDLE* session,
+                        CK_OBJECT_HANDLE* privateKey, CK_OBJECT_HANDLE* publicKey,
+                        CK_OBJECT_HANDLE* certificate) {
   const std::string name(reinterpret_cast<const char*>(alias));
   if (!name.starts_with("found")) {
-    return __real_getRSACred(alias, aliasLen, flags, pin, pinLen, slot, session, privateHandle,
-                             publicHandle, certificateHandle);
+    return __real_getRSACred(
+        alias, aliasLen, flags, pin, pinLen, slot, session, privateKey, publicKey, certificate);
   }
   const std::string pinText = pin != nullptr ? reinterpret_cast<const char*>(pin) : "null";
   scripted::calls.push_back(
@@ -215,8 +206,8 @@ extern "C" CK_RV __wrap_getRSACred(
       pinText + "/" + std::to_string(pinLen) + ")");
   *slot = 7;
   *session = 5;
-  *privateHandle = 0x11;
-  *publicHandle = CK_INVALID_HANDLE;
-  *certificateHandle = 0x100000013;
+  *privateKey = 0x11;
+  *publicKey = CK_INVALID_HANDLE;
+  *certificate = 0x100000013;
   return CKR_OK;
 }
