@@ -2,32 +2,30 @@
 # The ways in which a Java program can be put together: platforms.sh JDK JAR CLASSES. Each runs the
 # same small program on a throwaway token.
 set -euo pipefail
-jdk=$1 jar=$2 classes=$3
+jdk=$1 jar=$2 classes=$3 java=$1/bin/java
 version=$(sed -n 's/JAVA_VERSION="\([0-9]*\).*/\1/p' "$jdk/release")
 . "$(dirname "$0")/token.sh"
 start_module softhsm2
 work=$TOKEN_DIR
 
-# runs NAME JAVA ARGUMENTS...
+# runs NAME ARGUMENTS...
 runs() {
-  name=$1
-  shift
-  "$@" OpenModule "$QUARVEL_PKCS11_MODULE" "$QUARVEL_PIN" >"$work/out" 2>&1 || { echo "$name failed:"; cat "$work/out"; exit 1; }
-  echo "$name: works"
+  "$java" "${@:2}" OpenModule "$QUARVEL_PKCS11_MODULE" "$QUARVEL_PIN" >"$work/out" 2>&1 ||
+    { echo "$1 failed:"; cat "$work/out"; exit 1; }
+  echo "$1: works"
 }
 
-runs 'class path' "$jdk/bin/java" -cp "$jar:$classes"
-runs 'module path' "$jdk/bin/java" --module-path "$jar" --add-modules it.quarvel.pkcs11 -cp "$classes"
+runs 'class path' -cp "$jar:$classes"
+runs 'module path' --module-path "$jar" --add-modules it.quarvel.pkcs11 -cp "$classes"
 "$jdk/bin/jlink" --module-path "$jar" --add-modules it.quarvel.pkcs11 --output "$work/image"
-runs 'jlink image' "$work/image/bin/java" -cp "$classes"
+java=$work/image/bin/java runs 'jlink image' -cp "$classes"
 
 # ---- Where the native library comes from ----
 
 # fails ARGUMENTS...: the program does not start; has TEXT: its error says so
 fails() {
-  "$jdk/bin/java" -Djava.library.path=/nowhere "$@" OpenModule none none >"$work/out" 2>&1 &&
+  ! "$java" -Djava.library.path=/nowhere "$@" OpenModule none none >"$work/out" 2>&1 ||
     { echo "started with $*"; exit 1; }
-  return 0
 }
 has() { grep -q "$1" "$work/out" || { echo "no '$1' in:"; cat "$work/out"; exit 1; }; }
 
@@ -38,12 +36,12 @@ find "$work/bare" -name "libquarvelpkcs11*.so" -exec mv -t "$work/system" {} +
 sed 's/1\.16/0.99/' "$work/system/libquarvelpkcs11.so" >"$work/other/libquarvelpkcs11.so"
 cp "$work/system/libquarvelpkcs11.so" "$work/my library.so"
 
-runs 'named file' "$jdk/bin/java" -cp "$jar:$classes" \
+runs 'named file' -cp "$jar:$classes" \
   -Dit.quarvel.pkcs11.library="$work/my library.so" -Djava.library.path="$work/other"
-runs 'copy from the jar' "$jdk/bin/java" -cp "$jar:$classes" -Djava.library.path="$work/other" \
+runs 'copy from the jar' -cp "$jar:$classes" -Djava.library.path="$work/other" \
   -Dit.quarvel.pkcs11.tmpdir="$work/copies"
 rmdir "$work/copies" # the copy has gone
-runs 'library of the system' "$jdk/bin/java" -cp "$work/bare:$classes" \
+runs 'library of the system' -cp "$work/bare:$classes" \
   -Djava.library.path="$work/system"
 fails -cp "$jar:$classes" -Dit.quarvel.pkcs11.library=/nowhere/file.so
 has 'UnsatisfiedLinkError.*-Dit.quarvel.pkcs11.library'
@@ -62,15 +60,15 @@ done
 
 if [ "$version" -ge 24 ]; then
   deny=--illegal-native-access=deny
-  runs 'native access denied but to the class path' "$jdk/bin/java" $deny \
-    --enable-native-access=ALL-UNNAMED -cp "$jar:$classes"
-  runs 'native access denied but to the module' "$jdk/bin/java" $deny \
+  runs 'native access denied but to the class path' $deny --enable-native-access=ALL-UNNAMED \
+    -cp "$jar:$classes"
+  runs 'native access denied but to the module' $deny \
     --enable-native-access=it.quarvel.pkcs11 --module-path "$jar" --add-modules it.quarvel.pkcs11 \
     -cp "$classes"
-  "$jdk/bin/java" $deny -jar "${jar%.jar}-cli.jar" info --module none >"$work/out" 2>&1 || true
+  "$java" $deny -jar "${jar%.jar}-cli.jar" info --module none >"$work/out" 2>&1 || true
   has 'has to name the file of a PKCS#11 module'
   echo 'native access denied but to the inspector: works'
-  "$jdk/bin/java" $deny -cp "$jar:$classes" OpenModule none none >"$work/out" 2>&1 || true
+  fails $deny -cp "$jar:$classes"
   has 'start it with --enable-native-access=ALL-UNNAMED'
   echo 'native access denied: the error names the flag'
 fi
