@@ -2,9 +2,8 @@
 # One real PKCS#11 module, started in a temporary folder and ended with the script; the user's own
 # tokens and configuration are left alone. Sourced, it gives `start_module MODULE`; called, it runs
 # a command: token.sh MODULE COMMAND ARG...
-# QUARVEL_PKCS11_MODULE is the module's file, and QUARVEL_PKCS11_ADAPTED_MODULE the same for the
-# adapter, QUARVEL_TOKEN is the token's label, QUARVEL_PIN and QUARVEL_SO_PIN are its PINs (empty: it
-# has none), TOKEN_DIR is a folder that goes when the script ends. A module that cannot be had here
+# QUARVEL_PKCS11_MODULE is the module's file, QUARVEL_TOKEN the token's label, QUARVEL_PIN and
+# QUARVEL_SO_PIN are its PINs (empty: it has none), TOKEN_DIR is a folder that goes when the script ends. A module that cannot be had here
 # ends the script with status 77.
 # MODULE: softhsm2 spy opencryptoki nss tpm2 trust server opensc; the last is whatever card is in the
 # reader, and QUARVEL_CARD_PIN its PIN.
@@ -41,7 +40,6 @@ end_module() { :; }
 
 is_module() { # FILE LABEL PIN SO_PIN
   export QUARVEL_PKCS11_MODULE=$1 QUARVEL_TOKEN=$2 QUARVEL_PIN=$3 QUARVEL_SO_PIN=$4
-  export QUARVEL_PKCS11_ADAPTED_MODULE=$1
 }
 
 start_softhsm2() {

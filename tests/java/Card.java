@@ -1,5 +1,6 @@
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
+import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.nat.*;
 
 /**
@@ -8,15 +9,8 @@ import it.quarvel.pkcs11.nat.*;
  */
 class Card {
   public static void main(String[] args) throws Exception {
-    NativePKCS11.loadPKCS11Library(args[0]);
-    NativePKCS11 module = new NativePKCS11();
-    module.libInitialize();
-    NativePKCS11Session session = null;
-    for (NativePKCS11Slot slot : module.slots(true)) {
-      if (slot.getTokenInfo().trimmedLabel().equals(System.getenv("QUARVEL_TOKEN"))) {
-        session = slot.openSession(true);
-      }
-    }
+    PKCS11Module module = PKCS11Module.open(System.getenv("QUARVEL_PKCS11_MODULE"));
+    NativePKCS11Session session = module.token(System.getenv("QUARVEL_TOKEN")).openSession(true);
     expect(0, session.getIdentrusObject().objectID());
     NativePKCS11Object application = session.createObject(
         new int[] {CKA_CLASS, CKA_TOKEN, CKA_MODIFIABLE, 0x80000201, 0x80004400},
@@ -29,7 +23,7 @@ class Card {
     expect(-112, session.getCardStatus());
     application.destroy();
     expect(0, session.getIdentrusObject().objectID());
-    module.libFinalize();
+    module.close();
   }
 
   private static void expect(int expected, int actual) {
