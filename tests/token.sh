@@ -3,8 +3,8 @@
 # tokens and configuration are left alone. Sourced, it gives `start_module MODULE`; called, it runs
 # a command: token.sh MODULE COMMAND ARG...
 # QUARVEL_PKCS11_MODULE is the module's file, QUARVEL_TOKEN the token's label, QUARVEL_PIN and
-# QUARVEL_SO_PIN are its PINs (empty: it has none), TOKEN_DIR is a folder that goes when the script ends. A module that cannot be had here
-# ends the script with status 77.
+# QUARVEL_SO_PIN are its PINs (empty: it has none), TOKEN_DIR is a folder that goes when the script
+# ends. A module that cannot be had here ends the script with status 77.
 # MODULE: softhsm2 spy opencryptoki nss tpm2 trust server opensc; the last is whatever card is in the
 # reader, and QUARVEL_CARD_PIN its PIN.
 # shellcheck disable=SC2317  # what a trap calls

@@ -157,23 +157,17 @@ final class ModuleFile {
           || !Arrays.equals(header, MACHINE, HEADER, own, MACHINE, HEADER)) {
         return file + " is a library for another architecture";
       }
-      // The virtual machine could tell more, but would look for native methods in what it has loaded.
-      String content = new String(read(file, Integer.MAX_VALUE), StandardCharsets.ISO_8859_1);
-      return file + (content.contains("C_GetFunctionList")
-          ? " cannot be loaded; \"ldd -r\" shows the libraries and functions that it misses"
-          : " is a library, but no PKCS#11 module");
     } catch (IOException e) {
       return file + " cannot be read: " + e.getMessage();
     }
+    // System.load could tell more, but then native methods would be looked for in what it has loaded.
+    return file + " cannot be loaded as a PKCS#11 module; \"ldd -r\" shows the libraries and functions"
+        + " that it misses";
   }
 
   private static byte[] header(File file) throws IOException {
-    return read(file, HEADER);
-  }
-
-  private static byte[] read(File file, int most) throws IOException {
     try (InputStream in = new FileInputStream(file)) {
-      return in.readNBytes(most);
+      return in.readNBytes(HEADER);
     }
   }
 
