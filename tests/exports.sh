@@ -1,27 +1,40 @@
 #!/bin/sh
-# The library exports the native methods of the Java classes, nothing more and nothing less, the
-# adapter its C_GetFunctionList, and both need the C library alone, the adapter without what some C
-# libraries lack: exports.sh LIBRARY CLASSES JAVAP ADAPTER.
+# Each variant in a jar: the library exports the native methods of the Java classes, nothing more and
+# nothing less, the adapter its C_GetFunctionList, and both load on every C library from glibc 2.17
+# on and on musl, the adapter also where thread-local storage is dear: exports.sh JAR JAVAP.
 set -eu
-library=$1 classes=$2 javap=$3 adapter=$4
+jar=$1 javap=$2
 
 declared() {
   for class in NativePKCS11 NativePKCS11Slot NativePKCS11Session NativePKCS11Object; do
-    "$javap" -p -cp "$classes" "it.quarvel.pkcs11.nat.$class" |
+    "$javap" -p -cp "$jar" "it.quarvel.pkcs11.nat.$class" |
       sed -n "s/.* native .* \([A-Za-z0-9]*\)(.*/Java_it_quarvel_pkcs11_nat_${class}_\1/p"
   done
 }
+exported() { nm -D --defined-only "$1" | awk '{print $3}' | sort; }
+
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 declared | sort >"$work/declared"
-nm -D --defined-only "$library" | awk '{print $3}' | sort >"$work/exported"
-diff "$work/declared" "$work/exported"
 test "$(wc -l <"$work/declared")" -eq 88
-test "$(nm -D --defined-only "$adapter" | awk '{print $3}')" = C_GetFunctionList
-if nm -D "$adapter" | grep -E '_chk@|__tls_get_addr' || readelf -lW "$adapter" | grep TLS; then
-  exit 1
-fi
-for file in "$library" "$adapter"; do
-  needed=$(readelf -d "$file" | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p')
-  test "$needed" = libc.so.6
+unzip -q "$jar" -d "$work" '*.so'
+for variant in "$work"/it/quarvel/pkcs11/nat/linux-*; do
+  library=$variant/libquarvelpkcs11.so adapter=$variant/libquarvelpkcs11adapter.so
+  exported "$library" | diff "$work/declared" -
+  test "$(exported "$adapter")" = C_GetFunctionList
+  if nm -D "$adapter" | grep __tls_get_addr || readelf -lW "$adapter" | grep TLS; then
+    exit 1
+  fi
+  # The stack protector's secret is the loader's on arm64.
+  loader=
+  [ "${variant##*-}" = aarch64 ] && loader=' ld-linux-aarch64.so.1'
+  for file in "$library" "$adapter"; do
+    needed=$(readelf -d "$file" | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p' | xargs)
+    test "$needed" = "libdl.so.2 libc.so.6$loader" || { echo "${file##*nat/} needs $needed"; exit 1; }
+    newest=$(readelf -V "$file" | sed -n 's/.* Name: \(GLIBC[^ ]*\).*/\1/p' | sort -V | tail -n 1)
+    printf '%s\nGLIBC_2.17\n' "$newest" | sort -VC || { echo "${file##*nat/} needs $newest"; exit 1; }
+    if nm -D "$file" | grep '_chk@'; then
+      exit 1
+    fi
+  done
 done
