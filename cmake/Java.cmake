@@ -65,8 +65,9 @@ else()
   set(arch ${CMAKE_SYSTEM_PROCESSOR})
 endif()
 set(resources ${CMAKE_BINARY_DIR}/resources)
+set(nat it/quarvel/pkcs11/nat)
 foreach(target ${QUARVEL_NATIVE_TARGETS})
-  set(folder it/quarvel/pkcs11/nat/linux-${arch})
+  set(folder ${nat}/linux-${arch})
   set(native ${folder}/lib${target}.so)
   add_custom_command(
     OUTPUT ${resources}/${native}
@@ -76,6 +77,25 @@ foreach(target ${QUARVEL_NATIVE_TARGETS})
     VERBATIM)
   list(APPEND native_files ${resources}/${native})
   list(APPEND natives -C ${resources} ${native})
+endforeach()
+add_custom_target(natives DEPENDS ${native_files})
+# Those of other presets, each configured afresh, as it may have another compiler by now.
+foreach(variant ${QUARVEL_VARIANTS})
+  set(folder ${CMAKE_BINARY_DIR}/${variant})
+  set(variant_files)
+  foreach(target ${QUARVEL_NATIVE_TARGETS})
+    set(native ${nat}/${variant}/lib${target}.so)
+    list(APPEND variant_files ${folder}/resources/${native})
+    list(APPEND natives -C ${folder}/resources ${native})
+  endforeach()
+  add_custom_target(
+    variant-${variant}
+    COMMAND ${CMAKE_COMMAND} --fresh --preset ${variant} -B ${folder} >${folder}.log
+    COMMAND ${CMAKE_COMMAND} --build ${folder} --target natives
+    WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}
+    BYPRODUCTS ${variant_files}
+    VERBATIM USES_TERMINAL)
+  list(APPEND native_files ${variant_files})
 endforeach()
 
 set(pom META-INF/maven/it.quarvel/quarvel-pkcs11)
