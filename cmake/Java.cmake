@@ -90,7 +90,7 @@ foreach(variant ${QUARVEL_VARIANTS})
   endforeach()
   add_custom_target(
     variant-${variant}
-    COMMAND ${CMAKE_COMMAND} --fresh --preset ${variant} -B ${folder} >${folder}.log
+    COMMAND ${CMAKE_COMMAND} --fresh --log-level=WARNING --preset ${variant} -B ${folder}
     COMMAND ${CMAKE_COMMAND} --build ${folder} --target natives
     WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}
     BYPRODUCTS ${variant_files}
