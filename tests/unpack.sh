@@ -3,13 +3,14 @@
 # they depend on, in the suite and for the architecture named, as a root file system would have them.
 # Root is not needed: apt keeps a state of its own beside the folder, and nothing of the machine's
 # packages changes. The mirror is that of the machine's apt. A folder that holds these packages stays.
+# `jdks FOLDER` lists the Java virtual machines there, each once whatever its links are called.
 unpack() {
   local folder=$1 suite=$2 architecture=$3 state=$1.apt mirror
   shift 3
   [ "$*" != "$(cat "$folder.packages" 2>/dev/null)" ] || return 0
   rm -rf "$folder" "$folder.packages"
-  mkdir -p "$folder/usr/lib" "$folder/usr/bin" "$state/lists/partial" "$state/archives/partial"
-  ln -s usr/lib usr/bin "$folder/" # as every Debian is by now
+  mkdir -p "$folder"/usr/{bin,lib,lib64} "$state/lists/partial" "$state/archives/partial"
+  ln -s usr/bin usr/lib usr/lib64 "$folder/" # as every Debian is by now
   # shellcheck disable=SC2016  # apt's own fields
   mirror=$(apt-get indextargets --format '$(REPO_URI) $(CODENAME) $(COMPONENT)' \
     'Created-By: Packages' 'Origin: Debian' | awk '$2 !~ /-/ && $3 == "main" {print $1; exit}')
@@ -34,3 +35,5 @@ unpack() {
   done
   echo "$*" >"$folder.packages"
 }
+
+jdks() { readlink -f "$1"/usr/lib/jvm/*/lib/server/libjvm.so | sed 's#/lib/server/libjvm.so$##' | sort -u; }
