@@ -79,6 +79,11 @@ foreach(target ${QUARVEL_NATIVE_TARGETS})
   list(APPEND natives -C ${resources} ${native})
 endforeach()
 add_custom_target(natives DEPENDS ${native_files})
+set(index ${resources}/${nat}/SHA256SUMS)
+set(sums ${native_files})
+list(TRANSFORM sums REPLACE ".*/${nat}/" "")
+set(write_index COMMAND ${CMAKE_COMMAND} -E chdir ${resources}/${nat} ${CMAKE_COMMAND} -E sha256sum
+                        ${sums} > ${index})
 # Those of other presets, each configured afresh, as it may have another compiler by now.
 foreach(variant ${QUARVEL_VARIANTS})
   set(folder ${CMAKE_BINARY_DIR}/${variant})
@@ -96,7 +101,14 @@ foreach(variant ${QUARVEL_VARIANTS})
     BYPRODUCTS ${variant_files}
     VERBATIM USES_TERMINAL)
   list(APPEND native_files ${variant_files})
+  list(TRANSFORM variant_files REPLACE ".*/${nat}/" "")
+  list(APPEND write_index COMMAND ${CMAKE_COMMAND} -E chdir ${folder}/resources/${nat}
+                                  ${CMAKE_COMMAND} -E sha256sum ${variant_files} >> ${index})
 endforeach()
+# Tells Java what the jar carries, and whether it is whole.
+add_custom_command(OUTPUT ${index} ${write_index} DEPENDS ${native_files} VERBATIM)
+list(APPEND native_files ${index})
+list(APPEND natives -C ${resources} ${nat}/SHA256SUMS)
 
 set(pom META-INF/maven/it.quarvel/quarvel-pkcs11)
 set(QUARVEL_POM ${resources}/${pom}/pom.xml)
