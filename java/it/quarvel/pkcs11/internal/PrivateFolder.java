@@ -86,22 +86,37 @@ public final class PrivateFolder implements AutoCloseable {
    *
    * @param name the file's name, in the jar and in the folder
    * @return the copy
-   * @throws IOException when the jar has none for this architecture, and what it carries; when the
-   *     file is not as it was built; when it cannot be written
+   * @throws IOException when the jar has none for this architecture, when the file is not as it was
+   *     built, or when it cannot be written
    */
   public Path copy(String name) throws IOException {
-    List<String> index = new String(read(NATIVES + INDEX), StandardCharsets.UTF_8).lines().toList();
     byte[] content = read(resource(name));
     if (content.length == 0) {
-      Set<String> folders = new TreeSet<>();
-      index.forEach(line -> folders.add(line.replaceAll(".* |/.*", "")));
-      throw new IOException("not in the jar, which carries "
-          + (folders.isEmpty() ? "no native files" : String.join(" and ", folders)));
+      throw new IOException("not in the jar");
     }
-    if (!index.contains(sha256(content) + "  " + resource(name).substring(NATIVES.length()))) {
+    if (!index().contains(sha256(content) + "  " + resource(name).substring(NATIVES.length()))) {
       throw new IOException("damaged: it is not what the jar was built with");
     }
     return Files.write(file(name), content);
+  }
+
+  /**
+   * Tells for what the jar has native files.
+   *
+   * @return names of systems and architectures
+   */
+  public static String carried() {
+    try {
+      Set<String> folders = new TreeSet<>();
+      index().forEach(line -> folders.add(line.replaceAll(".* |/.*", "")));
+      return folders.isEmpty() ? "no native files" : String.join(" and ", folders);
+    } catch (IOException e) {
+      return e.toString();
+    }
+  }
+
+  private static List<String> index() throws IOException {
+    return new String(read(NATIVES + INDEX), StandardCharsets.UTF_8).lines().toList();
   }
 
   /** Reads a resource, which is empty when it is not there. */

@@ -48,11 +48,12 @@ final class NativeLibrary {
                     tried);
     if (!loaded) {
       throw error(
-          "The native library cannot be loaded on %s %s with the C library %s"
+          "The native library cannot be loaded on %s %s with the C library %s; the jar carries %s"
               .formatted(
                   System.getProperty("os.name"),
                   System.getProperty("os.arch"),
-                  mappedFile("ld-musl-|libc[-.]")),
+                  mappedFile("ld-musl-|libc[-.]"),
+                  PrivateFolder.carried()),
           tried);
     }
     String version = version();
