@@ -1,7 +1,7 @@
 // Signs on musl, where no Java is at hand: the library opens a module through the adapter and lists
-// its slots for what little of a JNI environment that takes, the adapter signs, the library ends it.
-// musl LIBRARY ADAPTER TOKEN_LABEL PIN KEY_LABEL, the adapter's module by its own variable; the text
-// "data" is signed, and the signature goes to standard output.
+// its slots for what little of a JNI environment that takes, the adapter signs, the library ends
+// it. musl LIBRARY ADAPTER TOKEN_LABEL PIN KEY_LABEL, the adapter's module by its own variable; the
+// text "data" is signed, and the signature goes to standard output.
 #include <dlfcn.h>
 #include <jni.h>
 #include <p11-kit/pkcs11.h>
@@ -47,9 +47,12 @@ static void setElement(JNIEnv* env, jobjectArray array, jsize index, jobject slo
 }
 
 static const struct JNINativeInterface_ functions = {
-    .GetStringUTFChars = stringChars, .ReleaseStringUTFChars = releaseChars,
-    .FindClass = findClass,           .GetMethodID = methodOf,
-    .NewObjectArray = newArray,       .NewObjectV = newSlot,
+    .GetStringUTFChars = stringChars,
+    .ReleaseStringUTFChars = releaseChars,
+    .FindClass = findClass,
+    .GetMethodID = methodOf,
+    .NewObjectArray = newArray,
+    .NewObjectV = newSlot,
     .SetObjectArrayElement = setElement};
 static JNIEnv env = &functions;
 
@@ -101,7 +104,8 @@ int main(int argc, char** argv) {
   jsize i = 0;
   for (CK_TOKEN_INFO token; i < count; ++i) {
     if (module->C_GetTokenInfo(slots[i], &token) == CKR_OK &&
-        strncmp((char*)token.label, argv[3], strlen(argv[3])) == 0) break;
+        strncmp((char*)token.label, argv[3], strlen(argv[3])) == 0)
+      break;
   }
   require(i < count, "no such token");
   sign(module, slots[i], argv[4], argv[5]);

@@ -1,5 +1,5 @@
-// What a program of Debian 11 finds in its own C library and not in glibc 2.17 or in musl. It stands
-// in for that, so that a PKCS#11 module of Debian 11 runs on these.
+// What a program of Debian 11 finds in its own C library and not in glibc 2.17 or in musl. It
+// stands in for that, so that a PKCS#11 module of Debian 11 runs on these.
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -27,11 +27,11 @@ int __vsnprintf_chk(char* to, size_t size, int flag, size_t room, const char* fo
                     va_list arguments) {
   return vsnprintf(to, size, format, arguments);
 }
-#define FORMATTED(call)       \
-  va_list arguments;          \
+#define FORMATTED(call)        \
+  va_list arguments;           \
   va_start(arguments, format); \
-  const int written = call;   \
-  va_end(arguments);          \
+  const int written = call;    \
+  va_end(arguments);           \
   return written
 int __asprintf_chk(char** to, int flag, const char* format, ...) {
   FORMATTED(vasprintf(to, format, arguments));
@@ -45,5 +45,5 @@ int __snprintf_chk(char* to, size_t size, int flag, size_t room, const char* for
 int __sprintf_chk(char* to, int flag, size_t room, const char* format, ...) {
   FORMATTED(vsnprintf(to, room, format, arguments));
 }
-int __register_atfork(void) { return 0; } // nobody forks
+int __register_atfork(void) { return 0; }  // nobody forks
 #endif
