@@ -24,7 +24,7 @@ install(DIRECTORY ${QUARVEL_JAVADOC}/ DESTINATION ${doc_dir}/api)
 add_custom_target(
   packages
   COMMAND ${CMAKE_SOURCE_DIR}/packaging/package.sh ${CMAKE_BINARY_DIR} ${PROJECT_VERSION}
-          ${QUARVEL_DATE} ${QUARVEL_POM}
+          ${QUARVEL_DATE} ${QUARVEL_POM} ${QUARVEL_VARIANTS}
   DEPENDS packaging/package.sh
   VERBATIM USES_TERMINAL)
 add_dependencies(packages ${QUARVEL_NATIVE_TARGETS} completion quarvel-pkcs11-jar

@@ -65,8 +65,9 @@ else()
   set(arch ${CMAKE_SYSTEM_PROCESSOR})
 endif()
 set(resources ${CMAKE_BINARY_DIR}/resources)
+set(nat it/quarvel/pkcs11/nat)
 foreach(target ${QUARVEL_NATIVE_TARGETS})
-  set(folder it/quarvel/pkcs11/nat/linux-${arch})
+  set(folder ${nat}/linux-${arch})
   set(native ${folder}/lib${target}.so)
   add_custom_command(
     OUTPUT ${resources}/${native}
@@ -77,6 +78,37 @@ foreach(target ${QUARVEL_NATIVE_TARGETS})
   list(APPEND native_files ${resources}/${native})
   list(APPEND natives -C ${resources} ${native})
 endforeach()
+add_custom_target(natives DEPENDS ${native_files})
+set(index ${resources}/${nat}/SHA256SUMS)
+set(sums ${native_files})
+list(TRANSFORM sums REPLACE ".*/${nat}/" "")
+set(write_index COMMAND ${CMAKE_COMMAND} -E chdir ${resources}/${nat} ${CMAKE_COMMAND} -E sha256sum
+                        ${sums} > ${index})
+# Those of other presets, each configured afresh, as it may have another compiler by now.
+foreach(variant ${QUARVEL_VARIANTS})
+  set(folder ${CMAKE_BINARY_DIR}/${variant})
+  set(variant_files)
+  foreach(target ${QUARVEL_NATIVE_TARGETS})
+    set(native ${nat}/${variant}/lib${target}.so)
+    list(APPEND variant_files ${folder}/resources/${native})
+    list(APPEND natives -C ${folder}/resources ${native})
+  endforeach()
+  add_custom_target(
+    variant-${variant}
+    COMMAND ${CMAKE_COMMAND} --fresh --log-level=WARNING --preset ${variant} -B ${folder}
+    COMMAND ${CMAKE_COMMAND} --build ${folder} --target natives
+    WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}
+    BYPRODUCTS ${variant_files}
+    VERBATIM USES_TERMINAL)
+  list(APPEND native_files ${variant_files})
+  list(TRANSFORM variant_files REPLACE ".*/${nat}/" "")
+  list(APPEND write_index COMMAND ${CMAKE_COMMAND} -E chdir ${folder}/resources/${nat}
+                                  ${CMAKE_COMMAND} -E sha256sum ${variant_files} >> ${index})
+endforeach()
+# Tells Java what the jar carries, and whether it is whole.
+add_custom_command(OUTPUT ${index} ${write_index} DEPENDS ${native_files} VERBATIM)
+list(APPEND native_files ${index})
+list(APPEND natives -C ${resources} ${nat}/SHA256SUMS)
 
 set(pom META-INF/maven/it.quarvel/quarvel-pkcs11)
 set(QUARVEL_POM ${resources}/${pom}/pom.xml)

@@ -35,5 +35,9 @@ target_link_options(quarvel_libdl PRIVATE -nostdlib LINKER:--version-script=${fo
 # file gets into the target, which finds the real one.
 function(quarvel_oldest_libc target)
   target_link_libraries(${target} PRIVATE quarvel_libdl)
+  if(CMAKE_SYSTEM_PROCESSOR STREQUAL aarch64)
+    # Else atomics ask the processor for its abilities, by a function that musl lacks.
+    target_compile_options(${target} PRIVATE -mno-outline-atomics)
+  endif()
   set_target_properties(${target} PROPERTIES SKIP_BUILD_RPATH ON)
 endfunction()

@@ -18,7 +18,7 @@ import java.util.stream.*;
  */
 public record Demo(Map<String, String> options, boolean write, boolean direct) {
   private static final String USAGE = "usage: java -cp quarvel-pkcs11.jar:CLASSES Demo"
-      + " --module FILE --pin PIN [--label TOKEN] [--key LABEL] [--write] [--direct]";
+      + " --module FILE --pin PIN [--label TOKEN] [--key LABEL] [--write | --direct]";
 
   /** The DER that PKCS #1 puts before a SHA-256 digest, in hexadecimal digits. */
   private static final String SHA256_DIGEST_INFO = "3031300d060960864801650304020105000420";
@@ -31,7 +31,7 @@ public record Demo(Map<String, String> options, boolean write, boolean direct) {
     for (int i = 0; i + 1 < words.size(); i += 2) {
       options.put(words.get(i), words.get(i + 1));
     }
-    if (words.size() % 2 != 0 || !options.keySet().containsAll(Set.of("--module", "--pin"))
+    if (write && direct || words.size() % 2 != 0 || !options.keySet().containsAll(Set.of("--module", "--pin"))
         || !Set.of("--module", "--pin", "--label", "--key").containsAll(options.keySet())) {
       System.err.println(USAGE);
       System.exit(2);

@@ -30,7 +30,7 @@ class Tour implements AutoCloseable {
     before = handles();
   }
 
-  /** Runs the tour in a read/write session of the user. */
+  /** Runs the tour in a read/write session of the user, behind the adapter: it completes OAEP. */
   static void run(NativePKCS11Session session) throws PKCS11Exception {
     try (Tour tour = new Tour(session)) {
       step("make an RSA key pair, which decrypts what Java encrypted", tour::useRsaKeys);
@@ -67,10 +67,10 @@ class Tour implements AutoCloseable {
         template("Tour RSA key", true).put(CKA_DECRYPT, true)
             .put(CKA_SENSITIVE, true).put(CKA_EXTRACTABLE, false));
     keep(rsa.privateKey());
-    Cipher cipher = Cipher.getInstance("RSA/ECB/PKCS1Padding");
+    Cipher cipher = Cipher.getInstance("RSA/ECB/OAEPWithSHA-1AndMGF1Padding");
     cipher.init(Cipher.ENCRYPT_MODE, keep(rsa.publicKey()).publicKey());
     return Arrays.equals(
-        TEXT, session.decrypt(CKM_RSA_PKCS, rsa.privateKey(), cipher.doFinal(TEXT)));
+        TEXT, session.decrypt(CKM_RSA_PKCS_OAEP, rsa.privateKey(), cipher.doFinal(TEXT)));
   }
 
   /** A key leaves the token only encrypted with another, and comes back as a new object. */

@@ -1,9 +1,10 @@
 #!/bin/bash
 # Makes the Debian packages, the tarball and a Maven repository of a finished build:
-# package.sh BUILD VERSION DATE POM. The same sources give the same bytes: owners, modes, times and
-# the order of files are fixed.
+# package.sh BUILD VERSION DATE POM [VARIANT...], these being what the jar carries for other
+# architectures. The same sources give the same bytes: owners, modes, times and the order of files
+# are fixed.
 set -euo pipefail
-build=$1 version=$2 pom=$4
+build=$1 version=$2 pom=$4 variants=("${@:5}")
 source=$(dirname "$(readlink -f "$0")")
 SOURCE_DATE_EPOCH=$(date --date "$3Z" +%s)
 export SOURCE_DATE_EPOCH LC_ALL=C.UTF-8
@@ -84,9 +85,9 @@ take quarvel-pkcs11 bin share/man share/bash-completion
 gzip -9n "$(usr quarvel-pkcs11 share/man/man1)"/*
 jar quarvel-pkcs11 "$build/quarvel-pkcs11-cli.jar" quarvel-pkcs11-cli
 
-mkdir libquarvel-pkcs11-jni/DEBIAN
-dpkg-shlibdeps -Tlibquarvel-pkcs11-jni.substvars "$(usr libquarvel-pkcs11-jni lib)"/*/jni/*.so
-sed -n 's/^Package: //p' debian/control | while read -r package; do
+# package NAME: of what its folder holds, and of its substvars
+package() {
+  local package=$1 doc overrides
   doc=$(usr "$package" "share/doc/$package")
   overrides=$(usr "$package" share/lintian/overrides)
   install -D -m 644 debian/copyright "$doc/copyright"
@@ -97,4 +98,20 @@ sed -n 's/^Package: //p' debian/control | while read -r package; do
   dpkg-gencontrol "-p$package" "-P$package" "-T$package.substvars"
   find "$package" -exec touch --no-dereference --date "@$SOURCE_DATE_EPOCH" {} +
   dpkg-deb --root-owner-group --build "$package" "$build" >/dev/null
+}
+
+mkdir libquarvel-pkcs11-jni/DEBIAN
+# Without its advice on libraries that newer C libraries do not need.
+dpkg-shlibdeps --warnings=1 -Tlibquarvel-pkcs11-jni.substvars "$(usr libquarvel-pkcs11-jni lib)"/*/jni/*.so
+sed -n 's/^Package: //p' debian/control | while read -r name; do package "$name"; done
+
+# The native package for the others. The C library of these is not here to be asked.
+echo 'shlibs:Depends=libc6 (>= 2.17)' >libquarvel-pkcs11-jni.substvars
+for variant in "${variants[@]}"; do
+  rm -r libquarvel-pkcs11-jni
+  jni=$(usr libquarvel-pkcs11-jni "lib/${variant#linux-}-linux-gnu")/jni
+  mkdir -p "$jni"
+  install -m 644 "$build/$variant/resources/it/quarvel/pkcs11/nat/$variant"/*.so "$jni/"
+  DEB_HOST_ARCH=$(dpkg-architecture "-t${variant#linux-}-linux-gnu" -qDEB_HOST_ARCH) \
+    package libquarvel-pkcs11-jni
 done

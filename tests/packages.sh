@@ -18,7 +18,7 @@ use_installed() {
   cd "$tests"
   local packages=(libquarvel-pkcs11-jni libquarvel-pkcs11-java libquarvel-pkcs11-java-doc quarvel-pkcs11)
   local jar=/usr/share/java/quarvel-pkcs11.jar cli=/usr/share/java/quarvel-pkcs11-cli.jar
-  (umask 000 && dpkg --install ./*.deb >/dev/null)
+  (umask 000 && dpkg --install ./*_{all,"$(dpkg --print-architecture)"}.deb >/dev/null)
   dpkg --verify "${packages[@]}"
   dpkg --listfiles "${packages[@]}" | grep . | sort -u |
     xargs -I{} find {} -maxdepth 0 ! -type l -perm /022 ! -path /tmp | diff /dev/null -
@@ -127,6 +127,10 @@ for file in "$folder"/*.deb "$folder"/*.tar.gz "$folder/maven"; do
   diff --recursive "$file" "$other/build/package/$(basename "$file")"
 done
 echo 'packages: the same bytes from another user, folder, umask, language and time zone'
+
+jar=$(echo "$folder"/maven/it/quarvel/quarvel-pkcs11/*/quarvel-pkcs11-[0-9.]*[0-9].jar)
+"$tests/exports.sh" "$jar" javap
+diff <(unzip -Z1 "$jar" '*.so' | sed 's#/[^/]*$##; s#.*/##' | uniq -c | xargs) - <<<'2 linux-amd64 2 linux-aarch64'
 
 view=/mnt/view
 mkdir /mnt/upper /mnt/work $view

@@ -43,6 +43,16 @@ runs 'copy from the jar' -cp "$jar:$classes" -Djava.library.path="$work/other" \
 rmdir "$work/copies" # the copy has gone
 runs 'library of the system' -cp "$work/bare:$classes" \
   -Djava.library.path="$work/system"
+# As a tool leaves them that takes them for texts: loading such a file could end the process.
+unzip -q "$jar" -d "$work/damaged"
+find "$work/damaged" -name "*.so" -exec sed -i 's/[^ -~]/?/g' {} +
+runs 'library of the system, the jar being damaged' "$jdk/bin/java" -cp "$work/damaged:$classes" \
+  -Djava.library.path="$work/system"
+fails -cp "$work/damaged:$classes"
+has 'resource .*libquarvelpkcs11.so: damaged'
+has 'library quarvelpkcs11.*: '
+fails -cp "$jar:$classes" -Dos.arch=riscv64
+has 'cannot be loaded on Linux riscv64 with the C library /.*libc\.so.*; the jar carries linux-.*-Dit.quarvel.pkcs11.library'
 fails -cp "$jar:$classes" -Dit.quarvel.pkcs11.library=/nowhere/file.so
 has 'UnsatisfiedLinkError.*-Dit.quarvel.pkcs11.library'
 has '/nowhere/file.so'

@@ -1,7 +1,7 @@
 #!/bin/bash
 # One real PKCS#11 module, started in a temporary folder and ended with the script; the user's own
-# tokens and configuration are left alone. Sourced, it gives `start_module MODULE`; called, it runs
-# a command: token.sh MODULE COMMAND ARG...
+# tokens and configuration are left alone. Sourced, it gives `start_module MODULE` and `fill_token`;
+# called, it runs a command: token.sh MODULE COMMAND ARG...
 # QUARVEL_PKCS11_MODULE is the module's file, QUARVEL_TOKEN the token's label, QUARVEL_PIN and
 # QUARVEL_SO_PIN are its PINs (empty: it has none), TOKEN_DIR is a folder that goes when the script
 # ends. A module that cannot be had here ends the script with status 77.
@@ -138,6 +138,21 @@ start_module() {
   trap 'end_module 2>/dev/null || true; rm -rf "$TOKEN_DIR"' EXIT
   trap 'exit 143' TERM HUP INT
   "start_$1"
+}
+
+# A key pair and its certificate, put on the throwaway token as a card would hold them.
+fill_token() {
+  openssl req -x509 -newkey rsa:2048 -nodes -subj '/CN=Demo' -days 30 -keyout "$TOKEN_DIR/key.pem" \
+    -out "$TOKEN_DIR/certificate.pem" 2>/dev/null
+  openssl pkcs8 -topk8 -nocrypt -in "$TOKEN_DIR/key.pem" -outform DER -out "$TOKEN_DIR/privkey.der"
+  openssl pkey -in "$TOKEN_DIR/key.pem" -pubout -outform DER -out "$TOKEN_DIR/pubkey.der"
+  openssl x509 -in "$TOKEN_DIR/certificate.pem" -outform DER -out "$TOKEN_DIR/cert.der"
+  local type
+  for type in privkey pubkey cert; do
+    pkcs11-tool --module "$QUARVEL_PKCS11_MODULE" --login --pin "$QUARVEL_PIN" --id 01 \
+      --label demo-key --write-object "$TOKEN_DIR/$type.der" --type $type >"$TOKEN_DIR/log" 2>&1 ||
+      { cat "$TOKEN_DIR/log" >&2; return 1; }
+  done
 }
 
 if [ "$0" = "${BASH_SOURCE[0]}" ]; then

@@ -6,7 +6,6 @@ import it.quarvel.pkcs11.internal.PrivateFolder;
 import it.quarvel.pkcs11.nat.NativePKCS11;
 import java.io.File;
 import java.io.FileInputStream;
-import java.io.FileNotFoundException;
 import java.io.IOException;
 import java.io.InputStream;
 import java.nio.charset.StandardCharsets;
@@ -115,7 +114,7 @@ final class ModuleFile {
     }
     try {
       return folder.copy(ADAPTER);
-    } catch (FileNotFoundException e) {
+    } catch (IOException e) {
       String folders = System.getProperty("java.library.path", "");
       return link(folder, Arrays.stream(folders.split(File.pathSeparator))
           .map(place -> new File(place, ADAPTER)).filter(File::exists).findFirst()

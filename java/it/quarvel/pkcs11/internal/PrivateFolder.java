@@ -1,15 +1,21 @@
 package it.quarvel.pkcs11.internal;
 
 import java.io.File;
-import java.io.FileNotFoundException;
 import java.io.IOException;
 import java.io.InputStream;
+import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 import java.nio.file.attribute.FileAttribute;
 import java.nio.file.attribute.PosixFilePermissions;
+import java.security.MessageDigest;
+import java.security.NoSuchAlgorithmException;
+import java.util.HexFormat;
+import java.util.List;
 import java.util.Objects;
+import java.util.Set;
+import java.util.TreeSet;
 
 /**
  * A folder that only its owner can look into, where native files lie while they are loaded. What is
@@ -18,6 +24,11 @@ import java.util.Objects;
 public final class PrivateFolder implements AutoCloseable {
   /** The system property that says where such folders are made, instead of java.io.tmpdir. */
   public static final String TMPDIR_PROPERTY = "it.quarvel.pkcs11.tmpdir";
+
+  private static final String NATIVES = "/it/quarvel/pkcs11/nat/";
+
+  /** Of {@link #NATIVES}: a line for each native file of the jar, its SHA-256, two blanks, its name. */
+  private static final String INDEX = "SHA256SUMS";
 
   private static final FileAttribute<?> OWNER_ONLY =
       PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------"));
@@ -70,21 +81,56 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Copies a native file out of the jar.
+   * Copies a native file out of the jar. One that was changed on its way, as tools do that take a
+   * resource for a text, could end the process when it is loaded.
    *
    * @param name the file's name, in the jar and in the folder
    * @return the copy
-   * @throws FileNotFoundException when the jar has none for this architecture
-   * @throws IOException when it cannot be written
+   * @throws IOException when the jar has none for this architecture, when the file is not as it was
+   *     built, or when it cannot be written
    */
   public Path copy(String name) throws IOException {
-    try (InputStream in = PrivateFolder.class.getResourceAsStream(resource(name))) {
-      if (in == null) {
-        throw new FileNotFoundException("not in the jar");
-      }
-      Path copy = file(name);
-      Files.copy(in, copy);
-      return copy;
+    byte[] content = read(resource(name));
+    if (content.length == 0) {
+      throw new IOException("not in the jar");
+    }
+    if (!index().contains(sha256(content) + "  " + resource(name).substring(NATIVES.length()))) {
+      throw new IOException("damaged: it is not what the jar was built with");
+    }
+    return Files.write(file(name), content);
+  }
+
+  /**
+   * Tells for what the jar has native files.
+   *
+   * @return names of systems and architectures
+   */
+  public static String carried() {
+    try {
+      Set<String> folders = new TreeSet<>();
+      index().forEach(line -> folders.add(line.replaceAll(".* |/.*", "")));
+      return folders.isEmpty() ? "no native files" : String.join(" and ", folders);
+    } catch (IOException e) {
+      return e.toString();
+    }
+  }
+
+  private static List<String> index() throws IOException {
+    return new String(read(NATIVES + INDEX), StandardCharsets.UTF_8).lines().toList();
+  }
+
+  /** Reads a resource, which is empty when it is not there. */
+  private static byte[] read(String resource) throws IOException {
+    try (InputStream in = PrivateFolder.class.getResourceAsStream(resource)) {
+      return in == null ? new byte[0] : in.readAllBytes();
+    }
+  }
+
+  private static String sha256(byte[] content) {
+    try {
+      return HexFormat.of().formatHex(MessageDigest.getInstance("SHA-256").digest(content));
+    } catch (NoSuchAlgorithmException e) {
+      throw new IllegalStateException(e); // every Java has it
     }
   }
 
@@ -95,7 +141,7 @@ public final class PrivateFolder implements AutoCloseable {
    * @return name of the resource for this architecture
    */
   public static String resource(String name) {
-    return "/it/quarvel/pkcs11/nat/linux-" + System.getProperty("os.arch") + "/" + name;
+    return NATIVES + "linux-" + System.getProperty("os.arch") + "/" + name;
   }
 
   /** Deletes the folder with its files, as far as that can be done. */

@@ -8,6 +8,8 @@ import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
 import java.util.stream.Stream;
 
 /** Finds and loads the native library. */
@@ -45,11 +47,18 @@ final class NativeLibrary {
                     () -> System.loadLibrary(NAME),
                     tried);
     if (!loaded) {
-      throw error("The native library cannot be loaded", tried);
+      throw error(
+          "The native library cannot be loaded on %s %s with the C library %s; the jar carries %s"
+              .formatted(
+                  System.getProperty("os.name"),
+                  System.getProperty("os.arch"),
+                  mappedFile("ld-musl-|libc[-.]"),
+                  PrivateFolder.carried()),
+          tried);
     }
     String version = version();
     if (!version.equals(NativePKCS11.BRIDGE_VERSION)) {
-      tried.add("loaded: " + (file != null ? file : mappedFile()));
+      tried.add("loaded: " + (file != null ? file : mappedFile("lib" + NAME)));
       throw error(
           "The native library has version %s, its Java classes need version %s"
               .formatted(version, NativePKCS11.BRIDGE_VERSION),
@@ -94,12 +103,18 @@ final class NativeLibrary {
     }
   }
 
-  /** The file of a library that was loaded by name, which only the map of the process tells. */
-  private static String mappedFile() {
+  /**
+   * The file of a library that was loaded by name, which only the map of the process tells.
+   *
+   * @param name how the file's name begins, as a regular expression
+   */
+  private static String mappedFile(String name) {
+    Pattern file = Pattern.compile("/(.*/)?(%s)[^/]*$".formatted(name));
     try (Stream<String> lines = Files.lines(Path.of("/proc/self/maps"))) {
       return lines
-          .filter(line -> line.contains("/lib" + NAME))
-          .map(line -> line.substring(line.indexOf('/')))
+          .map(file::matcher)
+          .filter(Matcher::find)
+          .map(Matcher::group)
           .findFirst()
           .orElse("a file of another name");
     } catch (IOException e) {
