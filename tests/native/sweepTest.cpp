@@ -13,7 +13,7 @@ using scripted::script;
 const std::string kOutOfMemory = "Internal error: Out of memory";
 
 // What call() itself checks of every run: no JNI call with an exception pending, arrays and strings
-// given back once and in the stated mode, nothing written beyond them, the heap balanced.
+// given back once and in the stated mode, the heap balanced.
 Outcome callFresh(const Method& method, const std::string& arguments, hooks::Run run = {},
                   const std::string& receiver = "") {
   const FreshModule fresh;
