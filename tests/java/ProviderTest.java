@@ -31,8 +31,8 @@ import org.junit.jupiter.params.provider.*;
 import org.w3c.dom.Document;
 
 /**
- * Has the JDK judge the provider, with keys of OpenSSL that both the token and software hold, on the
- * token of {@link EndToEndTest}; it leaves that as empty as it was.
+ * Has the JDK judge the provider, with keys of OpenSSL that both the token and software hold, on
+ * the token of {@link EndToEndTest}; it leaves that as empty as it was.
  */
 class ProviderTest {
   static final String URI = "pkcs11:token=%s?module-path=%s"
@@ -79,6 +79,12 @@ class ProviderTest {
       certificates.put(name, read(file + ".pem"));
     }
     certificates.put("ca", read(ca + ".pem"));
+    run("openssl pkcs12 -export -in %s.pem -inkey %1$s.key -out %1$s.p12"
+        + " -passout pass:changeit", ca);
+    run("openssl req -new -key %s/rsa2048.key -subj /CN=expired -out %1$s/expired.csr", dir);
+    run("keytool -gencert -startdate -9d -validity 3 -alias 1 -keystore %s.p12 -storepass changeit"
+        + " -infile %s/expired.csr -outfile %2$s/expired.pem", ca, dir);
+    certificates.put("expired", read(dir + "/expired.pem"));
     // Always authenticates, and is named like another one.
     EndToEndTest.openSc("--login --pin %s --write-object %s/rsa2048.p8 --type privkey --id aa"
         .formatted(EndToEndTest.PIN, dir) + " --label bare-key --always-auth");
@@ -91,6 +97,7 @@ class ProviderTest {
       for (String name : NAMES.subList(0, 5)) {
         storeCertificate(session, name, name, id(name), false);
       }
+      storeCertificate(session, "expired", "expired", id("rsa2048"), false);
       storeCertificate(session, "ed25519", "of another key", id("rsa2048"), false);
       storeCertificate(session, "secp521r1", "without key", "bb", false);
     }
@@ -449,8 +456,8 @@ class ProviderTest {
   }
 
   @ParameterizedTest
-  @CsvSource({"rsa2048,2001/04/xmldsig-more#rsa-sha256", "rsa2048,2007/05/xmldsig-more#sha256-rsa-MGF1",
-      "rsa2048,2007/05/xmldsig-more#rsa-pss", "prime256v1,2001/04/xmldsig-more#ecdsa-sha256"})
+  @CsvSource({"rsa2048,2001/04/xmldsig-more#rsa-sha256",
+      "rsa2048,2007/05/xmldsig-more#sha256-rsa-MGF1", "rsa2048,2007/05/xmldsig-more#rsa-pss", "prime256v1,2001/04/xmldsig-more#ecdsa-sha256"})
   void signsXml(String name, String method) throws Exception {
     XMLSignatureFactory xml = XMLSignatureFactory.getInstance("DOM");
     SignatureMethodParameterSpec parameters = !method.endsWith("rsa-pss") ? null
@@ -459,8 +466,9 @@ class ProviderTest {
       Document document =
           DocumentBuilderFactory.newDefaultNSInstance().newDocumentBuilder().newDocument();
       document.appendChild(document.createElement("order"));
-      Reference whole = xml.newReference("", xml.newDigestMethod(DigestMethod.SHA256, null),
-          List.of(xml.newTransform(Transform.ENVELOPED, (TransformParameterSpec) null)), null, null);
+      Transform enveloped = xml.newTransform(Transform.ENVELOPED, (TransformParameterSpec) null);
+      Reference whole = xml.newReference(
+          "", xml.newDigestMethod(DigestMethod.SHA256, null), List.of(enveloped), null, null);
       XMLSignature signature = xml.newXMLSignature(xml.newSignedInfo(
           xml.newCanonicalizationMethod(CanonicalizationMethod.EXCLUSIVE,
               (C14NMethodParameterSpec) null),

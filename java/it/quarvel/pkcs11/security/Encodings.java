@@ -14,10 +14,11 @@ final class Encodings {
 
   private Encodings() {}
 
-  /** Makes the DER SEQUENCE of two INTEGERs of an ECDSA signature that is two numbers of one size. */
+  /** Makes the DER form of an ECDSA signature that is two numbers of one size. */
   static byte[] derSignature(byte[] signature) {
-    byte[] r = new BigInteger(1, signature, 0, signature.length / 2).toByteArray();
-    byte[] s = new BigInteger(1, signature, signature.length / 2, signature.length / 2).toByteArray();
+    int size = signature.length / 2;
+    byte[] r = new BigInteger(1, signature, 0, size).toByteArray();
+    byte[] s = new BigInteger(1, signature, size, size).toByteArray();
     int length = 4 + r.length + s.length;
     ByteBuffer der = ByteBuffer.allocate(3 + length).put(SEQUENCE);
     if (length > Byte.MAX_VALUE) {

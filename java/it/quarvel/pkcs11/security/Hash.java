@@ -42,8 +42,8 @@ enum Hash {
     this.digestInfo = HexFormat.of().parseHex(digestInfo);
     this.rsaId = rsaId;
     this.ecdsaId = ecdsaId;
-    this.pss = new PSSParameterSpec(
-        algorithm, "MGF1", new MGF1ParameterSpec(algorithm), length, PSSParameterSpec.TRAILER_FIELD_BC);
+    pss = new PSSParameterSpec(algorithm, "MGF1", new MGF1ParameterSpec(algorithm), length,
+        PSSParameterSpec.TRAILER_FIELD_BC);
     this.pssMechanism = pssMechanism;
   }
 

@@ -10,6 +10,7 @@ import java.security.InvalidKeyException;
 import java.security.PublicKey;
 import java.security.cert.CertificateException;
 import java.security.interfaces.ECPublicKey;
+import java.security.interfaces.EdECPublicKey;
 import java.security.interfaces.RSAPublicKey;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -75,40 +76,47 @@ record KeyObject(NativePKCS11Object object, byte[] id, String label, PublicKey p
     return Arrays.equals(one.getEncoded(), other.getEncoded());
   }
 
-  /** Takes it from the key itself, from the public key of its id, or from a certificate of its id. */
+  /** Takes it from the key itself, else from the public key or a certificate of its id. */
   private static PublicKey publicKey(
       NativePKCS11Session session, NativePKCS11Object key, Integer type, byte[] id)
       throws PKCS11Exception {
-    List<NativePKCS11Object> sources = new ArrayList<>(List.of(key));
-    if (type != null) {
-      sources.addAll(session.findAll(new PKCS11Template().put(CKA_CLASS, CKO_PUBLIC_KEY)
-          .put(CKA_KEY_TYPE, type).put(CKA_ID, id)));
+    PublicKey found = publicKey(key);
+    if (found != null || type == null) {
+      return found;
     }
-    for (NativePKCS11Object source : sources) {
-      try {
-        return source.publicKey();
-      } catch (PKCS11Exception | InvalidKeyException e) {
-        // The next one, then.
-      }
+    for (NativePKCS11Object twin : session.findAll(new PKCS11Template()
+        .put(CKA_CLASS, CKO_PUBLIC_KEY).put(CKA_KEY_TYPE, type).put(CKA_ID, id))) {
+      found = found == null ? publicKey(twin) : found;
     }
-    for (NativePKCS11Object source : session.findAll(
+    for (NativePKCS11Object holder : session.findAll(
         new PKCS11Template().put(CKA_CLASS, CKO_CERTIFICATE).put(CKA_ID, id))) {
-      try {
-        PublicKey certified = source.certificate().getPublicKey();
-        if (isOf(certified, type)) {
-          return certified;
-        }
-      } catch (PKCS11Exception | CertificateException e) {
-        // The next one, then.
-      }
+      found = found == null ? certified(holder, type) : found;
     }
-    return null;
+    return found;
   }
 
-  private static boolean isOf(PublicKey key, Integer type) {
-    return type != null && switch (type) {
+  private static PublicKey publicKey(NativePKCS11Object key) {
+    try {
+      return key.publicKey();
+    } catch (PKCS11Exception | InvalidKeyException e) {
+      return null;
+    }
+  }
+
+  private static PublicKey certified(NativePKCS11Object certificate, int type) {
+    try {
+      PublicKey key = certificate.certificate().getPublicKey();
+      return isOf(key, type) ? key : null;
+    } catch (PKCS11Exception | CertificateException e) {
+      return null;
+    }
+  }
+
+  private static boolean isOf(PublicKey key, int type) {
+    return switch (type) {
       case CKK_RSA -> key instanceof RSAPublicKey;
       case CKK_EC -> key instanceof ECPublicKey;
+      case CKK_EC_EDWARDS -> key instanceof EdECPublicKey;
       default -> false;
     };
   }

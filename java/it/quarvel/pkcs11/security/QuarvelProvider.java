@@ -31,17 +31,17 @@ import javax.security.auth.login.LoginException;
  * }</pre>
  *
  * <p><b>Key store</b> {@code PKCS11}, read-only: what the token holds at each {@code load}. A key's
- * alias is the label of its certificate, else its own; those that share one have their id behind it.
- * A certificate belongs to a key when both have one {@code CKA_ID} and one public key; the newest
- * valid one counts, and its chain is made of the token's certificates. Trusted are certificates with
- * {@code CKA_TRUSTED} only. A PIN is tried once.
+ * alias is the label of its certificate, else its own; those that share one have their id behind
+ * it. A certificate belongs to a key when both have one {@code CKA_ID} and one public key; the
+ * newest valid one counts, and its chain is made of the token's certificates. Trusted are those
+ * with {@code CKA_TRUSTED} only. A PIN is tried once.
  *
  * <p><b>Signatures</b> {@code NONEwithRSA}, {@code SHA1withRSA}, {@code RSASSA-PSS}, {@code
- * SHA1withRSASSA-PSS} (or {@code SHA1withRSAandMGF1}), {@code NONEwithECDSA}, {@code SHA1withECDSA},
- * both also {@code inP1363Format}, with {@code SHA224}, {@code SHA256}, {@code SHA384} and {@code
- * SHA512} alike, and {@code Ed25519} (or {@code EdDSA}). PSS takes any parameters where the token
- * has {@code CKM_RSA_X_509}, else those of the token's own {@code CKM_SHA256_RSA_PKCS_PSS} and its
- * like: a salt as long as the digest.
+ * SHA1withRSASSA-PSS} (or {@code SHA1withRSAandMGF1}), {@code NONEwithECDSA} and {@code
+ * SHA1withECDSA}, both also {@code inP1363Format}; with {@code SHA224}, {@code SHA256}, {@code
+ * SHA384} and {@code SHA512} alike; and {@code Ed25519} (or {@code EdDSA}). PSS takes any
+ * parameters where the token has {@code CKM_RSA_X_509}, else those of the token's own {@code
+ * CKM_SHA256_RSA_PKCS_PSS} and its like: a salt as long as the digest.
  *
  * <p><b>Cipher</b> {@code RSA/ECB/PKCS1Padding}, to decrypt and to unwrap secret keys. OAEP is not
  * offered: the binding passes no parameters to the token's own, and to take the padding off outside
@@ -130,8 +130,8 @@ public final class QuarvelProvider extends AuthProvider {
    * loaded.
    *
    * @param uri a PKCS#11 URI with {@code module-path}, and as much of {@code token}, {@code serial}
-   *     and {@code slot-id} as it takes to name one token; {@code object} and {@code id} limit which
-   *     keys are offered; {@code pin-source} names a file with the PIN
+   *     and {@code slot-id} as it takes to name one token; {@code object} and {@code id} limit
+   *     which keys are offered; {@code pin-source} names a file with the PIN
    * @return a new provider, named "Quarvel-" and the token, the serial number or the slot. Java
    *     keeps one provider of a name
    * @throws InvalidParameterException for a text that is no such URI, with the reason

@@ -10,7 +10,7 @@ import java.util.concurrent.ConcurrentLinkedQueue;
 import java.util.concurrent.Semaphore;
 
 /**
- * The sessions with a token in its slot: one that lasts, since the login ends with the last session,
+ * The sessions with a token in its slot: one that lasts, since the login ends with the last one,
  * and as many beside it as threads are at work. Any of those is closed when a call in it fails, for
  * an operation may still be active in it.
  */

@@ -39,8 +39,8 @@ final class SharedModule {
         open = load(wanted);
         path = wanted;
       } else if (!path.equals(wanted)) {
-        throw new PKCS11Exception("%s cannot be opened: there is one module in a process, and %s is"
-            + " in use".formatted(wanted, path));
+        throw new PKCS11Exception("%s cannot be opened: there is one module at a time, and %s is in use"
+            .formatted(wanted, path));
       }
       USERS.add(user);
       return open;

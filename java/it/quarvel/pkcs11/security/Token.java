@@ -24,8 +24,8 @@ import javax.security.auth.login.FailedLoginException;
 import javax.security.auth.login.LoginException;
 
 /**
- * The token that a URI names. It is opened and logged in to at the first need, and again whenever it
- * has gone and come back: a card that was pulled, a server that was started anew, a logout.
+ * The token that a URI names. It is opened and logged in to at the first need, and again whenever
+ * it has gone and come back: a card that was pulled, a server that was started anew, a logout.
  */
 final class Token {
   /** What is done in a session; handles that were found in another connection are of no use. */
@@ -62,6 +62,10 @@ final class Token {
     this.handler = handler != null || uri.pinFile() == null ? handler : this::readPin;
   }
 
+  boolean isOpen() {
+    return connection != null;
+  }
+
   /** Returns the label, for people; null before the token has been seen. */
   String label() {
     return info == null ? null : info.trimmedLabel();
@@ -91,8 +95,8 @@ final class Token {
   }
 
   /**
-   * Does some work in a session; a second time when the token turns out to have gone, or somebody to
-   * have logged out.
+   * Does some work in a session; a second time when the token turns out to have gone, or somebody
+   * to have logged out.
    */
   <T> T run(Work<T> work) throws PKCS11Exception, LoginException {
     Connection current = connection;
@@ -253,8 +257,8 @@ final class Token {
     } catch (PKCS11Exception e) {
       // Somebody else in this process may have been quicker.
       if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN) {
-        throw (LoginException) new FailedLoginException(
-            "the token \"%s\" refuses the login".formatted(label())).initCause(e);
+        throw (LoginException) new FailedLoginException("the token \"%s\" refuses the login: %s"
+            .formatted(label(), e.getMessage())).initCause(e);
       }
     } finally {
       wipe(pin);

@@ -6,7 +6,6 @@ import it.quarvel.pkcs11.PKCS11Exception;
 import java.io.ByteArrayOutputStream;
 import java.security.AlgorithmParameters;
 import java.security.GeneralSecurityException;
-import java.security.InvalidAlgorithmParameterException;
 import java.security.InvalidKeyException;
 import java.security.Key;
 import java.security.NoSuchAlgorithmException;
@@ -62,52 +61,44 @@ final class TokenCipher extends CipherSpi {
 
   @Override
   protected void engineInit(int mode, Key wanted, SecureRandom random) throws InvalidKeyException {
-    if (!(wanted instanceof TokenKey)) {
-      handOn(cipher -> cipher.init(mode, wanted, random));
-    } else if (!(wanted instanceof TokenKey.Rsa rsa)) {
-      throw new InvalidKeyException("an RSA key is wanted, not " + wanted);
-    } else if (mode != Cipher.DECRYPT_MODE && mode != Cipher.UNWRAP_MODE) {
-      throw new InvalidKeyException("a private key on a token decrypts and unwraps only");
-    } else {
-      key = rsa;
-      other = null;
-      data.reset();
-    }
+    init(mode, wanted, null, cipher -> cipher.init(mode, wanted, random));
   }
 
-  /** JSSE decrypts without its parameters when, and only when, it sees this exception. */
   @Override
-  protected void engineInit(
-      int mode, Key wanted, AlgorithmParameterSpec parameters, SecureRandom random)
-      throws InvalidKeyException, InvalidAlgorithmParameterException {
-    if (parameters == null) {
-      engineInit(mode, wanted, random);
-    } else if (wanted instanceof TokenKey) {
-      throw new UnsupportedOperationException("a key on a token takes no parameters");
-    } else {
-      handOn(cipher -> cipher.init(mode, wanted, parameters, random));
-    }
+  protected void engineInit(int mode, Key wanted, AlgorithmParameterSpec parameters,
+      SecureRandom random) throws InvalidKeyException {
+    init(mode, wanted, parameters, cipher -> cipher.init(mode, wanted, parameters, random));
   }
 
   @Override
   protected void engineInit(int mode, Key wanted, AlgorithmParameters parameters,
-      SecureRandom random) throws InvalidKeyException, InvalidAlgorithmParameterException {
-    if (parameters == null) {
-      engineInit(mode, wanted, random);
-    } else if (wanted instanceof TokenKey) {
-      throw new UnsupportedOperationException("a key on a token takes no parameters");
-    } else {
-      handOn(cipher -> cipher.init(mode, wanted, parameters, random));
-    }
+      SecureRandom random) throws InvalidKeyException {
+    init(mode, wanted, parameters, cipher -> cipher.init(mode, wanted, parameters, random));
   }
 
-  private void handOn(Start start) throws InvalidKeyException {
-    other = OtherProviders.first(provider, candidate -> {
-      Cipher cipher = Cipher.getInstance(NAME, candidate);
-      start.start(cipher);
-      return cipher;
-    });
-    key = null;
+  private void init(int mode, Key wanted, Object parameters, Start start)
+      throws InvalidKeyException {
+    if (!(wanted instanceof TokenKey)) {
+      other = OtherProviders.first(provider, candidate -> {
+        Cipher cipher = Cipher.getInstance(NAME, candidate);
+        start.start(cipher);
+        return cipher;
+      });
+      return;
+    }
+    if (!(wanted instanceof TokenKey.Rsa rsa)) {
+      throw new InvalidKeyException("an RSA key is wanted, not " + wanted);
+    }
+    if (mode != Cipher.DECRYPT_MODE && mode != Cipher.UNWRAP_MODE) {
+      throw new InvalidKeyException("a private key on a token decrypts and unwraps only");
+    }
+    if (parameters != null) {
+      // JSSE does without its parameters when, and only when, it sees this exception.
+      throw new UnsupportedOperationException("a key on a token takes no parameters");
+    }
+    key = rsa;
+    other = null;
+    data.reset();
   }
 
   @Override

@@ -116,9 +116,17 @@ final class TokenKeyStore extends KeyStoreSpi {
     if (token == null) {
       throw new PKCS11Exception("the provider names no token: configure it with a PKCS#11 URI");
     }
+    boolean wasOpen = token.isOpen();
     token.login(asker);
-    entries = token.run(this::read);
-    loaded = new Date();
+    try {
+      entries = token.run(this::read);
+      loaded = new Date();
+      wasOpen = true;
+    } finally {
+      if (!wasOpen) {
+        token.logout();
+      }
+    }
   }
 
   private Map<String, Entry> read(NativePKCS11Session session, Token.Connection connection)
@@ -210,9 +218,10 @@ final class TokenKeyStore extends KeyStoreSpi {
   private static Map<String, Entry> named(List<Entry> read) {
     Map<String, Entry> named = new LinkedHashMap<>();
     for (Entry entry : read) {
-      boolean isOnly = read.stream().filter(other -> other.label.equals(entry.label)).count() == 1;
-      String id = HexFormat.of().formatHex(entry.id);
-      String name = isOnly && !entry.label.isEmpty() ? entry.label : (entry.label + " " + id).strip();
+      boolean isOnly = !entry.label.isEmpty()
+          && read.stream().filter(other -> other.label.equals(entry.label)).count() == 1;
+      String name = isOnly ? entry.label
+          : (entry.label + " " + HexFormat.of().formatHex(entry.id)).strip();
       String alias = name;
       for (int i = 2; named.containsKey(alias); i++) {
         alias = name + " " + i;

@@ -24,8 +24,8 @@ import java.util.Arrays;
 import javax.security.auth.login.LoginException;
 
 /**
- * Signs with a key on a token. What is to be verified, and what is to be signed with another key, is
- * another provider's.
+ * Signs with a key on a token. What is to be verified, and what is to be signed with another key,
+ * is another provider's.
  */
 final class TokenSignature extends SignatureSpi {
   /** What a signature is made of. */
@@ -90,12 +90,6 @@ final class TokenSignature extends SignatureSpi {
 
   @Override
   protected void engineInitSign(PrivateKey privateKey) throws InvalidKeyException {
-    engineInitSign(privateKey, null);
-  }
-
-  @Override
-  protected void engineInitSign(PrivateKey privateKey, SecureRandom random)
-      throws InvalidKeyException {
     if (privateKey instanceof TokenKey tokenKey) {
       if (!scheme.takes(tokenKey)) {
         throw new InvalidKeyException("a key of " + scheme.family + " is wanted, not " + tokenKey);
@@ -108,7 +102,7 @@ final class TokenSignature extends SignatureSpi {
       key = tokenKey;
       other = null;
     } else {
-      handOn(signature -> signature.initSign(privateKey, random));
+      handOn(signature -> signature.initSign(privateKey, appRandom));
     }
   }
 
@@ -194,8 +188,8 @@ final class TokenSignature extends SignatureSpi {
       return digest;
     }
     if (!rsa.token.signsWith(pssMechanism(pss))) {
-      throw new InvalidAlgorithmParameterException("the token \"%s\" has neither raw RSA nor PSS with"
-          + " these parameters".formatted(rsa.token.label()));
+      throw new InvalidAlgorithmParameterException("the token has neither raw RSA nor PSS with these"
+          + " parameters");
     }
     return null;
   }
@@ -309,7 +303,7 @@ final class TokenSignature extends SignatureSpi {
       return rsa.sign(pssMechanism(pss), input);
     }
     byte[] salt = new byte[pss.getSaltLength()];
-    new SecureRandom().nextBytes(salt);
+    (appRandom != null ? appRandom : new SecureRandom()).nextBytes(salt);
     byte[] padded = Encodings.pss(input, salt, pssBits(rsa), digest, Hash.digest(maskOf(pss)));
     byte[] block = new byte[rsa.size()];
     System.arraycopy(padded, 0, block, block.length - padded.length, padded.length);
