@@ -54,27 +54,42 @@ for name in rsa ec ed25519; do
   echo "jarsigner with $name: works"
 done
 
-servers=() connections=() expected=()
+# connects TITLE {PROTOCOL KEY}...: one server for each, one client for all
 port=$((20000 + RANDOM % 10000))
-for protocol in tls1_3 tls1_2; do
-  for name in rsa ec ed25519; do
+connects() {
+  local title=$1 servers=() connections=() expected=()
+  shift
+  rm -f server.*
+  while [ $# -gt 0 ]; do
     port=$((port + 1))
     openssl s_server -accept $port -cert ca.pem -key ca.key -CAfile ca.pem -Verify 1 \
-      -verify_return_error -rev -$protocol -naccept 1 >server.$port 2>&1 &
+      -verify_return_error -rev "-$1" -naccept 1 >server.$port 2>&1 &
     servers+=($!)
-    connections+=("${protocol/tls1_/TLSv1.}" "$name" "$port")
-    expected+=("$name" olleh)
+    connections+=("${1/tls1_/TLSv1.}" "$2" "$port")
+    expected+=("$2" olleh)
     for _ in $(seq 100); do
       ! grep -q ACCEPT server.$port || break
       sleep 0.05
     done
+    shift 2
   done
-done
-"$jdk/bin/java" -cp "$jar" "$here/provider/Client.java" "$uri" "$QUARVEL_PIN" ca.p12 \
-  "${connections[@]}" 2>log >answers || { cat log server.*; exit 1; }
-wait "${servers[@]}"
-paste -d ' ' <(sed -n 's/^Peer certificate: CN = //p' server.*) answers | xargs >connected
-echo "${expected[@]}" | same 'TLS 1.3 and 1.2 with rsa, ec and ed25519' connected
+  "$jdk/bin/java" -cp "$jar" "$here/provider/Client.java" "$uri" "$QUARVEL_PIN" ca.p12 \
+    "${connections[@]}" 2>log >answers || { cat log server.*; exit 1; }
+  wait "${servers[@]}"
+  paste -d ' ' <(sed -n 's/^Peer certificate: CN = //p' server.*) answers | xargs >connected
+  echo "${expected[@]}" | same "$title" connected
+}
+
+connects 'TLS 1.3 and 1.2 with rsa, ec and ed25519' \
+  tls1_3 rsa tls1_3 ec tls1_3 ed25519 tls1_2 rsa tls1_2 ec tls1_2 ed25519
+# The first one that is taken away stays.
+echo 'slots.mechanisms = -CKM_MD5,CKM_RSA_X_509' >>"$SOFTHSM2_CONF"
+connects "TLS 1.3 by the token's own PSS" tls1_3 rsa
+grep -qx 'Signature type: RSA-PSS' server.*
+sed -i "\$s/\$/$(printf ',CKM_SHA%d_RSA_PKCS_PSS' 1 224 256 384 512)/" "$SOFTHSM2_CONF"
+connects 'TLS 1.2 by a token without PSS' tls1_2 rsa
+grep -qx 'Signature type: RSA' server.*
+sed -i '$d' "$SOFTHSM2_CONF"
 
 documents=$(printf ':%s' /usr/share/java/{bcpkix,bcprov,bcutil,pdfbox2,fontbox2,commons-logging}.jar)
 if [ ! -e /usr/share/java/bcpkix.jar ] || [ ! -e /usr/share/java/pdfbox2.jar ]; then

@@ -9,8 +9,8 @@ import javax.net.ssl.SSLSocket;
 import javax.net.ssl.TrustManagerFactory;
 
 /**
- * Says a line to TLS servers, each time with the certificate of another key: Client URI PIN CA, then
- * as often as is wanted PROTOCOL KEY PORT.
+ * Says a line to TLS servers, each time with the certificate of another key: Client URI PIN CA,
+ * then as often as is wanted PROTOCOL KEY PORT.
  */
 class Client {
   public static void main(String[] args) throws Exception {

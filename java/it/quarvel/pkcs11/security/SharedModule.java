@@ -39,8 +39,8 @@ final class SharedModule {
         open = load(wanted);
         path = wanted;
       } else if (!path.equals(wanted)) {
-        throw new PKCS11Exception("%s cannot be opened: there is one module at a time, and %s is in use"
-            .formatted(wanted, path));
+        throw new PKCS11Exception("there is one module at a time: %s is in use, %s cannot be opened"
+            .formatted(path, wanted));
       }
       USERS.add(user);
       return open;

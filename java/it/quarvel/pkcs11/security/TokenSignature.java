@@ -188,8 +188,8 @@ final class TokenSignature extends SignatureSpi {
       return digest;
     }
     if (!rsa.token.signsWith(pssMechanism(pss))) {
-      throw new InvalidAlgorithmParameterException("the token has neither raw RSA nor PSS with these"
-          + " parameters");
+      throw new InvalidAlgorithmParameterException("the token has no raw RSA, and no PSS with"
+          + " these parameters");
     }
     return null;
   }
