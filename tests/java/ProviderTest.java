@@ -403,7 +403,7 @@ class ProviderTest {
     ExecutorService threads = Executors.newFixedThreadPool(8);
     List<Callable<Boolean>> work = new ArrayList<>();
     for (int i = 0; i < 400; i++) {
-      boolean logsOut = i % 50 == 49;
+      boolean logsOut = i == 200;
       work.add(() -> {
         if (logsOut) {
           provider.logout();

@@ -17,7 +17,7 @@ final class SharedModule {
   }
 
   private static final ReentrantReadWriteLock LOCK = new ReentrantReadWriteLock();
-  private static final Set<Token> USERS = new HashSet<>();
+  private static final Set<Object> USERS = new HashSet<>();
 
   private static PKCS11Module open;
   private static String path;
@@ -32,7 +32,7 @@ final class SharedModule {
    * @throws PKCS11Exception that tells which other module is open, why this one cannot be, or why
    *     there is no native library
    */
-  static PKCS11Module acquire(String wanted, Token user) throws PKCS11Exception {
+  static PKCS11Module acquire(String wanted, Object user) throws PKCS11Exception {
     LOCK.writeLock().lock();
     try {
       if (open == null) {
@@ -50,7 +50,7 @@ final class SharedModule {
   }
 
   /** Closes the module with its last user. */
-  static void release(Token user) {
+  static void release(Object user) {
     LOCK.writeLock().lock();
     try {
       if (USERS.remove(user) && USERS.isEmpty()) {

@@ -137,7 +137,7 @@ final class Token {
   }
 
   /** Logs in with what {@link #askPin} returned ({@code C_Login}). */
-  static void login(NativePKCS11Session session, char[] pin) throws PKCS11Exception {
+  static void authenticate(NativePKCS11Session session, char[] pin) throws PKCS11Exception {
     if (pin == null) {
       session.loginAuthPath(false);
     } else {
@@ -251,7 +251,7 @@ final class Token {
     char[] pin = askPin(asker);
     try {
       sessions.runLasting(session -> {
-        login(session, pin);
+        authenticate(session, pin);
         return null;
       });
     } catch (PKCS11Exception e) {

@@ -29,8 +29,8 @@ import javax.security.auth.login.LoginException;
 abstract class TokenKey implements PrivateKey {
   private static final long serialVersionUID = 1L;
 
-  /** Also for the answers of 4096 bits that the largest usual keys give. */
-  private static final int ROOM = 1024;
+  /** Bytes for the results of RSA keys of up to 16,384 bits. */
+  private static final int ROOM = 2048;
 
   private interface Start {
     void start(NativePKCS11Session session, int mechanism, Object parameter, NativePKCS11Object key)
@@ -100,11 +100,15 @@ abstract class TokenKey implements PrivateKey {
       return token.run((session, connection) -> {
         start.start(session, mechanism, null, in(session, connection));
         if (found.alwaysAuthenticate()) {
-          Token.login(session, pin);
+          Token.authenticate(session, pin);
         }
         // More than the input: some modules want room before they take the padding off.
         byte[] out = new byte[Math.max(ROOM, data.length)];
-        return Arrays.copyOf(out, finish.finish(session, data, 0, data.length, out, 0));
+        int length = finish.finish(session, data, 0, data.length, out, 0);
+        if (length < 0 || length > out.length) {
+          throw new PKCS11Exception("the module reports a result of " + length + " bytes");
+        }
+        return Arrays.copyOf(out, length);
       });
     } finally {
       Token.wipe(pin);
