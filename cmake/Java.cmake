@@ -115,7 +115,12 @@ set(QUARVEL_POM ${resources}/${pom}/pom.xml)
 configure_file(packaging/pom.xml.in ${QUARVEL_POM} @ONLY)
 file(CONFIGURE OUTPUT ${resources}/${pom}/pom.properties
      CONTENT "groupId=it.quarvel\nartifactId=quarvel-pkcs11\nversion=${PROJECT_VERSION}\n")
-set(contents --module-version ${PROJECT_VERSION} -C ${QUARVEL_CLASSES} . -C ${resources} ${pom})
+# What `provides` in the module says, for the class path.
+set(services META-INF/services)
+file(CONFIGURE OUTPUT ${resources}/${services}/java.security.Provider
+     CONTENT "it.quarvel.pkcs11.security.QuarvelProvider\n")
+set(contents --module-version ${PROJECT_VERSION} -C ${QUARVEL_CLASSES} . -C ${resources} ${pom}
+             -C ${resources} ${services})
 file(GLOB graal_files CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/native-image/*.json)
 foreach(file ${graal_files})
   cmake_path(GET file FILENAME name)

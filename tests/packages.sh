@@ -140,7 +140,8 @@ mount --bind /proc $view/proc
 mount --bind /dev $view/dev
 mkdir $view/tmp/packages
 cp "$folder"/*.deb "$0" "$tests/token.sh" $view/tmp/packages/
-awk '/^```java/ {inside = 1; next} /^```/ {inside = 0} inside' "$tests/../README.md" \
+# The one block of Java that is a whole program.
+perl -0777 -ne 'print grep /^public class /m, /^```java\n(.*?)^```$/msg' "$tests/../README.md" \
   >$view/tmp/packages/Example.java
 chroot $view /tmp/packages/packages.sh --installed
 echo 'packages: installed; the example of the README runs from them and as a Maven project'

@@ -1,0 +1,60 @@
+package it.quarvel.pkcs11.security;
+
+import java.math.BigInteger;
+import java.nio.ByteBuffer;
+import java.security.MessageDigest;
+import java.util.Arrays;
+
+/** The forms of a signature that tokens leave to the caller. */
+final class Encodings {
+  private static final byte INTEGER = 2;
+  private static final byte SEQUENCE = 0x30;
+  private static final byte ONE_LENGTH_BYTE = (byte) 0x81;
+  private static final byte PSS_TRAILER = (byte) 0xBC;
+
+  private Encodings() {}
+
+  /** Makes the DER form of an ECDSA signature that is two numbers of one size. */
+  static byte[] derSignature(byte[] signature) {
+    int size = signature.length / 2;
+    byte[] r = new BigInteger(1, signature, 0, size).toByteArray();
+    byte[] s = new BigInteger(1, signature, size, size).toByteArray();
+    int length = 4 + r.length + s.length;
+    ByteBuffer der = ByteBuffer.allocate(3 + length).put(SEQUENCE);
+    if (length > Byte.MAX_VALUE) {
+      der.put(ONE_LENGTH_BYTE);
+    }
+    der.put((byte) length).put(INTEGER).put((byte) r.length).put(r)
+        .put(INTEGER).put((byte) s.length).put(s);
+    return Arrays.copyOf(der.array(), der.position());
+  }
+
+  /**
+   * Pads a digest as EMSA-PSS does.
+   *
+   * @param digest the message's digest
+   * @param bits bits of the modulus less one
+   * @return bytes for raw RSA, one fewer than the modulus where it has 8n + 1 bits
+   */
+  static byte[] pss(byte[] digest, byte[] salt, int bits, MessageDigest hash, MessageDigest mask) {
+    hash.update(new byte[8]);
+    hash.update(digest);
+    byte[] h = hash.digest(salt);
+    byte[] padded = new byte[(bits + 7) / 8];
+    int masked = padded.length - h.length - 1;
+    padded[masked - salt.length - 1] = 1;
+    System.arraycopy(salt, 0, padded, masked - salt.length, salt.length);
+    for (int i = 0, counter = 0; i < masked; counter++) {
+      mask.update(h);
+      for (byte b : mask.digest(ByteBuffer.allocate(4).putInt(counter).array())) {
+        if (i < masked) {
+          padded[i++] ^= b;
+        }
+      }
+    }
+    padded[0] &= (byte) (0xFF >> 8 * padded.length - bits);
+    System.arraycopy(h, 0, padded, masked, h.length);
+    padded[padded.length - 1] = PSS_TRAILER;
+    return padded;
+  }
+}

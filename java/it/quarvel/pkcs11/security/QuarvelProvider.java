@@ -1,0 +1,212 @@
+package it.quarvel.pkcs11.security;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Uri;
+import it.quarvel.pkcs11.nat.NativePKCS11;
+import it.quarvel.pkcs11.security.TokenSignature.Scheme;
+import java.security.AuthProvider;
+import java.security.InvalidParameterException;
+import java.security.Provider;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Map;
+import java.util.Objects;
+import java.util.function.Predicate;
+import java.util.function.Supplier;
+import java.util.stream.Stream;
+import javax.security.auth.Subject;
+import javax.security.auth.callback.CallbackHandler;
+import javax.security.auth.login.LoginException;
+
+/**
+ * Makes the keys of a PKCS#11 token usable by every library that takes a {@code PrivateKey}.
+ *
+ * <pre>{@code
+ * Provider provider = new QuarvelProvider()
+ *     .configure("pkcs11:token=demo?module-path=/usr/lib/softhsm/libsofthsm2.so");
+ * Security.insertProviderAt(provider, 1);
+ * KeyStore keys = KeyStore.getInstance("PKCS11", provider);
+ * keys.load(null, pin);
+ * PrivateKey key = (PrivateKey) keys.getKey("signing", null);
+ * }</pre>
+ *
+ * <p><b>Key store</b> {@code PKCS11}, read-only: what the token holds at each {@code load}. A key's
+ * alias is the label of its certificate, else its own; those that share one have their id behind
+ * it. A certificate belongs to a key when both have one {@code CKA_ID} and one public key; the
+ * newest valid one counts, and its chain is made of the token's certificates. Trusted are those
+ * with {@code CKA_TRUSTED} only. A PIN is tried once.
+ *
+ * <p><b>Signatures</b> {@code NONEwithRSA}, {@code SHA1withRSA}, {@code RSASSA-PSS}, {@code
+ * SHA1withRSASSA-PSS} (or {@code SHA1withRSAandMGF1}), {@code NONEwithECDSA} and {@code
+ * SHA1withECDSA}, both also {@code inP1363Format}; with {@code SHA224}, {@code SHA256}, {@code
+ * SHA384} and {@code SHA512} alike; and {@code Ed25519} (or {@code EdDSA}). PSS takes any
+ * parameters where the token has {@code CKM_RSA_X_509}, else those of the token's own {@code
+ * CKM_SHA256_RSA_PKCS_PSS} and its like: a salt as long as the digest.
+ *
+ * <p><b>Cipher</b> {@code RSA/ECB/PKCS1Padding}, to decrypt and to unwrap secret keys. OAEP is not
+ * offered: the binding passes no parameters to the token's own, and to take the padding off outside
+ * the token would let others watch it being done.
+ *
+ * <p>Whatever is to be verified or encrypted, and every key that is not a token's, goes on to
+ * another provider, so that this one can stand first. It should: libraries that set parameters
+ * before the key choose a provider before they have seen the key.
+ *
+ * <p>A key finds its token again, after a logout, after a card was pulled and put back, after a
+ * server was started anew. The PIN is kept nowhere: it is asked for again, of the callback handler
+ * or the {@code pin-source}, as it is at each use of a key with {@code CKA_ALWAYS_AUTHENTICATE}.
+ *
+ * <p>All providers of this class share one module, so they have to name the same one; every thread
+ * may use them. {@link #logout} closes what a provider has open, and the module with the last one;
+ * nothing is finalised when the process ends.
+ */
+public final class QuarvelProvider extends AuthProvider {
+  private static final long serialVersionUID = 1L;
+
+  private static final String NAME = "Quarvel";
+
+  /** Null until it is configured. */
+  private final transient Token token;
+
+  /** Makes a provider that names no token yet; {@link #configure} makes one that does. */
+  public QuarvelProvider() {
+    this(NAME, null);
+  }
+
+  private QuarvelProvider(String name, PKCS11Uri uri) {
+    super(name, NativePKCS11.BRIDGE_VERSION, "Keys of PKCS#11 tokens");
+    token = uri == null ? null : new Token(uri);
+    putService(new TokenService(this, "KeyStore", "PKCS11", TokenKeyStore.class, List.of(),
+        () -> new TokenKeyStore(token), any -> true));
+    putService(new TokenService(this, "Cipher", TokenCipher.NAME, TokenCipher.class, List.of("RSA"),
+        () -> new TokenCipher(this), TokenKey.Rsa.class::isInstance));
+    put("NONEwithRSA", Scheme.PKCS1, null);
+    put("RSASSA-PSS", Scheme.PSS, null, "1.2.840.113549.1.1.10");
+    put("NONEwithECDSA", Scheme.ECDSA_DER, null);
+    put("NONEwithECDSAinP1363Format", Scheme.ECDSA_P1363, null);
+    put("Ed25519", Scheme.EDDSA, null, "1.3.101.112");
+    put("EdDSA", Scheme.EDDSA, null);
+    for (Hash hash : Hash.values()) {
+      put(hash + "withRSA", Scheme.PKCS1, hash, hash.rsaId);
+      put(hash + "withECDSA", Scheme.ECDSA_DER, hash, hash.ecdsaId);
+      put(hash + "withECDSAinP1363Format", Scheme.ECDSA_P1363, hash);
+      // No other provider of the JDK has these, so that they come here whatever the key is.
+      putService(new TokenService(this, "Signature", hash + "withRSASSA-PSS", TokenSignature.class,
+          List.of(hash + "withRSAandMGF1"),
+          () -> new TokenSignature(this, "RSASSA-PSS", Scheme.PSS, hash), any -> true));
+    }
+  }
+
+  private void put(String name, Scheme scheme, Hash hash, String... ids) {
+    putService(new TokenService(this, "Signature", name, TokenSignature.class,
+        Stream.of(ids).flatMap(id -> Stream.of(id, "OID." + id)).toList(),
+        () -> new TokenSignature(this, name, scheme, hash), scheme::takes));
+  }
+
+  /** Makes its objects without reflection, and tells which keys it is there for. */
+  private static final class TokenService extends Provider.Service {
+    private final Supplier<?> maker;
+    private final Predicate<Object> keys;
+
+    TokenService(Provider provider, String type, String algorithm, Class<?> made,
+        List<String> aliases, Supplier<?> maker, Predicate<Object> keys) {
+      super(provider, type, algorithm, made.getName(), aliases, Map.of());
+      this.maker = maker;
+      this.keys = keys;
+    }
+
+    @Override
+    public Object newInstance(Object parameter) {
+      return maker.get();
+    }
+
+    @Override
+    public boolean supportsParameter(Object key) {
+      return keys.test(key);
+    }
+  }
+
+  /**
+   * Makes a provider for a token. Only the text is read: the module is opened when a key store is
+   * loaded.
+   *
+   * @param uri a PKCS#11 URI with {@code module-path}, and as much of {@code token}, {@code serial}
+   *     and {@code slot-id} as it takes to name one token; {@code object} and {@code id} limit
+   *     which keys are offered; {@code pin-source} names a file with the PIN
+   * @return a new provider, named "Quarvel-" and the token, the serial number or the slot. Java
+   *     keeps one provider of a name
+   * @throws InvalidParameterException for a text that is no such URI, with the reason
+   */
+  @Override
+  public Provider configure(String uri) {
+    PKCS11Uri parsed;
+    try {
+      parsed = PKCS11Uri.parse(uri);
+    } catch (IllegalArgumentException e) {
+      throw (InvalidParameterException) new InvalidParameterException(e.getMessage()).initCause(e);
+    }
+    if (parsed.modulePath() == null) {
+      throw new InvalidParameterException("the PKCS#11 URI names no module: it ends in"
+          + " \"?module-path=\" and the module's file");
+    }
+    Object named = Stream.of(parsed.token(), parsed.serial(), parsed.slotID())
+        .filter(Objects::nonNull).findFirst().orElse("token");
+    return new QuarvelProvider(NAME + "-" + named, parsed);
+  }
+
+  /**
+   * Tells whether there is a token.
+   *
+   * @return true for what {@link #configure} has made
+   */
+  @Override
+  public boolean isConfigured() {
+    return token != null;
+  }
+
+  /**
+   * Opens the token and logs in ({@code C_Login}), unless that has been done.
+   *
+   * @param subject not read
+   * @param handler asks for the PIN, in a {@code PasswordCallback}; null: the one that was set
+   * @throws LoginException when the token cannot be had or refuses, with its reason as the cause
+   */
+  @Override
+  public void login(Subject subject, CallbackHandler handler) throws LoginException {
+    try {
+      configured().login(handler);
+    } catch (PKCS11Exception e) {
+      throw (LoginException) new LoginException(e.getMessage()).initCause(e);
+    }
+  }
+
+  /**
+   * Closes the sessions of this provider, which logs out unless the process has others with the
+   * token, and the module unless another provider uses it ({@code C_Finalize}). Keys stay of use:
+   * they log in again.
+   *
+   * @throws LoginException when the provider is not configured
+   */
+  @Override
+  public void logout() throws LoginException {
+    configured().logout();
+  }
+
+  /**
+   * Sets who asks for the PIN.
+   *
+   * @param handler gets a {@code PasswordCallback}; null: the {@code pin-source} of the URI alone
+   */
+  @Override
+  public void setCallbackHandler(CallbackHandler handler) {
+    if (token != null) {
+      token.setHandler(handler);
+    }
+  }
+
+  private Token configured() throws LoginException {
+    if (token == null) {
+      throw new LoginException("the provider names no token: configure it with a PKCS#11 URI");
+    }
+    return token;
+  }
+}

@@ -1,0 +1,301 @@
+package it.quarvel.pkcs11.security;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Module;
+import it.quarvel.pkcs11.PKCS11TokenInfo;
+import it.quarvel.pkcs11.PKCS11Uri;
+import it.quarvel.pkcs11.nat.NativePKCS11Session;
+import it.quarvel.pkcs11.nat.NativePKCS11Slot;
+import java.io.IOException;
+import java.nio.ByteBuffer;
+import java.nio.CharBuffer;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.util.Arrays;
+import java.util.HashSet;
+import java.util.Set;
+import javax.security.auth.callback.Callback;
+import javax.security.auth.callback.CallbackHandler;
+import javax.security.auth.callback.PasswordCallback;
+import javax.security.auth.callback.UnsupportedCallbackException;
+import javax.security.auth.login.FailedLoginException;
+import javax.security.auth.login.LoginException;
+
+/**
+ * The token that a URI names. It is opened and logged in to at the first need, and again whenever
+ * it has gone and come back: a card that was pulled, a server that was started anew, a logout.
+ */
+final class Token {
+  /** What is done in a session; handles that were found in another connection are of no use. */
+  interface Work<T> {
+    T in(NativePKCS11Session session, Connection connection) throws PKCS11Exception;
+  }
+
+  /** Those that not every token with RSA has. */
+  private static final Set<Integer> MECHANISMS = Set.of(CKM_RSA_X_509, CKM_SHA1_RSA_PKCS_PSS,
+      CKM_SHA224_RSA_PKCS_PSS, CKM_SHA256_RSA_PKCS_PSS, CKM_SHA384_RSA_PKCS_PSS,
+      CKM_SHA512_RSA_PKCS_PSS);
+
+  /** The time for which object handles are good, from one login to the next. */
+  record Connection(Sessions sessions, Object start) {}
+
+  final PKCS11Uri uri;
+
+  /** Asks for the PIN; null where nobody does. */
+  private volatile CallbackHandler handler;
+
+  /** Whom the URI has turned out to name. */
+  private volatile PKCS11TokenInfo info;
+
+  private volatile Set<Integer> mechanisms;
+  private volatile Connection connection;
+
+  Token(PKCS11Uri uri) {
+    this.uri = uri;
+    handler = uri.pinFile() == null ? null : this::readPin;
+  }
+
+  /** Sets who asks for the PIN; null: what the URI says. */
+  void setHandler(CallbackHandler handler) {
+    this.handler = handler != null || uri.pinFile() == null ? handler : this::readPin;
+  }
+
+  boolean isOpen() {
+    return connection != null;
+  }
+
+  /** Returns the label, for people; null before the token has been seen. */
+  String label() {
+    return info == null ? null : info.trimmedLabel();
+  }
+
+  /** Tells whether the token signs with raw RSA or with a PSS of its own ({@code CKF_SIGN}). */
+  boolean signsWith(int mechanism) {
+    return mechanisms.contains(mechanism);
+  }
+
+  /**
+   * Logs in, unless that has been done.
+   *
+   * @param once asks for the PIN this time; null: whoever was set
+   * @throws PKCS11Exception when the token cannot be had; nothing is left open then
+   * @throws LoginException when there is no PIN or the token refuses it, which is the cause then
+   */
+  void login(CallbackHandler once) throws PKCS11Exception, LoginException {
+    connect(connection, once != null ? once : handler);
+  }
+
+  /** Logs out, and closes the module unless another token needs it. */
+  synchronized void logout() {
+    close(connection);
+    connection = null;
+    SharedModule.release(this);
+  }
+
+  /**
+   * Does some work in a session; a second time when the token turns out to have gone, or somebody
+   * to have logged out.
+   */
+  <T> T run(Work<T> work) throws PKCS11Exception, LoginException {
+    Connection current = connection;
+    if (current != null) {
+      try {
+        return runIn(current, work);
+      } catch (PKCS11Exception e) {
+        if (!isGone(e)) {
+          throw e;
+        }
+      }
+    }
+    return runIn(connect(current, handler), work);
+  }
+
+  /** Tells whether a failure may be one of the connection rather than of the work. */
+  static boolean isGone(PKCS11Exception failure) {
+    return switch (failure.errorCode()) {
+      case CKR_USER_NOT_LOGGED_IN, CKR_SESSION_HANDLE_INVALID, CKR_SESSION_CLOSED,
+          CKR_OBJECT_HANDLE_INVALID, CKR_KEY_HANDLE_INVALID, CKR_DEVICE_REMOVED, CKR_DEVICE_ERROR,
+          CKR_TOKEN_NOT_PRESENT, CKR_TOKEN_NOT_RECOGNIZED, CKR_SLOT_ID_INVALID,
+          CKR_CRYPTOKI_NOT_INITIALIZED -> true;
+      default -> false;
+    };
+  }
+
+  private static <T> T runIn(Connection connection, Work<T> work) throws PKCS11Exception {
+    return connection.sessions.run(session -> work.in(session, connection));
+  }
+
+  /**
+   * Asks for the PIN.
+   *
+   * @return the PIN, which the caller wipes; null when the token has a path of its own for it
+   */
+  char[] askPin() throws LoginException {
+    return askPin(handler);
+  }
+
+  /** Logs in with what {@link #askPin} returned ({@code C_Login}). */
+  static void authenticate(NativePKCS11Session session, char[] pin) throws PKCS11Exception {
+    if (pin == null) {
+      session.loginAuthPath(false);
+    } else {
+      session.login(pin);
+    }
+  }
+
+  static void wipe(char[] pin) {
+    if (pin != null) {
+      Arrays.fill(pin, '\0');
+    }
+  }
+
+  /** Connects anew, unless another thread has done so since the connection was seen to fail. */
+  private synchronized Connection connect(Connection failed, CallbackHandler asker)
+      throws PKCS11Exception, LoginException {
+    if (connection == null || connection == failed) {
+      PKCS11TokenInfo known = info;
+      Sessions sessions = connection != null && isAlive(failed) ? failed.sessions : attach();
+      connection = null;
+      try {
+        logIn(sessions, asker);
+        connection = new Connection(sessions, new Object());
+      } finally {
+        if (connection == null) {
+          info = known;
+          sessions.close();
+          SharedModule.release(this);
+        }
+      }
+    }
+    return connection;
+  }
+
+  private static boolean isAlive(Connection connection) {
+    try {
+      connection.sessions.runLasting(NativePKCS11Session::getInfo);
+      return true;
+    } catch (PKCS11Exception e) {
+      return false;
+    }
+  }
+
+  private static void close(Connection connection) {
+    if (connection != null) {
+      connection.sessions.close();
+    }
+  }
+
+  private Sessions attach() throws PKCS11Exception {
+    close(connection);
+    connection = null;
+    Sessions sessions = null;
+    PKCS11Module module = SharedModule.acquire(uri.modulePath(), this);
+    try {
+      sessions = open(module);
+    } catch (PKCS11Exception e) {
+      if (e.errorCode() != CKR_DEVICE_ERROR) {
+        throw e;
+      }
+      // A server that has come back knows nothing of who was there before.
+      sessions = open(SharedModule.reopen(module));
+    } finally {
+      if (sessions == null) {
+        SharedModule.release(this);
+      }
+    }
+    return sessions;
+  }
+
+  private Sessions open(PKCS11Module module) throws PKCS11Exception {
+    NativePKCS11Slot slot = SharedModule.use(module, () -> find(module));
+    if (info == null) {
+      mechanisms = SharedModule.use(module, () -> signing(slot));
+      info = SharedModule.use(module, slot::getTokenInfo);
+    }
+    return new Sessions(module, slot, info);
+  }
+
+  private NativePKCS11Slot find(PKCS11Module module) throws PKCS11Exception {
+    if (info == null) {
+      return module.token(uri);
+    }
+    for (NativePKCS11Slot slot : module.tokens()) {
+      PKCS11TokenInfo other = slot.getTokenInfo();
+      if (other.serialNumber().equals(info.serialNumber()) && other.label().equals(info.label())) {
+        return slot;
+      }
+    }
+    throw new PKCS11Exception("the token \"%s\" (serial number %s) is not there"
+        .formatted(label(), info.serialNumber().strip()));
+  }
+
+  private static Set<Integer> signing(NativePKCS11Slot slot) throws PKCS11Exception {
+    Set<Integer> signing = new HashSet<>();
+    for (int mechanism : slot.getMechanismList()) {
+      if (MECHANISMS.contains(mechanism) && slot.getMechanismInfo(mechanism).hasFlag(CKF_SIGN)) {
+        signing.add(mechanism);
+      }
+    }
+    return signing;
+  }
+
+  private void logIn(Sessions sessions, CallbackHandler asker)
+      throws PKCS11Exception, LoginException {
+    int state = sessions.runLasting(NativePKCS11Session::getInfo).state();
+    if (!info.hasFlag(CKF_LOGIN_REQUIRED) || state == CKS_RO_USER_FUNCTIONS
+        || state == CKS_RW_USER_FUNCTIONS) {
+      return;
+    }
+    char[] pin = askPin(asker);
+    try {
+      sessions.runLasting(session -> {
+        authenticate(session, pin);
+        return null;
+      });
+    } catch (PKCS11Exception e) {
+      // Somebody else in this process may have been quicker.
+      if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN) {
+        throw (LoginException) new FailedLoginException("the token \"%s\" refuses the login: %s"
+            .formatted(label(), e.getMessage())).initCause(e);
+      }
+    } finally {
+      wipe(pin);
+    }
+  }
+
+  private char[] askPin(CallbackHandler asker) throws LoginException {
+    char[] pin = null;
+    if (asker != null) {
+      PasswordCallback question = new PasswordCallback("PIN of \"" + label() + "\": ", false);
+      try {
+        asker.handle(new Callback[] {question});
+      } catch (IOException | UnsupportedCallbackException e) {
+        throw (LoginException) new LoginException("the PIN cannot be asked for: " + e).initCause(e);
+      }
+      pin = question.getPassword();
+      question.clearPassword();
+    }
+    if (pin == null && !info.hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH)) {
+      throw new LoginException("the token \"%s\" wants a PIN, and none is given: not by load, not"
+          + " by a callback handler, not by a pin-source in the URI".formatted(label()));
+    }
+    return pin;
+  }
+
+  /** Answers with the file that the URI names. */
+  private void readPin(Callback[] questions) throws IOException {
+    byte[] bytes = Files.readAllBytes(uri.pinFile());
+    CharBuffer text = StandardCharsets.UTF_8.decode(ByteBuffer.wrap(bytes));
+    int end = text.limit();
+    while (end > 0 && (text.get(end - 1) == '\n' || text.get(end - 1) == '\r')) {
+      end--;
+    }
+    char[] pin = Arrays.copyOf(text.array(), end);
+    ((PasswordCallback) questions[0]).setPassword(pin);
+    Arrays.fill(bytes, (byte) 0);
+    wipe(text.array());
+    wipe(pin);
+  }
+}

@@ -1,0 +1,222 @@
+package it.quarvel.pkcs11.security;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import java.io.ByteArrayOutputStream;
+import java.security.AlgorithmParameters;
+import java.security.GeneralSecurityException;
+import java.security.InvalidKeyException;
+import java.security.Key;
+import java.security.NoSuchAlgorithmException;
+import java.security.Provider;
+import java.security.ProviderException;
+import java.security.SecureRandom;
+import java.security.spec.AlgorithmParameterSpec;
+import java.util.Arrays;
+import javax.crypto.BadPaddingException;
+import javax.crypto.Cipher;
+import javax.crypto.CipherSpi;
+import javax.crypto.IllegalBlockSizeException;
+import javax.crypto.NoSuchPaddingException;
+import javax.crypto.ShortBufferException;
+import javax.crypto.spec.SecretKeySpec;
+import javax.security.auth.login.LoginException;
+
+/**
+ * Decrypts and unwraps with an RSA key on a token. What is to be encrypted, and what is to be
+ * decrypted with another key, is another provider's.
+ */
+final class TokenCipher extends CipherSpi {
+  static final String NAME = "RSA/ECB/PKCS1Padding";
+
+  private interface Start {
+    void start(Cipher cipher) throws GeneralSecurityException;
+  }
+
+  private final Provider provider;
+  private final ByteArrayOutputStream data = new ByteArrayOutputStream();
+  private TokenKey.Rsa key;
+
+  /** The other provider's, null unless it has been handed the key. */
+  private Cipher other;
+
+  TokenCipher(Provider provider) {
+    this.provider = provider;
+  }
+
+  @Override
+  protected void engineSetMode(String mode) throws NoSuchAlgorithmException {
+    if (!mode.equalsIgnoreCase("ECB")) {
+      throw new NoSuchAlgorithmException("the mode is ECB, not " + mode);
+    }
+  }
+
+  @Override
+  protected void engineSetPadding(String padding) throws NoSuchPaddingException {
+    if (!padding.equalsIgnoreCase("PKCS1Padding")) {
+      throw new NoSuchPaddingException("the padding is PKCS1Padding, not " + padding);
+    }
+  }
+
+  @Override
+  protected void engineInit(int mode, Key wanted, SecureRandom random) throws InvalidKeyException {
+    init(mode, wanted, null, cipher -> cipher.init(mode, wanted, random));
+  }
+
+  @Override
+  protected void engineInit(int mode, Key wanted, AlgorithmParameterSpec parameters,
+      SecureRandom random) throws InvalidKeyException {
+    init(mode, wanted, parameters, cipher -> cipher.init(mode, wanted, parameters, random));
+  }
+
+  @Override
+  protected void engineInit(int mode, Key wanted, AlgorithmParameters parameters,
+      SecureRandom random) throws InvalidKeyException {
+    init(mode, wanted, parameters, cipher -> cipher.init(mode, wanted, parameters, random));
+  }
+
+  private void init(int mode, Key wanted, Object parameters, Start start)
+      throws InvalidKeyException {
+    if (!(wanted instanceof TokenKey)) {
+      other = OtherProviders.first(provider, candidate -> {
+        Cipher cipher = Cipher.getInstance(NAME, candidate);
+        start.start(cipher);
+        return cipher;
+      });
+      return;
+    }
+    if (!(wanted instanceof TokenKey.Rsa rsa)) {
+      throw new InvalidKeyException("an RSA key is wanted, not " + wanted);
+    }
+    if (mode != Cipher.DECRYPT_MODE && mode != Cipher.UNWRAP_MODE) {
+      throw new InvalidKeyException("a private key on a token decrypts and unwraps only");
+    }
+    if (parameters != null) {
+      // JSSE does without its parameters when, and only when, it sees this exception.
+      throw new UnsupportedOperationException("a key on a token takes no parameters");
+    }
+    key = rsa;
+    other = null;
+    data.reset();
+  }
+
+  @Override
+  protected int engineGetBlockSize() {
+    return other == null ? 0 : other.getBlockSize();
+  }
+
+  @Override
+  protected int engineGetOutputSize(int inputLength) {
+    return other == null ? key.size() : other.getOutputSize(inputLength);
+  }
+
+  @Override
+  protected byte[] engineGetIV() {
+    return null;
+  }
+
+  @Override
+  protected AlgorithmParameters engineGetParameters() {
+    return other == null ? null : other.getParameters();
+  }
+
+  @Override
+  protected byte[] engineUpdate(byte[] input, int offset, int length) {
+    if (other != null) {
+      return other.update(input, offset, length);
+    }
+    data.write(input, offset, length);
+    return new byte[0];
+  }
+
+  @Override
+  protected int engineUpdate(byte[] input, int offset, int length, byte[] output, int outputOffset)
+      throws ShortBufferException {
+    if (other != null) {
+      return other.update(input, offset, length, output, outputOffset);
+    }
+    data.write(input, offset, length);
+    return 0;
+  }
+
+  @Override
+  protected byte[] engineDoFinal(byte[] input, int offset, int length)
+      throws IllegalBlockSizeException, BadPaddingException {
+    if (other != null) {
+      return input == null ? other.doFinal() : other.doFinal(input, offset, length);
+    }
+    if (input != null) {
+      data.write(input, offset, length);
+    }
+    byte[] encrypted = data.toByteArray();
+    data.reset();
+    if (encrypted.length > key.size()) {
+      throw new IllegalBlockSizeException(
+          "%d bytes are more than one block of the key".formatted(encrypted.length));
+    }
+    return decrypt(encrypted);
+  }
+
+  @Override
+  protected int engineDoFinal(byte[] input, int offset, int length, byte[] output,
+      int outputOffset) throws ShortBufferException, IllegalBlockSizeException,
+      BadPaddingException {
+    if (other != null) {
+      return input == null ? other.doFinal(output, outputOffset)
+          : other.doFinal(input, offset, length, output, outputOffset);
+    }
+    byte[] encrypted = data.toByteArray();
+    byte[] result = engineDoFinal(input, offset, length);
+    if (result.length > output.length - outputOffset) {
+      data.writeBytes(encrypted);
+      throw new ShortBufferException("%d bytes are needed".formatted(result.length));
+    }
+    System.arraycopy(result, 0, output, outputOffset, result.length);
+    Arrays.fill(result, (byte) 0);
+    return result.length;
+  }
+
+  /**
+   * Modules answer bad padding in many ways, and who sends it must not learn which: one exception,
+   * without a cause. What a token without its card or its user answers is another matter.
+   */
+  private byte[] decrypt(byte[] encrypted) throws BadPaddingException {
+    try {
+      return key.decrypt(CKM_RSA_PKCS, encrypted);
+    } catch (LoginException e) {
+      throw new ProviderException(e.getMessage(), e);
+    } catch (PKCS11Exception e) {
+      if (Token.isGone(e)) {
+        throw new ProviderException(e.getMessage(), e);
+      }
+      throw new BadPaddingException("the token cannot decrypt this");
+    }
+  }
+
+  @Override
+  protected byte[] engineWrap(Key wrapped) throws IllegalBlockSizeException, InvalidKeyException {
+    return other.wrap(wrapped);
+  }
+
+  @Override
+  protected Key engineUnwrap(byte[] wrapped, String algorithm, int type)
+      throws InvalidKeyException, NoSuchAlgorithmException {
+    if (other != null) {
+      return other.unwrap(wrapped, algorithm, type);
+    }
+    if (type != Cipher.SECRET_KEY) {
+      throw new InvalidKeyException("one block of RSA holds a secret key only");
+    }
+    try {
+      byte[] unwrapped = engineDoFinal(wrapped, 0, wrapped.length);
+      try {
+        return new SecretKeySpec(unwrapped, algorithm);
+      } finally {
+        Arrays.fill(unwrapped, (byte) 0);
+      }
+    } catch (BadPaddingException | IllegalBlockSizeException | IllegalArgumentException e) {
+      throw new InvalidKeyException("the key cannot be unwrapped", e);
+    }
+  }
+}

@@ -1,0 +1,228 @@
+package it.quarvel.pkcs11.security;
+
+import it.quarvel.pkcs11.PKCS11Constants;
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.nat.NativePKCS11Object;
+import it.quarvel.pkcs11.nat.NativePKCS11Session;
+import java.io.NotSerializableException;
+import java.math.BigInteger;
+import java.security.PrivateKey;
+import java.security.PublicKey;
+import java.security.interfaces.ECKey;
+import java.security.interfaces.ECPublicKey;
+import java.security.interfaces.EdECPrivateKey;
+import java.security.interfaces.EdECPublicKey;
+import java.security.interfaces.RSAKey;
+import java.security.interfaces.RSAPublicKey;
+import java.security.spec.AlgorithmParameterSpec;
+import java.security.spec.ECParameterSpec;
+import java.security.spec.NamedParameterSpec;
+import java.util.Arrays;
+import java.util.HexFormat;
+import java.util.Optional;
+import javax.security.auth.login.LoginException;
+
+/**
+ * A private key that stays on its token. It is known by its id and its public half, by which it is
+ * found again whenever its handle is of no more use.
+ */
+abstract class TokenKey implements PrivateKey {
+  private static final long serialVersionUID = 1L;
+
+  /** Bytes for the results of RSA keys of up to 16,384 bits. */
+  private static final int ROOM = 2048;
+
+  private interface Start {
+    void start(NativePKCS11Session session, int mechanism, Object parameter, NativePKCS11Object key)
+        throws PKCS11Exception;
+  }
+
+  private interface Finish {
+    int finish(NativePKCS11Session session, byte[] in, int inOffset, int inLength, byte[] out,
+        int outOffset) throws PKCS11Exception;
+  }
+
+  private record Located(NativePKCS11Object object, Token.Connection connection) {}
+
+  final transient Token token;
+
+  private final transient KeyObject found;
+  private final transient PublicKey publicKey;
+  private transient volatile Located located;
+
+  private TokenKey(Token token, KeyObject found, PublicKey publicKey,
+      Token.Connection connection) {
+    this.token = token;
+    this.found = found;
+    this.publicKey = publicKey;
+    located = new Located(found.object(), connection);
+  }
+
+  /**
+   * Makes Java's key of one on the token.
+   *
+   * @param publicKey its public half, as the certificate has it where there is one
+   * @param connection in which it was found
+   * @return null for a key of a kind that does not sign here
+   */
+  static TokenKey of(
+      Token token, KeyObject found, PublicKey publicKey, Token.Connection connection) {
+    if (publicKey instanceof RSAPublicKey rsa) {
+      return new Rsa(token, found, rsa, connection);
+    }
+    if (publicKey instanceof ECPublicKey ec) {
+      return new Ec(token, found, ec, connection);
+    }
+    return publicKey instanceof EdECPublicKey edwards
+        && edwards.getParams().getName().equals(NamedParameterSpec.ED25519.getName())
+        ? new Ed25519(token, found, edwards, connection) : null;
+  }
+
+  /**
+   * Signs ({@code C_SignInit}, {@code C_Sign}).
+   *
+   * @param mechanism a {@code CKM_} value
+   * @throws LoginException when a PIN is needed and cannot be had
+   */
+  byte[] sign(int mechanism, byte[] data) throws PKCS11Exception, LoginException {
+    return operate(NativePKCS11Session::signInit, NativePKCS11Session::sign, mechanism, data);
+  }
+
+  /** Decrypts ({@code C_DecryptInit}, {@code C_Decrypt}), as {@link #sign} signs. */
+  byte[] decrypt(int mechanism, byte[] data) throws PKCS11Exception, LoginException {
+    return operate(NativePKCS11Session::decryptInit, NativePKCS11Session::decrypt, mechanism, data);
+  }
+
+  private byte[] operate(Start start, Finish finish, int mechanism, byte[] data)
+      throws PKCS11Exception, LoginException {
+    char[] pin = found.alwaysAuthenticate() ? token.askPin() : null;
+    try {
+      return token.run((session, connection) -> {
+        start.start(session, mechanism, null, in(session, connection));
+        if (found.alwaysAuthenticate()) {
+          Token.authenticate(session, pin);
+        }
+        // More than the input: some modules want room before they take the padding off.
+        byte[] out = new byte[Math.max(ROOM, data.length)];
+        int length = finish.finish(session, data, 0, data.length, out, 0);
+        if (length < 0 || length > out.length) {
+          throw new PKCS11Exception("the module reports a result of " + length + " bytes");
+        }
+        return Arrays.copyOf(out, length);
+      });
+    } finally {
+      Token.wipe(pin);
+    }
+  }
+
+  private NativePKCS11Object in(NativePKCS11Session session, Token.Connection connection)
+      throws PKCS11Exception {
+    Located last = located;
+    if (last.connection != connection) {
+      for (KeyObject key : KeyObject.find(session, found.id())) {
+        if (KeyObject.same(key.publicKey(), publicKey)) {
+          located = new Located(key.object(), connection);
+          return key.object();
+        }
+      }
+      throw new PKCS11Exception(PKCS11Constants.CKR_KEY_HANDLE_INVALID);
+    }
+    return last.object;
+  }
+
+  /** The parameters; a method of its own, since interfaces of Java 22 have several of this name. */
+  public abstract AlgorithmParameterSpec getParams();
+
+  @Override
+  public String getAlgorithm() {
+    return publicKey.getAlgorithm();
+  }
+
+  @Override
+  public String getFormat() {
+    return null;
+  }
+
+  @Override
+  public byte[] getEncoded() {
+    return null;
+  }
+
+  /** It is of use with its token alone. */
+  protected Object writeReplace() throws NotSerializableException {
+    throw new NotSerializableException("a key on a token");
+  }
+
+  @Override
+  public String toString() {
+    return "%s key \"%s\" (id %s) of the token \"%s\"".formatted(getAlgorithm(), found.label(),
+        HexFormat.of().formatHex(found.id()), token.label());
+  }
+
+  static final class Rsa extends TokenKey implements RSAKey {
+    private static final long serialVersionUID = 1L;
+
+    private final transient RSAPublicKey publicKey;
+
+    private Rsa(Token token, KeyObject found, RSAPublicKey publicKey, Token.Connection connection) {
+      super(token, found, publicKey, connection);
+      this.publicKey = publicKey;
+    }
+
+    @Override
+    public BigInteger getModulus() {
+      return publicKey.getModulus();
+    }
+
+    @Override
+    public AlgorithmParameterSpec getParams() {
+      return publicKey.getParams();
+    }
+
+    /** Bytes of the modulus. */
+    int size() {
+      return (getModulus().bitLength() + 7) / 8;
+    }
+  }
+
+  static final class Ec extends TokenKey implements ECKey {
+    private static final long serialVersionUID = 1L;
+
+    private final transient ECParameterSpec curve;
+
+    private Ec(Token token, KeyObject found, ECPublicKey publicKey, Token.Connection connection) {
+      super(token, found, publicKey, connection);
+      curve = publicKey.getParams();
+    }
+
+    @Override
+    public ECParameterSpec getParams() {
+      return curve;
+    }
+
+    /** Bytes of the order. */
+    int size() {
+      return (curve.getOrder().bitLength() + 7) / 8;
+    }
+  }
+
+  /** An Edwards key of Java has bytes, if need be none: {@code jarsigner} asks for the class. */
+  static final class Ed25519 extends TokenKey implements EdECPrivateKey {
+    private static final long serialVersionUID = 1L;
+
+    private Ed25519(
+        Token token, KeyObject found, EdECPublicKey publicKey, Token.Connection connection) {
+      super(token, found, publicKey, connection);
+    }
+
+    @Override
+    public NamedParameterSpec getParams() {
+      return NamedParameterSpec.ED25519;
+    }
+
+    @Override
+    public Optional<byte[]> getBytes() {
+      return Optional.empty();
+    }
+  }
+}

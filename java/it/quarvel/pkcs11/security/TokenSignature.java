@@ -1,0 +1,321 @@
+package it.quarvel.pkcs11.security;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import java.io.ByteArrayOutputStream;
+import java.security.AlgorithmParameters;
+import java.security.GeneralSecurityException;
+import java.security.InvalidAlgorithmParameterException;
+import java.security.InvalidKeyException;
+import java.security.MessageDigest;
+import java.security.PrivateKey;
+import java.security.Provider;
+import java.security.ProviderException;
+import java.security.PublicKey;
+import java.security.SecureRandom;
+import java.security.Signature;
+import java.security.SignatureException;
+import java.security.SignatureSpi;
+import java.security.spec.AlgorithmParameterSpec;
+import java.security.spec.MGF1ParameterSpec;
+import java.security.spec.PSSParameterSpec;
+import java.util.Arrays;
+import javax.security.auth.login.LoginException;
+
+/**
+ * Signs with a key on a token. What is to be verified, and what is to be signed with another key,
+ * is another provider's.
+ */
+final class TokenSignature extends SignatureSpi {
+  /** What a signature is made of. */
+  enum Scheme {
+    PKCS1("RSA", TokenKey.Rsa.class), PSS("RSA", TokenKey.Rsa.class),
+    ECDSA_DER("EC", TokenKey.Ec.class), ECDSA_P1363("EC", TokenKey.Ec.class),
+    EDDSA("Ed25519", TokenKey.Ed25519.class);
+
+    private final String family;
+    private final Class<? extends TokenKey> keys;
+
+    Scheme(String family, Class<? extends TokenKey> keys) {
+      this.family = family;
+      this.keys = keys;
+    }
+
+    boolean takes(Object key) {
+      return keys.isInstance(key);
+    }
+  }
+
+  /** The longest digest that Java's own raw ECDSA takes. */
+  private static final int LONGEST_DIGEST = 64;
+
+  /** What PKCS #1 puts around the data at least. */
+  private static final int PKCS1_PADDING = 11;
+
+  private final Provider provider;
+  private final String name;
+  private final Scheme scheme;
+
+  /** Null where the caller hashes, or the token does, or the parameters tell. */
+  private final Hash hash;
+
+  private AlgorithmParameterSpec parameters;
+  private TokenKey key;
+
+  /** Hashes what is signed; where it is null, all of it is kept for the token. */
+  private MessageDigest digest;
+
+  private ByteArrayOutputStream data;
+
+  /** The other provider's, null unless it has been handed the key. */
+  private Signature other;
+
+  /**
+   * Makes a signature without a key.
+   *
+   * @param provider ours
+   * @param name what other providers call the algorithm
+   * @param hash null without one, and for RSASSA-PSS, whose parameters name it
+   */
+  TokenSignature(Provider provider, String name, Scheme scheme, Hash hash) {
+    this.provider = provider;
+    this.name = name;
+    this.scheme = scheme;
+    this.hash = hash;
+    parameters = scheme == Scheme.PSS && hash != null ? hash.pss : null;
+  }
+
+  // ---- Keys and parameters ----
+
+  @Override
+  protected void engineInitSign(PrivateKey privateKey) throws InvalidKeyException {
+    if (privateKey instanceof TokenKey tokenKey) {
+      if (!scheme.takes(tokenKey)) {
+        throw new InvalidKeyException("a key of " + scheme.family + " is wanted, not " + tokenKey);
+      }
+      try {
+        prepare(tokenKey, parameters);
+      } catch (InvalidAlgorithmParameterException e) {
+        throw new InvalidKeyException(e.getMessage(), e);
+      }
+      key = tokenKey;
+      other = null;
+    } else {
+      handOn(signature -> signature.initSign(privateKey, appRandom));
+    }
+  }
+
+  @Override
+  protected void engineInitVerify(PublicKey publicKey) throws InvalidKeyException {
+    handOn(signature -> signature.initVerify(publicKey));
+  }
+
+  private interface Start {
+    void start(Signature signature) throws InvalidKeyException;
+  }
+
+  private void handOn(Start start) throws InvalidKeyException {
+    other = OtherProviders.first(provider, candidate -> {
+      Signature signature = Signature.getInstance(name, candidate);
+      if (parameters != null) {
+        signature.setParameter(parameters);
+      }
+      start.start(signature);
+      return signature;
+    });
+    key = null;
+  }
+
+  @Override
+  protected void engineSetParameter(AlgorithmParameterSpec wanted)
+      throws InvalidAlgorithmParameterException {
+    if (scheme == Scheme.PSS) {
+      check(wanted);
+    }
+    if (other != null) {
+      other.setParameter(wanted);
+    } else if (key != null) {
+      prepare(key, wanted);
+    }
+    parameters = wanted;
+  }
+
+  private void check(AlgorithmParameterSpec wanted) throws InvalidAlgorithmParameterException {
+    if (!(wanted instanceof PSSParameterSpec pss)
+        || !(pss.getMGFParameters() instanceof MGF1ParameterSpec)
+        || pss.getTrailerField() != PSSParameterSpec.TRAILER_FIELD_BC) {
+      throw new InvalidAlgorithmParameterException(
+          "a PSSParameterSpec with MGF1 and the trailer field 1 is wanted");
+    }
+    if (hash != null && !pss.getDigestAlgorithm().equals(hash.pss.getDigestAlgorithm())) {
+      throw new InvalidAlgorithmParameterException("the digest is " + hash);
+    }
+  }
+
+  /** Makes ready for a key of the token's, or refuses what it cannot do. */
+  private void prepare(TokenKey tokenKey, AlgorithmParameterSpec wanted)
+      throws InvalidAlgorithmParameterException {
+    MessageDigest first = null;
+    if (scheme != Scheme.PSS) {
+      if (wanted != null) {
+        throw new InvalidAlgorithmParameterException("a key on a token signs without parameters");
+      }
+      first = hash == null ? null : hash.digest();
+    } else if (wanted instanceof PSSParameterSpec pss) {
+      first = pssDigest((TokenKey.Rsa) tokenKey, pss);
+    }
+    digest = first;
+    data = new ByteArrayOutputStream();
+  }
+
+  /** Returns null where the token hashes. */
+  private static MessageDigest pssDigest(TokenKey.Rsa rsa, PSSParameterSpec pss)
+      throws InvalidAlgorithmParameterException {
+    MessageDigest digest;
+    try {
+      digest = Hash.digest(pss.getDigestAlgorithm());
+      Hash.digest(maskOf(pss));
+    } catch (IllegalArgumentException e) {
+      throw new InvalidAlgorithmParameterException(e.getMessage(), e);
+    }
+    if ((pssBits(rsa) + 7) / 8 < digest.getDigestLength() + pss.getSaltLength() + 2) {
+      throw new InvalidAlgorithmParameterException(
+          "the key is too short for such a digest and a salt of %d bytes"
+              .formatted(pss.getSaltLength()));
+    }
+    if (rsa.token.signsWith(CKM_RSA_X_509)) {
+      return digest;
+    }
+    if (!rsa.token.signsWith(pssMechanism(pss))) {
+      throw new InvalidAlgorithmParameterException("the token has no raw RSA, and no PSS with"
+          + " these parameters");
+    }
+    return null;
+  }
+
+  private static int pssBits(TokenKey.Rsa rsa) {
+    return rsa.getModulus().bitLength() - 1;
+  }
+
+  private static String maskOf(PSSParameterSpec pss) {
+    return ((MGF1ParameterSpec) pss.getMGFParameters()).getDigestAlgorithm();
+  }
+
+  /** Returns the token's mechanism for the usual salt and mask, or -1, which none is. */
+  private static int pssMechanism(PSSParameterSpec pss) {
+    return Arrays.stream(Hash.values())
+        .filter(each -> each.pss.getDigestAlgorithm().equals(pss.getDigestAlgorithm())
+            && each.pss.getDigestAlgorithm().equals(maskOf(pss))
+            && each.pss.getSaltLength() == pss.getSaltLength())
+        .mapToInt(each -> each.pssMechanism).findFirst().orElse(-1);
+  }
+
+  /** Without it JSSE does without PSS altogether. */
+  @Override
+  protected AlgorithmParameters engineGetParameters() {
+    if (other != null) {
+      return other.getParameters();
+    }
+    if (!(parameters instanceof PSSParameterSpec)) {
+      return null;
+    }
+    try {
+      AlgorithmParameters encoded = AlgorithmParameters.getInstance("RSASSA-PSS");
+      encoded.init(parameters);
+      return encoded;
+    } catch (GeneralSecurityException e) {
+      throw new ProviderException(e);
+    }
+  }
+
+  @Override
+  @Deprecated
+  protected void engineSetParameter(String parameter, Object value) {
+    throw new UnsupportedOperationException("parameters have no names");
+  }
+
+  @Override
+  @Deprecated
+  protected Object engineGetParameter(String parameter) {
+    throw new UnsupportedOperationException("parameters have no names");
+  }
+
+  // ---- Data ----
+
+  @Override
+  protected void engineUpdate(byte b) throws SignatureException {
+    engineUpdate(new byte[] {b}, 0, 1);
+  }
+
+  @Override
+  protected void engineUpdate(byte[] bytes, int offset, int length) throws SignatureException {
+    if (other != null) {
+      other.update(bytes, offset, length);
+    } else if (scheme == Scheme.PSS && parameters == null) {
+      throw new SignatureException("RSASSA-PSS wants parameters first");
+    } else if (digest != null) {
+      digest.update(bytes, offset, length);
+    } else {
+      data.write(bytes, offset, length);
+    }
+  }
+
+  @Override
+  protected boolean engineVerify(byte[] signature) throws SignatureException {
+    return other.verify(signature);
+  }
+
+  @Override
+  protected byte[] engineSign() throws SignatureException {
+    if (other != null) {
+      return other.sign();
+    }
+    byte[] input = digest != null ? digest.digest() : data.toByteArray();
+    data.reset();
+    try {
+      return switch (scheme) {
+        case PKCS1 -> signPkcs1((TokenKey.Rsa) key, hash == null ? input : hash.digestInfo(input));
+        case PSS -> signPss((TokenKey.Rsa) key, input);
+        case ECDSA_DER -> Encodings.derSignature(signEcdsa((TokenKey.Ec) key, input));
+        case ECDSA_P1363 -> signEcdsa((TokenKey.Ec) key, input);
+        case EDDSA -> key.sign(CKM_EDDSA, input);
+      };
+    } catch (PKCS11Exception | LoginException e) {
+      throw new SignatureException("the token does not sign: " + e.getMessage(), e);
+    }
+  }
+
+  private static byte[] signPkcs1(TokenKey.Rsa rsa, byte[] input)
+      throws PKCS11Exception, LoginException, SignatureException {
+    if (input.length > rsa.size() - PKCS1_PADDING) {
+      throw new SignatureException("%d bytes are too many for the key".formatted(input.length));
+    }
+    return rsa.sign(CKM_RSA_PKCS, input);
+  }
+
+  private byte[] signPss(TokenKey.Rsa rsa, byte[] input)
+      throws PKCS11Exception, LoginException, SignatureException {
+    if (!(parameters instanceof PSSParameterSpec pss)) {
+      throw new SignatureException("RSASSA-PSS wants parameters first");
+    }
+    if (digest == null) {
+      return rsa.sign(pssMechanism(pss), input);
+    }
+    byte[] salt = new byte[pss.getSaltLength()];
+    (appRandom != null ? appRandom : new SecureRandom()).nextBytes(salt);
+    byte[] padded = Encodings.pss(input, salt, pssBits(rsa), digest, Hash.digest(maskOf(pss)));
+    byte[] block = new byte[rsa.size()];
+    System.arraycopy(padded, 0, block, block.length - padded.length, padded.length);
+    return rsa.sign(CKM_RSA_X_509, block);
+  }
+
+  /** Of a digest longer than the order its first bytes count, which not every token knows. */
+  private byte[] signEcdsa(TokenKey.Ec ec, byte[] input)
+      throws PKCS11Exception, LoginException, SignatureException {
+    if (input.length > LONGEST_DIGEST) {
+      throw new SignatureException("%d bytes are no digest".formatted(input.length));
+    }
+    return ec.sign(CKM_ECDSA, Arrays.copyOf(input, Math.min(input.length, ec.size())));
+  }
+}
