@@ -2,6 +2,7 @@ package it.quarvel.pkcs11.cli.command;
 
 import static it.quarvel.pkcs11.PKCS11Constants.CKF_RW_SESSION;
 
+import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.check.CheckTable;
 import it.quarvel.pkcs11.cli.check.Checkup;
 import it.quarvel.pkcs11.cli.check.KeyTrials;
@@ -33,7 +34,7 @@ import picocli.CommandLine.Option;
       "A key that is named by --label, --id or --uri is used to sign and decrypt, else one that was"
           + " made.",
       "The status is 0 when nothing failed and nothing was refused. What was not asked for does not"
-          + " count, nor what the module, the token or the binding does not have.",
+          + " count, nor what the module or the token does not have.",
       "Never tried: changes of PINs, and the methods for particular cards, which print on standard"
           + " output."
     })
@@ -116,7 +117,6 @@ public final class CheckCommand extends ModuleCommand {
     } finally {
       leftovers.remove();
     }
-    checkup.tryWhatIsNotOffered();
     checkup.close();
     if (unasked != null) {
       throw unasked;
@@ -144,7 +144,7 @@ public final class CheckCommand extends ModuleCommand {
     try {
       pin.login(program(), connection, chosen, token.uri());
     } catch (Failure e) {
-      if (!table.isRefused(Operation.LOGIN)) {
+      if (!(e.getCause() instanceof PKCS11Exception)) {
         throw e;
       }
       program().report(e);

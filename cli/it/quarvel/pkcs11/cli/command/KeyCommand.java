@@ -71,6 +71,9 @@ public abstract class KeyCommand extends ModuleCommand {
   /** Reads the data first: a file that is not there should cost no login. */
   @Override
   final void run(Connection connection) throws Failure {
+    if (mechanism != null) {
+      connection.requireName(mechanism);
+    }
     byte[] data = read();
     Token chosen = token.choose(connection);
     connection.openSession(chosen.slot(), 0);
@@ -85,11 +88,14 @@ public abstract class KeyCommand extends ModuleCommand {
   }
 
   private static int keyType(NativePKCS11Object key) throws Failure {
-    Integer keyType = new Attributes(key).read(CKA_KEY_TYPE, key::getIntAttributeValue);
+    Object keyType = new Attributes(key).number(CKA_KEY_TYPE);
     if (keyType == null) {
       throw Failure.usage("this object is no key: --type is private, public or secret-key");
     }
-    return keyType;
+    if (keyType instanceof Integer known) {
+      return known;
+    }
+    throw new Failure("the type of the key cannot be read " + keyType);
   }
 
   private int usualMechanism(int keyType) throws Failure {

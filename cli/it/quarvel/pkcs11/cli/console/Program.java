@@ -57,10 +57,6 @@ public class Program {
     return out;
   }
 
-  public PrintStream err() {
-    return err;
-  }
-
   /** Tells the user something, in one line where it fits. */
   public void message(String text) {
     err.println(Text.wrap(NAME + ": ", Text.printable(text.replaceAll("\\R", "; ")),

@@ -15,10 +15,6 @@ public final class Stdout {
   private static final int FIFO = 0x1000;
   private static final int SOCKET = 0xC000;
 
-  /** Narrower than the first picocli refuses to be, wider than the second nobody reads. */
-  private static final int NARROW = 55;
-  private static final int WIDE = 100;
-
   private final OutputStream out;
   private final int columns = Terminal.columns(Terminal.OUT);
 
@@ -29,11 +25,6 @@ public final class Stdout {
   /** Returns how wide it is, without end when it is no terminal. */
   public int columns() {
     return columns;
-  }
-
-  /** Returns how wide a help text is: lines of no end are for nobody to read. */
-  public int helpColumns() {
-    return Math.max(NARROW, Math.min(columns, WIDE));
   }
 
   public void write(String text) throws Failure {

@@ -1,5 +1,6 @@
 package it.quarvel.pkcs11.cli.console;
 
+import java.io.Console;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -30,12 +31,17 @@ public final class Terminal {
     return is(descriptor) ? new UsageMessageSpec().autoWidth(true).width() : Integer.MAX_VALUE;
   }
 
-  /** Asks for a yes. Newer versions of Java offer a console without a terminal. */
+  /**
+   * Returns where to ask something, null where nobody answers. Newer versions of Java offer a console
+   * without a terminal too, which would echo a PIN.
+   */
+  public static Console console() {
+    return is(IN) && is(OUT) ? System.console() : null;
+  }
+
+  /** Asks for a yes. */
   public static boolean agrees(String question) {
-    if (!is(IN) || !is(OUT) || System.console() == null) {
-      return false;
-    }
-    String answer = System.console().readLine(
+    String answer = console() == null ? null : console().readLine(
         "%s ", Text.wrap("", Text.printable(question + " [y/N]"), columns(OUT)));
     return answer != null && answer.strip().matches("(?i)y(es)?");
   }
