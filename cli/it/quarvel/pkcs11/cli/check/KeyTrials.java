@@ -83,9 +83,10 @@ public final class KeyTrials {
   public String createObject() throws Failure {
     table.attempt("create object", "", () -> {
       NativePKCS11Object probe = keep(session.createObject(data()), "data");
-      doubt = "this token keeps what is made for a session";
-      if (!probe.getBoolAttributeValue(CKA_TOKEN)) {
-        doubt = "this token does not let what is made be removed";
+      boolean kept = probe.getBoolAttributeValue(CKA_TOKEN);
+      doubt = kept ? "this token keeps what is made for a session"
+          : "this token does not let what is made be removed";
+      if (!kept) {
         remove(probe);
         doubt = "";
         keep(session.createObject(data()), "data");
@@ -120,24 +121,27 @@ public final class KeyTrials {
 
   /** Signs, and has Java verify it where the public key can be had. */
   public void sign(NativePKCS11Object key) throws Failure {
-    List<PublicKey> halves = key == null ? List.of() : halves(key);
     switch (usableType("sign", key, CKA_SIGN)) {
-      case CKK_RSA -> with("sign", CKF_SIGN, mechanism -> verify("SHA256withRSA", halves,
-          connection.sign(mechanism, key, mechanism == CKM_SHA256_RSA_PKCS ? DATA
-              : SoftHash.of(CKM_SHA256_RSA_PKCS).apply(DATA))), CKM_SHA256_RSA_PKCS, CKM_RSA_PKCS);
-      case CKK_EC -> with("sign", CKF_SIGN, mechanism -> verify("NONEwithECDSAinP1363Format", halves,
-          connection.sign(mechanism, key, DATA)), CKM_ECDSA);
-      case CKK_EC_EDWARDS -> with("sign", CKF_SIGN, mechanism ->
-          verify("EdDSA", List.of(), connection.sign(mechanism, key, DATA)), CKM_EDDSA);
+      case CKK_RSA -> sign(key, "SHA256withRSA", CKM_SHA256_RSA_PKCS, CKM_RSA_PKCS);
+      case CKK_EC -> sign(key, "NONEwithECDSAinP1363Format", CKM_ECDSA);
+      case CKK_EC_EDWARDS -> sign(key, "EdDSA", CKM_EDDSA);
       default -> { }
     }
   }
 
+  private void sign(NativePKCS11Object key, String algorithm, int... mechanisms) throws Failure {
+    List<PublicKey> halves = halves(key);
+    with("sign", CKF_SIGN, mechanism -> {
+      byte[] data = mechanism == CKM_RSA_PKCS ? SoftHash.of(CKM_SHA256_RSA_PKCS).apply(DATA) : DATA;
+      return verify(algorithm, halves, connection.sign(mechanism, key, data));
+    }, mechanisms);
+  }
+
   /** Decrypts what Java has encrypted. */
   public void decrypt(NativePKCS11Object key) throws Failure {
-    List<PublicKey> halves = key == null ? List.of() : halves(key);
     switch (usableType("decrypt", key, CKA_DECRYPT)) {
       case CKK_RSA -> {
+        List<PublicKey> halves = halves(key);
         if (halves.isEmpty()) {
           table.note("decrypt", Result.NOTHING, "no public key to encrypt with");
           return;
