@@ -225,11 +225,11 @@ public final class CheckTable extends Steps {
   }
 
   private void begin(String operation) throws Failure {
+    lock.lock();
+    row = new Row(operation);
     if (marks) {
       out.write(operation + " ...");
     }
-    lock.lock();
-    row = new Row(operation);
   }
 
   private Result end() throws Failure {

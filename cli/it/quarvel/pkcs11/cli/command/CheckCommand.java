@@ -35,8 +35,8 @@ import picocli.CommandLine.Option;
           + " made.",
       "The status is 0 when nothing failed and nothing was refused. What was not asked for does not"
           + " count, nor what the module or the token does not have.",
-      "Never tried: changes of PINs, and the methods for particular cards, which print on standard"
-          + " output."
+      "Never tried: changes of PINs, the methods that always fail, and those for particular cards,"
+          + " which print on standard output."
     })
 public final class CheckCommand extends ModuleCommand {
   @Mixin private TokenOptions token;
@@ -82,7 +82,7 @@ public final class CheckCommand extends ModuleCommand {
     checkup.describe();
     connection.openSession(chosen.slot(), write ? CKF_RW_SESSION : 0);
     checkup.describeSession();
-    login(connection, chosen);
+    Failure refused = login(connection, chosen);
     NativePKCS11Object named =
         filter.isNamed(token.uri()) ? filter.key(connection, token.uri()) : null;
     KeyTrials trials = new KeyTrials(connection, table, checkup.mechanisms());
@@ -118,8 +118,8 @@ public final class CheckCommand extends ModuleCommand {
       leftovers.remove();
     }
     checkup.close();
-    if (unasked != null) {
-      throw unasked;
+    if (refused != null || unasked != null) {
+      throw refused != null ? refused : unasked;
     }
   }
 
@@ -135,19 +135,20 @@ public final class CheckCommand extends ModuleCommand {
     return new Failure(doubt + ", so that no keys were made: --yes makes them all the same");
   }
 
-  /** A check-up goes on without the login that the token refuses. */
-  private void login(Connection connection, Token chosen) throws Failure {
-    if (!pin.isAsked(token.uri())) {
-      table.note(Operation.LOGIN, CheckTable.Result.NOT_ASKED, "--login or a PIN");
-      return;
-    }
+  /** A check-up goes on without the login that the token refuses, whose failure is returned. */
+  private Failure login(Connection connection, Token chosen) throws Failure {
     try {
-      pin.login(program(), connection, chosen, token.uri());
-    } catch (Failure e) {
-      if (!(e.getCause() instanceof PKCS11Exception)) {
-        throw e;
+      if (pin.isAsked(token.uri())) {
+        pin.login(program(), connection, chosen, token.uri());
+      } else {
+        table.note(Operation.LOGIN, CheckTable.Result.NOT_ASKED, "--login or a PIN");
       }
-      program().report(e);
+      return null;
+    } catch (Failure e) {
+      if (e.getCause() instanceof PKCS11Exception) {
+        return e;
+      }
+      throw e;
     }
   }
 }
