@@ -132,11 +132,11 @@ public final class CheckTable extends Steps {
     }
   }
 
-  /** Makes a call whose failure ends nothing; the detail is what there is to say otherwise. */
-  public Result attempt(String operation, String detail, Call<Result> call) throws Failure {
+  /** Makes a call whose failure ends nothing. */
+  public Result attempt(String operation, Call<Result> call) throws Failure {
     begin(operation);
     try {
-      row.add(super.call(operation, call), detail);
+      row.add(super.call(operation, call), "");
     } catch (Failure e) {
       add(e, Result.FAILED);
     }
@@ -177,6 +177,12 @@ public final class CheckTable extends Steps {
   /** Says more of the row under way. */
   void tell(String detail) {
     row.detail = detail;
+  }
+
+  /** Has the row under way say why there is nothing to try. */
+  Result nothing(String why) {
+    tell(why);
+    return Result.NOTHING;
   }
 
   /** Tells whether all that was tried works. */
@@ -236,9 +242,10 @@ public final class CheckTable extends Steps {
     Row ended = row;
     row = null;
     try {
+      boolean tried = ended.result != Result.NOTHING && ended.result != Result.NO_MECHANISM;
       double tenths = Math.round((System.nanoTime() - ended.start) / 1e5);
-      return show(ended.operation, ended.result, ended.calls == 0 ? null : tenths / 10,
-          ended.summary());
+      return show(
+          ended.operation, ended.result, tried ? tenths / 10 : null, ended.summary());
     } finally {
       lock.unlock();
     }

@@ -68,7 +68,7 @@ public final class Checkup {
   /** Reads an attribute of each Java type, of the first object of each class and those given. */
   public void read(List<NativePKCS11Object> more) throws Failure {
     List<NativePKCS11Object> samples = new ArrayList<>(more);
-    table.attempt(Operation.SEARCH, "", () -> sample(samples));
+    table.attempt(Operation.SEARCH, () -> sample(samples));
     table.each("object size", samples, "no object", object -> {
       object.size();
       return Result.WORKS;
@@ -91,7 +91,7 @@ public final class Checkup {
   }
 
   private void works(String operation, Steps.Action action) throws Failure {
-    table.attempt(operation, "", () -> {
+    table.attempt(operation, () -> {
       action.run();
       return Result.WORKS;
     });

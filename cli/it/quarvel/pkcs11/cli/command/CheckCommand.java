@@ -73,7 +73,7 @@ public final class CheckCommand extends ModuleCommand {
 
   @Override
   void run(Connection connection) throws Failure {
-    table.attempt("info", "", () -> {
+    table.attempt("info", () -> {
       connection.module().getInfo();
       return CheckTable.Result.WORKS;
     });
