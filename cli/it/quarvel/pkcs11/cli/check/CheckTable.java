@@ -277,8 +277,8 @@ public final class CheckTable extends Steps {
             ? Result.NOT_IN_MODULE : Result.REFUSED;
     row.add(result, failure.reason());
     if (result.isFinding()) {
-      findings.computeIfAbsent(failure.reason(), kind -> new ArrayList<>())
-          .add(failure.getMessage());
+      findings.computeIfAbsent(failure.reason(), kind -> new ArrayList<>()).add(
+          (failure.getCause() == null ? row.operation + ": " : "") + failure.getMessage());
     }
   }
 }

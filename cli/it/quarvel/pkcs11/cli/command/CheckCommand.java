@@ -59,10 +59,10 @@ public final class CheckCommand extends ModuleCommand {
     if (filter.isTyped() && !named) {
       throw Failure.usage("which key? Name it by --label, --id or --uri");
     }
-    String module = program().module(); // refused before the table has begun
+    program().module(); // refused before the table has begun
     table = new CheckTable(program().out(), output);
     Failure failure = null;
-    try (Connection connection = Connection.open(module, program().direct(), table)) {
+    try (Connection connection = open(table)) {
       run(connection);
     } catch (Failure e) {
       failure = e;
