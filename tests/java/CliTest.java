@@ -174,7 +174,7 @@ class CliTest {
     "2|.*locale.*|objects --label \uFFFD", "1|the PIN is empty|objects --pin-source /dev/null",
     "1|.*/none cannot be read: there is no such.*|sign --id 00 DIR/none",
     "1|no token that.*are: \"demo\" in slot .*|objects --token x",
-    "1|no token that.*|objects --uri pkcs11:serial=0", "2|.*slot is a number.*|objects --slot 0xx",
+    "1|no token that.*|objects --uri pkcs11:serial=0", "2|.*slot is a number.*|objects --slot -1",
     "1|no token that.*|objects --slot 0x7", "2|.*no decimal.*|objects --uri pkcs11:slot-id=abc",
     "1|.* has no PIN pad.*|objects --pinpad", "1|.*4096 bytes|objects --pin-source /dev/zero",
     "2|there is no such command; the commands are info, .*|foo", "2|which key.*|check --type private",
@@ -185,6 +185,7 @@ class CliTest {
     "2|.*a module-path: .*|objects --uri pkcs11:?module-path=/x",
     "1|libc.so.6 is a library, but no PKCS#11 module|info --module libc.so.6",
     "1|.*/none: there is no such file|info --direct --module DIR/none",
+    "1|.*above U\\+FFFF.*|info --direct --module DIR/\ud83d\ude00",
     "1|.*/data is no library|info --module DIR/data"})
   void saysInOneLineWhatIsWrong(int status, String message, String arguments) {
     Run run = run(arguments);

@@ -24,8 +24,8 @@ public final class DecryptCommand extends KeyCommand {
   }
 
   @Override
-  int defaultMechanism(int keyType) {
-    return keyType == CKK_RSA ? CKM_RSA_PKCS : NO_DEFAULT;
+  Integer defaultMechanism(int keyType) {
+    return keyType == CKK_RSA ? CKM_RSA_PKCS : null;
   }
 
   @Override

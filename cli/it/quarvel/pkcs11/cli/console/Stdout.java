@@ -3,17 +3,11 @@ package it.quarvel.pkcs11.cli.console;
 import java.io.IOException;
 import java.io.OutputStream;
 import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.nio.file.Path;
 
 /** Standard output, which says when it cannot be written. Text is UTF-8, as on the token. */
 public final class Stdout {
   /** What a shell reports of a program that a closed pipe has ended. */
   private static final int BROKEN_PIPE = 141;
-
-  private static final int FILE_TYPE = 0xF000;
-  private static final int FIFO = 0x1000;
-  private static final int SOCKET = 0xC000;
 
   private final OutputStream out;
   private final int columns = Terminal.columns(Terminal.OUT);
@@ -36,18 +30,9 @@ public final class Stdout {
       out.write(bytes);
       out.flush();
     } catch (IOException e) {
-      throw isPipe() ? Failure.silent(BROKEN_PIPE)
+      // A pipe fails when its reader has gone. The text of the error depends on the language.
+      throw Terminal.isPipe(Terminal.OUT) ? Failure.silent(BROKEN_PIPE)
           : Failure.file("standard output cannot be written", e);
-    }
-  }
-
-  /** A pipe fails when its reader has gone. The text of the error depends on the language. */
-  private static boolean isPipe() {
-    try {
-      int type = FILE_TYPE & (int) Files.getAttribute(Path.of("/proc/self/fd/1"), "unix:mode");
-      return type == FIFO || type == SOCKET;
-    } catch (IOException e) {
-      return true;
     }
   }
 }

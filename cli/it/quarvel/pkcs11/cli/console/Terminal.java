@@ -46,9 +46,14 @@ public final class Terminal {
     return answer != null && answer.strip().matches("(?i)y(es)?");
   }
 
+  /** Tells whether a stream goes to another process, or comes from one. */
+  static boolean isPipe(int descriptor) {
+    return target(descriptor).toString().matches("(pipe|socket):.*");
+  }
+
   private static Path target(int descriptor) {
     try {
-      return Path.of("/proc/self/fd/" + descriptor).toRealPath();
+      return Files.readSymbolicLink(Path.of("/proc/self/fd/" + descriptor));
     } catch (IOException e) {
       return Path.of("");
     }

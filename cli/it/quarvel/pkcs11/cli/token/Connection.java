@@ -10,7 +10,6 @@ import it.quarvel.pkcs11.nat.NativePKCS11;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
-import java.security.GeneralSecurityException;
 import java.security.PublicKey;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -164,14 +163,10 @@ public final class Connection implements AutoCloseable {
     return found;
   }
 
-  private interface Half {
-    PublicKey publicKey() throws PKCS11Exception, GeneralSecurityException;
-  }
-
-  private static void addTo(List<PublicKey> found, Half half) {
+  private static void addTo(List<PublicKey> found, Steps.Call<PublicKey> half) {
     try {
-      found.add(half.publicKey());
-    } catch (PKCS11Exception | GeneralSecurityException e) {
+      found.add(half.call());
+    } catch (Exception e) {
       // It tells Java none.
     }
   }
