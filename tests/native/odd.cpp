@@ -1,6 +1,6 @@
 // The scripted module as a token with faults of real ones, which the inspector has to show for what
 // they are: objects that are numbered from 0, success with the length -1 for an attribute that is
-// not there, a mechanism that cannot be described, a label that is no UTF-8, and an end that takes
+// not there, a mechanism of its own and one that cannot be described, a label that is no UTF-8, and an end that takes
 // the process with it.
 #include <cstdlib>
 #include <cstring>
@@ -13,7 +13,7 @@ const std::vector<Misbehaviour>& misbehaviours() {
   static const std::vector<Misbehaviour> all = {
       {"is odd", [] {
          script.slots = {1};
-         script.mechanisms = {CKM_RSA_PKCS, CKM_AES_ECB};
+         script.mechanisms = {CKM_VENDOR_DEFINED + 1, CKM_AES_ECB};
          list.C_GetTokenInfo = [](CK_SLOT_ID, CK_TOKEN_INFO* info) {
            std::memset(info, ' ', offsetof(CK_TOKEN_INFO, flags));
            std::memcpy(info->label, "odd\x1b[31m", 8);
@@ -23,7 +23,7 @@ const std::vector<Misbehaviour>& misbehaviours() {
          };
          list.C_GetMechanismInfo = [](CK_SLOT_ID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info) {
            *info = {1, 0x80000000, CKF_SIGN};
-           return CK_RV{type == CKM_RSA_PKCS ? CKR_OK : CKR_DEVICE_ERROR};
+           return CK_RV{type == CKM_VENDOR_DEFINED + 1 ? CKR_OK : CKR_DEVICE_ERROR};
          };
          list.C_CloseAllSessions = [](CK_SLOT_ID) -> CK_RV { std::abort(); };
          list.C_FindObjectsInit = [](CK_SESSION_HANDLE, CK_ATTRIBUTE*, CK_ULONG) {

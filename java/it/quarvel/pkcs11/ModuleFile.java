@@ -56,6 +56,10 @@ final class ModuleFile {
    * @throws PKCS11Exception that names the file and tells why it cannot be loaded
    */
   static void load(String path) throws PKCS11Exception {
+    if (path.codePoints().anyMatch(Character::isSupplementaryCodePoint)) {
+      throw new PKCS11Exception(
+          path + " has a character above U+FFFF, with which only the adapter finds it");
+    }
     load(path, NativePKCS11::loadPKCS11Library);
   }
 
@@ -132,6 +136,8 @@ final class ModuleFile {
   private static String reason(String path, File file, PKCS11Exception failure) {
     return switch (failure.errorCode()) {
       case CKR_OK, CKR_LIBRARY_LOAD_FAILED -> file != null ? whyNotLoaded(file)
+          : new File(path).isFile() ? path + " is no name that the dynamic linker finds: write ./"
+              + path + " for the file in this folder"
           : path + " cannot be loaded, and has to name the file of a PKCS#11 module";
       case CKR_FUNCTION_NOT_SUPPORTED -> path + " is a library, but no PKCS#11 module";
       case CKR_FUNCTION_REJECTED, CKR_ARGUMENTS_BAD -> path + " is the adapter itself, or leads back to it";

@@ -76,7 +76,7 @@ public final class Main extends Program {
     StringWriter help = new StringWriter();
     commandLine.setOut(new PrintWriter(help));
     commandLine.setExpandAtFiles(false);
-    commandLine.setUsageHelpWidth(main.out().helpColumns());
+    commandLine.setUsageHelpAutoWidth(true);
     commandLine.setParameterExceptionHandler((failure, all) -> main.refuse(failure));
     commandLine.setExecutionExceptionHandler((failure, c, parsed) -> main.report(failure));
     try {

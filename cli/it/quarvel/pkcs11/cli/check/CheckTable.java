@@ -10,8 +10,8 @@ import it.quarvel.pkcs11.cli.console.Terminal;
 import it.quarvel.pkcs11.cli.console.Text;
 import it.quarvel.pkcs11.cli.token.Steps;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.EnumMap;
-import java.util.HashSet;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
@@ -33,7 +33,6 @@ public final class CheckTable extends Steps {
     NOT_ASKED("not asked"),
     NO_MECHANISM("no mechanism"),
     NOT_IN_MODULE("not offered by the module"),
-    NOT_IN_BINDING("not offered by the binding"),
     UNREADABLE("not readable"),
     FAILED("failed"),
     REFUSED("refused");
@@ -82,25 +81,20 @@ public final class CheckTable extends Steps {
       alike += found == result ? 1 : 0;
     }
 
-    private Map<String, Object> values(boolean timed) {
-      boolean counts = result.isFinding() && calls > 1;
-      Map<String, Object> values = new LinkedHashMap<>();
-      values.put("operation", operation);
-      values.put("result", result);
-      long tenths = Math.round((System.nanoTime() - start) / 1e5);
-      values.put("milliseconds", timed ? tenths / 10.0 : null);
-      values.put("detail", counts ? "%s, %d of %d".formatted(detail, alike, calls) : detail);
-      return values;
+    private String summary() {
+      return result.isFinding() && calls > 1
+          ? "%s, %d of %d".formatted(detail, alike, calls) : detail;
     }
   }
 
-  private static final List<String> HEADING = List.of("operation", "result", "ms", "detail");
   private static final int[] WIDTHS = {18, Result.NOT_IN_MODULE.text.length(), 5, 0};
   private static final int PATIENCE_SECONDS = 30;
 
   private final Stdout out;
   private final Output output;
-  private final boolean marks = Terminal.is(Terminal.OUT);
+
+  /** Whether an operation is named before it is known what becomes of it. */
+  private final boolean marks;
 
   /** Held while a row is under way. */
   private final ReentrantLock lock = new ReentrantLock();
@@ -108,15 +102,16 @@ public final class CheckTable extends Steps {
   private final Map<Result, Integer> counts = new EnumMap<>(Result.class);
   /** What failed, by kind. */
   private final Map<String, List<String>> findings = new LinkedHashMap<>();
-  private final Set<String> refused = new HashSet<>();
-  private final List<Row> notInBinding = new ArrayList<>();
   private Row row;
-  private boolean started;
 
-  public CheckTable(Stdout out, Output output) {
+  public CheckTable(Stdout out, Output output) throws Failure {
     this.out = out;
     this.output = output;
+    marks = Terminal.is(Terminal.OUT) && !output.isJson();
     output.nest("operations");
+    if (!output.isJson()) {
+      out.write(line("operation", "result", "ms", "detail"));
+    }
   }
 
   @Override
@@ -130,20 +125,20 @@ public final class CheckTable extends Steps {
       row.add(Result.WORKS, "");
       return result;
     } catch (Failure e) {
-      add(e, Result.FAILED, operation);
+      add(e, Result.FAILED);
       throw e;
     } finally {
       end();
     }
   }
 
-  /** Makes a call whose failure ends nothing; the detail is what there is to say otherwise. */
-  public Result attempt(String operation, String detail, Call<Result> call) throws Failure {
+  /** Makes a call whose failure ends nothing. */
+  public Result attempt(String operation, Call<Result> call) throws Failure {
     begin(operation);
     try {
-      row.add(super.call(operation, call), detail);
+      row.add(super.call(operation, call), "");
     } catch (Failure e) {
-      add(e, Result.FAILED, operation);
+      add(e, Result.FAILED);
     }
     return end();
   }
@@ -158,7 +153,7 @@ public final class CheckTable extends Steps {
       try {
         row.add(super.call(operation, () -> trial.apply(thing)), "");
       } catch (Failure e) {
-        add(e, Result.UNREADABLE, operation);
+        add(e, Result.UNREADABLE);
       }
     }
     if (row.result == Result.NOTHING) {
@@ -169,10 +164,7 @@ public final class CheckTable extends Steps {
 
   /** Says something of an operation that is not tried. */
   public Result note(String operation, Result result, String detail) throws Failure {
-    begin(operation);
-    row.calls = -1;
-    row.add(result, detail);
-    return end();
+    return show(operation, result, null, detail);
   }
 
   /** Says why operations are not tried. */
@@ -187,28 +179,10 @@ public final class CheckTable extends Steps {
     row.detail = detail;
   }
 
-  /** Makes a call that the library itself is expected to refuse; what it does is told at the end. */
-  void attemptNotOffered(String group, Action action) throws Failure {
-    Row tried = new Row(group);
-    try {
-      super.call(group, () -> {
-        action.run();
-        return null;
-      });
-      note(group, Result.WORKS, "");
-    } catch (Failure e) {
-      if (!e.reason().startsWith("Not supported")) {
-        note(group, Result.REFUSED, e.reason());
-        return;
-      }
-      tried.add(Result.NOT_IN_BINDING, "");
-      notInBinding.add(tried);
-      counts.merge(Result.NOT_IN_BINDING, 1, Integer::sum);
-    }
-  }
-
-  public boolean isRefused(String operation) {
-    return refused.contains(operation);
+  /** Has the row under way say why there is nothing to try. */
+  Result nothing(String why) {
+    tell(why);
+    return Result.NOTHING;
   }
 
   /** Tells whether all that was tried works. */
@@ -236,23 +210,19 @@ public final class CheckTable extends Steps {
 
   /** Ends the table with what there is to say of all rows, and of the failure that ended them. */
   public void finish(Failure failure) throws Failure {
+    // One line for each kind of failure, however many there are.
+    List<String> found = findings.values().stream().map(alike -> alike.size() == 1 ? alike.get(0)
+        : "%s (%d times)".formatted(alike.get(0), alike.size())).toList();
     if (output.isJson()) {
-      for (Row absent : notInBinding) {
-        output.item(out, "", absent.values(false), Set.of());
-      }
       Map<String, Object> rest = new LinkedHashMap<>();
-      rest.put("findings", findings());
+      rest.put("findings", found);
       rest.put("works", failure == null && works());
       rest.put("error", failure == null ? null : failure.getMessage());
       output.end(out, rest);
       return;
     }
-    if (!notInBinding.isEmpty()) {
-      out.write("\n" + Text.wrap("Not offered by the binding: ", notInBinding.stream()
-          .map(absent -> absent.operation).collect(Collectors.joining(", ")), out.columns()) + "\n");
-    }
     out.write("\n");
-    for (String finding : findings()) {
+    for (String finding : found) {
       out.write(Text.wrap("", Text.printable(finding), out.columns()) + "\n");
     }
     out.write(Text.wrap("", counts.entrySet().stream()
@@ -260,15 +230,11 @@ public final class CheckTable extends Steps {
         .collect(Collectors.joining(", ")), out.columns()) + "\n");
   }
 
-  private void begin(String operation) {
+  private void begin(String operation) throws Failure {
     lock.lock();
     row = new Row(operation);
-    if (marks && !output.isJson()) {
-      try {
-        out.write(operation + " ...");
-      } catch (Failure e) {
-        // The row itself will tell.
-      }
+    if (marks) {
+      out.write(operation + " ...");
     }
   }
 
@@ -276,46 +242,43 @@ public final class CheckTable extends Steps {
     Row ended = row;
     row = null;
     try {
-      counts.merge(ended.result, 1, Integer::sum);
-      show(ended.values(ended.calls > 0));
+      boolean tried = ended.result != Result.NOTHING && ended.result != Result.NO_MECHANISM;
+      double tenths = Math.round((System.nanoTime() - ended.start) / 1e5);
+      return show(
+          ended.operation, ended.result, tried ? tenths / 10 : null, ended.summary());
     } finally {
       lock.unlock();
     }
-    return ended.result;
   }
 
-  private void show(Map<String, Object> values) throws Failure {
+  private Result show(String operation, Result result, Double milliseconds, String detail)
+      throws Failure {
+    counts.merge(result, 1, Integer::sum);
     if (output.isJson()) {
+      Map<String, Object> values = new LinkedHashMap<>();
+      values.put("operation", operation);
+      values.put("result", result);
+      values.put("milliseconds", milliseconds);
+      values.put("detail", detail);
       output.item(out, "", values, Set.of());
-      return;
+    } else {
+      out.write((marks ? "\r" : "") + line(operation, result, milliseconds, detail));
     }
-    String start = marks ? "\r" : "";
-    if (!started) {
-      started = true;
-      start += Text.line(HEADING, WIDTHS, out.columns());
-    }
-    out.write(start + Text.line(
-        values.values().stream().map(Text::value).toList(), WIDTHS, out.columns()));
+    return result;
   }
 
-  private void add(Failure failure, Result other, String operation) {
-    boolean answered = failure.getCause() instanceof PKCS11Exception cause && cause.errorCode() != 0;
-    Result result = !answered ? other
-        : ((PKCS11Exception) failure.getCause()).errorCode() == CKR_FUNCTION_NOT_SUPPORTED
+  private String line(Object... cells) {
+    return Text.line(Arrays.stream(cells).map(Text::value).toList(), WIDTHS, out.columns());
+  }
+
+  private void add(Failure failure, Result other) {
+    Result result = !(failure.getCause() instanceof PKCS11Exception cause) || cause.errorCode() == 0
+        ? other : cause.errorCode() == CKR_FUNCTION_NOT_SUPPORTED
             ? Result.NOT_IN_MODULE : Result.REFUSED;
     row.add(result, failure.reason());
-    if (result == Result.REFUSED) {
-      refused.add(operation);
-    }
     if (result.isFinding()) {
-      findings.computeIfAbsent(failure.reason(), kind -> new ArrayList<>())
-          .add(failure.getMessage());
+      findings.computeIfAbsent(failure.reason(), kind -> new ArrayList<>()).add(
+          (failure.getCause() == null ? row.operation + ": " : "") + failure.getMessage());
     }
-  }
-
-  /** One line for each kind of failure, however many there are. */
-  private List<String> findings() {
-    return findings.values().stream().map(alike -> alike.size() == 1 ? alike.get(0)
-        : "%s (%d times)".formatted(alike.get(0), alike.size())).toList();
   }
 }

@@ -13,7 +13,6 @@ import it.quarvel.pkcs11.cli.token.Operation;
 import it.quarvel.pkcs11.cli.token.Steps;
 import it.quarvel.pkcs11.cli.token.Token;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.text.ParseException;
 import java.util.ArrayList;
@@ -48,11 +47,14 @@ public final class Checkup {
   public void describe() throws Failure {
     NativePKCS11Slot slot = token.slot();
     works("slot info", slot::getInfo);
-    works("serial number", this::readSerialNumber);
+    works("serial number", () -> {
+      if (!token.info().serialNumber().equals(slot.getTokenSN())) {
+        throw new Failure("not the serial number of the token info");
+      }
+    });
     List<Integer> listed = new ArrayList<>();
-    // The number of a vendor's mechanism reaches the module changed.
     works("mechanisms", () -> IntStream.of(slot.getMechanismList())
-        .filter(mechanism -> mechanism >= 0).forEach(listed::add));
+        .filter(connection::canName).forEach(listed::add));
     table.each("mechanism info", listed, "no mechanisms", mechanism -> {
       mechanisms.put(mechanism, slot.getMechanismInfo(mechanism));
       return Result.WORKS;
@@ -66,7 +68,7 @@ public final class Checkup {
   /** Reads an attribute of each Java type, of the first object of each class and those given. */
   public void read(List<NativePKCS11Object> more) throws Failure {
     List<NativePKCS11Object> samples = new ArrayList<>(more);
-    table.attempt(Operation.SEARCH, "", () -> sample(samples));
+    table.attempt(Operation.SEARCH, () -> sample(samples));
     table.each("object size", samples, "no object", object -> {
       object.size();
       return Result.WORKS;
@@ -80,33 +82,6 @@ public final class Checkup {
     read("read any type", samples, CKA_CLASS, NativePKCS11Object::getAttributeValue);
   }
 
-  /** Calls one method of each group that the library refuses, with arguments that ask nothing. */
-  @SuppressWarnings("deprecation")
-  public void tryWhatIsNotOffered() throws Failure {
-    NativePKCS11Session session = connection.session();
-    NativePKCS11Object none = new NativePKCS11Object(session, 0);
-    byte[] data = {};
-    table.attemptNotOffered("digest", () -> session.digestInit(CKM_SHA256, null));
-    table.attemptNotOffered("verify", () -> session.verifyInit(CKM_RSA_PKCS, null, none));
-    table.attemptNotOffered("sign in parts", () -> session.signUpdate(data, 0, 0));
-    table.attemptNotOffered("encrypt in parts", () -> session.encryptUpdate(data, 0, 0, data, 0));
-    table.attemptNotOffered("decrypt in parts", () -> session.decryptUpdate(data, 0, 0, data, 0));
-    table.attemptNotOffered(
-        "sign with recovery", () -> session.signRecoverInit(CKM_RSA_PKCS, null, none));
-    table.attemptNotOffered(
-        "verify with recovery", () -> session.verifyRecoverInit(CKM_RSA_PKCS, null, none));
-    table.attemptNotOffered(
-        "two operations at once", () -> session.digestEncryptUpdate(data, 0, 0, data, 0));
-    table.attemptNotOffered(
-        "derive key", () -> session.deriveKey(0, null, none, new int[0], new Object[0]));
-    table.attemptNotOffered("random numbers", () -> session.generateRandom(data, 0, 0));
-    table.attemptNotOffered("operation state", session::getOperationState);
-    table.attemptNotOffered("copy object", () -> none.copy(new int[0], new Object[0]));
-    table.attemptNotOffered("parallel functions", session::getFunctionStatus);
-    table.attemptNotOffered("slot events", () -> connection.module().waitForSlotEvent(false));
-    table.attemptNotOffered("initialise token", () -> token.slot().initToken(null, null));
-  }
-
   public void close() throws Failure {
     if (!connection.isLoggedIn()) {
       table.note("logout", Result.NOT_ASKED, "no login");
@@ -116,28 +91,24 @@ public final class Checkup {
   }
 
   private void works(String operation, Steps.Action action) throws Failure {
-    table.attempt(operation, "", () -> {
+    table.attempt(operation, () -> {
       action.run();
       return Result.WORKS;
     });
   }
 
-  private void readSerialNumber() throws PKCS11Exception, Failure {
-    if (!token.info().serialNumber().equals(token.slot().getTokenSN())) {
-      throw new Failure("not the serial number of the token info");
-    }
-  }
-
-  /** What a search that fails has found until then serves as well. */
+  /**
+   * What a search that fails has found until then serves as well. Objects whose class cannot be read
+   * are a class: a sample of them is read again, in its row.
+   */
   private Result sample(List<NativePKCS11Object> samples) throws Failure {
-    List<Integer> known = samples.stream().map(NativePKCS11Object::objectID).toList();
-    Map<Integer, NativePKCS11Object> byClass = new LinkedHashMap<>();
+    Map<String, NativePKCS11Object> byClass = new LinkedHashMap<>();
     int[] count = {0};
     try {
       connection.search(new PKCS11Template(), object -> {
         count[0]++;
-        if (!known.contains(object.objectID())) {
-          byClass.putIfAbsent(classOf(object), object);
+        if (!samples.contains(object)) {
+          byClass.putIfAbsent("" + new Attributes(object).number(CKA_CLASS), object);
         }
         return true;
       });
@@ -148,20 +119,19 @@ public final class Checkup {
     }
   }
 
-  /** Those whose class cannot be read are one class: a sample of them is read again, in its row. */
-  private static int classOf(NativePKCS11Object object) {
-    try {
-      return object.getIntAttributeValue(CKA_CLASS);
-    } catch (PKCS11Exception e) {
-      return -1;
-    }
-  }
-
   /** Objects without the attribute say nothing about the operation. */
   private void read(String operation, List<NativePKCS11Object> samples, int type, Reader reader)
       throws Failure {
-    table.each(operation, samples, "no object has such a value", object ->
-        new Attributes(object).read(type, t -> reader.read(object, t)) == null
-            ? Result.NOTHING : Result.WORKS);
+    table.each(operation, samples, "no object has such a value", object -> {
+      try {
+        reader.read(object, type);
+        return Result.WORKS;
+      } catch (PKCS11Exception e) {
+        if (Attributes.isAbsent(e) || e.errorCode() == CKR_ATTRIBUTE_SENSITIVE) {
+          return Result.NOTHING;
+        }
+        throw e;
+      }
+    });
   }
 }

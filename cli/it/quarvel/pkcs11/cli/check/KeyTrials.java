@@ -19,11 +19,11 @@ import java.security.PublicKey;
 import java.security.Signature;
 import java.security.spec.RSAKeyGenParameterSpec;
 import java.util.Arrays;
+import java.util.Collections;
 import java.util.HexFormat;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
-import java.util.Set;
 import java.util.TreeSet;
 import java.util.stream.Collectors;
 import java.util.stream.IntStream;
@@ -40,9 +40,9 @@ public final class KeyTrials {
   private static final byte[] DATA =
       "Nobody needs what a check signs.".getBytes(StandardCharsets.US_ASCII);
 
-  /** A call that needs a mechanism. */
+  /** A call with a key of some type, or by some mechanism. */
   private interface Trial {
-    Result apply(int mechanism) throws Exception;
+    Result apply(int type) throws Exception;
   }
 
   private final Connection connection;
@@ -81,11 +81,12 @@ public final class KeyTrials {
    * @return why keys could stay on this token, empty when they will not
    */
   public String createObject() throws Failure {
-    table.attempt("create object", "", () -> {
+    table.attempt("create object", () -> {
       NativePKCS11Object probe = keep(session.createObject(data()), "data");
-      doubt = "this token keeps what is made for a session";
-      if (!probe.getBoolAttributeValue(CKA_TOKEN)) {
-        doubt = "this token does not let what is made be removed";
+      boolean kept = probe.getBoolAttributeValue(CKA_TOKEN);
+      doubt = kept ? "this token keeps what is made for a session"
+          : "this token does not let what is made be removed";
+      if (!kept) {
         remove(probe);
         doubt = "";
         keep(session.createObject(data()), "data");
@@ -120,39 +121,36 @@ public final class KeyTrials {
 
   /** Signs, and has Java verify it where the public key can be had. */
   public void sign(NativePKCS11Object key) throws Failure {
-    List<PublicKey> halves = key == null ? List.of() : halves(key);
-    switch (usableType("sign", key, CKA_SIGN)) {
-      case CKK_RSA -> with("sign", CKF_SIGN, mechanism -> verify("SHA256withRSA", halves,
-          connection.sign(mechanism, key, mechanism == CKM_SHA256_RSA_PKCS ? DATA
-              : SoftHash.of(CKM_SHA256_RSA_PKCS).apply(DATA))), CKM_SHA256_RSA_PKCS, CKM_RSA_PKCS);
-      case CKK_EC -> with("sign", CKF_SIGN, mechanism -> verify("NONEwithECDSAinP1363Format", halves,
-          connection.sign(mechanism, key, DATA)), CKM_ECDSA);
-      case CKK_EC_EDWARDS -> with("sign", CKF_SIGN, mechanism ->
-          verify("EdDSA", List.of(), connection.sign(mechanism, key, DATA)), CKM_EDDSA);
-      default -> { }
-    }
+    use("sign", key, CKA_SIGN, type -> switch (type) {
+      case CKK_RSA -> sign(key, "SHA256withRSA", CKM_SHA256_RSA_PKCS, CKM_RSA_PKCS);
+      case CKK_EC -> sign(key, "NONEwithECDSAinP1363Format", CKM_ECDSA);
+      default -> sign(key, "EdDSA", CKM_EDDSA);
+    });
+  }
+
+  private Result sign(NativePKCS11Object key, String algorithm, int... mechanisms)
+      throws Exception {
+    return with(CKF_SIGN, mechanism -> {
+      byte[] data = mechanism == CKM_RSA_PKCS ? SoftHash.of(CKM_SHA256_RSA_PKCS).apply(DATA) : DATA;
+      return verify(algorithm, halves(key), connection.sign(mechanism, key, data));
+    }, mechanisms);
   }
 
   /** Decrypts what Java has encrypted. */
   public void decrypt(NativePKCS11Object key) throws Failure {
-    List<PublicKey> halves = key == null ? List.of() : halves(key);
-    switch (usableType("decrypt", key, CKA_DECRYPT)) {
-      case CKK_RSA -> {
-        if (halves.isEmpty()) {
-          table.note("decrypt", Result.NOTHING, "no public key to encrypt with");
-          return;
-        }
-        with("decrypt", CKF_DECRYPT, mechanism -> {
-          Cipher java = Cipher.getInstance("RSA/ECB/PKCS1Padding");
-          java.init(Cipher.ENCRYPT_MODE, halves.get(0));
-          return expect(
-              Arrays.equals(DATA, connection.decrypt(mechanism, key, java.doFinal(DATA))));
-        }, CKM_RSA_PKCS);
+    use("decrypt", key, CKA_DECRYPT, type -> {
+      if (type != CKK_RSA) {
+        return table.nothing("EC keys do not decrypt");
       }
-      case CKK_EC, CKK_EC_EDWARDS ->
-          table.note("decrypt", Result.NO_MECHANISM, "EC keys do not decrypt");
-      default -> { }
-    }
+      List<PublicKey> halves = halves(key);
+      if (halves.isEmpty()) {
+        return table.nothing("no public key to encrypt with");
+      }
+      Cipher java = Cipher.getInstance("RSA/ECB/PKCS1Padding");
+      java.init(Cipher.ENCRYPT_MODE, halves.get(0));
+      return with(CKF_DECRYPT, mechanism -> expect(Arrays.equals(
+          DATA, connection.decrypt(mechanism, key, java.doFinal(DATA)))), CKM_RSA_PKCS);
+    });
   }
 
   public void useSecretKey() throws Failure {
@@ -190,16 +188,8 @@ public final class KeyTrials {
       remove(object);
       return Result.WORKS;
     });
-    Set<Integer> handles =
-        objects.stream().map(NativePKCS11Object::objectID).collect(Collectors.toSet());
-    table.attempt("search after", "", () -> {
-      int[] left = {0};
-      connection.search(new PKCS11Template(), object -> {
-        left[0] += handles.contains(object.objectID()) ? 1 : 0;
-        return true;
-      });
-      return expect(left[0] == 0);
-    });
+    table.attempt("search after",
+        () -> expect(Collections.disjoint(session.findAll(null), objects)));
   }
 
   /** Removes what can be, without a row for it. */
@@ -219,36 +209,38 @@ public final class KeyTrials {
         .formatted(LABEL, new TreeSet<>(made.values()).stream().collect(Collectors.joining(", ")));
   }
 
-  /** Calls with the first mechanism that the token has for this use. */
+  /** Uses a key of a known type that may be used like this. */
+  private void use(String operation, NativePKCS11Object key, int use, Trial trial) throws Failure {
+    table.attempt(operation, () -> {
+      if (key == null) {
+        return table.nothing("no key was made");
+      }
+      Attributes attributes = new Attributes(key);
+      Object type = attributes.number(CKA_KEY_TYPE);
+      if (!List.<Object>of(CKK_RSA, CKK_EC, CKK_EC_EDWARDS).contains(type)) {
+        return table.nothing("no trial for this type of key");
+      }
+      return Boolean.TRUE.equals(attributes.truth(use)) ? trial.apply((int) type)
+          : table.nothing("the key is not made for it");
+    });
+  }
+
   private void with(String operation, int use, Trial trial, int... candidates) throws Failure {
+    table.attempt(operation, () -> with(use, trial, candidates));
+  }
+
+  /** Calls with the first mechanism that the token has for this use. */
+  private Result with(int use, Trial trial, int... candidates) throws Exception {
     for (int mechanism : candidates) {
       PKCS11MechanismInfo info = mechanisms.get(mechanism);
       if (info != null && info.hasFlag(use)) {
-        table.attempt(operation, PKCS11Constants.mechanismName(mechanism),
-            () -> trial.apply(mechanism));
-        return;
+        table.tell(PKCS11Constants.mechanismName(mechanism));
+        return trial.apply(mechanism);
       }
     }
-    table.note(operation, Result.NO_MECHANISM, IntStream.of(candidates)
-        .mapToObj(PKCS11Constants::mechanismName).collect(Collectors.joining(" ")));
-  }
-
-  /** Returns the type of a key that may be used like this, -1 when there is nothing to try. */
-  private int usableType(String operation, NativePKCS11Object key, int use) throws Failure {
-    String why = "no key was made";
-    if (key != null) {
-      Attributes attributes = new Attributes(key);
-      Object type = attributes.value(CKA_KEY_TYPE, key::getIntAttributeValue);
-      Object usable = attributes.value(use, key::getBoolAttributeValue);
-      boolean known = type instanceof Integer number
-          && Set.of(CKK_RSA, CKK_EC, CKK_EC_EDWARDS).contains(number);
-      if (known && Boolean.TRUE.equals(usable)) {
-        return (int) type;
-      }
-      why = known ? "the key is not made for it" : "no trial for this type of key";
-    }
-    table.note(operation, Result.NOTHING, why);
-    return -1;
+    table.tell(IntStream.of(candidates).mapToObj(PKCS11Constants::mechanismName)
+        .collect(Collectors.joining(" ")));
+    return Result.NO_MECHANISM;
   }
 
   private List<PublicKey> halves(NativePKCS11Object key) throws Failure {

@@ -15,9 +15,9 @@ public final class Leftovers {
     this.trials = trials;
     this.message = message;
     hook = new Thread(() -> {
-      message.accept("interrupted: what has been made is removed after the call under way");
+      message.accept("interrupted: what was made is removed");
       if (!table.close(this::removeAndTell)) {
-        message.accept("the module is busy: what has been made may stay on the token");
+        message.accept("the module is busy: what was made may stay on the token");
       }
     });
     Runtime.getRuntime().addShutdownHook(hook);

@@ -2,6 +2,7 @@ package it.quarvel.pkcs11.cli.command;
 
 import static it.quarvel.pkcs11.PKCS11Constants.CKF_RW_SESSION;
 
+import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.check.CheckTable;
 import it.quarvel.pkcs11.cli.check.Checkup;
 import it.quarvel.pkcs11.cli.check.KeyTrials;
@@ -33,9 +34,9 @@ import picocli.CommandLine.Option;
       "A key that is named by --label, --id or --uri is used to sign and decrypt, else one that was"
           + " made.",
       "The status is 0 when nothing failed and nothing was refused. What was not asked for does not"
-          + " count, nor what the module, the token or the binding does not have.",
-      "Never tried: changes of PINs, and the methods for particular cards, which print on standard"
-          + " output."
+          + " count, nor what the module or the token does not have.",
+      "Never tried: changes of PINs, the methods that always fail, and those for particular cards,"
+          + " which print on standard output."
     })
 public final class CheckCommand extends ModuleCommand {
   @Mixin private TokenOptions token;
@@ -58,10 +59,10 @@ public final class CheckCommand extends ModuleCommand {
     if (filter.isTyped() && !named) {
       throw Failure.usage("which key? Name it by --label, --id or --uri");
     }
-    String module = program().module(); // refused before the table has begun
+    program().module(); // refused before the table has begun
     table = new CheckTable(program().out(), output);
     Failure failure = null;
-    try (Connection connection = Connection.open(module, program().direct(), table)) {
+    try (Connection connection = open(table)) {
       run(connection);
     } catch (Failure e) {
       failure = e;
@@ -72,7 +73,7 @@ public final class CheckCommand extends ModuleCommand {
 
   @Override
   void run(Connection connection) throws Failure {
-    table.attempt("info", "", () -> {
+    table.attempt("info", () -> {
       connection.module().getInfo();
       return CheckTable.Result.WORKS;
     });
@@ -81,7 +82,7 @@ public final class CheckCommand extends ModuleCommand {
     checkup.describe();
     connection.openSession(chosen.slot(), write ? CKF_RW_SESSION : 0);
     checkup.describeSession();
-    login(connection, chosen);
+    Failure refused = login(connection, chosen);
     NativePKCS11Object named =
         filter.isNamed(token.uri()) ? filter.key(connection, token.uri()) : null;
     KeyTrials trials = new KeyTrials(connection, table, checkup.mechanisms());
@@ -116,10 +117,9 @@ public final class CheckCommand extends ModuleCommand {
     } finally {
       leftovers.remove();
     }
-    checkup.tryWhatIsNotOffered();
     checkup.close();
-    if (unasked != null) {
-      throw unasked;
+    if (refused != null || unasked != null) {
+      throw refused != null ? refused : unasked;
     }
   }
 
@@ -135,19 +135,20 @@ public final class CheckCommand extends ModuleCommand {
     return new Failure(doubt + ", so that no keys were made: --yes makes them all the same");
   }
 
-  /** A check-up goes on without the login that the token refuses. */
-  private void login(Connection connection, Token chosen) throws Failure {
-    if (!pin.isAsked(token.uri())) {
-      table.note(Operation.LOGIN, CheckTable.Result.NOT_ASKED, "--login or a PIN");
-      return;
-    }
+  /** A check-up goes on without the login that the token refuses, whose failure is returned. */
+  private Failure login(Connection connection, Token chosen) throws Failure {
     try {
-      pin.login(program(), connection, chosen, token.uri());
-    } catch (Failure e) {
-      if (!table.isRefused(Operation.LOGIN)) {
-        throw e;
+      if (pin.isAsked(token.uri())) {
+        pin.login(program(), connection, chosen, token.uri());
+      } else {
+        table.note(Operation.LOGIN, CheckTable.Result.NOT_ASKED, "--login or a PIN");
       }
-      program().report(e);
+      return null;
+    } catch (Failure e) {
+      if (e.getCause() instanceof PKCS11Exception) {
+        return e;
+      }
+      throw e;
     }
   }
 }

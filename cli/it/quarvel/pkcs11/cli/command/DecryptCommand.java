@@ -14,7 +14,8 @@ import picocli.CommandLine.Command;
       "Decrypt a file with a key of the token.",
       "RSA keys use CKM_RSA_PKCS unless --mechanism says otherwise; other keys need --mechanism,"
           + " and secret keys --type secret-key.",
-      "Mechanisms that need a parameter (RSA-OAEP, AES in CBC or GCM mode) cannot be used."
+      "CKM_RSA_PKCS_OAEP is used with its standard parameter; mechanisms that need another one (AES"
+          + " in CBC or GCM mode) cannot be used."
     })
 public final class DecryptCommand extends KeyCommand {
   @Override
@@ -23,8 +24,8 @@ public final class DecryptCommand extends KeyCommand {
   }
 
   @Override
-  int defaultMechanism(int keyType) {
-    return keyType == CKK_RSA ? CKM_RSA_PKCS : NO_DEFAULT;
+  Integer defaultMechanism(int keyType) {
+    return keyType == CKK_RSA ? CKM_RSA_PKCS : null;
   }
 
   @Override

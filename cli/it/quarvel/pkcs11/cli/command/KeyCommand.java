@@ -24,9 +24,6 @@ import picocli.CommandLine.Parameters;
 
 /** A command that makes other data of data with one key. */
 public abstract class KeyCommand extends ModuleCommand {
-  /** There is no sensible mechanism for this type of key. */
-  static final int NO_DEFAULT = -1;
-
   private static final Path STANDARD = Path.of("-");
 
   @Mixin private TokenOptions token;
@@ -47,8 +44,8 @@ public abstract class KeyCommand extends ModuleCommand {
 
   abstract String operation();
 
-  /** Returns the mechanism for who names none. */
-  abstract int defaultMechanism(int keyType);
+  /** Returns the mechanism for who names none, null when there is no sensible one. */
+  abstract Integer defaultMechanism(int keyType);
 
   /** Tells whether the result is for people to read, if it happens to be text. */
   abstract boolean mayBeText();
@@ -71,6 +68,9 @@ public abstract class KeyCommand extends ModuleCommand {
   /** Reads the data first: a file that is not there should cost no login. */
   @Override
   final void run(Connection connection) throws Failure {
+    if (mechanism != null) {
+      connection.requireName(mechanism);
+    }
     byte[] data = read();
     Token chosen = token.choose(connection);
     connection.openSession(chosen.slot(), 0);
@@ -79,26 +79,23 @@ public abstract class KeyCommand extends ModuleCommand {
     }
     NativePKCS11Object key = filter.key(connection, token.uri());
     int keyType = keyType(key);
-    int chosenMechanism = mechanism != null ? mechanism : usualMechanism(keyType);
-    write(connection.call(
-        operation(), () -> apply(connection, chosenMechanism, key, keyType, data)));
-  }
-
-  private static int keyType(NativePKCS11Object key) throws Failure {
-    Integer keyType = new Attributes(key).read(CKA_KEY_TYPE, key::getIntAttributeValue);
-    if (keyType == null) {
-      throw Failure.usage("this object is no key: --type is private, public or secret-key");
-    }
-    return keyType;
-  }
-
-  private int usualMechanism(int keyType) throws Failure {
-    int found = defaultMechanism(keyType);
-    if (found == NO_DEFAULT) {
+    Integer used = mechanism != null ? mechanism : defaultMechanism(keyType);
+    if (used == null) {
       throw Failure.usage("no usual mechanism for a key of type %s: name one by --mechanism"
           .formatted(PKCS11Constants.keyTypeName(keyType)));
     }
-    return found;
+    write(connection.call(operation(), () -> apply(connection, used, key, keyType, data)));
+  }
+
+  private static int keyType(NativePKCS11Object key) throws Failure {
+    Object keyType = new Attributes(key).number(CKA_KEY_TYPE);
+    if (keyType == null) {
+      throw Failure.usage("this object is no key: --type is private, public or secret-key");
+    }
+    if (keyType instanceof Integer known) {
+      return known;
+    }
+    throw new Failure("the type of the key cannot be read " + keyType);
   }
 
   private void refuseTerminal() throws Failure {

@@ -19,8 +19,7 @@ import picocli.CommandLine.Mixin;
 @Command(name = "mechanisms",
     description = {
       "List the mechanisms of a token, their key sizes and uses.",
-      "Sizes are in bits or bytes, as each mechanism counts. Those of a vendor are shown by number"
-          + " and cannot be used."
+      "Sizes are in bits or bytes, as each mechanism counts. Those of a vendor go by number."
     })
 public final class MechanismsCommand extends ModuleCommand {
   @Mixin private TokenOptions token;
@@ -42,9 +41,7 @@ public final class MechanismsCommand extends ModuleCommand {
   private static void describe(
       Map<String, Object> row, Connection connection, NativePKCS11Slot slot, int mechanism) {
     try {
-      if (mechanism < 0) {
-        throw new Failure("the vendor's own");
-      }
+      connection.requireName(mechanism);
       PKCS11MechanismInfo info =
           connection.call("mechanism info", () -> slot.getMechanismInfo(mechanism));
       row.put("minKeySize", size(info.minKeySize()));

@@ -16,11 +16,15 @@ public abstract class ModuleCommand implements Callable<Integer> {
 
   @Override
   public Integer call() throws Failure {
-    try (Connection connection =
-        Connection.open(program.module(), program.direct(), new Steps())) {
+    try (Connection connection = open(new Steps())) {
       run(connection);
     }
     return 0;
+  }
+
+  final Connection open(Steps steps) throws Failure {
+    program.tellOfTrace();
+    return Connection.open(program.module(), program.direct(), steps);
   }
 
   final Program program() {

@@ -4,7 +4,6 @@ import static it.quarvel.pkcs11.PKCS11Constants.CKF_LOGIN_REQUIRED;
 
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.console.UriOutput;
-import it.quarvel.pkcs11.cli.console.Progress;
 import it.quarvel.pkcs11.cli.option.Names;
 import it.quarvel.pkcs11.cli.option.ObjectFilter;
 import it.quarvel.pkcs11.cli.option.PinOptions;
@@ -12,7 +11,6 @@ import it.quarvel.pkcs11.cli.option.TokenOptions;
 import it.quarvel.pkcs11.cli.token.Attributes;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.Token;
-import it.quarvel.pkcs11.cli.token.Uris;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import java.util.List;
 import java.util.Map;
@@ -42,23 +40,18 @@ public final class ObjectsCommand extends ModuleCommand {
 
   @Override
   void run(Connection connection) throws Failure {
+    for (int attribute : attributes) {
+      connection.requireName(attribute);
+    }
     Token chosen = token.choose(connection);
     connection.openSession(chosen.slot(), 0);
     if (pin.isAsked(token.uri())) {
       pin.login(program(), connection, chosen, token.uri());
     }
-    Progress progress = new Progress(program().err());
-    try {
-      connection.search(
-          filter.template(token.uri()),
-          object -> {
-            show(chosen, object);
-            progress.step();
-            return true;
-          });
-    } finally {
-      progress.end();
-    }
+    connection.search(filter.template(token.uri()), object -> {
+      show(chosen, object);
+      return true;
+    });
     output.end(program().out());
     if (!connection.isLoggedIn() && chosen.info().hasFlag(CKF_LOGIN_REQUIRED)) {
       program().message("private objects, if there are any, show after a login only: --login");
@@ -66,7 +59,7 @@ public final class ObjectsCommand extends ModuleCommand {
   }
 
   private void show(Token chosen, NativePKCS11Object object) throws Failure {
-    String uri = output.needsUri() ? Uris.of(chosen.info(), object) : "";
+    String uri = output.needsUri() ? chosen.uri(object) : "";
     Map<String, Object> values =
         output.isUriOnly() ? Map.of() : new Attributes(object).describe(attributes);
     List<String> inTitle = List.of("class", "keyType", "certificateType");

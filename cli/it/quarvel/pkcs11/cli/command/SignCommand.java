@@ -42,12 +42,12 @@ public final class SignCommand extends KeyCommand {
   }
 
   @Override
-  int defaultMechanism(int keyType) {
+  Integer defaultMechanism(int keyType) {
     return switch (keyType) {
       case CKK_RSA -> CKM_SHA256_RSA_PKCS;
       case CKK_EC -> CKM_ECDSA_SHA256;
       case CKK_EC_EDWARDS -> CKM_EDDSA;
-      default -> NO_DEFAULT;
+      default -> null;
     };
   }
 

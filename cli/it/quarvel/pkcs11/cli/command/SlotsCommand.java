@@ -10,7 +10,6 @@ import it.quarvel.pkcs11.cli.console.UriOutput;
 import it.quarvel.pkcs11.cli.option.TokenOptions;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.Token;
-import it.quarvel.pkcs11.cli.token.Uris;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.util.LinkedHashMap;
 import java.util.Map;
@@ -21,7 +20,7 @@ import picocli.CommandLine.Mixin;
 /** Lists the slots and their tokens. */
 @Command(name = "slots", description = "List the slots and their tokens, or those asked for.")
 public final class SlotsCommand extends ModuleCommand {
-  @Mixin private TokenOptions token;
+  @Mixin private TokenOptions wanted;
   @Mixin private UriOutput output;
 
   @Override
@@ -29,26 +28,33 @@ public final class SlotsCommand extends ModuleCommand {
     for (NativePKCS11Slot slot : connection.call("slots", () -> connection.module().slots(false))) {
       Map<String, Object> values = new LinkedHashMap<>();
       values.put("slot", Token.number(slot));
-      PKCS11TokenInfo info = addSlot(values, connection, slot);
-      if (!token.matches(slot, info) || output.isUriOnly() && info == null) {
+      Token token = describe(values, connection, slot);
+      if (!wanted.matches(slot, token) || output.isUriOnly() && token == null) {
         continue;
       }
       Object description = values.getOrDefault("description", "not readable");
       output.item(program().out(), "Slot " + Token.number(slot) + ": " + description,
-          info == null ? "" : Uris.of(info), values, Set.of("slot", "description"));
+          token == null ? "" : token.uri(), values, Set.of("slot", "description"));
     }
     output.end(program().out());
   }
 
   /** A slot or token that cannot be read is one of the things to show, not the end of the list. */
-  private static PKCS11TokenInfo addSlot(
+  private static Token describe(
       Map<String, Object> values, Connection connection, NativePKCS11Slot slot) {
+    String failed = "slotError";
     try {
       PKCS11SlotInfo info = connection.call("slot info", slot::getInfo);
       add(values, info);
-      return info.hasFlag(CKF_TOKEN_PRESENT) ? addToken(values, connection, slot) : null;
+      failed = "tokenError";
+      if (!info.hasFlag(CKF_TOKEN_PRESENT)) {
+        return null;
+      }
+      Token token = connection.call("token info", () -> Token.of(slot));
+      add(values, token.info());
+      return token;
     } catch (Failure e) {
-      values.put("slotError", e.reason());
+      values.put(failed, e.reason());
       return null;
     }
   }
@@ -59,18 +65,6 @@ public final class SlotsCommand extends ModuleCommand {
     values.put("hardwareVersion", PKCS11Info.versionText(info.hardwareVersion()));
     values.put("firmwareVersion", PKCS11Info.versionText(info.firmwareVersion()));
     values.put("flags", slotFlagNames(info.flags()));
-  }
-
-  private static PKCS11TokenInfo addToken(
-      Map<String, Object> values, Connection connection, NativePKCS11Slot slot) {
-    try {
-      PKCS11TokenInfo info = connection.call("token info", () -> Token.of(slot).info());
-      add(values, info);
-      return info;
-    } catch (Failure e) {
-      values.put("tokenError", e.reason());
-      return null;
-    }
   }
 
   private static void add(Map<String, Object> values, PKCS11TokenInfo token) {

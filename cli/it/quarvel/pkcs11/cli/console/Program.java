@@ -43,10 +43,14 @@ public class Program {
     if (Text.isGarbled(path)) {
       throw Failure.usage("the path of the PKCS#11 module" + Text.GARBLED);
     }
+    return path;
+  }
+
+  /** Says where standard output goes, before a module is opened. */
+  public void tellOfTrace() {
     if (System.getenv(TRACE_VARIABLE) != null) {
       message(TRACE_VARIABLE + " is set: standard output goes to /var/tmp/vorlenk0.log");
     }
-    return path;
   }
 
   public boolean direct() {
@@ -55,10 +59,6 @@ public class Program {
 
   public Stdout out() {
     return out;
-  }
-
-  public PrintStream err() {
-    return err;
   }
 
   /** Tells the user something, in one line where it fits. */

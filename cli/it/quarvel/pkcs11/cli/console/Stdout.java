@@ -3,21 +3,11 @@ package it.quarvel.pkcs11.cli.console;
 import java.io.IOException;
 import java.io.OutputStream;
 import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.nio.file.Path;
 
 /** Standard output, which says when it cannot be written. Text is UTF-8, as on the token. */
 public final class Stdout {
   /** What a shell reports of a program that a closed pipe has ended. */
   private static final int BROKEN_PIPE = 141;
-
-  private static final int FILE_TYPE = 0xF000;
-  private static final int FIFO = 0x1000;
-  private static final int SOCKET = 0xC000;
-
-  /** Narrower than the first picocli refuses to be, wider than the second nobody reads. */
-  private static final int NARROW = 55;
-  private static final int WIDE = 100;
 
   private final OutputStream out;
   private final int columns = Terminal.columns(Terminal.OUT);
@@ -31,11 +21,6 @@ public final class Stdout {
     return columns;
   }
 
-  /** Returns how wide a help text is: lines of no end are for nobody to read. */
-  public int helpColumns() {
-    return Math.max(NARROW, Math.min(columns, WIDE));
-  }
-
   public void write(String text) throws Failure {
     write(text.getBytes(StandardCharsets.UTF_8));
   }
@@ -45,18 +30,9 @@ public final class Stdout {
       out.write(bytes);
       out.flush();
     } catch (IOException e) {
-      throw isPipe() ? Failure.silent(BROKEN_PIPE)
+      // A pipe fails when its reader has gone. The text of the error depends on the language.
+      throw Terminal.isPipe(Terminal.OUT) ? Failure.silent(BROKEN_PIPE)
           : Failure.file("standard output cannot be written", e);
-    }
-  }
-
-  /** A pipe fails when its reader has gone. The text of the error depends on the language. */
-  private static boolean isPipe() {
-    try {
-      int type = FILE_TYPE & (int) Files.getAttribute(Path.of("/proc/self/fd/1"), "unix:mode");
-      return type == FIFO || type == SOCKET;
-    } catch (IOException e) {
-      return true;
     }
   }
 }

@@ -1,5 +1,6 @@
 package it.quarvel.pkcs11.cli.console;
 
+import java.io.Console;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -30,19 +31,29 @@ public final class Terminal {
     return is(descriptor) ? new UsageMessageSpec().autoWidth(true).width() : Integer.MAX_VALUE;
   }
 
-  /** Asks for a yes. Newer versions of Java offer a console without a terminal. */
+  /**
+   * Returns where to ask something, null where nobody answers. Newer versions of Java offer a console
+   * without a terminal too, which would echo a PIN.
+   */
+  public static Console console() {
+    return is(IN) && is(OUT) ? System.console() : null;
+  }
+
+  /** Asks for a yes. */
   public static boolean agrees(String question) {
-    if (!is(IN) || !is(OUT) || System.console() == null) {
-      return false;
-    }
-    String answer = System.console().readLine(
+    String answer = console() == null ? null : console().readLine(
         "%s ", Text.wrap("", Text.printable(question + " [y/N]"), columns(OUT)));
     return answer != null && answer.strip().matches("(?i)y(es)?");
   }
 
+  /** Tells whether a stream goes to another process, or comes from one. */
+  static boolean isPipe(int descriptor) {
+    return target(descriptor).toString().matches("(pipe|socket):.*");
+  }
+
   private static Path target(int descriptor) {
     try {
-      return Path.of("/proc/self/fd/" + descriptor).toRealPath();
+      return Files.readSymbolicLink(Path.of("/proc/self/fd/" + descriptor));
     } catch (IOException e) {
       return Path.of("");
     }

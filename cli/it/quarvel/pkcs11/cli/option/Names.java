@@ -26,13 +26,13 @@ public final class Names {
   private Names() {}
 
   /**
-   * Reads a number, decimal or hexadecimal behind 0x.
+   * Reads a number without a sign, decimal or hexadecimal behind 0x.
    *
-   * @throws NumberFormatException for anything else, and for a number beyond 63 bits
+   * @throws NumberFormatException for anything else, and for a number beyond 32 bits
    */
-  static long number(String text) {
-    return text.toLowerCase(Locale.ROOT).startsWith("0x")
-        ? Long.parseLong("+" + text.substring(2), 16) : Long.parseLong("+" + text);
+  static int number(String text) {
+    return Integer.parseUnsignedInt(
+        text.replaceFirst("^0[xX]", ""), text.matches("0[xX].*") ? 16 : 10);
   }
 
   private static int value(String kind, String what, String name, String advice) {
@@ -41,15 +41,10 @@ public final class Names {
       if (!Character.isDigit(upper.charAt(0))) {
         return constant(upper.startsWith(kind) ? upper : kind + upper);
       }
-      long value = number(upper);
-      if (value <= Integer.MAX_VALUE) {
-        return (int) value;
-      }
+      return number(name);
     } catch (IllegalArgumentException | IndexOutOfBoundsException e) {
       throw new TypeConversionException("unknown %s %s: %s".formatted(what, name, advice));
     }
-    throw new TypeConversionException(
-        "%s %s is the vendor's own and cannot be named".formatted(what, name));
   }
 
   private static int constant(String name) {

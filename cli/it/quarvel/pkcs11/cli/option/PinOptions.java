@@ -95,10 +95,6 @@ public final class PinOptions {
   }
 
   private static byte[] ofVariable(String name) throws Failure {
-    byte[] pin = rawVariable(name);
-    if (pin != null) {
-      return pin;
-    }
     String value = System.getenv(name);
     if (value == null) {
       throw new Failure("no environment variable " + name + ", which --pin says has the PIN");
@@ -109,36 +105,13 @@ public final class PinOptions {
     return value.getBytes(StandardCharsets.UTF_8);
   }
 
-  /** Returns the PIN as it is, whatever the locale makes of it; null when there is no access. */
-  private static byte[] rawVariable(String name) {
-    try {
-      byte[] all = Files.readAllBytes(Path.of("/proc/self/environ"));
-      try {
-        return value(all, (name + "=").getBytes(StandardCharsets.UTF_8));
-      } finally {
-        Arrays.fill(all, (byte) 0);
-      }
-    } catch (IOException e) {
-      return null;
-    }
-  }
-
-  private static byte[] value(byte[] variables, byte[] start) {
-    int end;
-    for (int from = 0; from < variables.length; from = end + 1) {
-      end = indexOf(variables, from, '\0');
-      int value = from + start.length;
-      if (value <= end && Arrays.equals(variables, from, value, start, 0, start.length)) {
-        return Arrays.copyOfRange(variables, value, end);
-      }
-    }
-    return null;
-  }
-
   private static byte[] ofFile(Path file) throws Failure {
     try (InputStream in = Files.newInputStream(file)) {
       byte[] content = in.readNBytes(LONGEST_FILE + 1);
-      int length = Math.min(indexOf(content, 0, '\n'), indexOf(content, 0, '\r'));
+      int length = 0;
+      while (length < content.length && content[length] != '\n' && content[length] != '\r') {
+        length++;
+      }
       byte[] pin = Arrays.copyOf(content, length);
       Arrays.fill(content, (byte) 0);
       if (length > LONGEST_FILE) {
@@ -151,23 +124,13 @@ public final class PinOptions {
     }
   }
 
-  /** Returns where the byte is, the end of the bytes when there is none. */
-  private static int indexOf(byte[] bytes, int from, char wanted) {
-    int i = from;
-    while (i < bytes.length && bytes[i] != wanted) {
-      i++;
-    }
-    return i;
-  }
-
-  /** Newer versions of Java offer a console without a terminal, which would echo. */
   private static byte[] ofTerminal(Token token) throws Failure {
-    if (!Terminal.is(Terminal.IN) || !Terminal.is(Terminal.OUT) || System.console() == null) {
+    if (Terminal.console() == null) {
       throw new Failure(
           "no terminal to ask for the PIN, or standard input or output is redirected: use"
               + " --pin env:NAME, --pin-source or --pinpad");
     }
-    char[] typed = System.console()
+    char[] typed = Terminal.console()
         .readPassword("PIN of token \"%s\": ", Text.printable(token.info().trimmedLabel()));
     if (typed == null) {
       throw new Failure("no PIN");

@@ -3,7 +3,6 @@ package it.quarvel.pkcs11.cli.option;
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.PKCS11TokenInfo;
 import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.token.Connection;
@@ -25,16 +24,16 @@ public final class TokenOptions {
 
     @Option(names = "--slot", paramLabel = "N", converter = SlotConverter.class,
         description = "The token in this slot; 0x starts a hexadecimal number.")
-    Long slot;
+    Integer slot;
 
     @Option(names = "--uri", paramLabel = "URI", converter = UriConverter.class,
         description = "The token, and the object, that a PKCS#11 URI (RFC 7512) names.")
     PKCS11Uri uri;
   }
 
-  private static final class SlotConverter implements ITypeConverter<Long> {
+  private static final class SlotConverter implements ITypeConverter<Integer> {
     @Override
-    public Long convert(String text) {
+    public Integer convert(String text) {
       try {
         return Names.number(text);
       } catch (NumberFormatException e) {
@@ -69,11 +68,12 @@ public final class TokenOptions {
   }
 
   /** Tells whether a slot, with the token in it or null, is one of those meant. */
-  public boolean matches(NativePKCS11Slot slot, PKCS11TokenInfo token) {
-    return (choice.slot == null || choice.slot == Token.number(slot))
+  public boolean matches(NativePKCS11Slot slot, Token token) {
+    return (choice.slot == null || choice.slot == slot.slotID())
         && (choice.label == null || token != null
-            && choice.label.stripTrailing().equals(token.trimmedLabel()))
-        && (choice.uri == null || token != null && choice.uri.matches(token, Token.number(slot)));
+            && choice.label.stripTrailing().equals(token.info().trimmedLabel()))
+        && (choice.uri == null || token != null
+            && choice.uri.matches(token.info(), Token.number(slot)));
   }
 
   /** Finds the one token that is meant; who names none means one that is initialised. */
@@ -84,12 +84,12 @@ public final class TokenOptions {
       try {
         all.add(Token.of(slot));
       } catch (PKCS11Exception e) {
-        boolean named = choice.slot != null && choice.slot == Token.number(slot);
+        boolean named = choice.slot != null && choice.slot == slot.slotID();
         unreadable = named || choice.slot == null && !isAbsent(e.errorCode()) ? e : unreadable;
       }
     }
-    List<Token> tokens = all.stream().filter(token -> matches(token.slot(), token.info()))
-        .filter(token -> isNamed() || token.info().hasFlag(CKF_TOKEN_INITIALIZED)).toList();
+    List<Token> tokens = all.stream().filter(token -> matches(token.slot(), token))
+        .filter(token -> isNamed() || token.info().isInitialised()).toList();
     if (tokens.isEmpty() && unreadable != null) {
       PKCS11Exception cause = unreadable;
       return connection.call("token info", () -> {

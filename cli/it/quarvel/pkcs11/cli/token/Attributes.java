@@ -3,16 +3,13 @@ package it.quarvel.pkcs11.cli.token;
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.console.Unread;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import java.io.ByteArrayInputStream;
 import java.math.BigInteger;
 import java.nio.ByteBuffer;
 import java.nio.charset.CharacterCodingException;
 import java.nio.charset.StandardCharsets;
 import java.security.cert.CertificateException;
-import java.security.cert.CertificateFactory;
 import java.security.cert.X509Certificate;
 import java.text.ParseException;
 import java.time.LocalDate;
@@ -32,15 +29,23 @@ import org.ietf.jgss.Oid;
  * @param object the object
  */
 public record Attributes(NativePKCS11Object object) {
-  private static final int[] USES = {
-    CKA_ENCRYPT, CKA_DECRYPT, CKA_SIGN, CKA_SIGN_RECOVER, CKA_VERIFY, CKA_VERIFY_RECOVER, CKA_WRAP,
-    CKA_UNWRAP, CKA_DERIVE
-  };
+  private static final Map<Integer, int[]> USES = Map.of(
+      CKO_PUBLIC_KEY, new int[] {
+        CKA_ENCRYPT, CKA_VERIFY, CKA_VERIFY_RECOVER, CKA_WRAP, CKA_DERIVE},
+      CKO_PRIVATE_KEY, new int[] {
+        CKA_DECRYPT, CKA_SIGN, CKA_SIGN_RECOVER, CKA_UNWRAP, CKA_DERIVE},
+      CKO_SECRET_KEY, new int[] {
+        CKA_ENCRYPT, CKA_DECRYPT, CKA_SIGN, CKA_VERIFY, CKA_WRAP, CKA_UNWRAP, CKA_DERIVE});
 
-  private static final int[] ACCESS = {
-    CKA_TOKEN, CKA_PRIVATE, CKA_MODIFIABLE, CKA_TRUSTED, CKA_SENSITIVE, CKA_ALWAYS_SENSITIVE,
-    CKA_EXTRACTABLE, CKA_NEVER_EXTRACTABLE, CKA_LOCAL, CKA_ALWAYS_AUTHENTICATE
-  };
+  /** Beside those that every object has. */
+  private static final Map<Integer, int[]> ACCESS = Map.of(
+      CKO_CERTIFICATE, new int[] {CKA_TRUSTED},
+      CKO_PUBLIC_KEY, new int[] {CKA_LOCAL},
+      CKO_PRIVATE_KEY, new int[] {
+        CKA_SENSITIVE, CKA_ALWAYS_SENSITIVE, CKA_EXTRACTABLE, CKA_NEVER_EXTRACTABLE, CKA_LOCAL,
+        CKA_ALWAYS_AUTHENTICATE},
+      CKO_SECRET_KEY, new int[] {
+        CKA_SENSITIVE, CKA_ALWAYS_SENSITIVE, CKA_EXTRACTABLE, CKA_NEVER_EXTRACTABLE, CKA_LOCAL});
 
   private static final Map<String, String> CURVES = Map.ofEntries(
       Map.entry("1.2.840.10045.3.1.1", "P-192"), Map.entry("1.3.132.0.33", "P-224"),
@@ -55,9 +60,9 @@ public record Attributes(NativePKCS11Object object) {
   /** DER's tag of a text of ASCII characters. */
   private static final int PRINTABLE_STRING = 0x13;
 
-  /** Reads a value in one of the Java classes that there are. */
-  public interface Getter<T> {
-    T get(int type) throws PKCS11Exception, ParseException;
+  /** Reads a value as one of the Java classes that there are. */
+  interface Getter {
+    Object get(int type) throws PKCS11Exception, ParseException;
   }
 
   /**
@@ -76,47 +81,50 @@ public record Attributes(NativePKCS11Object object) {
       default -> { }
     }
     addText(values, "label", CKA_LABEL);
-    values.put("access", flags(ACCESS, objectClass));
+    List<Object> access = flags(CKA_TOKEN, CKA_PRIVATE, CKA_MODIFIABLE);
+    access.addAll(flags(ACCESS.getOrDefault(objectClass, new int[0])));
+    values.put("access", access);
     for (int type : further) {
       addAny(values, type);
     }
     return values;
   }
 
-  /** Reads a value, null when the object lacks it or the token keeps it to itself. */
-  public <T> T read(int type, Getter<T> getter) throws Failure {
-    try {
-      return getter.get(type);
-    } catch (PKCS11Exception e) {
-      if (isEmpty(e) || e.errorCode() == CKR_ATTRIBUTE_TYPE_INVALID
-          || e.errorCode() == CKR_ATTRIBUTE_SENSITIVE) {
-        return null;
-      }
-      throw Steps.failure("read " + attributeName(type), e);
-    } catch (ParseException e) {
-      throw new Failure("read " + attributeName(type) + ": " + e.getMessage());
-    }
+  /** Tells whether a failure says that the object has no such value. */
+  public static boolean isAbsent(PKCS11Exception e) {
+    return e.errorCode() == CKR_ATTRIBUTE_TYPE_INVALID
+        || e.errorCode() == 0 && e.getMessage().startsWith("VOID");
   }
 
-  /** Reads a value, null when the object lacks it, {@link Unread} when it cannot be had. */
-  public Object value(int type, Getter<?> getter) {
+  /** Reads an Integer, null when the object lacks it, {@link Unread} when it cannot be had. */
+  public Object number(int type) {
+    return value(type, object::getIntAttributeValue);
+  }
+
+  /** Reads a Boolean, null when the object lacks it, {@link Unread} when it cannot be had. */
+  public Object truth(int type) {
+    return value(type, object::getBoolAttributeValue);
+  }
+
+  /** Reads bytes, null when the object lacks them, {@link Unread} when they cannot be had. */
+  public Object bytes(int type) {
+    return value(type, object::getByteArrayAttributeValue);
+  }
+
+  /** Reads bytes, none when there are none to be had. */
+  public byte[] bytesOrEmpty(int type) {
+    return bytes(type) instanceof byte[] bytes ? bytes : new byte[0];
+  }
+
+  private static Object value(int type, Getter getter) {
     try {
       return getter.get(type);
     } catch (PKCS11Exception e) {
-      return isEmpty(e) || e.errorCode() == CKR_ATTRIBUTE_TYPE_INVALID ? null
+      return isAbsent(e) ? null
           : new Unread(e.errorCode() == CKR_ATTRIBUTE_SENSITIVE ? "sensitive" : e.getMessage());
     } catch (ParseException e) {
       return new Unread(e.getMessage());
     }
-  }
-
-  /** Reads a value as bytes, null when there are none to be had. */
-  public byte[] bytesOrNull(int type) {
-    return bytes(type) instanceof byte[] bytes ? bytes : null;
-  }
-
-  private static boolean isEmpty(PKCS11Exception e) {
-    return e.errorCode() == 0 && e.getMessage().startsWith("VOID");
   }
 
   private void addKey(Map<String, Object> values, int objectClass) {
@@ -135,7 +143,7 @@ public record Attributes(NativePKCS11Object object) {
     values.put("id", bytes(CKA_ID));
     values.put("startDate", date(CKA_START_DATE));
     values.put("endDate", date(CKA_END_DATE));
-    values.put("usage", flags(USES, objectClass));
+    values.put("usage", flags(USES.get(objectClass)));
   }
 
   /** What the certificate itself says counts more than the attributes beside it. */
@@ -145,30 +153,16 @@ public record Attributes(NativePKCS11Object object) {
         type instanceof Integer number ? certificateTypeName(number) : type);
     values.put("id", bytes(CKA_ID));
     try {
-      X509Certificate certificate = (X509Certificate) CertificateFactory.getInstance("X.509")
-          .generateCertificate(new ByteArrayInputStream(bytesOrEmpty(CKA_VALUE)));
+      X509Certificate certificate = object.certificate();
       values.put("subject", certificate.getSubjectX500Principal().getName());
       values.put("issuer", certificate.getIssuerX500Principal().getName());
       values.put("serialNumber", certificate.getSerialNumber().toByteArray());
       values.put("notAfter", certificate.getNotAfter().toInstant().toString());
-    } catch (CertificateException e) {
+    } catch (PKCS11Exception | CertificateException e) {
       values.put("subject", name(bytes(CKA_SUBJECT)));
       values.put("issuer", name(bytes(CKA_ISSUER)));
       values.put("serialNumber", bytes(CKA_SERIAL_NUMBER));
     }
-  }
-
-  private byte[] bytesOrEmpty(int type) {
-    byte[] bytes = bytesOrNull(type);
-    return bytes == null ? new byte[0] : bytes;
-  }
-
-  private Object number(int type) {
-    return value(type, object::getIntAttributeValue);
-  }
-
-  private Object bytes(int type) {
-    return value(type, object::getByteArrayAttributeValue);
   }
 
   private Object date(int type) {
@@ -231,40 +225,17 @@ public record Attributes(NativePKCS11Object object) {
     }
   }
 
-  private List<Object> flags(int[] types, int objectClass) {
+  private List<Object> flags(int... types) {
     List<Object> set = new ArrayList<>();
     for (int type : types) {
-      if (has(type, objectClass)) {
-        String name = attributeName(type).substring(4).toLowerCase(Locale.ROOT);
-        Object value = value(type, object::getBoolAttributeValue);
-        if (value instanceof Unread unread) {
-          set.add(new Unread(name + ": " + unread.reason()));
-        } else if (Boolean.TRUE.equals(value)) {
-          set.add(name);
-        }
+      String name = attributeName(type).substring(4).toLowerCase(Locale.ROOT);
+      Object value = truth(type);
+      if (value instanceof Unread unread) {
+        set.add(new Unread(name + ": " + unread.reason()));
+      } else if (Boolean.TRUE.equals(value)) {
+        set.add(name);
       }
     }
     return set;
-  }
-
-  /** Spares the token the questions that the class of the object answers. */
-  private static boolean has(int type, int objectClass) {
-    return switch (type) {
-      case CKA_TOKEN, CKA_PRIVATE, CKA_MODIFIABLE -> true;
-      case CKA_TRUSTED -> objectClass == CKO_CERTIFICATE;
-      case CKA_ENCRYPT, CKA_VERIFY, CKA_WRAP ->
-          isKey(objectClass) && objectClass != CKO_PRIVATE_KEY;
-      case CKA_VERIFY_RECOVER -> objectClass == CKO_PUBLIC_KEY;
-      case CKA_DECRYPT, CKA_SIGN, CKA_UNWRAP, CKA_SENSITIVE, CKA_ALWAYS_SENSITIVE, CKA_EXTRACTABLE,
-          CKA_NEVER_EXTRACTABLE ->
-          isKey(objectClass) && objectClass != CKO_PUBLIC_KEY;
-      case CKA_SIGN_RECOVER, CKA_ALWAYS_AUTHENTICATE -> objectClass == CKO_PRIVATE_KEY;
-      default -> isKey(objectClass);
-    };
-  }
-
-  private static boolean isKey(int objectClass) {
-    return objectClass == CKO_PUBLIC_KEY || objectClass == CKO_PRIVATE_KEY
-        || objectClass == CKO_SECRET_KEY;
   }
 }

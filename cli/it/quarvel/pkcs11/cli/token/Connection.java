@@ -10,10 +10,7 @@ import it.quarvel.pkcs11.nat.NativePKCS11;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
-import java.io.ByteArrayInputStream;
-import java.security.GeneralSecurityException;
 import java.security.PublicKey;
-import java.security.cert.CertificateFactory;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
@@ -37,6 +34,7 @@ public final class Connection implements AutoCloseable {
 
   private final Steps steps;
   private final PKCS11Module opened;
+  private final boolean direct;
   private final NativePKCS11 module = new NativePKCS11();
   private NativePKCS11Session session;
   private boolean loggedIn;
@@ -44,14 +42,15 @@ public final class Connection implements AutoCloseable {
   /** Kept for keys that ask for it each time; null where a PIN pad asks. */
   private byte[] pin;
 
-  private Connection(Steps steps, PKCS11Module opened) {
+  private Connection(Steps steps, PKCS11Module opened, boolean direct) {
     this.steps = steps;
     this.opened = opened;
+    this.direct = direct;
   }
 
   /** Loads and initialises a module, behind the adapter or directly. */
   public static Connection open(String path, boolean direct, Steps steps) throws Failure {
-    return new Connection(steps, steps.call(Operation.OPEN, () -> open(path, direct)));
+    return new Connection(steps, steps.call(Operation.OPEN, () -> open(path, direct)), direct);
   }
 
   /** The native library is loaded with the first use of its class, which is here. */
@@ -79,6 +78,21 @@ public final class Connection implements AutoCloseable {
 
   public NativePKCS11Session session() {
     return session;
+  }
+
+  /**
+   * Tells whether a mechanism or an attribute can be named. The numbers of those that vendors define
+   * reach the module changed without the adapter.
+   */
+  public boolean canName(int type) {
+    return type >= 0 || !direct;
+  }
+
+  /** Refuses what cannot be named. */
+  public void requireName(int type) throws Failure {
+    if (!canName(type)) {
+      throw Failure.usage("0x%08X is the vendor's own, which --direct cannot name".formatted(type));
+    }
   }
 
   public boolean isLoggedIn() {
@@ -120,51 +134,39 @@ public final class Connection implements AutoCloseable {
     boolean asks = asksEachTime(key);
     start.run();
     if (asks) {
-      loginForOperation();
+      login();
     }
     byte[] out = new byte[Math.max(LONGEST_SIGNATURE, data.length)];
     return Arrays.copyOf(out, end.run(data, 0, data.length, out, 0));
   }
 
+  /** A module that is used directly finds a second login superfluous, and may well sign without. */
   private boolean asksEachTime(NativePKCS11Object key) {
-    return loggedIn && Boolean.TRUE.equals(new Attributes(key)
-        .value(CKA_ALWAYS_AUTHENTICATE, key::getBoolAttributeValue));
+    return loggedIn && !direct
+        && Boolean.TRUE.equals(new Attributes(key).truth(CKA_ALWAYS_AUTHENTICATE));
   }
 
-  /** A module that is used directly finds this login superfluous, and may well sign without. */
-  private void loginForOperation() throws PKCS11Exception {
-    try {
-      login();
-    } catch (PKCS11Exception e) {
-      if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN && e.errorCode() != CKR_OPERATION_ACTIVE) {
-        throw e;
-      }
-    }
-  }
-
-  /** Returns the public keys that a private key, and what has the same id, tells Java. */
+  /** Returns the public keys that a private key, or what has the same id, tells Java. */
   public List<PublicKey> publicKeys(NativePKCS11Object key) throws Failure {
     List<PublicKey> found = new ArrayList<>();
-    addPublicKey(found, key);
-    byte[] id = new Attributes(key).bytesOrNull(CKA_ID);
-    if (found.isEmpty() && id != null && id.length > 0) {
-      for (int objectClass : new int[] {CKO_PUBLIC_KEY, CKO_CERTIFICATE}) {
-        PKCS11Template same = new PKCS11Template().put(CKA_CLASS, objectClass).put(CKA_ID, id);
-        for (NativePKCS11Object half : find(same, MOST_HALVES)) {
-          addPublicKey(found, half);
-        }
+    addTo(found, key::publicKey);
+    byte[] id = new Attributes(key).bytesOrEmpty(CKA_ID);
+    if (found.isEmpty() && id.length > 0) {
+      PKCS11Template same = new PKCS11Template().put(CKA_ID, id);
+      for (NativePKCS11Object half : find(same.put(CKA_CLASS, CKO_PUBLIC_KEY), MOST_HALVES)) {
+        addTo(found, half::publicKey);
+      }
+      for (NativePKCS11Object half : find(same.put(CKA_CLASS, CKO_CERTIFICATE), MOST_HALVES)) {
+        addTo(found, () -> half.certificate().getPublicKey());
       }
     }
     return found;
   }
 
-  private static void addPublicKey(List<PublicKey> found, NativePKCS11Object object) {
+  private static void addTo(List<PublicKey> found, Steps.Call<PublicKey> half) {
     try {
-      byte[] value = new Attributes(object).bytesOrNull(CKA_CERTIFICATE_TYPE) == null ? null
-          : object.getByteArrayAttributeValue(CKA_VALUE);
-      found.add(value == null ? object.publicKey() : CertificateFactory.getInstance("X.509")
-          .generateCertificate(new ByteArrayInputStream(value)).getPublicKey());
-    } catch (PKCS11Exception | GeneralSecurityException e) {
+      found.add(half.call());
+    } catch (Exception e) {
       // It tells Java none.
     }
   }

@@ -35,7 +35,8 @@ public final class Hints {
       case CKR_PIN_EXPIRED -> "the PIN has to be changed first";
       case CKR_PIN_LEN_RANGE, CKR_PIN_INVALID -> "\"slots\" shows how long a PIN is";
       case CKR_USER_PIN_NOT_INITIALIZED -> "the token has no user PIN yet";
-      case CKR_USER_NOT_LOGGED_IN -> "log in with --login";
+      case CKR_USER_NOT_LOGGED_IN ->
+          "log in with --login, and not --direct where the key wants the PIN each time";
       case CKR_TOKEN_NOT_RECOGNIZED -> "initialise the token with the tools of its module";
       case CKR_TOKEN_NOT_PRESENT, CKR_DEVICE_REMOVED -> "insert the token and start again";
       case CKR_SLOT_ID_INVALID, CKR_SESSION_HANDLE_INVALID, CKR_OBJECT_HANDLE_INVALID ->

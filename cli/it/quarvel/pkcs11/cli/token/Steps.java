@@ -23,7 +23,8 @@ public class Steps {
     } catch (PKCS11Exception e) {
       throw failure(operation, e);
     } catch (Exception e) {
-      throw new Failure(operation + ": Java cannot use the result: " + e.getMessage());
+      String reason = "Java cannot use the result: " + e.getMessage();
+      throw new Failure(reason, operation + ": " + reason, e);
     }
   }
 

@@ -1,16 +1,26 @@
 package it.quarvel.pkcs11.cli.token;
 
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
+import it.quarvel.pkcs11.PKCS11Uri;
+import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
+import java.net.URLEncoder;
+import java.nio.charset.StandardCharsets;
+import java.util.HexFormat;
 
 /**
- * A token and the slot it is in.
+ * A token and the slot it is in. Its PKCS#11 URI (RFC 7512), and those of its objects, are written
+ * as {@link PKCS11Uri} reads them.
  *
  * @param slot the slot
  * @param info what the token says of itself
  */
 public record Token(NativePKCS11Slot slot, PKCS11TokenInfo info) {
+  private static final HexFormat ALL_ESCAPED = HexFormat.of().withUpperCase().withPrefix("%");
+
   /** Reads what the token in a slot says of itself. */
   public static Token of(NativePKCS11Slot slot) throws PKCS11Exception {
     return new Token(slot, slot.getTokenInfo());
@@ -21,8 +31,36 @@ public record Token(NativePKCS11Slot slot, PKCS11TokenInfo info) {
     return Integer.toUnsignedLong(slot.slotID());
   }
 
+  public String uri() {
+    return "pkcs11:model=" + escape(info.model()) + ";manufacturer="
+        + escape(info.manufacturerID()) + ";serial=" + escape(info.serialNumber())
+        + ";token=" + escape(info.trimmedLabel());
+  }
+
+  public String uri(NativePKCS11Object object) {
+    Attributes attributes = new Attributes(object);
+    byte[] id = attributes.bytesOrEmpty(CKA_ID);
+    Object label = attributes.bytes(CKA_LABEL);
+    Object objectClass = attributes.number(CKA_CLASS);
+    String type = objectClass instanceof Integer known ? PKCS11Uri.type(known) : null;
+    return uri() + (id.length == 0 ? "" : ";id=" + ALL_ESCAPED.formatHex(id))
+        + (label instanceof byte[] bytes ? ";object=" + escape(bytes) : "")
+        + (type == null ? "" : ";type=" + type);
+  }
+
   @Override
   public String toString() {
     return "\"%s\" in slot %d".formatted(info.trimmedLabel(), number(slot));
+  }
+
+  private static String escape(String text) {
+    return escape(text.stripTrailing().getBytes(StandardCharsets.UTF_8));
+  }
+
+  /** Escapes single bytes, which need not be text; a form of the web writes a blank otherwise. */
+  private static String escape(byte[] value) {
+    return URLEncoder.encode(
+        new String(value, StandardCharsets.ISO_8859_1), StandardCharsets.ISO_8859_1)
+        .replace("+", "%20");
   }
 }
