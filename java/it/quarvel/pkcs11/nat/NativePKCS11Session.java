@@ -881,7 +881,7 @@ public class NativePKCS11Session implements AutoCloseable {
   private static byte[] prefix(byte[] out, int length) throws PKCS11Exception {
     if (length < 0 || length > out.length) {
       throw new PKCS11Exception(
-          "The module reports %d bytes in an array of %d".formatted(length, out.length));
+          "The module reports %s bytes in an array of %s".formatted(length, out.length));
     }
     return length == out.length ? out : Arrays.copyOf(out, length);
   }

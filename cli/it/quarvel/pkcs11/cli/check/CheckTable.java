@@ -83,7 +83,7 @@ public final class CheckTable extends Steps {
 
     private String summary() {
       return result.isFinding() && calls > 1
-          ? "%s, %d of %d".formatted(detail, alike, calls) : detail;
+          ? "%s, %s of %s".formatted(detail, alike, calls) : detail;
     }
   }
 
@@ -212,7 +212,7 @@ public final class CheckTable extends Steps {
   public void finish(Failure failure) throws Failure {
     // One line for each kind of failure, however many there are.
     List<String> found = findings.values().stream().map(alike -> alike.size() == 1 ? alike.get(0)
-        : "%s (%d times)".formatted(alike.get(0), alike.size())).toList();
+        : "%s (%s times)".formatted(alike.get(0), alike.size())).toList();
     if (output.isJson()) {
       Map<String, Object> rest = new LinkedHashMap<>();
       rest.put("findings", found);

@@ -50,7 +50,7 @@ public record Token(NativePKCS11Slot slot, PKCS11TokenInfo info) {
 
   @Override
   public String toString() {
-    return "\"%s\" in slot %d".formatted(info.trimmedLabel(), number(slot));
+    return "\"%s\" in slot %s".formatted(info.trimmedLabel(), number(slot));
   }
 
   private static String escape(String text) {
