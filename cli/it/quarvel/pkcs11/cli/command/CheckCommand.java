@@ -53,6 +53,9 @@ public final class CheckCommand extends ModuleCommand {
 
   private CheckTable table;
 
+  /** The first failure; the check-up may have gone on. */
+  private Failure failure;
+
   @Override
   public Integer call() throws Failure {
     boolean named = filter.isNamed(token.uri());
@@ -61,11 +64,10 @@ public final class CheckCommand extends ModuleCommand {
     }
     program().module(); // refused before the table has begun
     table = new CheckTable(program().out(), output);
-    Failure failure = null;
     try (Connection connection = open(table)) {
       run(connection);
     } catch (Failure e) {
-      failure = e;
+      fail(e);
     }
     table.finish(failure);
     return failure != null ? program().report(failure) : table.works() ? 0 : Failure.FAILED;
@@ -82,28 +84,28 @@ public final class CheckCommand extends ModuleCommand {
     checkup.describe();
     connection.openSession(chosen.slot(), write ? CKF_RW_SESSION : 0);
     checkup.describeSession();
-    Failure refused = login(connection, chosen);
+    login(connection, chosen);
     NativePKCS11Object named =
         filter.isNamed(token.uri()) ? filter.key(connection, token.uri()) : null;
     KeyTrials trials = new KeyTrials(connection, table, checkup.mechanisms());
-    Failure unasked = null;
+    boolean makes = false;
     Leftovers leftovers = new Leftovers(table, trials, program()::message);
     try {
       if (write) {
-        unasked = make(trials);
+        makes = makesKeys(trials);
       } else {
         table.skip("--write", "create object", "generate key", "generate key pair");
       }
       checkup.read(trials.made());
       NativePKCS11Object key = named != null ? named : trials.privateKey();
       String option = write ? "--yes" : "--write";
-      if (key == null && (!write || unasked != null)) {
+      if (key == null && !makes) {
         table.skip(option + ", or a key by --label", "sign", "decrypt");
       } else {
         trials.sign(key);
         trials.decrypt(key);
       }
-      if (write && unasked == null) {
+      if (makes) {
         trials.useSecretKey();
       } else {
         table.skip(option, "encrypt", "wrap", "unwrap");
@@ -118,37 +120,37 @@ public final class CheckCommand extends ModuleCommand {
       leftovers.remove();
     }
     checkup.close();
-    if (refused != null || unasked != null) {
-      throw refused != null ? refused : unasked;
-    }
   }
 
-  /** Makes what may be made, and returns why that is not all. */
-  private Failure make(KeyTrials trials) throws Failure {
+  /** Makes an object, and tells whether keys are made too, which the token may keep. */
+  private boolean makesKeys(KeyTrials trials) throws Failure {
     String doubt = trials.createObject();
     if (doubt.isEmpty() || yes
         || Terminal.agrees(doubt + ". Make keys all the same, and try to remove them?")) {
       trials.createKeys();
-      return null;
+      return true;
     }
     table.skip("--yes", "generate key", "generate key pair");
-    return new Failure(doubt + ", so that no keys were made: --yes makes them all the same");
+    fail(new Failure(doubt + ", so that no keys were made: --yes makes them all the same"));
+    return false;
   }
 
-  /** A check-up goes on without the login that the token refuses, whose failure is returned. */
-  private Failure login(Connection connection, Token chosen) throws Failure {
-    try {
-      if (pin.isAsked(token.uri())) {
-        pin.login(program(), connection, chosen, token.uri());
-      } else {
-        table.note(Operation.LOGIN, CheckTable.Result.NOT_ASKED, "--login or a PIN");
-      }
-      return null;
-    } catch (Failure e) {
-      if (e.getCause() instanceof PKCS11Exception) {
-        return e;
-      }
-      throw e;
+  private void login(Connection connection, Token chosen) throws Failure {
+    if (!pin.isAsked(token.uri())) {
+      table.note(Operation.LOGIN, CheckTable.Result.NOT_ASKED, "--login or a PIN");
+      return;
     }
+    try {
+      pin.login(program(), connection, chosen, token.uri());
+    } catch (Failure e) {
+      fail(e);
+      if (!(e.getCause() instanceof PKCS11Exception)) {
+        throw e;
+      }
+    }
+  }
+
+  private void fail(Failure found) {
+    failure = failure == null ? found : failure;
   }
 }
