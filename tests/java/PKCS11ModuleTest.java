@@ -38,6 +38,7 @@ class PKCS11ModuleTest {
     byte[] library = Files.readAllBytes(BUILD.resolve("tests/libodd.so"));
     String lacking = new String(library, ISO_8859_1).replace("libc.so.6", "libx.so.6");
     Files.write(dir.resolve("lacking.so"), lacking.getBytes(ISO_8859_1));
+    Files.write(dir.resolve("cut.so"), Arrays.copyOf(library, 5000));
     library[18] ^= 1;
     Files.write(dir.resolve("foreign.so"), library);
   }
@@ -46,7 +47,7 @@ class PKCS11ModuleTest {
   @CsvSource(delimiter = '|', value = {
     "the path of the module is empty.*|''", "DIR is no file|DIR",
     "DIR/none: there is no such file|DIR/none", "DIR/text is no library|DIR/text",
-    "/proc/self/mem cannot be read: Input.*|/proc/self/mem",
+    "/proc/self/mem cannot be read: Input.*|/proc/self/mem", "DIR/cut.so is cut short.*|DIR/cut.so",
     "DIR/foreign.so is a library for another architecture|DIR/foreign.so",
     "DIR/lacking.so cannot be loaded as a .*; \"ldd -r\" shows .*|DIR/lacking.so",
     "BUILD/libquarvelpkcs11.so .* PKCS#11 module.*|BUILD/libquarvelpkcs11.so",

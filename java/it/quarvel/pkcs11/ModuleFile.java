@@ -8,6 +8,9 @@ import java.io.File;
 import java.io.FileInputStream;
 import java.io.IOException;
 import java.io.InputStream;
+import java.nio.ByteBuffer;
+import java.nio.ByteOrder;
+import java.nio.channels.FileChannel;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.InvalidPathException;
@@ -31,6 +34,20 @@ final class ModuleFile {
   private static final int CLASS = 4;
   private static final int MACHINE = 18;
   private static final int HEADER = 20;
+
+  /** Its first four bytes, and class and byte order of one of 64 bits, least significant first. */
+  private static final int MAGIC = 0x464c457f;
+  private static final int LITTLE_64 = 0x0102;
+
+  /** Where it tells where its segments are described, in how many bytes each, and how many. */
+  private static final int SEGMENTS = 32;
+  private static final int SEGMENT_SIZE = 54;
+  private static final int SEGMENT_COUNT = 56;
+
+  /** A segment that is loaded, and where it tells its place and its length in the file. */
+  private static final int LOADED = 1;
+  private static final int OFFSET = 8;
+  private static final int LENGTH = 32;
 
   /**
    * Where the adapter lies while it is loaded. An adapter of a load that failed stays in memory
@@ -76,6 +93,9 @@ final class ModuleFile {
     // A pipe, for one, would have the load wait.
     if (isFile && file.exists() && !file.isFile()) {
       throw new PKCS11Exception(path + " is no file");
+    }
+    if (isFile && isCutShort(file)) {
+      throw new PKCS11Exception(path + " is cut short: it lacks the end of a library");
     }
     try {
       loader.load(isFile ? file.getPath() : path);
@@ -168,6 +188,26 @@ final class ModuleFile {
     // System.load could tell more, but then native methods would be looked for in what it has loaded.
     return file + " cannot be loaded as a PKCS#11 module; \"ldd -r\" shows the libraries and functions"
         + " that it misses";
+  }
+
+  /** Tells whether an ELF file of 64 bits lacks bytes that the dynamic linker takes for granted. */
+  private static boolean isCutShort(File file) {
+    try (FileChannel channel = FileChannel.open(file.toPath())) {
+      ByteBuffer elf = channel.map(FileChannel.MapMode.READ_ONLY, 0, channel.size());
+      elf.order(ByteOrder.LITTLE_ENDIAN);
+      boolean known = elf.getInt(0) == MAGIC && elf.getShort(CLASS) == LITTLE_64;
+      int segments = known ? elf.getShort(SEGMENT_COUNT) : 0;
+      for (int i = 0; i < segments; i++) {
+        int at = (int) elf.getLong(SEGMENTS) + i * elf.getShort(SEGMENT_SIZE);
+        if (elf.getInt(at) == LOADED
+            && elf.getLong(at + OFFSET) + elf.getLong(at + LENGTH) > elf.capacity()) {
+          return true;
+        }
+      }
+    } catch (IOException | RuntimeException e) {
+      // The load, or what is said after it, tells more.
+    }
+    return false;
   }
 
   private static byte[] header(File file) throws IOException {
