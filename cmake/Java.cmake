@@ -4,8 +4,10 @@
 file(REAL_PATH ${Java_JAVAC_EXECUTABLE} javac)
 cmake_path(GET javac PARENT_PATH QUARVEL_JDK)
 cmake_path(GET QUARVEL_JDK PARENT_PATH QUARVEL_JDK)
+# A compiler in Java ends before a thorough translation of itself pays.
+set(QUARVEL_QUICK -J-XX:TieredStopAtLevel=1)
 # Nothing of the builder's environment gets into a class or a page.
-set(java_options -encoding UTF-8 -Xlint:all -Werror --release 17)
+set(java_options ${QUARVEL_QUICK} -encoding UTF-8 -Xlint:all -Werror --release 17)
 
 file(GLOB_RECURSE QUARVEL_JAVA_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/java/*.java)
 set(QUARVEL_CLASSES ${CMAKE_BINARY_DIR}/classes)
@@ -72,7 +74,8 @@ foreach(target ${QUARVEL_NATIVE_TARGETS})
   add_custom_command(
     OUTPUT ${resources}/${native}
     COMMAND ${CMAKE_COMMAND} -E make_directory ${resources}/${folder}
-    COMMAND ${CMAKE_STRIP} -o ${resources}/${native} $<TARGET_FILE:${target}>
+    COMMAND ${CMAKE_STRIP} --remove-section=.comment -o ${resources}/${native}
+            $<TARGET_FILE:${target}>
     DEPENDS ${target}
     VERBATIM)
   list(APPEND native_files ${resources}/${native})
@@ -190,7 +193,7 @@ set(title "${PROJECT_NAME} ${PROJECT_VERSION}")
 add_custom_command(
   OUTPUT ${QUARVEL_JAVADOC}.stamp
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_JAVADOC}
-  COMMAND ${Java_JAVADOC_EXECUTABLE} -J-Duser.language=en -quiet -notimestamp -noindex -locale en
+  COMMAND ${Java_JAVADOC_EXECUTABLE} ${QUARVEL_QUICK} -J-Duser.language=en -quiet -notimestamp -noindex -locale en
           -encoding UTF-8 -docencoding UTF-8 -Xdoclint:all,-missing -Werror
           -windowtitle ${title} -doctitle ${title} -header ${title} -d ${QUARVEL_JAVADOC}
           ${QUARVEL_JAVA_SOURCES}

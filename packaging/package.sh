@@ -18,6 +18,7 @@ work=$build/packaging
 rm -rf "$work" "$build"/*.deb "$build"/*.tar.gz "$build/maven"
 mkdir -p "$work"
 DESTDIR=$work/all cmake --install "$build" --prefix /usr --strip >/dev/null
+strip --remove-section=.comment "$work"/all/usr/lib/*/jni/*.so
 
 # ---- Maven and Gradle: a repository that a build can name ----
 
@@ -80,6 +81,7 @@ take libquarvel-pkcs11-java-doc share/doc/quarvel-pkcs11
 mv "$(usr libquarvel-pkcs11-java-doc share/doc/quarvel-pkcs11)" \
   "$(usr libquarvel-pkcs11-java-doc share/doc/libquarvel-pkcs11-java)"
 rm "$(usr libquarvel-pkcs11-java-doc share/doc/libquarvel-pkcs11-java)"/{LICENSE,NOTICE}
+install -D -m 644 debian/doc-base "$(usr libquarvel-pkcs11-java-doc share/doc-base)/libquarvel-pkcs11-java"
 
 take quarvel-pkcs11 bin share/man share/bash-completion
 gzip -9n "$(usr quarvel-pkcs11 share/man/man1)"/*

@@ -4,6 +4,7 @@
 # anew, "compare" fails when a module now answers otherwise than the page says.
 set -euo pipefail
 . "$(dirname "$0")/token.sh"
+quick_java
 # All modules in one mount namespace, where there is one to be had.
 if unshare -m true 2>/dev/null; then in_namespace; fi
 action=$1 java=$2 cli=$3 page=$(readlink -f "$4")

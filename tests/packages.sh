@@ -12,6 +12,40 @@ signs() { # JAVA ARGUMENTS...: as the README's program does; OpenSSL judges
   printf data | openssl dgst -sha256 -verify "$TOKEN_DIR/public.pem" -signature "$TOKEN_DIR/signature"
 }
 
+# java_of PAGE [PATTERN]: its blocks of Java, those that match
+java_of() { awk -v RS='```' -v pattern="${2-}" 'sub(/^java\n/, "") && $0 ~ pattern' "$1"; }
+
+# What docs/instead-of.md says as one program, and what has to come of it.
+instead_of() {
+  cat <<'END'
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.nat.*;
+import java.security.*;
+import java.util.*;
+import javax.crypto.Cipher;
+import javax.crypto.spec.*;
+
+class InsteadOf {
+  public static void main(String[] args) throws Exception {
+    NativePKCS11.loadPKCS11Library(args[0]);
+    new NativePKCS11().libInitialize();
+    NativePKCS11Session session =
+        new NativePKCS11().slots(true).get(0).openSession(CKF_SERIAL_SESSION);
+    session.login(false, args[1]);
+    NativePKCS11Object key =
+        session.findFirst(new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY)).orElseThrow();
+END
+  java_of instead-of.md
+  cat <<'END'
+    System.out.println(genuine && Arrays.equals(signature, signatureOfParts)
+        && Arrays.equals(data, opened) && Arrays.equals(data, unsealed));
+  }
+}
+END
+}
+
 use_installed() {
   . "$tests/token.sh"
   start_module softhsm2
@@ -22,13 +56,17 @@ use_installed() {
   dpkg --verify "${packages[@]}"
   dpkg --listfiles "${packages[@]}" | grep . | sort -u |
     xargs -I{} find {} -maxdepth 0 ! -type l -perm /022 ! -path /tmp | diff /dev/null -
-  lintian --allow-root ./*.deb | diff /dev/null -
+  lintian --allow-root --pedantic ./*.deb | diff /dev/null -
 
   local pkcs11_tool=(pkcs11-tool --module "$QUARVEL_PKCS11_MODULE" --login --pin "$QUARVEL_PIN")
   "${pkcs11_tool[@]}" --keypairgen --key-type rsa:2048 --label signing >/dev/null 2>&1
   "${pkcs11_tool[@]}" --read-object --type pubkey --label signing 2>/dev/null |
     openssl pkey -pubin -inform DER -out "$TOKEN_DIR/public.pem"
 
+  instead_of >InsteadOf.java
+  java -cp $jar InsteadOf.java "$QUARVEL_PKCS11_MODULE" "$QUARVEL_PIN" | grep -x true
+
+  java_of README.md 'public class' >Example.java
   mkdir -p maven/src/main/java
   local name
   name=$(sed -n 's/^public class \([A-Za-z]*\) .*/\1/p' Example.java)
@@ -49,7 +87,7 @@ END
   <id>installed</id><mirrorOf>*</mirrorOf><url>file:///usr/share/maven-repo</url>
 </mirror></mirrors></settings>
 END
-  mvn --quiet --batch-mode --file maven/pom.xml --settings maven/settings.xml \
+  MAVEN_OPTS=-XX:TieredStopAtLevel=1 mvn --quiet --batch-mode --file maven/pom.xml --settings maven/settings.xml \
     -Dmaven.repo.local="$PWD/maven/local" compile >maven/log 2>&1 || { cat maven/log; return 1; }
   signs -cp "maven/target/classes:$(echo maven/local/it/quarvel/quarvel-pkcs11/*/*.jar)" "$name"
 
@@ -139,9 +177,7 @@ mount -t overlay overlay -o lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work $vi
 mount --bind /proc $view/proc
 mount --bind /dev $view/dev
 mkdir $view/tmp/packages
-cp "$folder"/*.deb "$0" "$tests/token.sh" $view/tmp/packages/
-# The one block of Java that is a whole program.
-perl -0777 -ne 'print grep /^public class /m, /^```java\n(.*?)^```$/msg' "$tests/../README.md" \
-  >$view/tmp/packages/Example.java
+cp "$folder"/*.deb "$0" "$tests/token.sh" "$tests/../README.md" "$tests/../docs/instead-of.md" \
+  $view/tmp/packages/
 chroot $view /tmp/packages/packages.sh --installed
-echo 'packages: installed; the example of the README runs from them and as a Maven project'
+echo 'packages: installed; the examples of the README and docs run from them, and as a Maven project'

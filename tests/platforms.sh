@@ -5,6 +5,7 @@ set -euo pipefail
 jdk=$1 jar=$2 classes=$3 java=$1/bin/java
 version=$(sed -n 's/JAVA_VERSION="\([0-9]*\).*/\1/p' "$jdk/release")
 . "$(dirname "$0")/token.sh"
+quick_java
 start_module softhsm2
 work=$TOKEN_DIR
 
@@ -46,7 +47,7 @@ runs 'library of the system' -cp "$work/bare:$classes" \
 # As a tool leaves them that takes them for texts: loading such a file could end the process.
 unzip -q "$jar" -d "$work/damaged"
 find "$work/damaged" -name "*.so" -exec sed -i 's/[^ -~]/?/g' {} +
-runs 'library of the system, the jar being damaged' "$jdk/bin/java" -cp "$work/damaged:$classes" \
+runs 'library of the system, the jar being damaged' -cp "$work/damaged:$classes" \
   -Djava.library.path="$work/system"
 fails -cp "$work/damaged:$classes"
 has 'resource .*libquarvelpkcs11.so: damaged'

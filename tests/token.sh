@@ -131,6 +131,8 @@ start_opensc() {
   [ -n "${QUARVEL_CARD_PIN-}" ] || skip 'no QUARVEL_CARD_PIN, so perhaps no card'
   is_module "$token_libraries/opensc-pkcs11.so" '' "$QUARVEL_CARD_PIN" ''
 }
+# Each Java of a script then starts soon, and leaves the other processors alone.
+quick_java() { export JDK_JAVA_OPTIONS='-XX:TieredStopAtLevel=1 -XX:+UseSerialGC'; }
 
 start_module() {
   TOKEN_DIR=$(mktemp -d)

@@ -54,7 +54,7 @@ class Adapter : public testing::Test {
       seen = {session, object};
       return CK_RV{CKR_OK};
     };
-    setenv("QUARVEL_PKCS11_ADAPTED_MODULE", QUARVEL_SCRIPTED, 1);
+    setenv("QUARVEL_PKCS11_ADAPTED_MODULE", scripted::file().c_str(), 1);
     EXPECT_EQ(C_GetFunctionList(&p11), CKR_OK);
     EXPECT_EQ(p11->C_Initialize(nullptr), CKR_OK);
   }
@@ -459,7 +459,7 @@ TEST(Loading, TellsWhyItFails) {
                     module = folder / "module.so", text = folder / "text";
   fs::create_directory(folder);
   for (const std::string& copy : {a, b}) fs::copy(QUARVEL_ADAPTER, copy);
-  fs::copy(QUARVEL_SCRIPTED, module);
+  fs::copy(scripted::file(), module);
   fs::create_symlink(a, link);
   std::ofstream(text) << "not a library";
   std::ofstream(b + ".module") << a;
@@ -473,7 +473,7 @@ TEST(Loading, TellsWhyItFails) {
   CK_FUNCTION_LIST* list = nullptr;
   unsetenv("QUARVEL_PKCS11_ADAPTED_MODULE");
   EXPECT_EQ(load(&list), CKR_ARGUMENTS_BAD) << "nothing is named";
-  setenv("QUARVEL_PKCS11_ADAPTED_MODULE", QUARVEL_SCRIPTED, 1);  // the file comes before it
+  setenv("QUARVEL_PKCS11_ADAPTED_MODULE", scripted::file().c_str(), 1);  // the file comes before it
   for (const auto& [named, rv] : std::initializer_list<std::pair<std::string, CK_RV>>{
            {"", CKR_ARGUMENTS_BAD},
            {std::string(5000, 'x'), CKR_ARGUMENTS_BAD},

@@ -5,6 +5,7 @@
 set -euo pipefail
 jdk=$1 jar=$2 classes=$3 module=${4-softhsm2} test=${5-.*Test}
 . "$(dirname "$0")/../token.sh"
+quick_java
 start_module "$module"
 
 junit=$(printf '%s:' /usr/share/java/junit-platform-*.jar /usr/share/java/junit-jupiter*.jar \

@@ -1,6 +1,8 @@
 #include "call.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -8,6 +10,28 @@
 #include "trace.h"
 
 namespace {
+
+/// Standard output while this lives. Calls are too many to make a file on disk for each.
+class Captured {
+ public:
+  Captured() {
+    std::fflush(stdout);
+    dup2(memory, STDOUT_FILENO);
+  }
+  std::string end() {
+    std::fflush(stdout);
+    std::string text(static_cast<std::size_t>(lseek(memory, 0, SEEK_END)), '\0');
+    EXPECT_EQ(pread(memory, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+    EXPECT_EQ(ftruncate(memory, 0), 0);
+    lseek(memory, 0, SEEK_SET);
+    dup2(outside, STDOUT_FILENO);
+    return text;
+  }
+
+ private:
+  static inline const int outside = dup(STDOUT_FILENO);
+  static inline const int memory = memfd_create("output", 0);
+};
 
 std::string shown(char type, const jvalue& value) {
   return type == 'V'   ? "void"
@@ -37,11 +61,11 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
 
   Outcome outcome;
   outcome.run = std::move(run);
-  testing::internal::CaptureStdout();
+  Captured captured;
   hooks::begin(&outcome.run);
   const jvalue result = called.invoke(hooked, self, values);
   hooks::end();
-  outcome.output = outcome.marked = testing::internal::GetCapturedStdout();
+  outcome.output = outcome.marked = captured.end();
   for (auto mark = outcome.run.marks.rbegin(); mark != outcome.run.marks.rend(); ++mark) {
     outcome.marked.insert(std::min(mark->printed, outcome.output.size()), "<" + mark->what + ">");
   }
@@ -65,7 +89,7 @@ FreshModule::FreshModule() {
   scripted::reset();
   debug = 0;
   CK_FUNCTION_LIST_PTR list = nullptr;
-  EXPECT_EQ(bridge::loadLib(QUARVEL_SCRIPTED, &list), CKR_OK);
+  EXPECT_EQ(bridge::loadLib(scripted::file().c_str(), &list), CKR_OK);
   EXPECT_EQ(bridge::initLib(), CKR_OK);
   scripted::calls.clear();
 }

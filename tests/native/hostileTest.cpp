@@ -44,9 +44,9 @@ TEST(Hostile, EveryMisbehaviourInEveryMethod) {
 }
 
 TEST(Hostile, AModuleMayVanishFromDisk) {
-  const std::string copy = testing::TempDir() + "vanishing.so";
+  const std::string copy = testing::TempDir() + "vanishing" + std::to_string(getpid()) + ".so";
   std::ofstream(copy, std::ios::binary)
-      << std::ifstream(QUARVEL_SCRIPTED, std::ios::binary).rdbuf();
+      << std::ifstream(scripted::file(), std::ios::binary).rdbuf();
   CK_FUNCTION_LIST_PTR list = nullptr;
   ASSERT_EQ(bridge::loadLib(copy.c_str(), &list), CKR_OK);
   unlink(copy.c_str());

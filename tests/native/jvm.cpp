@@ -21,7 +21,6 @@ bool startJava() {
   }
   std::vector<std::string> options = {
       "-Djava.class.path=" QUARVEL_CLASS_PATH,
-      "-Djava.library.path=" QUARVEL_LIBRARY_DIR,
       "-Duser.timezone=Europe/Rome",
       "-Xms64m",
       "-Xmx64m",

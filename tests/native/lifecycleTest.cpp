@@ -16,7 +16,7 @@ namespace {
 
 using scripted::script;
 
-const std::string kLoad = "\"" QUARVEL_SCRIPTED "\"";
+const std::string kLoad = "\"" + scripted::file() + "\"";
 
 /// The result of a call; an "Internal error" must stand for the return value `code`.
 std::string traced(const std::string& method, const std::string& arguments,

@@ -11,6 +11,7 @@
 #include "it_quarvel_pkcs11_nat_NativePKCS11Object.h"
 #include "it_quarvel_pkcs11_nat_NativePKCS11Session.h"
 #include "it_quarvel_pkcs11_nat_NativePKCS11Slot.h"
+#include "scripted.h"
 
 namespace {
 
@@ -104,7 +105,7 @@ const std::vector<std::string>& valuesOf(char type) {
 }
 
 std::vector<std::string> goodArguments(const Method& method) {
-  if (method.name == "Module.loadPKCS11Library") return {"\"" QUARVEL_SCRIPTED "\""};
+  if (method.name == "Module.loadPKCS11Library") return {"\"" + scripted::file() + "\""};
   if (method.name == "Module.getRSAcredential") return {"\"found\"", "1", "\"1234\""};
   if (method.name == "Object.getAttributeValue") return {"0x121"};
   if (method.name == "Object.setAttributeValue") return {"3", "\"label\""};

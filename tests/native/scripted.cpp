@@ -1,5 +1,7 @@
 #include "scripted.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -145,6 +147,11 @@ std::string data(const void* bytes, CK_ULONG size) {
     shown += text(i == 0 ? "%02lx" : " %02lx", static_cast<const CK_BYTE*>(bytes)[i]);
   }
   return "[" + shown + "]";
+}
+
+std::string file() {
+  Dl_info info;
+  return dladdr(&list, &info) != 0 ? info.dli_fname : "";
 }
 
 void reset() {

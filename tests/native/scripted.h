@@ -42,6 +42,9 @@ struct Name {
 /// Bytes as the record shows them.
 std::string data(const void* bytes, CK_ULONG size);
 
+/// The file that this module is.
+std::string file();
+
 /// Good behaviour: a fresh script and all functions in the list. Then the misbehaviour is installed
 /// that has the number in the environment variable QUARVEL_MISBEHAVIOUR, without it the first;
 /// QUARVEL_LIES has the two sizes to report.
