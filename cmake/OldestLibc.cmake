@@ -3,13 +3,6 @@
 # stayed and the first version is answered for good. So this links against an empty libdl.so.2 with
 # these functions in their first version: no symbol is then wanted from where it has not been always.
 
-# Not under sanitizers, which want the newest of everything.
-if(QUARVEL_SANITIZE)
-  function(quarvel_oldest_libc target)
-  endfunction()
-  return()
-endif()
-
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
   set(first_version GLIBC_2.2.5)
 elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL aarch64)
