@@ -27,8 +27,9 @@ import java.util.Objects;
  * there is one method for each class that has one. An attribute that is put twice keeps its place
  * and its latest value.
  *
- * <p>Attribute types of the vendor-defined range (0x80000000 and above) cannot be named: an {@code
- * int} reaches the module with its sign extended to 64 bits, which makes another type of it.
+ * <p>Attribute types of the vendor-defined range (0x80000000 and above) can be named in a module that
+ * was opened by {@link PKCS11Module#open} only: an {@code int} reaches any other one with its sign
+ * extended to 64 bits, which makes another type of it.
  */
 public final class PKCS11Template {
   private static final byte INTEGER = 2;

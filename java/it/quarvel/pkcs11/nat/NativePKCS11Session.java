@@ -165,8 +165,10 @@ public class NativePKCS11Session implements AutoCloseable {
    * Starts a signature ({@code C_SignInit}).
    *
    * <p>A key with {@code CKA_ALWAYS_AUTHENTICATE} wants the PIN before each signature or
-   * decryption, by a login of its own kind ({@code CKU_CONTEXT_SPECIFIC}) that cannot be had here.
-   * With most modules the first one after a login succeeds and the next one is
+   * decryption, by a login of its own kind ({@code CKU_CONTEXT_SPECIFIC}). In a module that was
+   * opened by {@link it.quarvel.pkcs11.PKCS11Module#open}, log in again between this call and
+   * {@link #sign(byte[], int, int, byte[], int) sign}. With most others the first operation after a
+   * login succeeds and the next one is
    * CKR_USER_NOT_LOGGED_IN; logging out and in again gives one more.
    *
    * @param mech a {@code CKM_} value
