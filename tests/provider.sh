@@ -68,7 +68,7 @@ connects() {
     connections+=("${1/tls1_/TLSv1.}" "$2" "$port")
     expected+=("$2" olleh)
     for _ in $(seq 100); do
-      ! grep -q ACCEPT server.$port || break
+      ! grep -q ACCEPT server.$port 2>/dev/null || break
       sleep 0.05
     done
     shift 2
