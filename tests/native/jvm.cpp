@@ -20,10 +20,7 @@ bool startJava() {
     return false;
   }
   std::vector<std::string> options = {
-      "-Djava.class.path=" QUARVEL_CLASS_PATH,
-      "-Duser.timezone=Europe/Rome",
-      "-Xms64m",
-      "-Xmx64m",
+      "-Djava.class.path=" QUARVEL_CLASS_PATH, "-Duser.timezone=Europe/Rome", "-Xms64m", "-Xmx64m",
       "-XX:+AlwaysPreTouch"};
   if (const char* more = std::getenv("QUARVEL_JVM_OPTION")) options.emplace_back(more);
   std::vector<JavaVMOption> list;

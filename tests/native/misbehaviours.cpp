@@ -54,7 +54,8 @@ void fillTexts() {
 
 }  // namespace
 
-// tests/hostile/run.sh reads the names, each at the start of its line, in the order of their numbers.
+// tests/hostile/run.sh reads the names, each at the start of its line, in the order of their
+// numbers.
 const std::vector<Misbehaviour>& misbehaviours() {
   static const std::vector<Misbehaviour> all = {
       {"behaves", [] {}},

@@ -1,7 +1,7 @@
 // The scripted module as a token with faults of real ones, which the inspector has to show for what
 // they are: objects that are numbered from 0, success with the length -1 for an attribute that is
-// not there, a mechanism of its own and one that cannot be described, a label that is no UTF-8, and an end that takes
-// the process with it.
+// not there, a mechanism of its own and one that cannot be described, a label that is no UTF-8, and
+// an end that takes the process with it.
 #include <cstdlib>
 #include <cstring>
 
