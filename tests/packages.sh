@@ -20,7 +20,7 @@ instead_of() {
   cat <<'END'
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.nat.*;
 import java.security.*;
 import java.util.*;
@@ -29,10 +29,7 @@ import javax.crypto.spec.*;
 
 class InsteadOf {
   public static void main(String[] args) throws Exception {
-    NativePKCS11.loadPKCS11Library(args[0]);
-    new NativePKCS11().libInitialize();
-    NativePKCS11Session session =
-        new NativePKCS11().slots(true).get(0).openSession(CKF_SERIAL_SESSION);
+    NativePKCS11Session session = PKCS11Module.open(args[0]).token("demo").openSession();
     session.login(false, args[1]);
     NativePKCS11Object key =
         session.findFirst(new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY)).orElseThrow();
