@@ -1,5 +1,6 @@
 package it.quarvel.pkcs11.cli.check;
 
+import java.util.concurrent.locks.LockSupport;
 import java.util.function.Consumer;
 
 /**
@@ -23,14 +24,19 @@ public final class Leftovers {
     Runtime.getRuntime().addShutdownHook(hook);
   }
 
-  /** Ends the care: removes what is still there. */
+  /**
+   * Ends the care: removes what is still there. Where the process ends meanwhile, it does not return,
+   * so that the module stays open for the hook.
+   */
   public void remove() {
     try {
       Runtime.getRuntime().removeShutdownHook(hook);
-      removeAndTell();
     } catch (IllegalStateException e) {
-      // The process ends, and the hook is at work.
+      while (true) {
+        LockSupport.park();
+      }
     }
+    removeAndTell();
   }
 
   private void removeAndTell() {
