@@ -43,6 +43,14 @@ final class Token {
 
   final PKCS11Uri uri;
 
+  private static final int MOST_ATTEMPTS = 3;
+
+  /** The pin-source of the URI, null without one. */
+  private final CallbackHandler source;
+
+  /** A file does not learn from a refusal: to ask it again would use up the token's tries. */
+  private volatile boolean sourceRefused;
+
   /** Asks for the PIN; null where nobody does. */
   private volatile CallbackHandler handler;
 
@@ -54,12 +62,13 @@ final class Token {
 
   Token(PKCS11Uri uri) {
     this.uri = uri;
-    handler = uri.pinFile() == null ? null : this::readPin;
+    source = uri.pinFile() == null ? null : this::readPin;
+    handler = source;
   }
 
   /** Sets who asks for the PIN; null: what the URI says. */
   void setHandler(CallbackHandler handler) {
-    this.handler = handler != null || uri.pinFile() == null ? handler : this::readPin;
+    this.handler = handler != null ? handler : source;
   }
 
   boolean isOpen() {
@@ -84,6 +93,7 @@ final class Token {
    * @throws LoginException when there is no PIN or the token refuses it, which is the cause then
    */
   void login(CallbackHandler once) throws PKCS11Exception, LoginException {
+    sourceRefused = false;
     connect(connection, once != null ? once : handler);
   }
 
@@ -94,22 +104,21 @@ final class Token {
     SharedModule.release(this);
   }
 
-  /**
-   * Does some work in a session; a second time when the token turns out to have gone, or somebody
-   * to have logged out.
-   */
+  /** Does some work in a session; anew when the token has gone, or somebody has logged out. */
   <T> T run(Work<T> work) throws PKCS11Exception, LoginException {
     Connection current = connection;
-    if (current != null) {
+    for (int attempt = 1; ; attempt++) {
+      if (current == null || attempt > 1) {
+        current = connect(current, handler);
+      }
       try {
         return runIn(current, work);
       } catch (PKCS11Exception e) {
-        if (!isGone(e)) {
+        if (!isGone(e) || attempt == MOST_ATTEMPTS) {
           throw e;
         }
       }
     }
-    return runIn(connect(current, handler), work);
   }
 
   /** Tells whether a failure may be one of the connection rather than of the work. */
@@ -248,6 +257,10 @@ final class Token {
         || state == CKS_RW_USER_FUNCTIONS) {
       return;
     }
+    if (sourceRefused && asker == source) {
+      throw new FailedLoginException("the PIN of " + uri.pinFile() + " was refused: it is tried again"
+          + " when a key store is loaded");
+    }
     char[] pin = askPin(asker);
     try {
       sessions.runLasting(session -> {
@@ -257,6 +270,7 @@ final class Token {
     } catch (PKCS11Exception e) {
       // Somebody else in this process may have been quicker.
       if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN) {
+        sourceRefused = source != null && asker == source;
         throw (LoginException) new FailedLoginException("the token \"%s\" refuses the login: %s"
             .formatted(label(), e.getMessage())).initCause(e);
       }
@@ -278,8 +292,8 @@ final class Token {
       question.clearPassword();
     }
     if (pin == null && !info.hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH)) {
-      throw new LoginException("the token \"%s\" wants a PIN, and none is given: not by load, not"
-          + " by a callback handler, not by a pin-source in the URI".formatted(label()));
+      throw new LoginException(("the token \"%s\" wants a PIN, and none is given: not by load, not"
+          + " by a callback handler, not by a pin-source in the URI").formatted(label()));
     }
     return pin;
   }

@@ -63,6 +63,9 @@ final class TokenSignature extends SignatureSpi {
   private AlgorithmParameterSpec parameters;
   private TokenKey key;
 
+  /** Data has come that is not yet signed. */
+  private boolean underWay;
+
   /** Hashes what is signed; where it is null, all of it is kept for the token. */
   private MessageDigest digest;
 
@@ -130,6 +133,9 @@ final class TokenSignature extends SignatureSpi {
   @Override
   protected void engineSetParameter(AlgorithmParameterSpec wanted)
       throws InvalidAlgorithmParameterException {
+    if (underWay) {
+      throw new ProviderException("parameters cannot be set between data and its signature");
+    }
     if (scheme == Scheme.PSS) {
       check(wanted);
     }
@@ -143,6 +149,7 @@ final class TokenSignature extends SignatureSpi {
 
   private void check(AlgorithmParameterSpec wanted) throws InvalidAlgorithmParameterException {
     if (!(wanted instanceof PSSParameterSpec pss)
+        || !pss.getMGFAlgorithm().equalsIgnoreCase("MGF1")
         || !(pss.getMGFParameters() instanceof MGF1ParameterSpec)
         || pss.getTrailerField() != PSSParameterSpec.TRAILER_FIELD_BC) {
       throw new InvalidAlgorithmParameterException(
@@ -167,6 +174,7 @@ final class TokenSignature extends SignatureSpi {
     }
     digest = first;
     data = new ByteArrayOutputStream();
+    underWay = false;
   }
 
   /** Returns null where the token hashes. */
@@ -256,8 +264,10 @@ final class TokenSignature extends SignatureSpi {
       throw new SignatureException("RSASSA-PSS wants parameters first");
     } else if (digest != null) {
       digest.update(bytes, offset, length);
+      underWay = true;
     } else {
       data.write(bytes, offset, length);
+      underWay = true;
     }
   }
 
@@ -273,6 +283,7 @@ final class TokenSignature extends SignatureSpi {
     }
     byte[] input = digest != null ? digest.digest() : data.toByteArray();
     data.reset();
+    underWay = false;
     try {
       return switch (scheme) {
         case PKCS1 -> signPkcs1((TokenKey.Rsa) key, hash == null ? input : hash.digestInfo(input));
