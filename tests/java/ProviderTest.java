@@ -375,7 +375,17 @@ class ProviderTest {
     assertTrue(cause.getMessage().contains("wants a PIN"), cause.getMessage());
     QuarvelProvider withFile = configured(URI + "&pin-source=file:" + dir.resolve("pin"));
     Files.writeString(dir.resolve("pin"), EndToEndTest.PIN + "\n");
-    withFile.login(null, null);
+    KeyStore own = KeyStore.getInstance("PKCS11", withFile);
+    own.load(null, null);
+    signer.initSign((PrivateKey) own.getKey("ed25519", null));
+    withFile.logout();
+    Files.writeString(dir.resolve("pin"), "98765");
+    assertThrows(SignatureException.class, () -> signed(signer));
+    Files.writeString(dir.resolve("pin"), EndToEndTest.PIN);
+    cause = assertThrows(SignatureException.class, () -> signed(signer)).getCause();
+    assertTrue(cause.getMessage().contains("was refused"), cause.getMessage());
+    own.load(null, null);
+    assertArrayEquals(before, signed(signer));
     withFile.logout();
   }
 
@@ -515,6 +525,9 @@ class ProviderTest {
     assertThrows(SignatureException.class, () -> pss.update(DATA));
     assertThrows(InvalidAlgorithmParameterException.class,
         () -> pss.setParameter(pss("SHA-512", "SHA-512", 64)));
+    pss.setParameter(pss("SHA-1", "SHA-1", 20));
+    pss.update(DATA);
+    assertThrows(ProviderException.class, () -> pss.setParameter(pss("SHA-1", "SHA-1", 20)));
     assertThrows(InvalidKeyException.class,
         () -> Signature.getInstance("SHA256withRSA", provider).initSign(key("ed25519")));
     for (String algorithm : List.of("NONEwithRSA", "NONEwithECDSA")) {

@@ -7,7 +7,6 @@ import it.quarvel.pkcs11.nat.NativePKCS11;
 import java.io.File;
 import java.io.FileInputStream;
 import java.io.IOException;
-import java.io.InputStream;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.channels.FileChannel;
@@ -28,18 +27,16 @@ final class ModuleFile {
   /** With its end, as the dynamic linker takes it. */
   private static final int LONGEST_PATH = 4096;
 
-  private static final byte[] ELF = {0x7F, 'E', 'L', 'F'};
-
-  /** Where an ELF file tells its class and its byte order, and its machine. */
+  /** How an ELF file begins, where it tells class and byte order, and its machine. */
+  private static final int MAGIC = 0x464c457f;
   private static final int CLASS = 4;
   private static final int MACHINE = 18;
   private static final int HEADER = 20;
 
-  /** Its first four bytes, and class and byte order of one of 64 bits, least significant first. */
-  private static final int MAGIC = 0x464c457f;
+  /** Class and byte order of one of 64 bits, least significant first. */
   private static final int LITTLE_64 = 0x0102;
 
-  /** Where it tells where its segments are described, in how many bytes each, and how many. */
+  /** Where that tells where its segments are described, in how many bytes each, and how many. */
   private static final int SEGMENTS = 32;
   private static final int SEGMENT_SIZE = 54;
   private static final int SEGMENT_COUNT = 56;
@@ -90,12 +87,9 @@ final class ModuleFile {
     }
     File file = new File(path).getAbsoluteFile();
     boolean isFile = path.contains("/");
-    // A pipe, for one, would have the load wait.
-    if (isFile && file.exists() && !file.isFile()) {
-      throw new PKCS11Exception(path + " is no file");
-    }
-    if (isFile && isCutShort(file)) {
-      throw new PKCS11Exception(path + " is cut short: it lacks the end of a library");
+    String danger = isFile ? danger(file) : "";
+    if (!danger.isEmpty()) {
+      throw new PKCS11Exception(path + danger);
     }
     try {
       loader.load(isFile ? file.getPath() : path);
@@ -148,7 +142,11 @@ final class ModuleFile {
   }
 
   private static Path link(PrivateFolder folder, File file) throws IOException {
-    header(file); // says why it cannot be read
+    String danger = danger(file);
+    if (!danger.isEmpty()) {
+      throw new IOException(file + danger);
+    }
+    map(file); // says why it cannot be read
     return Files.createSymbolicLink(folder.file(ADAPTER), Path.of(file.getAbsolutePath()));
   }
 
@@ -173,13 +171,13 @@ final class ModuleFile {
       return file + " cannot be read: permission denied";
     }
     try {
-      byte[] header = header(file);
-      if (header.length < HEADER || !Arrays.equals(header, 0, ELF.length, ELF, 0, ELF.length)) {
+      ByteBuffer elf = map(file);
+      if (elf.capacity() < HEADER || elf.getInt(0) != MAGIC) {
         return file + " is no library";
       }
-      byte[] own = ownHeader(header);
-      if (!Arrays.equals(header, CLASS, CLASS + 2, own, CLASS, CLASS + 2)
-          || !Arrays.equals(header, MACHINE, HEADER, own, MACHINE, HEADER)) {
+      ByteBuffer own = program(elf);
+      if (elf.getShort(CLASS) != own.getShort(CLASS)
+          || elf.getShort(MACHINE) != own.getShort(MACHINE)) {
         return file + " is a library for another architecture";
       }
     } catch (IOException e) {
@@ -190,11 +188,16 @@ final class ModuleFile {
         + " that it misses";
   }
 
+  /** Tells what of a file would have its load wait, or end the process; empty where nothing. */
+  private static String danger(File file) {
+    return file.exists() && !file.isFile() ? " is no file"
+        : isCutShort(file) ? " is cut short: it lacks the end of a library" : "";
+  }
+
   /** Tells whether an ELF file of 64 bits lacks bytes that the dynamic linker takes for granted. */
   private static boolean isCutShort(File file) {
-    try (FileChannel channel = FileChannel.open(file.toPath())) {
-      ByteBuffer elf = channel.map(FileChannel.MapMode.READ_ONLY, 0, channel.size());
-      elf.order(ByteOrder.LITTLE_ENDIAN);
+    try {
+      ByteBuffer elf = map(file);
       boolean known = elf.getInt(0) == MAGIC && elf.getShort(CLASS) == LITTLE_64;
       int segments = known ? elf.getShort(SEGMENT_COUNT) : 0;
       for (int i = 0; i < segments; i++) {
@@ -204,24 +207,28 @@ final class ModuleFile {
           return true;
         }
       }
-    } catch (IOException | RuntimeException e) {
+    } catch (IOException | IndexOutOfBoundsException e) {
       // The load, or what is said after it, tells more.
     }
     return false;
   }
 
-  private static byte[] header(File file) throws IOException {
-    try (InputStream in = new FileInputStream(file)) {
-      return in.readNBytes(HEADER);
+  /** The program that runs; where it cannot be read, what tells no difference. */
+  private static ByteBuffer program(ByteBuffer unknown) {
+    try {
+      return map(new File("/proc/self/exe"));
+    } catch (IOException e) {
+      return unknown;
     }
   }
 
-  /** The header of this program; where it cannot be read, one that tells no difference. */
-  private static byte[] ownHeader(byte[] unknown) {
-    try {
-      return header(new File("/proc/self/exe"));
-    } catch (IOException e) {
-      return unknown;
+  /** Maps a file, a stream's so that names are found which the locale does not have. */
+  private static ByteBuffer map(File file) throws IOException {
+    try (FileInputStream in = new FileInputStream(file)) {
+      FileChannel channel = in.getChannel();
+      return channel.map(
+          FileChannel.MapMode.READ_ONLY, 0, Math.min(channel.size(), Integer.MAX_VALUE))
+          .order(ByteOrder.LITTLE_ENDIAN);
     }
   }
 

@@ -99,7 +99,7 @@ public final class PKCS11Module implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public PKCS11Info info() throws PKCS11Exception {
-    return module.getInfo();
+    return opened().getInfo();
   }
 
   /**
@@ -109,7 +109,7 @@ public final class PKCS11Module implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public List<NativePKCS11Slot> slots() throws PKCS11Exception {
-    return module.slots(false);
+    return opened().slots(false);
   }
 
   /**
@@ -152,7 +152,8 @@ public final class PKCS11Module implements AutoCloseable {
 
   /**
    * Finalises and closes the module ({@code C_Finalize}). Slots, sessions and objects are of no more
-   * use; no call may be under way. Once is enough, and another thread may do the same.
+   * use, and this object's other methods raise {@code IllegalStateException}; no call may be under
+   * way. Once is enough, and another thread may do the same.
    */
   @Override
   public void close() {
@@ -161,6 +162,16 @@ public final class PKCS11Module implements AutoCloseable {
         current = null;
         module.libFinalize();
       }
+    }
+  }
+
+  /** The bridge has one module: without this, a closed one would answer for the next. */
+  private NativePKCS11 opened() {
+    synchronized (PKCS11Module.class) {
+      if (current != this) {
+        throw new IllegalStateException(path + " is closed");
+      }
+      return module;
     }
   }
 
@@ -184,7 +195,7 @@ public final class PKCS11Module implements AutoCloseable {
   /** Reads the initialised tokens; {@code told} gets a text of each, and why others cannot be read. */
   private Map<NativePKCS11Slot, PKCS11TokenInfo> infos(List<String> told) throws PKCS11Exception {
     Map<NativePKCS11Slot, PKCS11TokenInfo> infos = new LinkedHashMap<>();
-    for (NativePKCS11Slot slot : module.slots(true)) {
+    for (NativePKCS11Slot slot : opened().slots(true)) {
       String number = "slot " + Integer.toUnsignedString(slot.slotID());
       try {
         PKCS11TokenInfo info = slot.getTokenInfo();

@@ -146,11 +146,21 @@ final class Token {
   }
 
   /** Logs in with what {@link #askPin} returned ({@code C_Login}). */
-  static void authenticate(NativePKCS11Session session, char[] pin) throws PKCS11Exception {
-    if (pin == null) {
-      session.loginAuthPath(false);
-    } else {
-      session.login(pin);
+  void authenticate(NativePKCS11Session session, char[] pin) throws PKCS11Exception {
+    authenticate(session, pin, handler);
+  }
+
+  private void authenticate(NativePKCS11Session session, char[] pin, CallbackHandler asked)
+      throws PKCS11Exception {
+    try {
+      if (pin == null) {
+        session.loginAuthPath(false);
+      } else {
+        session.login(pin);
+      }
+    } catch (PKCS11Exception e) {
+      sourceRefused |= asked == source && e.errorCode() == CKR_PIN_INCORRECT;
+      throw e;
     }
   }
 
@@ -257,20 +267,15 @@ final class Token {
         || state == CKS_RW_USER_FUNCTIONS) {
       return;
     }
-    if (sourceRefused && asker == source) {
-      throw new FailedLoginException("the PIN of " + uri.pinFile() + " was refused: it is tried again"
-          + " when a key store is loaded");
-    }
     char[] pin = askPin(asker);
     try {
       sessions.runLasting(session -> {
-        authenticate(session, pin);
+        authenticate(session, pin, asker);
         return null;
       });
     } catch (PKCS11Exception e) {
       // Somebody else in this process may have been quicker.
       if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN) {
-        sourceRefused = source != null && asker == source;
         throw (LoginException) new FailedLoginException("the token \"%s\" refuses the login: %s"
             .formatted(label(), e.getMessage())).initCause(e);
       }
@@ -282,6 +287,10 @@ final class Token {
   private char[] askPin(CallbackHandler asker) throws LoginException {
     char[] pin = null;
     if (asker != null) {
+      if (asker == source && sourceRefused) {
+        throw new LoginException("the PIN of %s was refused: it is tried again when a key store is"
+            .formatted(uri.pinFile()) + " loaded");
+      }
       PasswordCallback question = new PasswordCallback("PIN of \"" + label() + "\": ", false);
       try {
         asker.handle(new Callback[] {question});

@@ -100,7 +100,7 @@ abstract class TokenKey implements PrivateKey {
       return token.run((session, connection) -> {
         start.start(session, mechanism, null, in(session, connection));
         if (found.alwaysAuthenticate()) {
-          Token.authenticate(session, pin);
+          token.authenticate(session, pin);
         }
         // More than the input: some modules want room before they take the padding off.
         byte[] out = new byte[Math.max(ROOM, data.length)];
