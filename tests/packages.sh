@@ -12,36 +12,8 @@ signs() { # JAVA ARGUMENTS...: as the README's program does; OpenSSL judges
   printf data | openssl dgst -sha256 -verify "$TOKEN_DIR/public.pem" -signature "$TOKEN_DIR/signature"
 }
 
-# java_of PAGE [PATTERN]: its blocks of Java, those that match
-java_of() { awk -v RS='```' -v pattern="${2-}" 'sub(/^java\n/, "") && $0 ~ pattern' "$1"; }
-
-# What docs/instead-of.md says as one program, and what has to come of it.
-instead_of() {
-  cat <<'END'
-import static it.quarvel.pkcs11.PKCS11Constants.*;
-
-import it.quarvel.pkcs11.*;
-import it.quarvel.pkcs11.nat.*;
-import java.security.*;
-import java.util.*;
-import javax.crypto.Cipher;
-import javax.crypto.spec.*;
-
-class InsteadOf {
-  public static void main(String[] args) throws Exception {
-    NativePKCS11Session session = PKCS11Module.open(args[0]).token("demo").openSession();
-    session.login(false, args[1]);
-    NativePKCS11Object key =
-        session.findFirst(new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY)).orElseThrow();
-END
-  java_of instead-of.md
-  cat <<'END'
-    System.out.println(genuine && Arrays.equals(signature, signatureOfParts)
-        && Arrays.equals(data, opened) && Arrays.equals(data, unsealed));
-  }
-}
-END
-}
+# blocks LANGUAGE PAGE: its blocks of that language
+blocks() { awk -v RS='```' -v language="^$1\n" 'sub(language, "")' "$2"; }
 
 use_installed() {
   . "$tests/token.sh"
@@ -60,46 +32,47 @@ use_installed() {
   "${pkcs11_tool[@]}" --read-object --type pubkey --label signing 2>/dev/null |
     openssl pkey -pubin -inform DER -out "$TOKEN_DIR/public.pem"
 
-  instead_of >InsteadOf.java
+  # What docs/instead-of.md says as one program, and what has to come of it.
+  {
+    blocks java instead-of.md | grep ^import
+    cat <<'END'
+class InsteadOf {
+  public static void main(String[] args) throws Exception {
+    NativePKCS11Session session = PKCS11Module.open(args[0]).token("demo").openSession();
+    session.login(false, args[1]);
+    NativePKCS11Object key =
+        session.findFirst(new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY)).orElseThrow();
+END
+    blocks java instead-of.md | grep -v ^import
+    cat <<'END'
+    System.out.println(genuine && Arrays.equals(signature, signatureOfParts)
+        && Arrays.equals(data, opened) && Arrays.equals(data, unsealed)
+        && PKCS11Info.class.getPackage().getImplementationVersion().equals("1.16.0"));
+  }
+}
+END
+  } >InsteadOf.java
   java -cp $jar InsteadOf.java "$QUARVEL_PKCS11_MODULE" "$QUARVEL_PIN" | grep -x true
 
-  java_of README.md 'public class' >Example.java
-  mkdir -p maven/src/main/java
-  local name
-  name=$(sed -n 's/^public class \([A-Za-z]*\) .*/\1/p' Example.java)
-  cp Example.java "maven/src/main/java/$name.java"
-  signs -cp $jar "maven/src/main/java/$name.java"
-  cat >maven/pom.xml <<END
+  # The program of README.md, by itself and in a project of Maven as README.md describes it.
+  mkdir -p src/main/java
+  blocks java README.md | sed -n '/^import static/,$p' >src/main/java/Sign.java
+  signs -cp $jar src/main/java/Sign.java
+  cat >pom.xml <<END
 <project xmlns="http://maven.apache.org/POM/4.0.0">
   <modelVersion>4.0.0</modelVersion>
   <groupId>example</groupId><artifactId>example</artifactId><version>1</version>
   <properties><maven.compiler.release>17</maven.compiler.release></properties>
-  <dependencies><dependency>
-    <groupId>it.quarvel</groupId><artifactId>quarvel-pkcs11</artifactId><version>1.16.0</version>
-  </dependency></dependencies>
+  <dependencies>$(blocks xml README.md | grep -v '<repository>')</dependencies>
 </project>
 END
-  cat >maven/settings.xml <<END
-<settings><mirrors><mirror>
-  <id>installed</id><mirrorOf>*</mirrorOf><url>file:///usr/share/maven-repo</url>
-</mirror></mirrors></settings>
-END
-  MAVEN_OPTS=-XX:TieredStopAtLevel=1 mvn --quiet --batch-mode --file maven/pom.xml --settings maven/settings.xml \
-    -Dmaven.repo.local="$PWD/maven/local" compile >maven/log 2>&1 || { cat maven/log; return 1; }
-  signs -cp "maven/target/classes:$(echo maven/local/it/quarvel/quarvel-pkcs11/*/*.jar)" "$name"
+  mvn --quiet --batch-mode --offline -Dmaven.repo.local=/usr/share/maven-repo compile >log 2>&1 || { cat log; return 1; }
+  signs -cp "target/classes:$(echo /usr/share/maven-repo/it/quarvel/quarvel-pkcs11/*/*.jar)" Sign
 
-  # The bundle exports what the module exports; the class loader knows the version.
+  # The bundle exports what the module exports.
   unzip -p $jar META-INF/MANIFEST.MF | tr -d '\r' | sed -z 's/\n //g' >manifest
   diff <(sed -n 's/^Export-Package: //p' manifest | tr ',' '\n' | sed 's/;.*//' | sort) \
     <(jar --describe-module --file $jar | sed -n 's/^exports //p' | sort)
-  cat >Version.java <<'END'
-class Version {
-  public static void main(String[] args) {
-    System.out.println(it.quarvel.pkcs11.PKCS11Info.class.getPackage().getImplementationVersion());
-  }
-}
-END
-  java -cp $jar Version.java | grep -x 1.16.0 >/dev/null
 
   quarvel-pkcs11 slots --module "$QUARVEL_PKCS11_MODULE" | grep demo >/dev/null
   bash -c '. /usr/share/bash-completion/completions/quarvel-pkcs11
