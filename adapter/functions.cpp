@@ -233,12 +233,14 @@ CK_RV handOut(CK_SESSION_HANDLE number, CK_OBJECT_HANDLE* objects, CK_ULONG max,
   return *count != 0 ? CKR_OK : std::exchange(ahead.error, CKR_OK);
 }
 
-/// Fetches the next batch, or the error that comes instead, into the session's record.
+/// Fetches the next batch, or the error that comes instead, into the session's record. More than was
+/// asked for is an error: which of it is true, nobody knows.
 CK_RV readAhead(CK_SESSION_HANDLE number, CK_ULONG* found) {
   CK_OBJECT_HANDLE batch[Ahead::kRoom] = {};
   *found = 0;
-  const CK_RV rv = moduleFindObjects(number, batch, Ahead::kRoom, found);
-  *found = rv == CKR_OK ? std::min(*found, Ahead::kRoom) : 0;
+  CK_RV rv = moduleFindObjects(number, batch, Ahead::kRoom, found);
+  if (rv == CKR_OK && *found > Ahead::kRoom) rv = CKR_GENERAL_ERROR;
+  if (rv != CKR_OK) *found = 0;
   const Handles handles;
   SessionEntry* session = handles->findSession(number);
   if (session == nullptr) return rv != CKR_OK ? rv : CKR_SESSION_HANDLE_INVALID;

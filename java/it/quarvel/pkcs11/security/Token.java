@@ -9,6 +9,7 @@ import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.io.IOException;
+import java.io.InputStream;
 import java.nio.ByteBuffer;
 import java.nio.CharBuffer;
 import java.nio.charset.StandardCharsets;
@@ -44,6 +45,9 @@ final class Token {
   final PKCS11Uri uri;
 
   private static final int MOST_ATTEMPTS = 3;
+
+  /** Bytes of a pin-source; what is longer is another file, or has no end. */
+  private static final int LONGEST_PIN = 4096;
 
   /** The pin-source of the URI, null without one. */
   private final CallbackHandler source;
@@ -309,7 +313,13 @@ final class Token {
 
   /** Answers with the file that the URI names. */
   private void readPin(Callback[] questions) throws IOException {
-    byte[] bytes = Files.readAllBytes(uri.pinFile());
+    byte[] bytes;
+    try (InputStream in = Files.newInputStream(uri.pinFile())) {
+      bytes = in.readNBytes(LONGEST_PIN + 1);
+    }
+    if (bytes.length > LONGEST_PIN) {
+      throw new IOException("the pin-source has more than " + LONGEST_PIN + " bytes");
+    }
     CharBuffer text = StandardCharsets.UTF_8.decode(ByteBuffer.wrap(bytes));
     int end = text.limit();
     while (end > 0 && (text.get(end - 1) == '\n' || text.get(end - 1) == '\r')) {

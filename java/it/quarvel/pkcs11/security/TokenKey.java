@@ -148,6 +148,18 @@ abstract class TokenKey implements PrivateKey {
     return null;
   }
 
+  /** A key that was loaded twice is one; that of another provider is another. */
+  @Override
+  public boolean equals(Object other) {
+    return other instanceof TokenKey key && key.token == token
+        && Arrays.equals(key.found.id(), found.id()) && KeyObject.same(key.publicKey, publicKey);
+  }
+
+  @Override
+  public int hashCode() {
+    return Arrays.hashCode(found.id());
+  }
+
   /** It is of use with its token alone. */
   protected Object writeReplace() throws NotSerializableException {
     throw new NotSerializableException("a key on a token");
