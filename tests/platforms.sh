@@ -23,12 +23,13 @@ java=$work/image/bin/java runs 'jlink image' -cp "$classes"
 
 # ---- Where the native library comes from ----
 
-# fails ARGUMENTS...: the program does not start; has TEXT: its error says so
+# fails TEXT ARGUMENTS...: the program does not start, and its error says so
 fails() {
-  ! "$java" -Djava.library.path=/nowhere "$@" OpenModule none none >"$work/out" 2>&1 ||
-    { echo "started with $*"; exit 1; }
+  ! "$java" -Djava.library.path=/nowhere "${@:2}" OpenModule none none >"$work/out" 2>&1 ||
+    { echo "started with ${*:2}"; exit 1; }
+  has "$1"
 }
-has() { grep -q "$1" "$work/out" || { echo "no '$1' in:"; cat "$work/out"; exit 1; }; }
+has() { grep -Pzq "(?s)$1" "$work/out" || { echo "no '$1' in:"; cat "$work/out"; exit 1; }; }
 
 # As in a system package: the library beside a jar that carries none, and one of another version.
 mkdir "$work/bare" "$work/system" "$work/other" "$work/copies"
@@ -49,24 +50,17 @@ unzip -q "$jar" -d "$work/damaged"
 find "$work/damaged" -name "*.so" -exec sed -i 's/[^ -~]/?/g' {} +
 runs 'library of the system, the jar being damaged' -cp "$work/damaged:$classes" \
   -Djava.library.path="$work/system"
-fails -cp "$work/damaged:$classes"
-has 'resource .*libquarvelpkcs11.so: damaged'
-has 'library quarvelpkcs11.*: '
-fails -cp "$jar:$classes" -Dos.arch=riscv64
-has 'cannot be loaded on Linux riscv64 with the C library /.*libc\.so.*; the jar carries linux-.*-Dit.quarvel.pkcs11.library'
-fails -cp "$jar:$classes" -Dit.quarvel.pkcs11.library=/nowhere/file.so
-has 'UnsatisfiedLinkError.*-Dit.quarvel.pkcs11.library'
-has '/nowhere/file.so'
-fails -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir=/nowhere
-has 'resource .*libquarvelpkcs11.so: '
-has 'library quarvelpkcs11.*: '
-LC_ALL=C fails -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir=/nowhere/é
-has 'UnsatisfiedLinkError'
+tried='resource \S*libquarvelpkcs11.so: .*library quarvelpkcs11.*: '
+fails "${tried/: /: damaged}" -cp "$work/damaged:$classes"
+fails 'cannot be loaded on Linux riscv64 with the C library /\S*libc\.so.*; the jar carries linux-.*-Dit.quarvel.pkcs11.library' \
+  -cp "$jar:$classes" -Dos.arch=riscv64
+fails 'UnsatisfiedLinkError.*-Dit.quarvel.pkcs11.library.*/nowhere/file.so' \
+  -cp "$jar:$classes" -Dit.quarvel.pkcs11.library=/nowhere/file.so
+fails "$tried" -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir=/nowhere
+LC_ALL=C fails UnsatisfiedLinkError -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir=/nowhere/é
 for argument in -Dit.quarvel.pkcs11.library="$work/other/libquarvelpkcs11.so" \
   -Djava.library.path="$work/other"; do
-  fails "$argument" -cp "$work/bare:$classes"
-  has 'has version 0.99'
-  has "loaded: $work/other/libquarvelpkcs11.so"
+  fails "has version 0.99.*loaded: $work/other/libquarvelpkcs11.so" "$argument" -cp "$work/bare:$classes"
 done
 
 if [ "$version" -ge 24 ]; then
@@ -79,7 +73,6 @@ if [ "$version" -ge 24 ]; then
   "$java" $deny -jar "${jar%.jar}-cli.jar" info --module none >"$work/out" 2>&1 || true
   has 'has to name the file of a PKCS#11 module'
   echo 'native access denied but to the inspector: works'
-  fails $deny -cp "$jar:$classes"
-  has 'start it with --enable-native-access=ALL-UNNAMED'
+  fails 'start it with --enable-native-access=ALL-UNNAMED' $deny -cp "$jar:$classes"
   echo 'native access denied: the error names the flag'
 fi

@@ -104,6 +104,5 @@ musl-gcc -shared -nostdlib -x c /dev/null -o "$TOKEN_DIR/ld-linux-x86-64.so.2"
 LD_LIBRARY_PATH=$TOKEN_DIR QUARVEL_PKCS11_ADAPTED_MODULE=$older "$TOKEN_DIR/musl" \
   "$natives/libquarvelpkcs11.so" "$natives/libquarvelpkcs11adapter.so" "$QUARVEL_TOKEN" "$QUARVEL_PIN" \
   demo-key >"$TOKEN_DIR/signature"
-openssl x509 -in "$TOKEN_DIR/certificate.pem" -pubkey -noout >"$TOKEN_DIR/public.pem"
 echo "musl $(dpkg-query --show --showformat '${Version}' musl), no Java: $(printf data |
-  openssl dgst -sha256 -verify "$TOKEN_DIR/public.pem" -signature "$TOKEN_DIR/signature")"
+  openssl dgst -sha256 -verify "$TOKEN_DIR/pubkey.pem" -signature "$TOKEN_DIR/signature")"

@@ -144,15 +144,13 @@ start_module() {
 
 # A key pair and its certificate, put on the throwaway token as a card would hold them.
 fill_token() {
-  openssl req -x509 -newkey rsa:2048 -nodes -subj '/CN=Demo' -days 30 -keyout "$TOKEN_DIR/key.pem" \
-    -out "$TOKEN_DIR/certificate.pem" 2>/dev/null
-  openssl pkcs8 -topk8 -nocrypt -in "$TOKEN_DIR/key.pem" -outform DER -out "$TOKEN_DIR/privkey.der"
-  openssl pkey -in "$TOKEN_DIR/key.pem" -pubout -outform DER -out "$TOKEN_DIR/pubkey.der"
-  openssl x509 -in "$TOKEN_DIR/certificate.pem" -outform DER -out "$TOKEN_DIR/cert.der"
+  openssl req -x509 -newkey rsa:2048 -nodes -subj '/CN=Demo' -days 30 -keyout "$TOKEN_DIR/privkey.pem" \
+    -out "$TOKEN_DIR/cert.pem" 2>/dev/null
+  openssl pkey -in "$TOKEN_DIR/privkey.pem" -pubout -out "$TOKEN_DIR/pubkey.pem"
   local type
   for type in privkey pubkey cert; do
     pkcs11-tool --module "$QUARVEL_PKCS11_MODULE" --login --pin "$QUARVEL_PIN" --id 01 \
-      --label demo-key --write-object "$TOKEN_DIR/$type.der" --type $type >"$TOKEN_DIR/log" 2>&1 ||
+      --label demo-key --write-object "$TOKEN_DIR/$type.pem" --type $type >"$TOKEN_DIR/log" 2>&1 ||
       { cat "$TOKEN_DIR/log" >&2; return 1; }
   done
 }
