@@ -160,6 +160,7 @@ void closeSessions(const Entry* slots) {
 }
 
 CK_RV finalize(void* reserved) {
+  const module::Closing closing;
   Entry* taken = Handles()->takeAll();
   if (module::isShared()) closeSessions(taken);
   const CK_RV rv = module::finalize(reserved);
@@ -233,8 +234,8 @@ CK_RV handOut(CK_SESSION_HANDLE number, CK_OBJECT_HANDLE* objects, CK_ULONG max,
   return *count != 0 ? CKR_OK : std::exchange(ahead.error, CKR_OK);
 }
 
-/// Fetches the next batch, or the error that comes instead, into the session's record. More than was
-/// asked for is an error: which of it is true, nobody knows.
+/// Fetches the next batch, or the error that comes instead, into the session's record. More than
+/// was asked for is an error: which of it is true, nobody knows.
 CK_RV readAhead(CK_SESSION_HANDLE number, CK_ULONG* found) {
   CK_OBJECT_HANDLE batch[Ahead::kRoom] = {};
   *found = 0;

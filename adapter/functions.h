@@ -73,6 +73,8 @@ template <typename... Roles>
 template <typename Function, typename... Roles>
 [[gnu::always_inline]] inline CK_RV run(Function function, Roles&&... roles) {
   if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
+  const module::Call underWay;
+  if (underWay.isTooLate()) return CKR_CRYPTOKI_NOT_INITIALIZED;
   Context context;
   (roles.prepare(&context), ...);
   if (context.rv == CKR_OK && !(roles.passes() && ...)) resolve(&context, roles...);

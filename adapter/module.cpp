@@ -15,6 +15,8 @@ namespace adapter::module {
 constinit std::atomic<CK_FUNCTION_LIST*> list = nullptr;
 constinit std::atomic<bool> isInitialised = false;
 constinit std::atomic<bool> isSerial = false;
+constinit std::atomic<long> callsUnderWay = 0;
+constinit std::atomic<long> closings = 0;
 constinit pthread_mutex_t turns = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
@@ -66,6 +68,11 @@ bool readPath(char (&path)[PATH_MAX]) {
 }
 
 }  // namespace
+
+Closing::Closing() {
+  ++closings;
+  while (callsUnderWay > 0) usleep(1000);
+}
 
 CK_RV load() {
   if (isInitialised) return CKR_OK;
@@ -137,6 +144,7 @@ CK_RV finalize(void* reserved) {
 void freeLocks() {
   pthread_mutex_init(&turns, nullptr);
   for (auto& visitor : visitors) visitor = 0;
+  callsUnderWay = closings = 0;
 }
 
 }  // namespace adapter::module

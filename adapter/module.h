@@ -41,6 +41,30 @@ Function functionOf(Function CK_FUNCTION_LIST::*entry) {
   return loaded != nullptr ? loaded->*entry : nullptr;
 }
 
+extern std::atomic<long> callsUnderWay;  // calls between their start and their return
+extern std::atomic<long> closings;       // ends of the module under way, or waiting to be
+
+/// A call from its start to its return. The end of the module waits for it, or it comes too late.
+class Call {
+ public:
+  Call() { ++callsUnderWay; }
+  ~Call() { --callsUnderWay; }
+  Call(const Call&) = delete;
+  Call& operator=(const Call&) = delete;
+
+  bool isTooLate() const { return closings != 0; }
+};
+
+/// The end of the module: nobody is, or comes, inside while this lives.
+class Closing {
+ public:
+  /// Waits for calls that are under way, however long they take.
+  Closing();
+  ~Closing() { --closings; }
+  Closing(const Closing&) = delete;
+  Closing& operator=(const Closing&) = delete;
+};
+
 /// Held while the real module is called.
 class Turn : Lock {
  public:
@@ -69,7 +93,7 @@ bool isShared();
 /// C_Finalize. @return its value; CKR_OK for a shared module
 CK_RV finalize(void* reserved);
 
-/// In the child of a fork: locks of threads that it does not have are free.
+/// In the child of a fork: locks of threads that it does not have are free, and their calls over.
 void freeLocks();
 
 }  // namespace module

@@ -152,8 +152,9 @@ public final class PKCS11Module implements AutoCloseable {
 
   /**
    * Finalises and closes the module ({@code C_Finalize}). Slots, sessions and objects are of no more
-   * use, and this object's other methods raise {@code IllegalStateException}; no call may be under
-   * way. Once is enough, and another thread may do the same.
+   * use, and this object's other methods raise {@code IllegalStateException}. Behind the adapter it
+   * waits for calls that are under way, and later ones raise {@link PKCS11Exception}; used directly,
+   * none may be under way. Once is enough, and another thread may do the same.
    */
   @Override
   public void close() {
