@@ -25,9 +25,6 @@ java=("$jdk/bin/java" -Xmx1g -XX:TieredStopAtLevel=1 -XX:-CreateCoredumpOnCrash
 # Keeps a list of 2^31 items, which a subject may try to hold twice, from exhausting the machine.
 ulimit -v 12582912
 
-declare -A usual=() crashes=([library]=0 [jdk]=0)
-cases=0 alike=0
-
 # outcome SUBJECT OPERATION
 outcome() {
   local status=0 signal
@@ -43,39 +40,35 @@ outcome() {
   esac >"$out/$1"
 }
 
-# compare MISBEHAVIOUR: a row for each operation that does not go as in the first rows
-compare() {
-  local operation subject row
+# cases MISBEHAVIOUR: for each operation a line with the two outcomes
+cases() {
+  local operation
   for operation in "${operations[@]}"; do
     outcome library "$operation" &
     outcome jdk "$operation"
     wait
-    for subject in library jdk; do
-      case $(<"$out/$subject") in
-        crash* | hang) crashes[$subject]=$((crashes[$subject] + 1)) ;;
-      esac
-    done
-    cases=$((cases + 1))
-    row="$(<"$out/library") | $(<"$out/jdk")"
-    if [ "${usual[$operation]=$row}" = "$row" ] && [ "$1" != "${misbehaviours[0]}" ]; then
-      alike=$((alike + 1))
-    else
-      echo "| $1 | $operation | $row |"
-    fi
+    printf '%s\t%s\t%s\t%s\n' "$1" "$operation" "$(<"$out/library")" "$(<"$out/jdk")"
   done
 }
 
 # The names stand in the order of their numbers.
 mapfile -t misbehaviours < <(sed -n 's/^ *{"\(.*\)",.*/\1/p' tests/native/misbehaviours.cpp)
-echo '| The module | Operation | This library | The JDK'\''s wrapper |'
-echo '|---|---|---|---|'
-for number in "${!misbehaviours[@]}"; do
-  QUARVEL_MISBEHAVIOUR=$number compare "${misbehaviours[number]}"
-done
-for lie in "${lies[@]}"; do
-  QUARVEL_LIES=${lie#*=} compare "says ${lie%=*}"
-done
-echo
-echo "$cases cases for each. Left out: $alike in which both did as in the first rows."
-echo "Crashed or hung: ${crashes[library]} for this library, ${crashes[jdk]} for the JDK's wrapper."
-[ "${crashes[library]}" -eq 0 ]
+{
+  for number in "${!misbehaviours[@]}"; do
+    QUARVEL_MISBEHAVIOUR=$number cases "${misbehaviours[number]}"
+  done
+  for lie in "${lies[@]}"; do
+    QUARVEL_LIES=${lie#*=} cases "says ${lie%=*}"
+  done
+} | awk -F '\t' '
+  BEGIN { print "| The module | Operation | This library | The JDK\x27s wrapper |\n|---|---|---|---|" }
+  { library += $3 ~ /^(crash|hang)/; jdk += $4 ~ /^(crash|hang)/ }
+  NR == 1 { good = $1 }
+  $1 == good { usual[$2] = $3 FS $4 }
+  $1 != good && usual[$2] == $3 FS $4 { ++alike; next }
+  { print "| " $1 " | " $2 " | " $3 " | " $4 " |" }
+  END {
+    print "\n" NR " cases for each. Left out: " (alike + 0) " in which both did as in the first rows."
+    print "Crashed or hung: " library " for this library, " jdk " for the JDK\x27s wrapper."
+    exit library != 0
+  }'
