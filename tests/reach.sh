@@ -55,8 +55,7 @@ if [ ! -e "$sysroot/libc.so.6" ] && command -v npm >/dev/null; then
 fi
 old_jdk=
 for jdk in $(jdks ''); do
-  readelf -V "$jdk/lib/server/libjvm.so" | grep -E 'GLIBC_2\.(1[89]|[2-9][0-9])' >/dev/null ||
-    old_jdk=$jdk
+  readelf -V "$jdk/lib/server/libjvm.so" | grep -E 'GLIBC_2\.(1[89]|[2-9][0-9])' >/dev/null || old_jdk=$jdk
 done
 if [ ! -e "$sysroot/libc.so.6" ]; then
   echo 'glibc 2.17: not tried, it comes by npm, which is not here'

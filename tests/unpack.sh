@@ -48,13 +48,13 @@ jdks() { readlink -f "$1"/usr/lib/jvm/*/lib/server/libjvm.so | sed 's#/lib/serve
 
 # Without what -Xcheck:jni has to say.
 passes() {
-  if "${@:2}" >"$TOKEN_DIR/out" 2>&1 && ! grep -E '(FATAL ERROR|WARNING) in native method' "$TOKEN_DIR/out"; then
-    echo "$1: $(tail -n 1 "$TOKEN_DIR/out")"
-  else
+  if ! "${@:2}" >"$TOKEN_DIR/out" 2>&1 ||
+    grep -E '(FATAL ERROR|WARNING) in native method' "$TOKEN_DIR/out"; then
     echo "$1 fails:"
     cat "$TOKEN_DIR/out"
     exit 1
   fi
+  echo "$1: $(tail -n 1 "$TOKEN_DIR/out")"
 }
 
 # The client of a server is for reading: it does not know all mechanisms of a tour.

@@ -10,7 +10,6 @@ final class Hostile {
   private Hostile() {}
 
   public static void main(String[] args) {
-    String outcome;
     try {
       Operation.Kind kind = Operation.Kind.valueOf(args[2]);
       Operation op = Operation.of("", kind, kind == Operation.Kind.READ ? CKA_ID : 16);
@@ -18,12 +17,12 @@ final class Hostile {
           args[0].equals("library")
               ? new Library(args[1]).apply(op).call()
               : new JdkWrapper(args[1], true).apply(op).call();
-      outcome = "returns " + describe(result);
+      System.out.println("\noutcome: returns " + describe(result));
     } catch (Throwable e) {
       String name = e.getClass().getSimpleName();
-      outcome = name.equals("PKCS11Exception") ? name + " " + e.getMessage() : name;
+      String message = name.equals("PKCS11Exception") ? " " + e.getMessage() : "";
+      System.out.println("\noutcome: " + name + message);
     }
-    System.out.println("\noutcome: " + outcome);
   }
 
   private static String describe(Object result) {

@@ -6,7 +6,6 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 jdk=${1:-$(dirname "$(dirname "$(readlink -f "$(command -v javac)")")")}
 out=build/hostile
-mkdir -p "$out"
 
 operations=(INFO SLOT_LIST SLOT_INFO TOKEN_INFO MECHANISM_LIST MECHANISM_INFO OPEN_SESSION
   SESSION_INFO FIND_ONE READ NEW_SIGNATURE ENCRYPT DECRYPT CREATE GENERATE_KEY NEW_WRAPPED_KEY
