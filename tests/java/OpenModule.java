@@ -1,5 +1,4 @@
-import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.PKCS11Module;
+import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 
 /** Opens a module after another one has failed to load, which leaves an adapter in memory. */

@@ -1,39 +1,30 @@
 import static it.quarvel.pkcs11.PKCS11Constants.*;
-import static java.nio.charset.StandardCharsets.*;
+import static java.nio.charset.StandardCharsets.ISO_8859_1;
 import static org.junit.jupiter.api.Assertions.*;
 
 import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.nat.*;
+import java.lang.reflect.InvocationTargetException;
+import java.net.*;
 import java.nio.file.*;
-import java.security.*;
-import java.security.spec.*;
+import java.security.PublicKey;
 import java.util.*;
 import java.util.concurrent.*;
-import java.util.stream.IntStream;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
-import org.junit.jupiter.params.provider.CsvSource;
+import org.junit.jupiter.params.provider.*;
 
 /** Opens modules behind the adapter, the SoftHSM2 of {@link EndToEndTest} above all. */
 class PKCS11ModuleTest {
-  static final Path BUILD;
-  static final byte[] PIN = EndToEndTest.PIN.getBytes(UTF_8);
+  static final Path BUILD = EndToEndTest.CLASSES.resolve("../..").normalize();
+  static final String AWKWARD = BUILD.resolve("tests/libawkward.so").toString();
+  static final char[] PIN = EndToEndTest.PIN.toCharArray();
 
   @TempDir static Path dir;
 
-  static {
-    try {
-      BUILD = Path.of(PKCS11ModuleTest.class.getProtectionDomain().getCodeSource().getLocation()
-          .toURI()).resolve("../..").normalize();
-    } catch (Exception e) {
-      throw new AssertionError(e);
-    }
-  }
-
   @BeforeAll
   static void makeFiles() throws Exception {
-    EndToEndTest.makeKeyAndCertificate(dir);
     Files.writeString(dir.resolve("text"), "a text that is longer than a header");
     byte[] library = Files.readAllBytes(BUILD.resolve("tests/libodd.so"));
     String lacking = new String(library, ISO_8859_1).replace("libc.so.6", "libx.so.6");
@@ -76,11 +67,6 @@ class PKCS11ModuleTest {
       assertEquals(1, second.tokens().size());
       assertEquals(2, second.slots().size());
     }
-    try (PKCS11Module awkward = PKCS11Module.open("" + BUILD.resolve("tests/libawkward.so"))) {
-      assertEquals(List.of(), awkward.tokens());
-      EndToEndTest.assertFails(
-          "no token labelled \"x\"; there is none", () -> awkward.token("x"));
-    }
   }
 
   @Test
@@ -113,53 +99,29 @@ class PKCS11ModuleTest {
     }
   }
 
-  @Test
-  void signsWhatTheContractAloneCannot() throws Exception {
-    try (PKCS11Module module = open();
-        NativePKCS11Session session = module.token("demo").openSession()) {
-      session.loginellips(false, PIN);
-      NativePKCS11Session.KeyPair pair = session.generateKeyPair(CKM_RSA_PKCS_KEY_PAIR_GEN,
-          new PKCS11Template().put(CKA_MODULUS_BITS, 2048),
-          new PKCS11Template().put(CKA_PRIVATE, true).put(CKA_ALWAYS_AUTHENTICATE, true));
-      Signature pss = Signature.getInstance("RSASSA-PSS");
-      pss.setParameter(new PSSParameterSpec("SHA-256", "MGF1", MGF1ParameterSpec.SHA256, 32, 1));
-      pss.initVerify(pair.publicKey().publicKey());
-      for (int i = 0; i < 3; i++) {
-        session.signInit(CKM_SHA256_RSA_PKCS_PSS, null, pair.privateKey());
-        session.loginellips(false, PIN);
-        byte[] signature = new byte[256];
-        session.sign(EndToEndTest.DATA, 0, EndToEndTest.DATA.length, signature, 0);
-        pss.update(EndToEndTest.DATA);
-        assertTrue(pss.verify(signature));
-      }
-    }
-  }
-
   /** For 20 rounds, or as many seconds as the system property quarvel.seconds says. */
   @Test
   void servesEightThreads() throws Exception {
     long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(Integer.getInteger("quarvel.seconds", 0));
-    ExecutorService threads = Executors.newFixedThreadPool(8);
     try (PKCS11Module module = open();
         NativePKCS11Session login = module.token("demo").openSession()) {
-      login.loginellips(false, PIN);
+      login.login(PIN);
       NativePKCS11Session.KeyPair pair = login.generateKeyPair(CKM_RSA_PKCS_KEY_PAIR_GEN,
           new PKCS11Template().put(CKA_MODULUS_BITS, 2048), new PKCS11Template());
-      PublicKey key = pair.publicKey().publicKey();
-      int rounds = 0;
-      for (Future<Integer> thread : threads.invokeAll(IntStream.range(0, 8).<Callable<Integer>>mapToObj(
-          i -> () -> use(login.slot(), "thread " + i, pair.privateKey(), key, end)).toList())) {
-        rounds += thread.get();
+      List<Callable<Integer>> uses = new ArrayList<>();
+      for (int i = 0; i < 8; i++) {
+        String label = "thread " + i;
+        uses.add(() -> use(login.slot(), label, pair, end));
       }
-      System.out.println("eight threads: " + rounds + " signatures verified");
-    } finally {
-      threads.shutdown();
+      System.out.println(
+          "eight threads: " + EndToEndTest.inEightThreads(uses) + " signatures verified");
     }
   }
 
   /** Private objects alone: SoftHSM2 lets a search see others when they are half made, and fail. */
-  private static int use(NativePKCS11Slot slot, String label, NativePKCS11Object privateKey,
-      PublicKey key, long end) throws Exception {
+  private static int use(NativePKCS11Slot slot, String label, NativePKCS11Session.KeyPair pair,
+      long end) throws Exception {
+    PublicKey key = pair.publicKey().publicKey();
     PKCS11Template mine = new PKCS11Template().put(CKA_LABEL, label);
     PKCS11Template data = new PKCS11Template().put(CKA_CLASS, CKO_DATA).put(CKA_LABEL, label)
         .put(CKA_PRIVATE, true).put(CKA_VALUE, EndToEndTest.DATA);
@@ -169,7 +131,7 @@ class PKCS11ModuleTest {
         NativePKCS11Object object = session.createObject(data);
         assertEquals(List.of(object), session.findAll(mine));
         EndToEndTest.assertVerifies("SHA256withRSA", key, session.sign(CKM_SHA256_RSA_PKCS,
-            new NativePKCS11Object(session, privateKey.objectID()), EndToEndTest.DATA));
+            new NativePKCS11Object(session, pair.privateKey().objectID()), EndToEndTest.DATA));
         if (rounds++ % 2 == 0) {
           object.destroy();
           assertEquals(List.of(), session.findAll(mine));
@@ -177,6 +139,46 @@ class PKCS11ModuleTest {
       }
     }
     return rounds;
+  }
+
+  // ---- Modules with ways that real ones have, see native/awkward.cpp ----
+
+  @Test
+  void listsNoTokens() throws Exception {
+    try (PKCS11Module module = PKCS11Module.openDirect(AWKWARD)) {
+      assertEquals(List.of(), module.tokens());
+      EndToEndTest.assertFails("no token labelled \"x\"; there is none", () -> module.token("x"));
+      assertEquals(2, module.slots().size());
+      module.slots().get(0).closeAllSessions();
+      assertEquals(List.of(), module.slots());
+    }
+  }
+
+  @ParameterizedTest
+  @ValueSource(ints = {0, 1024, 1025})
+  void asksForALengthOnlyAfterARefusal(int length) throws Exception {
+    try (PKCS11Module module = PKCS11Module.openDirect(AWKWARD)) {
+      NativePKCS11Session session = new NativePKCS11Session(module.slots().get(0), 1);
+      NativePKCS11Object key = new NativePKCS11Object(session, 1);
+      byte[] expected = "x".repeat(length).getBytes(ISO_8859_1);
+      assertArrayEquals(expected, session.sign(length, key, new byte[2000]));
+      assertArrayEquals(expected, session.decrypt(length, key, new byte[1]));
+    }
+  }
+
+  /** Each class with native methods loads the library when it is the first one to be used. */
+  @ParameterizedTest
+  @CsvSource({"Slot, closeAllSessions", "Session, logout", "Object, destroy"})
+  void loadsTheLibraryAtTheFirstUse(String name, String method) throws Exception {
+    URL jar = NativePKCS11.class.getProtectionDomain().getCodeSource().getLocation();
+    try (URLClassLoader unused =
+        new URLClassLoader(new URL[] {jar}, ClassLoader.getPlatformClassLoader())) {
+      Class<?> type = unused.loadClass("it.quarvel.pkcs11.nat.NativePKCS11" + name);
+      Object handle = type.getConstructors()[0].newInstance(null, 1);
+      Throwable cause = assertThrows(
+          InvocationTargetException.class, () -> type.getMethod(method).invoke(handle)).getCause();
+      assertEquals("PKCS11Exception", cause.getClass().getSimpleName(), cause::toString);
+    }
   }
 
   private PKCS11Module open() throws PKCS11Exception {

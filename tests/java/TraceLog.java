@@ -1,6 +1,4 @@
-import it.quarvel.pkcs11.nat.NativePKCS11;
-import it.quarvel.pkcs11.nat.NativePKCS11Session;
-import it.quarvel.pkcs11.nat.NativePKCS11Slot;
+import it.quarvel.pkcs11.nat.*;
 
 /** Makes the calls whose trace the log is compared with. */
 class TraceLog {
@@ -8,8 +6,7 @@ class TraceLog {
     NativePKCS11.loadPKCS11Library(args[0]);
     NativePKCS11 module = new NativePKCS11();
     module.libInitialize();
-    NativePKCS11Slot[] slots = module.getSlotList(true);
-    try (NativePKCS11Session session = slots[0].openSession(4, null, null)) {
+    try (NativePKCS11Session session = module.getSlotList(true)[0].openSession(4, null, null)) {
       session.login(false, args[1]);
     }
     module.libFinalize();

@@ -3,7 +3,7 @@
 # token.sh names it. Everything that -Xcheck:jni has to say fails them, but for its note on how many
 # local references a long template takes.
 set -euo pipefail
-jdk=$1 jar=$2 classes=$3 module=${4-softhsm2} test=${5-.*Test}
+jdk=$1 jar=$2 classes=$(readlink -f "$3") module=${4-softhsm2} test=${5-.*Test}
 . "$(dirname "$0")/../token.sh"
 quick_java
 start_module "$module"
@@ -11,8 +11,9 @@ start_module "$module"
 junit=$(printf '%s:' /usr/share/java/junit-platform-*.jar /usr/share/java/junit-jupiter*.jar \
   /usr/share/java/{opentest4j,apiguardian-api,picocli}.jar)
 status=0
-"$jdk/bin/java" -Xcheck:jni -cp "$jar:$classes:$junit" -Dquarvel.module="$QUARVEL_PKCS11_MODULE" \
-  -Dquarvel.pin="$QUARVEL_PIN" -Dquarvel.soPin="$QUARVEL_SO_PIN" \
+QUARVEL_KEYS=$(readlink -f "$(dirname "$0")/../provider/keys.sh")
+export QUARVEL_KEYS QUARVEL_CLASSES=$classes
+"$jdk/bin/java" -Xcheck:jni -cp "$jar:$classes:$junit" \
   org.junit.platform.console.ConsoleLauncher --disable-banner --disable-ansi-colors \
   --fail-if-no-tests --include-classname "$test" --scan-classpath "$classes" \
   >"$TOKEN_DIR/log" 2>&1 || status=$?
