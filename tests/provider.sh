@@ -7,7 +7,7 @@ here=$(dirname "$(readlink -f "$0")")
 . "$here/token.sh"
 start_module softhsm2
 cd "$TOKEN_DIR"
-"$here/provider/keys.sh" || { cat keys.log; exit 1; }
+"$here/provider/keys.sh" >log 2>&1 || { cat log; exit 1; }
 uri="pkcs11:token=$QUARVEL_TOKEN?module-path=$QUARVEL_PKCS11_MODULE"
 token=(-J-cp "-J$jar" -addprovider Quarvel -providerArg "$uri" -keystore NONE -storetype PKCS11
   -storepass "$QUARVEL_PIN")

@@ -22,7 +22,7 @@ import org.junit.jupiter.params.provider.*;
 
 /**
  * Drives a SoftHSM2 token that the caller has made, and has the JDK and OpenSC judge what comes of
- * it. The environment, as run.sh sets it, says where that is.
+ * it. The environment says where that is, see run.sh.
  */
 class EndToEndTest {
   static final Path CLASSES = Path.of(System.getenv("QUARVEL_CLASSES"));

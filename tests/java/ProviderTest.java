@@ -354,12 +354,16 @@ class ProviderTest {
     provider.logout();
     Path configuration = Path.of(System.getenv("SOFTHSM2_CONF"));
     String before = Files.readString(configuration);
-    if (lacking != null) {
-      Files.writeString(configuration, before + "slots.mechanisms = -CKM_MD5,CKM_"
-          + lacking.replace(" ", ",CKM_"));
+    KeyStore keys;
+    try {
+      if (lacking != null) {
+        Files.writeString(configuration, before + "slots.mechanisms = -CKM_MD5,CKM_"
+            + lacking.replace(" ", ",CKM_"));
+      }
+      keys = load(configured(URI.replace("?", ";object=" + name + "?")), PIN);
+    } finally {
+      Files.writeString(configuration, before);
     }
-    KeyStore keys = load(configured(URI.replace("?", ";object=" + name + "?")), PIN);
-    Files.writeString(configuration, before);
     KeyManagerFactory own = KeyManagerFactory.getInstance("PKIX");
     own.init(keys, null);
     TrustManagerFactory trusted = TrustManagerFactory.getInstance("PKIX");

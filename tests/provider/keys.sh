@@ -3,7 +3,6 @@
 # leaves all of them in TOKEN_DIR: NAME.key, NAME.der and both in NAME.p12.
 set -euo pipefail
 cd "$TOKEN_DIR"
-exec >keys.log 2>&1
 
 # write TYPE FILE ID LABEL [OPTION]
 write() {
