@@ -1,9 +1,9 @@
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.nat.*;
-import java.io.ByteArrayOutputStream;
 import java.math.BigInteger;
 import java.text.SimpleDateFormat;
 import java.util.*;
+import java.util.function.Supplier;
 import java.util.regex.*;
 import java.util.stream.Collectors;
 
@@ -13,8 +13,8 @@ import java.util.stream.Collectors;
  * <p>They are written null, true, 12, 0x1F, "text" (escapes as in Java; "x"*9 is nine of them),
  * bytes [31 ff] (also [00*1200]), arrays {1, 2} and {"a", 3}. Among the elements of an Object[]
  * numbers are Integers, and big[00 ff] is a BigInteger, date20130305 a Date, foreign a Long, number0
- * to number2 a number whose bytes are not to be had, each in its way. The handle objects have the
- * names of {@link #HANDLES}.
+ * to number2 a number whose bytes are not to be had, each in its way. Other objects have the names
+ * of {@link #NAMED}.
  */
 class Values {
   private static final NativePKCS11 MODULE = new NativePKCS11();
@@ -22,32 +22,23 @@ class Values {
   private static final NativePKCS11Session SESSION = new NativePKCS11Session(SLOT, 5);
 
   /** Module, slot 7, session 5, in it the objects 9 and -9, and objects that are in none of it. */
-  private static final Map<String, Object> HANDLES = Map.of(
+  private static final Map<String, Object> NAMED = Map.of(
       "module", MODULE, "slot", SLOT, "session", SESSION,
       "key", new NativePKCS11Object(SESSION, 9), "key2", new NativePKCS11Object(SESSION, -9),
       "orphan", new NativePKCS11Object(null, 9),
-      "negative", new NativePKCS11Object(new NativePKCS11Session(null, -5), -9));
+      "negative", new NativePKCS11Object(new NativePKCS11Session(null, -5), -9),
+      "foreign", 1L, "true", true, "false", false);
 
   private static final Pattern TOKEN = Pattern.compile(
       "\"((?:[^\"\\\\]|\\\\.)*)\"(?:\\*(\\d+))?|\\w*\\[(.*?)]|[{}]|[^\\s,{}]+", Pattern.DOTALL);
 
-  private static class HostileNumber extends BigInteger {
-    private static final long serialVersionUID = 1L;
-    private final char mode;
-
-    HostileNumber(char mode) {
-      super("1");
-      this.mode = mode;
-    }
-
-    @Override
-    public byte[] toByteArray() {
-      return switch (mode) {
-        case '0' -> null;
-        case '1' -> new byte[0];
-        default -> throw new IllegalStateException();
-      };
-    }
+  private static BigInteger number(Supplier<byte[]> bytes) {
+    return new BigInteger("1") {
+      @Override
+      public byte[] toByteArray() {
+        return bytes.get();
+      }
+    };
   }
 
   /** One value for each letter of `types` (see methods.h), those of primitive types as a Long. */
@@ -73,13 +64,13 @@ class Values {
     if (token.startsWith("[")) return bytes(tokens.group(3));
     if (token.startsWith("big[")) return new BigInteger(bytes(tokens.group(3)));
     if (token.startsWith("date")) return new SimpleDateFormat("yyyyMMdd").parse(token.substring(4));
-    if (token.startsWith("number")) return new HostileNumber(token.charAt(6));
     return switch (token) {
       case "null", "}" -> null;
-      case "true", "false" -> Boolean.valueOf(token);
-      case "foreign" -> 1L;
+      case "number0" -> number(() -> null);
+      case "number1" -> number(() -> new byte[0]);
+      case "number2" -> number(Optional.<byte[]>empty()::orElseThrow);
       case "{" -> elements(tokens, type);
-      default -> HANDLES.containsKey(token) ? HANDLES.get(token) : Long.decode(token).intValue();
+      default -> NAMED.containsKey(token) ? NAMED.get(token) : Long.decode(token).intValue();
     };
   }
 
@@ -92,14 +83,9 @@ class Values {
   }
 
   private static byte[] bytes(String texts) {
-    ByteArrayOutputStream bytes = new ByteArrayOutputStream();
-    for (String text : texts.isEmpty() ? new String[0] : texts.split(" ")) {
-      String[] byteAndTimes = (text + "*1").split("\\*");
-      for (int i = 0; i < Integer.parseInt(byteAndTimes[1]); i++) {
-        bytes.write(Integer.parseInt(byteAndTimes[0], 16));
-      }
-    }
-    return bytes.toByteArray();
+    Matcher repeated = Pattern.compile("(\\w+)\\*(\\d+)").matcher(texts);
+    String all = repeated.replaceAll(m -> m.group(1).repeat(Integer.parseInt(m.group(2))));
+    return HexFormat.of().parseHex(all.replace(" ", ""));
   }
 
   /**
@@ -124,6 +110,6 @@ class Values {
   }
 
   private static String named(String name, Object handle) {
-    return HANDLES.get(name) == handle ? "this " + name : show(handle);
+    return NAMED.get(name) == handle ? "this " + name : show(handle);
   }
 }

@@ -19,13 +19,17 @@ using scripted::script;
 
 using Texts = std::vector<std::string>;
 
+struct Statement {
+  std::string text;                 // repeated ones run on
+  std::vector<std::string*> parts;  // where in `lines` they stand
+};
+
 /// One block of contract.txt; what a row does not state is not checked.
 struct Row {
   std::size_t line = 0;
-  std::vector<std::pair<std::string, std::string>> calls;   // methods with arguments
-  std::vector<Texts> given;                                 // conditions, each with alternatives
-  std::map<std::string, std::string> expected;              // by keyword; repeated ones run on
-  std::map<std::string, std::vector<std::string*>> stated;  // where in `lines` they stand
+  std::vector<std::pair<std::string, std::string>> calls;  // methods with arguments
+  std::vector<Texts> given;                                // conditions, each with alternatives
+  std::map<std::string, Statement> expected;               // by keyword
 };
 
 std::deque<Texts> lines;  // of contract.txt, each in the parts that "|" separates
@@ -49,9 +53,10 @@ void addCalls(Row* row, const std::string& text) {
 }
 
 void addStatement(Row* row, std::string* part) {
-  const std::string text = part->substr(part->find_first_not_of(' ')) + " ";
-  const std::string keyword = text.substr(0, text.find(' '));
-  const std::string rest = text.substr(keyword.size() + 1, text.size() - keyword.size() - 2);
+  const std::size_t begin = part->find_first_not_of(' ');
+  const std::size_t end = std::min(part->find(' ', begin), part->size());
+  const std::string keyword = part->substr(begin, end - begin);
+  std::string rest = end != part->size() ? part->substr(end + 1) : "";
   if (keyword == "given") {
     row->given.push_back(split(rest, " / "));
     const std::string name = rest.substr(0, rest.find('=') + 1);
@@ -59,8 +64,9 @@ void addStatement(Row* row, std::string* part) {
       if (other.find('=') == std::string::npos && !name.empty()) other = name + other;
     }
   } else {
-    row->expected[keyword] += rest[0] == '"' ? unquote(rest.c_str()) : rest;
-    row->stated[keyword].push_back(part);
+    if (rest[0] == '"') rest = rest.substr(1, rest.size() - 2);
+    row->expected[keyword].text += rest;
+    row->expected[keyword].parts.push_back(part);
   }
 }
 
@@ -109,9 +115,11 @@ void apply(const std::string& given, hooks::Run* run) {
   }
 }
 
-/// A text in the short forms of the table, for a call that raised the exception.
+/// A text in the forms of the table, for a call that raised the exception.
 /// @param name the method's, where @ stands for it, else empty
-std::string shortened(std::string text, const std::string& exception, const std::string& name) {
+/// @param stated a text that begins with ... has only its end, from the line with which it begins
+std::string inTable(std::string text, const std::string& exception, const std::string& name,
+                    const std::string& stated) {
   std::string raised = "vendor defined exc '" + exception + "'...";
   if (const std::size_t code = exception.find("(0x"); code != std::string::npos) {
     raised = "exc number " + exception.substr(code + 3, exception.size() - code - 4) + "...";
@@ -121,14 +129,19 @@ std::string shortened(std::string text, const std::string& exception, const std:
       {"JNI: Throwing " + raised + " Done\n", "$!"},
       {"JNI: Throwing " + raised + "<raise> Done\n", "$!"},
       {"JNI:BRIDGE: Calling C_", "$C_"},
-      {"JNI: start PKCS11", "$"}};
+      {"JNI: start PKCS11", "$"},
+      {"\n", "\\n"},
+      {"\x01", "\\x01"},
+      {"\xE0 non", "\\xE0 non"}};
   if (!name.empty()) {
     forms.emplace_back("C_" + name, "C_@");
     forms.back().first[2] = static_cast<char>(std::toupper(name[0]));
     forms.emplace_back(name, "@");
   }
   for (const auto& [form, shortForm] : forms) text = join(split(text, form), shortForm.c_str());
-  return text;
+  if (!stated.starts_with("...")) return text;
+  const std::size_t at = text.rfind(stated.substr(3, stated.find("\\n") - 3));
+  return at != std::string::npos ? "..." + text.substr(at) : text;
 }
 
 /// With QUARVEL_UPDATE in the environment a row that expects something else is rewritten.
@@ -136,36 +149,29 @@ const bool updating = std::getenv("QUARVEL_UPDATE") != nullptr;
 
 /// A text as it is stated: in quotes, the printed lines in as few as 120 columns allow.
 std::string quote(const std::string& keyword, const std::string& value) {
-  const std::string open = "  " + keyword + " \"";
-  std::string text = open;
-  std::size_t begun = 0;  // where the last line of `text` starts
-  for (std::size_t i = 0; i < value.size(); ++i) {
-    const std::size_t size =
-        std::min(value.find('\n', i), value.size()) - i;  // of the printed line from here on
-    if (i != 0 && value[i - 1] == '\n' && text.size() - begun + size > 117) {
-      begun = text.size() + 2;
-      text += "\"\n" + open;
+  std::string text;
+  std::size_t room = 0;
+  for (const std::string& line : split(value, "\\n")) {
+    if (line.size() + 2 > room) {
+      text += (text.empty() ? "" : "\"\n  ") + keyword + " \"";
+      room = 117 - keyword.size() - 4;
     }
-    char escaped[8];
-    std::snprintf(escaped, sizeof escaped, "\\x%02X", static_cast<unsigned char>(value[i]));
-    text += value[i] == '\n'                      ? "\\n"
-            : value[i] == '"' || value[i] == '\\' ? std::string("\\") + value[i]
-            : value[i] < 0x20 || value[i] == 0x7F ? escaped
-                                                  : std::string(1, value[i]);
+    text += line + "\\n";
+    room -= std::min(room, line.size() + 2);
   }
-  return text.substr(2) + "\"";
+  return text.substr(0, text.size() - 2) + "\"";
 }
 
-/// Replaces the parts that state `keyword`; the others of several stay empty and go.
-void update(const Row& row, const std::string& keyword, const std::string& value) {
-  const std::vector<std::string*>& parts = row.stated.at(keyword);
-  const std::string indent = parts.front()->substr(0, parts.front()->find_first_not_of(' '));
-  for (std::string* part : parts) *part = "gone";
+/// Replaces the parts that make a statement; the others of several are dropped.
+void update(const Statement& statement, const std::string& keyword, const std::string& value) {
+  std::string* const first = statement.parts.front();
+  const std::string indent = first->substr(0, first->find_first_not_of(' '));
+  for (std::string* part : statement.parts) *part = "gone";
   const bool printed = keyword == "trace" || keyword == "always";
   const bool blank = keyword == "returns" && (value.empty() || value.ends_with(' '));
-  *parts.front() = indent + (printed || blank ? quote(keyword, value)
-                             : value.empty()  ? keyword
-                                              : keyword + " " + value);
+  *first = indent + (printed || blank ? quote(keyword, value)
+                     : value.empty()  ? keyword
+                                      : keyword + " " + value);
 }
 
 void write() {
@@ -193,24 +199,25 @@ void check(const Row& row, std::size_t alternative, const std::string& method,
       {"module", join(outcome.moduleCalls, "; ")},
       {"jni", std::to_string(outcome.run.jni.size())},
       {"code", outcome.code}};
-  std::map<std::string, std::string> expected = row.expected;
+  std::map<std::string, Statement> expected = row.expected;
   if (tracing != 0) {
     expected.erase("always");
   } else {
-    expected["always"] += "";  // silence, unless the row says otherwise
+    expected["always"];  // silence, unless the row says otherwise
     expected.erase("trace");
     expected.erase("code");
   }
-  const std::string name = method.substr(method.find('.') + 1);
-  for (const auto& [keyword, value] : expected) {
+  for (const auto& [keyword, statement] : expected) {
+    const std::string& value = statement.text;
     const bool marked = value.find('<') != std::string::npos;
     actual["trace"] = actual["always"] = marked ? outcome.marked : outcome.output;
     const bool named = value.find('@') != std::string::npos;
-    const std::string stated = shortened(actual[keyword], outcome.exception, named ? name : "");
-    if (updating && row.stated.contains(keyword) && stated != value) {
-      update(row, keyword, stated);
+    const std::string name = named ? method.substr(method.find('.') + 1) : "";
+    const std::string is = inTable(actual[keyword], outcome.exception, name, value);
+    if (updating && !statement.parts.empty() && is != value) {
+      update(statement, keyword, is);
     } else {
-      EXPECT_EQ(stated, value) << keyword;
+      EXPECT_EQ(value, is) << keyword;
     }
   }
 }

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <memory>
+#include <set>
 #include <type_traits>
 
 #include "scripted.h"
@@ -13,14 +13,16 @@
 
 // The functions that the library may use. Java's variadic entries arrive as their V forms.
 // clang-format off
-#define QUARVEL_JNI(X)                                                                          \
-  X(FindClass) X(GetObjectClass) X(IsInstanceOf) X(GetFieldID) X(GetIntField) X(GetObjectField) \
-  X(GetMethodID) X(NewObjectV) X(CallIntMethodV) X(CallBooleanMethodV) X(CallObjectMethodV)     \
-  X(Throw) X(ThrowNew) X(ExceptionCheck) X(NewStringUTF) X(GetStringUTFChars)                   \
-  X(ReleaseStringUTFChars) X(GetArrayLength) X(NewByteArray) X(NewIntArray) X(NewObjectArray)   \
-  X(GetObjectArrayElement) X(SetObjectArrayElement) X(GetByteArrayElements)                     \
-  X(ReleaseByteArrayElements) X(GetIntArrayElements) X(ReleaseIntArrayElements)                 \
-  X(GetByteArrayRegion) X(SetByteArrayRegion) X(SetIntArrayRegion)
+#define QUARVEL_FALLIBLE(X)                                                                       \
+  X(FindClass) X(GetFieldID) X(GetMethodID) X(NewObjectV) X(CallIntMethodV) X(CallBooleanMethodV) \
+  X(CallObjectMethodV) X(NewStringUTF) X(GetStringUTFChars) X(NewByteArray) X(NewIntArray)        \
+  X(NewObjectArray) X(GetObjectArrayElement) X(GetByteArrayElements) X(GetIntArrayElements)
+// These cannot fail with the arguments that the library gives them.
+#define QUARVEL_INFALLIBLE(X)                                                                 \
+  X(GetObjectClass) X(IsInstanceOf) X(GetIntField) X(GetObjectField) X(Throw) X(ThrowNew)     \
+  X(ExceptionCheck) X(GetArrayLength) X(SetObjectArrayElement) X(GetByteArrayRegion)          \
+  X(SetByteArrayRegion) X(SetIntArrayRegion) X(ReleaseStringUTFChars)                         \
+  X(ReleaseByteArrayElements) X(ReleaseIntArrayElements)
 // clang-format on
 
 extern "C" {
@@ -47,11 +49,8 @@ struct Block {
 std::map<void*, Block> blocks;
 std::size_t largeBlocks = 0;
 
-long outputStart = 0;
-/// Records what happens now, and after how much output.
-void mark(const std::string& what) {
-  run->marks.push_back({what, static_cast<std::size_t>(std::ftell(stdout) - outputStart)});
-}
+/// Leaves a mark in the output, for something given back, freed or raised.
+void mark(const std::string& what) { std::printf("\2%.99s\3", what.c_str()); }
 
 void violation(const std::string& text) { run->violations.push_back(text); }
 
@@ -63,25 +62,24 @@ void violation(const std::string& text) { run->violations.push_back(text); }
 // ---- Java arrays and strings handed out ----
 
 struct Held {
-  std::string by;  // the function that took it
-  void* real;      // what the virtual machine handed out
+  std::string what;  // the function that took it, without "Get"
+  void* real;        // what the virtual machine handed out
   std::size_t size;
 };
 std::map<const void*, Held> held;
 
 /// A copy in a block of its own, so that sanitizers see each access beyond it.
 template <typename Element>
-Element* handOut(const char* by, Element* real, jsize count) {
-  const std::size_t size = static_cast<std::size_t>(count) * sizeof(Element);
+Element* handOut(const char* what, Element* real, std::size_t size) {
   void* copy = __real_malloc(size);
   held[std::memcpy(copy, real, size)] = {
-      by, const_cast<void*>(static_cast<const void*>(real)), size};
+      what, const_cast<std::remove_const_t<Element>*>(real), size};
   return static_cast<Element*>(copy);
 }
 
-std::string shown(const std::string& by, const void* elements, std::size_t size) {
-  if (by == "GetStringUTFChars") return static_cast<const char*>(elements);
-  if (by == "GetByteArrayElements") return scripted::data(elements, size);
+std::string shown(const std::string& what, const void* elements, std::size_t size) {
+  if (what == "StringUTFChars") return static_cast<const char*>(elements);
+  if (what == "ByteArrayElements") return scripted::data(elements, size);
   std::vector<std::string> list;
   const auto* types = static_cast<const jint*>(elements);
   for (std::size_t i = 0; i < size / sizeof *types; ++i) list.push_back(std::to_string(types[i]));
@@ -90,14 +88,15 @@ std::string shown(const std::string& by, const void* elements, std::size_t size)
 
 /// Takes a copy back. @return what the virtual machine handed out, with the copy's contents
 template <typename Element>
-Element* takeBack(const std::string& by, Element* copy) {
+Element* takeBack(const std::string& what, Element* copy) {
   const auto found = held.find(copy);
-  if (found == held.end() || found->second.by != by) giveUp("given back, but not taken by " + by);
+  if (found == held.end() || found->second.what != what)
+    giveUp("given back, but not taken: " + what);
   const Held taken = found->second;
   held.erase(found);
-  mark("release " + shown(by, copy, taken.size));
+  mark("release " + shown(what, copy, taken.size));
   std::memcpy(taken.real, copy, taken.size);
-  __real_free(const_cast<void*>(static_cast<const void*>(copy)));
+  __real_free(const_cast<std::remove_const_t<Element>*>(copy));
   return static_cast<Element*>(taken.real);
 }
 
@@ -117,22 +116,8 @@ bool enter(const std::string& function) {
     violation(function + " right after " + lastFunction);
   }
   lastFunction = function;
+  if (function.starts_with("Throw")) mark("raise");
   return run->jni.size() == run->failJni && canFail(function);
-}
-
-/// Raises the error that the virtual machine raises when the function fails.
-void raiseFailure(const std::string& function) {
-  if (function == "GetStringUTFChars" || function.ends_with("ArrayElements")) return;  // null alone
-  const std::map<std::string, const char*> errors = {
-      {"FindClass", "java/lang/NoClassDefFoundError"},
-      {"GetFieldID", "java/lang/NoSuchFieldError"},
-      {"GetMethodID", "java/lang/NoSuchMethodError"},
-      {"GetObjectArrayElement", "java/lang/ArrayIndexOutOfBoundsException"}};
-  const auto found = errors.find(function);
-  const char* error = found != errors.end()          ? found->second
-                      : function.starts_with("Call") ? "java/lang/IllegalStateException"
-                                                     : "java/lang/OutOfMemoryError";
-  realEnv->ThrowNew(realEnv->FindClass(error), "injected");
 }
 
 template <scripted::Name name, typename Function>
@@ -143,89 +128,77 @@ struct Hook<name, R (*)(JNIEnv*, Args...)> {
 
   static R call(JNIEnv* /*env*/, Args... args) {
     if (!enter(name.chars)) return behind(realEnv, args...);
-    raiseFailure(name.chars);
+    // Which error the virtual machine raises makes no difference to the library.
+    realEnv->ThrowNew(realEnv->FindClass("java/lang/OutOfMemoryError"), "injected");
     return R();
   }
 };
 
-/// What stands behind the entries that hand out copies or leave a mark.
-void replaceEntries(JNINativeInterface_* table) {
-  table->Throw = [](JNIEnv* env, jthrowable exception) {
-    mark("raise");
-    return env->Throw(exception);
-  };
-  table->ThrowNew = [](JNIEnv* env, jclass cl, const char* message) {
-    mark("raise");
-    return env->ThrowNew(cl, message);
-  };
-  table->GetStringUTFChars = [](JNIEnv* env, jstring string, jboolean* /*isCopy*/) {
-    const char* chars = env->GetStringUTFChars(string, nullptr);
-    return handOut("GetStringUTFChars", chars, static_cast<jsize>(std::strlen(chars) + 1));
-  };
-  table->ReleaseStringUTFChars = [](JNIEnv* env, jstring string, const char* chars) {
-    env->ReleaseStringUTFChars(string, takeBack("GetStringUTFChars", chars));
-  };
-  table->GetByteArrayElements = [](JNIEnv* env, jbyteArray array, jboolean* /*isCopy*/) {
-    return handOut("GetByteArrayElements", env->GetByteArrayElements(array, nullptr),
-                   env->GetArrayLength(array));
-  };
-  table->ReleaseByteArrayElements = [](JNIEnv* env, jbyteArray array, jbyte* elements, jint mode) {
-    if (mode != 0) violation("elements of a byte[] not copied back");
-    env->ReleaseByteArrayElements(array, takeBack("GetByteArrayElements", elements), mode);
-  };
-  table->GetIntArrayElements = [](JNIEnv* env, jintArray array, jboolean* /*isCopy*/) {
-    return handOut("GetIntArrayElements", env->GetIntArrayElements(array, nullptr),
-                   env->GetArrayLength(array));
-  };
-  table->ReleaseIntArrayElements = [](JNIEnv* env, jintArray array, jint* elements, jint mode) {
-    if (mode != JNI_ABORT) violation("elements of an int[] copied back");
-    env->ReleaseIntArrayElements(array, takeBack("GetIntArrayElements", elements), mode);
-  };
+std::size_t sizeOf(jstring /*string*/, const char* chars) { return std::strlen(chars) + 1; }
+std::size_t sizeOf(jarray array, const auto* elements) {
+  return static_cast<std::size_t>(realEnv->GetArrayLength(array)) * sizeof *elements;
 }
+
+/// GetStringUTFChars, GetByteArrayElements and the like, which fail by null alone.
+template <scripted::Name name, typename Element, typename From>
+struct Hook<name, Element* (*)(JNIEnv*, From, jboolean*)> {
+  static inline Element* (*behind)(JNIEnv*, From, jboolean*);
+
+  static Element* call(JNIEnv* /*env*/, From from, jboolean* isCopy) {
+    if (enter(name.chars)) return nullptr;
+    Element* real = behind(realEnv, from, isCopy);
+    return handOut(name.chars + std::strlen("Get"), real, sizeOf(from, real));
+  }
+};
+
+/// Their counterparts. The elements of a byte[] are to be copied back, those of an int[] not.
+template <scripted::Name name, typename From, typename Element, typename... Mode>
+struct Hook<name, void (*)(JNIEnv*, From, Element*, Mode...)> {
+  static inline void (*behind)(JNIEnv*, From, Element*, Mode...);
+
+  static void call(JNIEnv* /*env*/, From from, Element* elements, Mode... mode) {
+    enter(name.chars);
+    const bool rightMode = ((mode == (std::is_same_v<From, jintArray> ? JNI_ABORT : 0)) && ...);
+    if (!rightMode) violation(std::string(name.chars) + " in the wrong mode");
+    behind(realEnv, from, takeBack(name.chars + std::strlen("Release"), elements), mode...);
+  }
+};
 
 }  // namespace
 
 bool canFail(const std::string& function) {
-  // The others cannot fail with the arguments that the library gives them.
-  for (const char* infallible :
-       {"GetObjectClass", "IsInstanceOf", "GetIntField", "GetObjectField", "Throw", "ThrowNew",
-        "ExceptionCheck", "GetArrayLength", "SetObjectArrayElement", "GetByteArrayRegion",
-        "SetByteArrayRegion", "SetIntArrayRegion"}) {
-    if (function == infallible) return false;
-  }
-  return !function.starts_with("Release");
+#define QUARVEL_NAME(NAME) #NAME,
+  static const std::set<std::string> fallible = {QUARVEL_FALLIBLE(QUARVEL_NAME)};
+  return fallible.contains(function);
 }
 
 JNIEnv* hookedEnv(JNIEnv* real) {
   static JNINativeInterface_ table;
   static JNIEnv env;
   realEnv = real;
-  JNINativeInterface_ behind = *real->functions;
-  replaceEntries(&behind);
   void (*trap)() = [] { giveUp("a JNI function was called that the library does not use"); };
   for (std::size_t at = 0; at < sizeof table; at += sizeof trap) {
     std::memcpy(reinterpret_cast<char*>(&table) + at, &trap, sizeof trap);
   }
-#define QUARVEL_HOOK(NAME)                                 \
-  Hook<#NAME, decltype(table.NAME)>::behind = behind.NAME; \
+#define QUARVEL_HOOK(NAME)                                           \
+  Hook<#NAME, decltype(table.NAME)>::behind = real->functions->NAME; \
   table.NAME = Hook<#NAME, decltype(table.NAME)>::call;
-  QUARVEL_JNI(QUARVEL_HOOK)
+  QUARVEL_FALLIBLE(QUARVEL_HOOK)
+  QUARVEL_INFALLIBLE(QUARVEL_HOOK)
   env.functions = &table;
   return &env;
 }
 
 void begin(Run* next) {
   lastFunction.clear();
-  outputStart = std::ftell(stdout);
   largeBlocks = 0;
   run = next;
 }
 
 void end() {
-  Run* ended = run;
-  for (const auto& [elements, by] : held) ended->violations.push_back("not given back: " + by.by);
+  for (const auto& [elements, taken] : held) violation("not given back: " + taken.what);
+  for (const auto& [block, taken] : blocks) violation("not freed: " + taken.name);
   held.clear();
-  ended->blocks = blocks.size();
   blocks.clear();
   run = nullptr;
 }
@@ -234,41 +207,34 @@ void end() {
 
 // ---- The C heap, by the linker's --wrap ----
 
-static void* allocate(void* (*take)(std::size_t, std::size_t), std::size_t count,
-                      std::size_t size) {
+static void* allocate(std::size_t size, void* (*take)(std::size_t)) {
   hooks::Run* run = hooks::run;
-  if (run == nullptr) return take(count, size);
-  run->allocations.push_back(count * size);
-  if (run->allocations.size() == run->failHeap) return nullptr;
-  void* block = take(count, size);
+  if (run == nullptr) return take(size);
+  run->allocations.push_back(size);
+  void* block = run->allocations.size() != run->failHeap ? take(size) : nullptr;
   if (block == nullptr) return nullptr;
   std::string name;
-  if (count * size >= sizeof(CK_ATTRIBUTE)) name = "block " + std::to_string(++hooks::largeBlocks);
-  hooks::blocks[block] = {count * size, name};
+  if (size >= sizeof(CK_ATTRIBUTE)) name = "block " + std::to_string(++hooks::largeBlocks);
+  hooks::blocks[block] = {size, name};
   return block;
 }
 
 void* __wrap_malloc(std::size_t size) {
-  return allocate(
-      [](std::size_t n, std::size_t) {
-        void* block = __real_malloc(n);
-        if (block != nullptr && n < 1 << 20) std::memset(block, 0xDD, n);  // as a used heap has it
-        return block;
-      },
-      size, 1);
+  return allocate(size, [](std::size_t n) {
+    void* block = __real_malloc(n);
+    if (block != nullptr && n < 1 << 20) std::memset(block, 0xDD, n);  // as a used heap has it
+    return block;
+  });
 }
 
 void* __wrap_calloc(std::size_t count, std::size_t size) {
-  return allocate(__real_calloc, count, size);
+  return allocate(count * size, [](std::size_t n) { return __real_calloc(n, 1); });
 }
 
 void __wrap_free(void* block) {
   if (hooks::run != nullptr && block != nullptr) {
     const auto found = hooks::blocks.find(block);
-    if (found == hooks::blocks.end()) {
-      hooks::run->violations.push_back("freed, but not taken");
-      return;
-    }
+    if (found == hooks::blocks.end()) return hooks::violation("freed, but not taken");
     const auto& [size, name] = found->second;
     hooks::mark("free " + (name.empty() ? scripted::data(block, size) : name));
     hooks::blocks.erase(found);

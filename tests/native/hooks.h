@@ -15,12 +15,6 @@ struct Call {
   std::size_t moduleCalls;  // made before it
 };
 
-/// Something given back, freed or raised.
-struct Mark {
-  std::string what;
-  std::size_t printed;  // bytes of standard output before it
-};
-
 /// What one run of a native method did, and which of its steps is to fail (counted from 1; 0:
 /// none).
 struct Run {
@@ -28,9 +22,7 @@ struct Run {
   std::size_t failHeap = 0;
 
   std::vector<Call> jni;
-  std::vector<Mark> marks;
   std::vector<std::size_t> allocations;  // their sizes
-  std::size_t blocks = 0;                // taken and not freed
   std::vector<std::string> violations;   // of the rules of JNI, of give-back modes, of the heap
 };
 
@@ -44,7 +36,8 @@ bool canFail(const std::string& function);
 /// other.
 JNIEnv* hookedEnv(JNIEnv* real);
 
-/// Begins and ends the run that hooks and heap report to.
+/// Begins and ends the run that hooks and heap report to. What is given back, freed or raised in
+/// between leaves a mark on standard output, between the bytes 2 and 3.
 void begin(Run* next);
 void end();
 

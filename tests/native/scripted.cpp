@@ -36,47 +36,42 @@ std::string entries(const CK_ATTRIBUTE* attr, CK_ULONG count) {
   return "{" + shown + "}";
 }
 
-/// Adds arguments to `all`. An input buffer shows with the length behind it, an output buffer with
+/// The arguments of a call. An input buffer shows with the length behind it, an output buffer with
 /// its room; other outputs do not show.
-void show(std::vector<std::string>* /*all*/) {}
-template <typename First, typename... Rest>
-void show(std::vector<std::string>* all, First first, Rest... rest) {
-  const auto withSize = [=](auto size, auto... others) {
-    if constexpr (std::is_same_v<First, CK_ATTRIBUTE*>) {
-      all->push_back(entries(first, size));
-    } else if constexpr (std::is_pointer_v<decltype(size)>) {
-      all->insert(all->end(), {first == nullptr ? "null" : "pointer", number(*size)});
-    } else {
-      all->push_back(data(first, size));
-    }
-    show(all, others...);
-  };
-  if constexpr (std::is_same_v<First, CK_ATTRIBUTE*> || std::is_same_v<First, CK_BYTE*>) {
-    return withSize(rest...);
-  } else if constexpr (std::is_integral_v<First>) {
-    all->push_back(number(first));
-  } else if constexpr (std::is_same_v<First, CK_MECHANISM*>) {
-    all->push_back("mech " + number(first->mechanism) +
-                   (first->pParameter != nullptr ? " with parameter" : ""));
-  } else if constexpr (!std::is_same_v<First, CK_ULONG*> &&
-                       !std::is_class_v<std::remove_pointer_t<First>>) {
-    all->push_back(first == nullptr ? "null" : "pointer");
+struct Arguments {
+  std::string shown;
+
+  void add() {}
+  void add(CK_ATTRIBUTE* attr, CK_ULONG count, auto... rest) {
+    show(entries(attr, count), rest...);
   }
-  show(all, rest...);
-}
+  void add(CK_BYTE* bytes, CK_ULONG size, auto... rest) { show(data(bytes, size), rest...); }
+  void add(CK_BYTE* bytes, CK_ULONG* room) { add(static_cast<void*>(bytes), *room); }
+  void add(CK_MECHANISM* mechanism, auto... rest) {
+    const char* with = mechanism->pParameter != nullptr ? " with parameter" : "";
+    show("mech " + number(mechanism->mechanism) + with, rest...);
+  }
+  void add(std::integral auto value, auto... rest) { show(number(value), rest...); }
+  template <typename Output>
+  requires std::is_class_v<Output> || std::is_same_v<Output, CK_ULONG>
+  void add(Output* /*output*/, auto... rest) { add(rest...); }
+  void add(auto pointer, auto... rest) { show(pointer == nullptr ? "null" : "pointer", rest...); }
+
+ private:
+  void show(const std::string& first, auto... rest) {
+    shown += (shown.empty() ? "" : ", ") + first;
+    add(rest...);
+  }
+};
 
 /// Records a call and finds its answer.
-template <typename... Args>
-CK_RV record(const std::string& function, Args... args) {
-  std::vector<std::string> parts;
-  show(&parts, args...);
-  std::string call;
-  for (const std::string& part : parts) call += (call.empty() ? "" : ", ") + part;
-  calls.push_back(function + "(" + call + ")");
+CK_RV record(const std::string& function, auto... args) {
+  Arguments arguments;
+  arguments.add(args...);
+  calls.push_back(function + "(" + arguments.shown + ")");
   if (script.failFrom != 0 && calls.size() >= script.failFrom) return script.failWith;
   for (const std::string& key : {function, std::string("*")}) {
-    const auto found = script.answers.find(key);
-    if (found != script.answers.end()) return found->second;
+    if (script.answers.contains(key)) return script.answers.at(key);
   }
   return CKR_OK;
 }
@@ -97,27 +92,28 @@ CK_RV give(CK_RV rv, const std::vector<Item>& from, Item* to, CK_ULONG* size) {
 
 /// Fills the outputs: new handles, letters from A to Z over and over in every information
 /// structure, the script's output in a buffer.
-CK_RV fill() { return CKR_OK; }
-template <typename First, typename... Rest>
-CK_RV fill(First first, Rest... rest) {
-  using Pointed = std::remove_pointer_t<First>;
-  if constexpr (std::is_same_v<std::tuple<First, Rest...>, std::tuple<CK_BYTE*, CK_ULONG*>>) {
-    return give(CKR_OK, script.output, first, rest...);
-  } else if constexpr (std::is_same_v<First, CK_ULONG*>) {
-    *first = script.handle++;
-  } else if constexpr (std::is_class_v<Pointed> && !std::is_same_v<Pointed, CK_ATTRIBUTE> &&
-                       !std::is_same_v<Pointed, CK_MECHANISM>) {
-    auto* bytes = reinterpret_cast<CK_BYTE*>(first);
-    for (std::size_t i = 0; i < sizeof *first; ++i) bytes[i] = static_cast<CK_BYTE>('A' + i % 26);
+struct Outputs {
+  static CK_RV fill() { return CKR_OK; }
+  static CK_RV fill(CK_BYTE* out, CK_ULONG* size) { return give(CKR_OK, script.output, out, size); }
+  static CK_RV fill(CK_ULONG* handle, auto... rest) {
+    *handle = script.handle++;
+    return fill(rest...);
   }
-  return fill(rest...);
-}
+  template <typename Info>
+  requires std::is_class_v<Info>
+  static CK_RV fill(Info* info) {
+    auto* bytes = reinterpret_cast<CK_BYTE*>(info);
+    for (std::size_t i = 0; i < sizeof *info; ++i) bytes[i] = static_cast<CK_BYTE>('A' + i % 26);
+    return CKR_OK;
+  }
+  static CK_RV fill(auto /*input*/, auto... rest) { return fill(rest...); }
+};
 
 /// A function that only records, hands out new handles and the script's output.
 template <Name name, typename... Args>
 CK_RV plain(Args... args) {
   const CK_RV rv = record(name.chars, args...);
-  return rv != CKR_OK ? rv : fill(args...);
+  return rv != CKR_OK ? rv : Outputs::fill(args...);
 }
 
 CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE* attr,

@@ -54,21 +54,6 @@ std::string takeException() {
   return exception != nullptr ? show(exception) : "";
 }
 
-std::string unquote(const char* text) {
-  std::string unquoted;
-  for (++text; *text != '"'; ++text) {
-    const bool escaped = *text == '\\';
-    if (escaped) ++text;
-    if (escaped && *text == 'x') {
-      unquoted += static_cast<char>(std::stoi(std::string(text + 1, 2), nullptr, 16));
-      text += 2;
-    } else {
-      unquoted += escaped && *text == 'n' ? '\n' : *text;
-    }
-  }
-  return unquoted;
-}
-
 std::string join(const std::vector<std::string>& parts, const char* between) {
   std::string joined;
   for (const std::string& part : parts) joined += (&part == &parts[0] ? "" : between) + part;

@@ -16,9 +16,6 @@ std::string show(jobject object);
 /// The pending exception as text, and clears it; empty when none is pending.
 std::string takeException();
 
-/// The characters of a quoted text with the escapes \n \\ \" \xNN.
-std::string unquote(const char* text);
-
 std::string join(const std::vector<std::string>& parts, const char* between = ", ");
 
 #endif  // QUARVEL_TESTS_NATIVE_VALUES_H_
