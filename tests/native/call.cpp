@@ -80,7 +80,12 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
   outcome.moduleCalls = scripted::calls;
   java()->PopLocalFrame(nullptr);
   EXPECT_EQ(join(outcome.run.violations), "") << name;
+  EXPECT_TRUE(outcome.exception.empty() || outcome.value == failureValue(called)) << outcome.result;
   return outcome;
+}
+
+Outcome call(const Method& method, hooks::Run run, const std::string& receiver) {
+  return call(method.name, join(goodArguments(method)), std::move(run), receiver);
 }
 
 FreshModule::FreshModule() {

@@ -20,11 +20,15 @@ struct Outcome {
 };
 
 /// Calls a native method on the handle object of its class, with a fresh record of module calls.
-/// Expects what holds for every run: no violation, nothing held, heap balanced.
+/// Expects what holds for every run: no violation, nothing held, heap balanced, and a result never
+/// goes with an exception.
 /// @param arguments separated by commas
 /// @param receiver in place of that object, as Values.java names it
 Outcome call(const std::string& name, const std::string& arguments, hooks::Run run = {},
              std::string receiver = "");
+
+/// The same with arguments with which the method succeeds.
+Outcome call(const Method& method, hooks::Run run = {}, const std::string& receiver = "");
 
 /// The scripted module, loaded and initialised anew, its record empty, with `debug` off; finalised
 /// at scope exit.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <set>
@@ -29,9 +28,6 @@ extern "C" {
 void* __real_malloc(std::size_t size);
 void __real_free(void* block);
 void* __real_calloc(std::size_t count, std::size_t size);
-void* __wrap_malloc(std::size_t size);
-void* __wrap_calloc(std::size_t count, std::size_t size);
-void __wrap_free(void* block);
 }
 
 namespace hooks {
@@ -54,50 +50,37 @@ void mark(const std::string& what) { std::printf("\2%.99s\3", what.c_str()); }
 
 void violation(const std::string& text) { run->violations.push_back(text); }
 
-[[noreturn]] void giveUp(const std::string& why) {
-  std::fprintf(stderr, "%s\n", why.c_str());
-  std::abort();
-}
-
 // ---- Java arrays and strings handed out ----
 
-struct Held {
-  std::string what;  // the function that took it, without "Get"
-  void* real;        // what the virtual machine handed out
-  std::size_t size;
-};
-std::map<const void*, Held> held;
+/// By copy: what the virtual machine handed out, and its size.
+std::map<const void*, std::pair<void*, std::size_t>> held;
 
-/// A copy in a block of its own, so that sanitizers see each access beyond it.
-template <typename Element>
-Element* handOut(const char* what, Element* real, std::size_t size) {
-  void* copy = __real_malloc(size);
-  held[std::memcpy(copy, real, size)] = {
-      what, const_cast<std::remove_const_t<Element>*>(real), size};
-  return static_cast<Element*>(copy);
-}
-
-std::string shown(const std::string& what, const void* elements, std::size_t size) {
-  if (what == "StringUTFChars") return static_cast<const char*>(elements);
-  if (what == "ByteArrayElements") return scripted::data(elements, size);
+std::string shown(const char* chars, std::size_t /*size*/) { return chars; }
+std::string shown(const jbyte* bytes, std::size_t size) { return scripted::data(bytes, size); }
+std::string shown(const jint* types, std::size_t size) {
   std::vector<std::string> list;
-  const auto* types = static_cast<const jint*>(elements);
   for (std::size_t i = 0; i < size / sizeof *types; ++i) list.push_back(std::to_string(types[i]));
   return "{" + join(list) + "}";
 }
 
+/// A copy in a block of its own, so that sanitizers see each access beyond it.
+template <typename Element>
+Element* handOut(Element* real, std::size_t size) {
+  void* copy = __real_malloc(size);
+  held[std::memcpy(copy, real, size)] = {const_cast<std::remove_const_t<Element>*>(real), size};
+  return static_cast<Element*>(copy);
+}
+
 /// Takes a copy back. @return what the virtual machine handed out, with the copy's contents
 template <typename Element>
-Element* takeBack(const std::string& what, Element* copy) {
-  const auto found = held.find(copy);
-  if (found == held.end() || found->second.what != what)
-    giveUp("given back, but not taken: " + what);
-  const Held taken = found->second;
-  held.erase(found);
-  mark("release " + shown(what, copy, taken.size));
-  std::memcpy(taken.real, copy, taken.size);
+Element* takeBack(Element* copy) {
+  const auto taken = held.extract(copy);
+  if (taken.empty()) realEnv->FatalError("given back, but not taken");
+  const auto [real, size] = taken.mapped();
+  mark("release " + shown(copy, size));
+  std::memcpy(real, copy, size);
   __real_free(const_cast<std::remove_const_t<Element>*>(copy));
-  return static_cast<Element*>(taken.real);
+  return static_cast<Element*>(real);
 }
 
 // ---- The hooked entries ----
@@ -147,7 +130,7 @@ struct Hook<name, Element* (*)(JNIEnv*, From, jboolean*)> {
   static Element* call(JNIEnv* /*env*/, From from, jboolean* isCopy) {
     if (enter(name.chars)) return nullptr;
     Element* real = behind(realEnv, from, isCopy);
-    return handOut(name.chars + std::strlen("Get"), real, sizeOf(from, real));
+    return handOut(real, sizeOf(from, real));
   }
 };
 
@@ -160,7 +143,7 @@ struct Hook<name, void (*)(JNIEnv*, From, Element*, Mode...)> {
     enter(name.chars);
     const bool rightMode = ((mode == (std::is_same_v<From, jintArray> ? JNI_ABORT : 0)) && ...);
     if (!rightMode) violation(std::string(name.chars) + " in the wrong mode");
-    behind(realEnv, from, takeBack(name.chars + std::strlen("Release"), elements), mode...);
+    behind(realEnv, from, takeBack(elements), mode...);
   }
 };
 
@@ -176,7 +159,7 @@ JNIEnv* hookedEnv(JNIEnv* real) {
   static JNINativeInterface_ table;
   static JNIEnv env;
   realEnv = real;
-  void (*trap)() = [] { giveUp("a JNI function was called that the library does not use"); };
+  void (*trap)() = [] { realEnv->FatalError("a JNI function that the library does not use"); };
   for (std::size_t at = 0; at < sizeof table; at += sizeof trap) {
     std::memcpy(reinterpret_cast<char*>(&table) + at, &trap, sizeof trap);
   }
@@ -196,7 +179,8 @@ void begin(Run* next) {
 }
 
 void end() {
-  for (const auto& [elements, taken] : held) violation("not given back: " + taken.what);
+  for (const auto& taken : held)
+    violation(std::to_string(taken.second.second) + " bytes not given back");
   for (const auto& [block, taken] : blocks) violation("not freed: " + taken.name);
   held.clear();
   blocks.clear();
@@ -219,7 +203,7 @@ static void* allocate(std::size_t size, void* (*take)(std::size_t)) {
   return block;
 }
 
-void* __wrap_malloc(std::size_t size) {
+extern "C" void* __wrap_malloc(std::size_t size) {
   return allocate(size, [](std::size_t n) {
     void* block = __real_malloc(n);
     if (block != nullptr && n < 1 << 20) std::memset(block, 0xDD, n);  // as a used heap has it
@@ -227,11 +211,11 @@ void* __wrap_malloc(std::size_t size) {
   });
 }
 
-void* __wrap_calloc(std::size_t count, std::size_t size) {
+extern "C" void* __wrap_calloc(std::size_t count, std::size_t size) {
   return allocate(count * size, [](std::size_t n) { return __real_calloc(n, 1); });
 }
 
-void __wrap_free(void* block) {
+extern "C" void __wrap_free(void* block) {
   if (hooks::run != nullptr && block != nullptr) {
     const auto found = hooks::blocks.find(block);
     if (found == hooks::blocks.end()) return hooks::violation("freed, but not taken");

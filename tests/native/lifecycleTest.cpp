@@ -152,7 +152,7 @@ TEST(Lifecycle, EveryCallRefusesWithoutTheFunctionOrItsListOrInitialisation) {
       if (lacking == "list") bridge::pFunctionList = nullptr;
       if (lacking == "initialisation") bridge::loaded = 0;
       debug = 1;
-      const Outcome outcome = call(method.name, join(goodArguments(method)));
+      const Outcome outcome = call(method);
       EXPECT_EQ(join(outcome.moduleCalls), "");
       const bool initialised = lacking != "initialisation";
       EXPECT_EQ(outcome.code, initialised ? "80000001" : "80000003");

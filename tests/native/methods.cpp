@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <stdexcept>
 #include <type_traits>
+#include <typeindex>
 
 #include "it_quarvel_pkcs11_nat_NativePKCS11.h"
 #include "it_quarvel_pkcs11_nat_NativePKCS11Object.h"
@@ -15,17 +17,14 @@
 
 namespace {
 
-template <typename T, typename... Known>
-constexpr std::size_t indexIn() {
-  const bool same[] = {std::is_same_v<T, Known>...};
-  return static_cast<std::size_t>(std::find(std::begin(same), std::end(same), true) - same);
-}
-
 /// The letter of a JNI type; see Method.
 template <typename T>
-constexpr char letter() {
-  return "VIZJSBAOL"[indexIn<T, void, jint, jboolean, jlong, jstring, jbyteArray, jintArray,
-                             jobjectArray>()];
+char letter() {
+  static const std::map<std::type_index, char> letters = {
+      {typeid(void), 'V'},      {typeid(jint), 'I'},         {typeid(jboolean), 'Z'},
+      {typeid(jlong), 'J'},     {typeid(jstring), 'S'},      {typeid(jbyteArray), 'B'},
+      {typeid(jintArray), 'A'}, {typeid(jobjectArray), 'O'}, {typeid(jobject), 'L'}};
+  return letters.at(typeid(T));
 }
 
 // All members of a jvalue begin at its first byte.
@@ -67,11 +66,9 @@ const std::vector<Method>& methods() {
 }
 
 const Method& method(const std::string& name) {
-  for (const Method& candidate : methods()) {
-    if (candidate.name == name) return candidate;
-  }
-  std::fprintf(stderr, "no native method %s: name it in methods()\n", name.c_str());
-  std::abort();
+  const auto found = std::ranges::find(methods(), name, &Method::name);
+  if (found == methods().end()) throw std::invalid_argument("no native method " + name);
+  return *found;
 }
 
 std::string failureValue(const Method& method) {

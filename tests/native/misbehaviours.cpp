@@ -52,6 +52,12 @@ void fillTexts() {
   list.C_GetTokenInfo = fillInfo<byte>;
 }
 
+template <std::size_t call>
+void failFrom() {
+  script.failFrom = call;
+  script.failWith = ~CK_RV{0};
+}
+
 }  // namespace
 
 // tests/hostile/run.sh reads the names, each at the start of its line, in the order of their
@@ -106,16 +112,8 @@ const std::vector<Misbehaviour>& misbehaviours() {
            return CK_RV{slots != nullptr ? CKR_FUNCTION_FAILED : CKR_OK};
          };
        }},
-      {"answers -1 after its second call",
-       [] {
-         script.failFrom = 3;
-         script.failWith = ~CK_RV{0};
-       }},
-      {"answers -1 to everything",
-       [] {
-         script.failFrom = 1;
-         script.failWith = ~CK_RV{0};
-       }},
+      {"answers -1 after its second call", failFrom<3>},
+      {"answers -1 to everything", failFrom<1>},
   };
   return all;
 }
