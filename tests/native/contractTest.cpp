@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <deque>
 #include <fstream>
 #include <iomanip>
 #include <map>
@@ -20,19 +19,16 @@ using scripted::script;
 using Texts = std::vector<std::string>;
 
 struct Statement {
-  std::string text;                 // repeated ones run on
-  std::vector<std::string*> parts;  // where in `lines` they stand
+  std::string text;      // repeated ones, which stand together, run on
+  std::size_t at, size;  // in the table
 };
 
-/// One block of contract.txt; what a row does not state is not checked.
+/// One block of the table; what a row does not state is not checked.
 struct Row {
-  std::size_t line = 0;
   std::vector<std::pair<std::string, std::string>> calls;  // methods with arguments
   std::vector<std::pair<std::string, Texts>> given;        // names with alternative values
   std::map<std::string, Statement> expected;               // by keyword
 };
-
-std::deque<Texts> lines;  // of contract.txt, each in the parts that "|" separates
 
 Texts split(const std::string& text, const std::string& between) {
   Texts parts;
@@ -52,35 +48,36 @@ void addCalls(Row* row, const std::string& text) {
   }
 }
 
-void addStatement(Row* row, std::string* part) {
-  const std::size_t begin = part->find_first_not_of(' ');
-  const std::size_t end = std::min(part->find(' ', begin), part->size());
-  const std::string keyword = part->substr(begin, end - begin);
-  std::string rest = end != part->size() ? part->substr(end + 1) : "";
+void addStatement(Row* row, const std::string& text, std::size_t at) {
+  const std::string keyword = text.substr(0, text.find(' '));
+  std::string rest = text.substr(std::min(keyword.size() + 1, text.size()));
   if (keyword == "given") {
     const std::size_t equals = rest.find(" =");
     row->given.emplace_back(rest.substr(0, equals), split(rest.substr(equals + 2), " / "));
   } else {
     if (rest[0] == '"') rest = rest.substr(1, rest.size() - 2);
-    row->expected[keyword].text += rest;
-    row->expected[keyword].parts.push_back(part);
+    Statement& statement = row->expected.try_emplace(keyword, "", at, 0).first->second;
+    statement.text += rest;
+    statement.size = at + text.size() - statement.at;
   }
 }
 
-std::vector<Row> readRows() {
-  std::ifstream file(QUARVEL_CONTRACT);
+std::vector<Row> readRows(const std::string& table) {
   std::vector<Row> rows;
-  lines.clear();
-  for (std::string text; std::getline(file, text);) {
-    lines.push_back(split(text, " | "));
-    if (text.empty() || text[0] == '#') continue;
-    for (std::string& part : lines.back()) {
-      if (text[0] == ' ' || &part != &lines.back().front()) {
-        addStatement(&rows.back(), &part);
-        continue;
+  std::size_t begin = 0;
+  for (const std::string& line : split(table, "\n")) {
+    std::size_t at = begin;
+    begin += line.size() + 1;
+    if (line.empty() || line[0] == '#') continue;
+    for (const std::string& part : split(line, " | ")) {
+      if (line[0] == ' ' || at != begin - line.size() - 1) {
+        const std::size_t indent = part.find_first_not_of(' ');
+        addStatement(&rows.back(), part.substr(indent), at + indent);
+      } else {
+        if (rows.empty() || !rows.back().expected.empty()) rows.emplace_back();
+        addCalls(&rows.back(), part);
       }
-      if (rows.empty() || !rows.back().expected.empty()) rows.emplace_back().line = lines.size();
-      addCalls(&rows.back(), part);
+      at += part.size() + 3;
     }
   }
   return rows;
@@ -145,8 +142,9 @@ bool agrees(const std::string& text, const std::string& stated) {
   return text.starts_with(parts.front()) && text.ends_with(parts.back());
 }
 
-/// With QUARVEL_UPDATE in the environment a row that expects something else is rewritten.
+/// With QUARVEL_UPDATE in the environment a statement of something else is rewritten.
 const bool updating = std::getenv("QUARVEL_UPDATE") != nullptr;
+std::map<std::size_t, std::pair<std::size_t, std::string>, std::greater<>> changes;  // last first
 
 /// A text as it is stated: in quotes, the printed lines in as few as 120 columns allow.
 std::string quote(const std::string& keyword, const std::string& value) {
@@ -163,31 +161,17 @@ std::string quote(const std::string& keyword, const std::string& value) {
   return text.substr(0, text.size() - 2) + "\"";
 }
 
-/// Replaces the parts that make a statement; the others of several are dropped.
 void update(const Statement& statement, const std::string& keyword, const std::string& value) {
-  std::string* const first = statement.parts.front();
-  const std::string indent = first->substr(0, first->find_first_not_of(' '));
-  for (std::string* part : statement.parts) *part = "gone";
   const bool printed = keyword == "trace" || keyword == "always";
   const bool blank = keyword == "returns" && (value.empty() || value.ends_with(' '));
-  *first = indent + (printed || blank ? quote(keyword, value)
-                     : value.empty()  ? keyword
-                                      : keyword + " " + value);
-}
-
-void write() {
-  std::ofstream file(QUARVEL_CONTRACT);
-  for (Texts& line : lines) {
-    const bool blank = line == Texts{""};
-    std::erase(line, "gone");
-    if (!line.empty() || blank) file << join(line, " | ") << "\n";
-  }
+  changes[statement.at] = {statement.size, printed || blank ? quote(keyword, value)
+                                           : value.empty()  ? keyword
+                                                            : keyword + " " + value};
 }
 
 void check(const Row& row, std::size_t alternative, const std::string& method,
            const std::string& arguments, int tracing) {
-  SCOPED_TRACE(
-      "contract.txt:" + std::to_string(row.line) + " " + method + (tracing != 0 ? " traced" : ""));
+  SCOPED_TRACE(method + "(" + arguments + ")" + (tracing != 0 ? " traced" : ""));
   hooks::Run run;
   const FreshModule fresh;
   for (const auto& [name, values] : row.given) {
@@ -216,7 +200,7 @@ void check(const Row& row, std::size_t alternative, const std::string& method,
     const std::string name = named ? method.substr(method.find('.') + 1) : "";
     const std::string is = inTable(actual[keyword], outcome.exception, name);
     if (agrees(is, value)) continue;
-    if (updating && !statement.parts.empty()) {
+    if (updating && statement.size != 0) {
       update(statement, keyword, is);
     } else {
       EXPECT_EQ(is, value) << keyword;
@@ -227,7 +211,10 @@ void check(const Row& row, std::size_t alternative, const std::string& method,
 TEST(Contract, EveryRowOfTheTable) {
   std::set<std::string> offered;
   std::size_t rows = 0;
-  for (const Row& row : readRows()) {
+  std::ostringstream read;
+  read << std::ifstream(QUARVEL_CONTRACT).rdbuf();
+  std::string table = read.str();
+  for (const Row& row : readRows(table)) {
     std::size_t alternatives = 1;
     for (const auto& given : row.given) alternatives = std::max(alternatives, given.second.size());
     for (const auto& [method, arguments] : row.calls) {
@@ -239,7 +226,8 @@ TEST(Contract, EveryRowOfTheTable) {
     }
   }
   std::printf("contract rows: %zu\n", rows);
-  if (updating) write();
+  for (const auto& [at, change] : changes) table.replace(at, change.first, change.second);
+  if (updating) std::ofstream(QUARVEL_CONTRACT) << table;
   // What the table does not name is not offered: refused by message, the module not reached.
   for (const Method& method : methods()) {
     EXPECT_NE(method.refused, offered.contains(method.name)) << method.name;
