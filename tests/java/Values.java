@@ -24,7 +24,7 @@ class Values {
   /** Module, slot 7, session 5, in it the objects 9 and -9, and objects that are in none of it. */
   private static final Map<String, Object> NAMED = Map.of(
       "module", MODULE, "slot", SLOT, "session", SESSION,
-      "key", new NativePKCS11Object(SESSION, 9), "key2", new NativePKCS11Object(SESSION, -9),
+      "object", new NativePKCS11Object(SESSION, 9), "object2", new NativePKCS11Object(SESSION, -9),
       "orphan", new NativePKCS11Object(null, 9),
       "negative", new NativePKCS11Object(new NativePKCS11Session(null, -5), -9),
       "foreign", 1L, "true", true, "false", false);

@@ -43,12 +43,8 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
   static JNIEnv* const hooked = hooks::hookedEnv(java());
   const Method& called = method(name);
   java()->PushLocalFrame(1024);
-  if (receiver.empty()) {
-    receiver = name.starts_with("Module.")    ? "module"
-               : name.starts_with("Slot.")    ? "slot"
-               : name.starts_with("Session.") ? "session"
-                                              : "key";
-  }
+  if (receiver.empty()) receiver = name.substr(0, name.find('.'));
+  receiver[0] = static_cast<char>(std::tolower(receiver[0]));
   std::vector<jvalue> values = parse("L" + called.parameters, receiver + ", " + arguments);
   const jobject self = values.front().l;
   values.erase(values.begin());

@@ -211,9 +211,8 @@ void check(const Row& row, std::size_t alternative, const std::string& method,
 TEST(Contract, EveryRowOfTheTable) {
   std::set<std::string> offered;
   std::size_t rows = 0;
-  std::ostringstream read;
-  read << std::ifstream(QUARVEL_CONTRACT).rdbuf();
-  std::string table = read.str();
+  std::ifstream file(QUARVEL_CONTRACT);
+  std::string table(std::istreambuf_iterator<char>(file), {});
   for (const Row& row : readRows(table)) {
     std::size_t alternatives = 1;
     for (const auto& given : row.given) alternatives = std::max(alternatives, given.second.size());

@@ -96,8 +96,8 @@ const std::vector<std::string>& valuesOf(char type) {
       {'O',
        {"{\"label\", [01 02], 3, true, big[00 ff], date20130305}", "null", "{}", "{\"x\"}",
         "{1, true, null}", "{foreign}", "{null, null, null, null, null, null}",
-        "{\"x\", foreign, 3, true, key, null}", "{\"\", [], 0, false, big[00], null, 1}"}},
-      {'L', {"key", "null", "key2", "\"text\"", "7", "foreign", "big[80]"}}};
+        "{\"x\", foreign, 3, true, object, null}", "{\"\", [], 0, false, big[00], null, 1}"}},
+      {'L', {"object", "null", "object2", "\"text\"", "7", "foreign", "big[80]"}}};
   return byType.at(type);
 }
 

@@ -1,5 +1,6 @@
 // The ways in which the scripted module misbehaves, each with a name.
 #include <cstring>
+#include <tuple>
 
 #include "scripted.h"
 
@@ -10,20 +11,24 @@ namespace {
 // One for functions of any parameters; the compiler takes the version that fits the entry.
 
 /// Fills the output buffer up to its end.
-template <typename First, typename... Rest>
-CK_RV fillTheRoom(First first, Rest... rest) {
-  if constexpr (sizeof...(rest) > 1) return fillTheRoom(rest...);
-  if constexpr (sizeof...(rest) == 1) {
-    if (first != nullptr) std::memset(first, 0xEE, *(rest, ...));
-  }
-  return CKR_OK;
-}
+constexpr auto fillTheRoom = [](auto... args) {
+  const std::tuple all(args...);
+  const auto out = std::get<sizeof...(args) - 2>(all);
+  if (out != nullptr) std::memset(out, 0xEE, *(args, ...));
+  return CK_RV{CKR_OK};
+};
 
 /// Claims more output than there can be.
-template <typename... Args>
-CK_RV claimAll(Args... args) {
+constexpr auto claimAll = [](auto... args) {
   *(args, ...) = ~CK_ULONG{0};
-  return CKR_OK;
+  return CK_RV{CKR_OK};
+};
+
+/// Replaces the functions with an output buffer at their end.
+template <auto function>
+void replaceOutputs() {
+  list.C_Sign = list.C_Encrypt = list.C_Decrypt = function;
+  list.C_WrapKey = function;
 }
 
 /// Every other value of a template points nowhere, the others to memory of the module's own.
@@ -65,16 +70,8 @@ void failFrom() {
 const std::vector<Misbehaviour>& misbehaviours() {
   static const std::vector<Misbehaviour> all = {
       {"behaves", [] {}},
-      {"writes up to the room it was given",
-       [] {
-         list.C_Sign = list.C_Encrypt = list.C_Decrypt = fillTheRoom;
-         list.C_WrapKey = fillTheRoom;
-       }},
-      {"claims an output of all ones",
-       [] {
-         list.C_Sign = list.C_Encrypt = list.C_Decrypt = claimAll;
-         list.C_WrapKey = claimAll;
-       }},
+      {"writes up to the room it was given", replaceOutputs<fillTheRoom>},
+      {"claims an output of all ones", replaceOutputs<claimAll>},
       {"hands out handle 0", [] { script.handle = 0; }},
       {"hands out all ones", [] { script.handle = ~CK_ULONG{0} - 1; }},
       {"finds more than was asked for",

@@ -70,10 +70,8 @@ CK_RV record(const std::string& function, auto... args) {
   arguments.add(args...);
   calls.push_back(function + "(" + arguments.shown + ")");
   if (script.failFrom != 0 && calls.size() >= script.failFrom) return script.failWith;
-  for (const std::string& key : {function, std::string("*")}) {
-    if (script.answers.contains(key)) return script.answers.at(key);
-  }
-  return CKR_OK;
+  const auto found = script.answers.find(script.answers.contains(function) ? function : "*");
+  return found != script.answers.end() ? found->second : CKR_OK;
 }
 
 // ---- Answers ----
@@ -114,6 +112,11 @@ template <Name name, typename... Args>
 CK_RV plain(Args... args) {
   const CK_RV rv = record(name.chars, args...);
   return rv != CKR_OK ? rv : Outputs::fill(args...);
+}
+
+template <Name name, auto items>
+CK_RV listed(auto selector, CK_ULONG* to, CK_ULONG* count) {
+  return give(record(name.chars, selector, static_cast<void*>(to)), script.*items, to, count);
 }
 
 CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE* attr,
@@ -167,14 +170,8 @@ void reset() {
       // clang-format on
       list.C_GetAttributeValue = getAttributeValue;
   list.C_FindObjects = findObjects;
-  list.C_GetSlotList = [](CK_BBOOL present, CK_SLOT_ID* slots, CK_ULONG* count) {
-    const CK_RV rv = record("C_GetSlotList", present, static_cast<void*>(slots));
-    return give(rv, script.slots, slots, count);
-  };
-  list.C_GetMechanismList = [](CK_SLOT_ID slot, CK_MECHANISM_TYPE* mechs, CK_ULONG* count) {
-    const CK_RV rv = record("C_GetMechanismList", slot, static_cast<void*>(mechs));
-    return give(rv, script.mechanisms, mechs, count);
-  };
+  list.C_GetSlotList = listed<"C_GetSlotList", &Script::slots>;
+  list.C_GetMechanismList = listed<"C_GetMechanismList", &Script::mechanisms>;
   if (char* sizes = std::getenv("QUARVEL_LIES"); sizes != nullptr) {
     const CK_ULONG first = std::strtoul(sizes, &sizes, 0);
     script.lies = {first, std::strtoul(sizes, nullptr, 0)};
