@@ -284,6 +284,23 @@ TEST_F(Adapter, TakesTurnsWhereTheModuleCannotLock) {
   EXPECT_EQ(scripted::calls, std::vector<std::string>{"C_CloseSession(0x7F0000000010)"});
 }
 
+TEST_F(Adapter, EndsWhenThreadsHaveReturned) {
+  static std::atomic<bool> inside, mayLeave;
+  module.C_SeedRandom = [](H, CK_BYTE*, CK_ULONG) {
+    for (inside = true; !mayLeave;) std::this_thread::yield();
+    return kOk;
+  };
+  const H session = open(kWide);
+  std::jthread caller([&] { EXPECT_EQ(p11->C_SeedRandom(session, nullptr, 0), CKR_OK); });
+  while (!inside) std::this_thread::yield();
+  std::jthread closer([&] { EXPECT_EQ(p11->C_Finalize(nullptr), CKR_OK); });
+  while (p11->C_Logout(session) == CKR_OK) std::this_thread::yield();
+  EXPECT_EQ(scripted::calls.back(), "C_Logout(0x7F0000000010)") << "and no C_Finalize";
+  mayLeave = true;
+  closer.join();
+  EXPECT_EQ(scripted::calls.back(), "C_Finalize(null)");
+}
+
 TEST_F(Adapter, WorksInAChildWhileItsParentIsBusy) {
   const H session = open(kWide), object = make(session, kWide);
   module.C_GetObjectSize = succeed;
@@ -404,6 +421,10 @@ TEST_F(Adapter, ReadsAhead) {
   EXPECT_EQ(fetch(session, {1}), Handles{1}) << "the search is still active";
   EXPECT_EQ(p11->C_FindObjectsFinal(session), CKR_OK);
   EXPECT_EQ(fetch(session, {1}), Handles{0});
+  module.C_FindObjects = [](H, H*, CK_ULONG room, CK_ULONG* count) {
+    return *count = room + 1, kOk;
+  };
+  EXPECT_EQ(fetch(session, {1}), Handles{kFailed}) << "more than was asked for";
 }
 
 // ---- Loading ----

@@ -99,22 +99,34 @@ class PKCS11ModuleTest {
     }
   }
 
-  /** For 20 rounds, or as many seconds as the system property quarvel.seconds says. */
+  /** For 20 rounds, or as many seconds as the system property quarvel.seconds says; and at the end. */
   @Test
   void servesEightThreads() throws Exception {
     long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(Integer.getInteger("quarvel.seconds", 0));
-    try (PKCS11Module module = open();
-        NativePKCS11Session login = module.token("demo").openSession()) {
+    PKCS11Module module = open();
+    try {
+      NativePKCS11Session login = module.token("demo").openSession();
       login.login(PIN);
       NativePKCS11Session.KeyPair pair = login.generateKeyPair(CKM_RSA_PKCS_KEY_PAIR_GEN,
           new PKCS11Template().put(CKA_MODULUS_BITS, 2048), new PKCS11Template());
       List<Callable<Integer>> uses = new ArrayList<>();
+      List<Callable<Object>> ends = new ArrayList<>();
       for (int i = 0; i < 8; i++) {
         String label = "thread " + i;
         uses.add(() -> use(login.slot(), label, pair, end));
+        ends.add(() -> assertThrows(
+            PKCS11Exception.class, () -> use(login.slot(), label, pair, Long.MAX_VALUE)));
       }
       System.out.println(
           "eight threads: " + EndToEndTest.inEightThreads(uses) + " signatures verified");
+      ends.set(0, () -> {
+        Thread.sleep(100);
+        module.close();
+        return null;
+      });
+      EndToEndTest.inEightThreads(ends);
+    } finally {
+      module.close();
     }
   }
 

@@ -227,6 +227,10 @@ class ProviderTest {
     assertTrue(store.isCertificateEntry("CA") && store.isKeyEntry("bare-key 05"));
     assertNull(store.getCertificateChain("bare-key 05"));
     assertNull(store.getKey("none", null));
+    PrivateKey earlier = key("rsa2048");
+    store.load(null, PIN);
+    assertEquals(earlier, key("rsa2048"));
+    assertNotEquals(earlier, key("bare-key 05"));
     assertNull(store.getCertificate("none"));
     assertNull(key("bare-key 05").getEncoded());
     assertThrows(NotSerializableException.class,
@@ -272,6 +276,8 @@ class ProviderTest {
         IOException.class, () -> store.load(null, "98765".toCharArray())).getCause().getClass());
     assertThrows(FailedLoginException.class,
         () -> provider.login(null, answering(List.of("98765"), asked)));
+    assertThrows(IOException.class,
+        () -> load(configured(URI + "&pin-source=file:/dev/zero"), null));
     // Nothing was left open.
     PKCS11Module.open(EndToEndTest.MODULE).close();
   }
