@@ -288,6 +288,10 @@ TEST_F(Adapter, EndsWhenThreadsHaveReturned) {
   static std::atomic<bool> inside, mayLeave;
   module.C_SeedRandom = [](H, CK_BYTE*, CK_ULONG) {
     for (inside = true; !mayLeave;) std::this_thread::yield();
+    return inside = false, kOk;
+  };
+  module.C_Finalize = [](void*) {
+    EXPECT_FALSE(inside);
     return kOk;
   };
   const H session = open(kWide);
@@ -295,10 +299,8 @@ TEST_F(Adapter, EndsWhenThreadsHaveReturned) {
   while (!inside) std::this_thread::yield();
   std::jthread closer([&] { EXPECT_EQ(p11->C_Finalize(nullptr), CKR_OK); });
   while (p11->C_Logout(session) == CKR_OK) std::this_thread::yield();
-  EXPECT_EQ(scripted::calls.back(), "C_Logout(0x7F0000000010)") << "and no C_Finalize";
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
   mayLeave = true;
-  closer.join();
-  EXPECT_EQ(scripted::calls.back(), "C_Finalize(null)");
 }
 
 TEST_F(Adapter, WorksInAChildWhileItsParentIsBusy) {
