@@ -234,6 +234,7 @@ TEST_F(Adapter, UndoesWhatItHasNoMemoryFor) {
     }
     heapLeft = -1;
     EXPECT_EQ(rv, blocks < 4 ? CKR_HOST_MEMORY : CKR_OK);
+    EXPECT_EQ(scripted::calls.size(), blocks == 2 || blocks == 3 ? 4 : 2);
     EXPECT_EQ(called("C_CloseSession(0x7F0000000010)"), blocks < 2);
     for (const char* key : {"C_DestroyObject(0x7F0000000010, 0x7F0000000011)",
                             "C_DestroyObject(0x7F0000000010, 0x7F0000000012)"}) {
@@ -320,8 +321,8 @@ TEST_F(Adapter, WorksInAChildWhileItsParentIsBusy) {
 
 TEST_F(Adapter, AnswersAListWithRoomForNone) {
   EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, &made, &size), CKR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(scripted::calls.back(), "C_GetSlotList(1, null)")
-      << "else too small, if empty, to some";
+  // Some would find an empty list too large for no room.
+  EXPECT_EQ(scripted::calls.back(), "C_GetSlotList(1, null)");
   EXPECT_EQ(size, 2);
   script.slots.clear();
   EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, &made, &(size = 0)), CKR_OK);
