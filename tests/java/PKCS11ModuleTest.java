@@ -15,7 +15,7 @@ import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.*;
 
-/** Opens modules behind the adapter, the SoftHSM2 of {@link EndToEndTest} above all. */
+/** Opens modules: the SoftHSM2 of {@link EndToEndTest} behind the adapter, and odd ones. */
 class PKCS11ModuleTest {
   static final Path BUILD = EndToEndTest.CLASSES.resolve("../..").normalize();
   static final String AWKWARD = BUILD.resolve("tests/libawkward.so").toString();
