@@ -181,6 +181,7 @@ class EndToEndTest {
     Locale.setDefault(Locale.forLanguageTag(tag));
     PKCS11Template changes = new PKCS11Template().put(CKA_START_DATE, END)
         .put(CKA_LABEL, "chang\u00e9e").put(CKA_ID, DATA);
+    assertArrayEquals(new int[] {CKA_START_DATE, CKA_LABEL, CKA_ID}, changes.types());
     key.setAttributeValues(changes);
     assertArrayEquals("20310228".getBytes(UTF_8), key.getByteArrayAttributeValue(CKA_START_DATE));
     assertAttributes(key, changes);

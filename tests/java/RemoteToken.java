@@ -6,8 +6,10 @@ import java.nio.file.*;
 
 /** A token behind a p11-kit server that dies in mid-session and comes back. */
 class RemoteToken {
+  private static final String MODULE = System.getenv("QUARVEL_PKCS11_MODULE");
+
   public static void main(String[] args) throws Exception {
-    try (PKCS11Module module = open()) {
+    try (PKCS11Module module = PKCS11Module.openDirect(MODULE)) {
       NativePKCS11Session session = logIn(module);
       ProcessHandle server =
           ProcessHandle.of(Long.parseLong(System.getenv("P11_KIT_SERVER_PID"))).get();
@@ -26,18 +28,14 @@ class RemoteToken {
     Path socket = Path.of(System.getenv("P11_KIT_SERVER_ADDRESS").replace("unix:path=", ""));
     Files.delete(socket);
     Process revived = new ProcessBuilder("p11-kit", "server", "--foreground", "--provider",
-        "/usr/lib/softhsm/libsofthsm2.so", "--name", socket.toString(), "pkcs11:token=demo").start();
+        "/usr/lib/softhsm/libsofthsm2.so", "--name", "" + socket, "pkcs11:token=demo").start();
     for (int i = 0; i < 1000 && !Files.exists(socket); i++) Thread.sleep(10);
-    try (PKCS11Module module = open()) {
+    try (PKCS11Module module = PKCS11Module.openDirect(MODULE)) {
       logIn(module);
     } finally {
       revived.destroy();
       revived.waitFor();
     }
-  }
-
-  private static PKCS11Module open() throws PKCS11Exception {
-    return PKCS11Module.openDirect(System.getenv("QUARVEL_PKCS11_MODULE"));
   }
 
   private static NativePKCS11Session logIn(PKCS11Module module) throws PKCS11Exception {
