@@ -42,24 +42,22 @@ struct Arguments {
   std::string shown;
 
   void add() {}
-  void add(CK_ATTRIBUTE* attr, CK_ULONG count, auto... rest) {
-    show(entries(attr, count), rest...);
-  }
-  void add(CK_BYTE* bytes, CK_ULONG size, auto... rest) { show(data(bytes, size), rest...); }
+  void add(CK_ATTRIBUTE* attr, CK_ULONG count, auto... rest) { add(entries(attr, count), rest...); }
+  void add(CK_BYTE* bytes, CK_ULONG size, auto... rest) { add(data(bytes, size), rest...); }
   void add(CK_BYTE* bytes, CK_ULONG* room) { add(static_cast<void*>(bytes), *room); }
   void add(CK_MECHANISM* mechanism, auto... rest) {
     const char* with = mechanism->pParameter != nullptr ? " with parameter" : "";
-    show("mech " + number(mechanism->mechanism) + with, rest...);
+    add("mech " + number(mechanism->mechanism) + with, rest...);
   }
-  void add(std::integral auto value, auto... rest) { show(number(value), rest...); }
+  void add(std::integral auto value, auto... rest) { add(number(value), rest...); }
   template <typename Output>
   requires std::is_class_v<Output> || std::is_same_v<Output, CK_ULONG>
   void add(Output* /*output*/, auto... rest) { add(rest...); }
-  void add(auto pointer, auto... rest) { show(pointer == nullptr ? "null" : "pointer", rest...); }
-
- private:
-  void show(const std::string& first, auto... rest) {
-    shown += (shown.empty() ? "" : ", ") + first;
+  void add(auto pointer, auto... rest) {
+    add(std::string(pointer == nullptr ? "null" : "pointer"), rest...);
+  }
+  void add(const std::string& part, auto... rest) {
+    shown += (shown.empty() ? "" : ", ") + part;
     add(rest...);
   }
 };
