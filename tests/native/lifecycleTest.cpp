@@ -3,8 +3,10 @@
 #include <stdio_ext.h>
 
 #include <cfenv>
+#include <fstream>
 #include <map>
 #include <optional>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -102,7 +104,6 @@ TEST(Lifecycle, EveryOrderOfTheThreeMethods) {
   EXPECT_EQ(run("if"), kRefused + "; void");
 }
 
-// traceLog.sh reads what is in the log then.
 TEST(Lifecycle, TheEnvironmentSwitchesTheTraceOnAndRedirectsIt) {
   scripted::reset();
   setenv("PKCS11_ZOV_DEBUG", "", 1);
@@ -112,6 +113,15 @@ TEST(Lifecycle, TheEnvironmentSwitchesTheTraceOnAndRedirectsIt) {
   EXPECT_EQ(debug, 1);
   EXPECT_NE(__flbf(stdout), 0);  // a crash inside a module leaves its last line in the log
   debug = 0;
+  std::ostringstream log;
+  log << std::ifstream("/var/tmp/vorlenk0.log").rdbuf();
+  const std::string traced = log.str().substr(0, log.str().find('\2'));  // a mark of the tests
+  EXPECT_EQ(std::regex_replace(traced, std::regex("(Done: |ptr=)[0-9a-f]{6,}"), "$1X"),
+            "setting debug to 1\nJNI: start loadPKCS11Library (arg= " + scripted::file() +
+                ")\nJNI:BRIDGE: Start loading library... Done: X\n"
+                "JNI:BRIDGE: Getting FuncList address... Done: X\n"
+                "JNI:BRIDGE: Calling FuncList... Done: X\n"
+                "JNI: library loaded: (FuncList ptr=X)\nJNI: end loadPKCS11Library\n");
 }
 
 // The silent module is linked with -ffast-math, the scripted one is made to round otherwise.
