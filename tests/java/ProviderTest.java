@@ -351,7 +351,10 @@ class ProviderTest {
 
   // ---- Libraries of the JDK ----
 
-  /** Some on a token that lacks mechanisms; the first one that is taken away stays. */
+  /**
+   * With the token at both ends, then OpenSSL at the other one. Some rows are of a token that lacks
+   * mechanisms; the first one that is taken away stays.
+   */
   @ParameterizedTest
   @CsvSource({"TLSv1.3,rsa2048,", "TLSv1.2,rsa2048,", "TLSv1.3,prime256v1,", "TLSv1.2,prime256v1,",
       "TLSv1.3,ed25519,", "TLSv1.3,rsa2048,RSA_X_509", "TLSv1.2,rsa2048,RSA_X_509 SHA1_RSA_PKCS_PSS"
@@ -379,19 +382,25 @@ class ProviderTest {
     try (SSLServerSocket listening =
             (SSLServerSocket) context.getServerSocketFactory().createServerSocket(0)) {
       listening.setNeedClientAuth(true);
-      FutureTask<Object> server = new FutureTask<>(() -> {
-        try (SSLSocket socket = (SSLSocket) listening.accept()) {
-          socket.getOutputStream().write(socket.getInputStream().read() + 1);
-          return socket.getSession().getPeerCertificates()[0];
+      FutureTask<List<Object>> server = new FutureTask<>(() -> {
+        List<Object> peers = new ArrayList<>();
+        while (peers.size() < 2) {
+          try (SSLSocket socket = (SSLSocket) listening.accept()) {
+            socket.getOutputStream().write(42);
+            peers.add(socket.getSession().getPeerCertificates()[0]);
+          }
         }
+        return peers;
       });
       new Thread(server).start();
-      try (Socket client = context.getSocketFactory().createSocket("localhost",
-              listening.getLocalPort())) {
-        client.getOutputStream().write(41);
+      int port = listening.getLocalPort();
+      try (Socket client = context.getSocketFactory().createSocket("localhost", port)) {
         assertEquals(42, client.getInputStream().read());
-        assertEquals(certificates.get(name), server.get());
       }
+      EndToEndTest.output("openssl s_client -connect localhost:%d -CAstore %s/ca.der -cert %2$s/%s.der"
+          .formatted(port, DIR, name) + " -verify_return_error -key %s/%s.key -%s".formatted(DIR, name,
+              protocol.replace("TLSv1.", "tls1_")));
+      assertEquals(Collections.nCopies(2, certificates.get(name)), server.get());
     }
   }
 
