@@ -1,7 +1,7 @@
 #!/bin/bash
 # The native tests and the demo for arm64, on the Java, SoftHSM2 and C library of this Debian for
 # arm64, emulated: arm64.sh JAR DEMO CACHE. What is fetched and built stays in CACHE.
-. "$(dirname "$(readlink -f "$0")")/unpack.sh"
+. "$(dirname "$(readlink -f "$0")")/elsewhere.sh"
 root=$cache/arm64 build=$cache/arm64.build
 unpack "$root" "$(. /etc/os-release && echo "$VERSION_CODENAME")" arm64 default-jre-headless softhsm2 libgtest-dev
 cd "$tests/.."

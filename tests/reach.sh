@@ -2,7 +2,7 @@
 # The jar of all variants on this machine's C library, older ones and musl, and on other versions of
 # Java: reach.sh JAR DEMO CACHE. Each ends in the last line of the demo, or in what it lacks. What is
 # fetched stays in CACHE.
-. "$(dirname "$(readlink -f "$0")")/unpack.sh"
+. "$(dirname "$(readlink -f "$0")")/elsewhere.sh"
 [ "$(uname -m)" = x86_64 ] || skip 'what is fetched is for x86-64'
 start_module server # a SoftHSM2, and a client for programs that cannot load it themselves
 fill_token
