@@ -210,14 +210,14 @@ class CliTest {
     return new Run(status, out.toString(UTF_8), err.toString(UTF_8));
   }
 
-  /** Starts a process of its own, in which OpenSC's spy notes the calls. */
+  /** Starts a process of its own, in which OpenSC's spy notes the calls; or with the odd module. */
   static Process start(String log, String arguments) throws Exception {
     String module = arguments.contains("--module") ? "" : " --module $(ls /usr/lib/*/pkcs11-spy.so)";
     ProcessBuilder builder = new ProcessBuilder("sh", "-c",
         "exec \"$0\" -cp \"$1\" it.quarvel.pkcs11.cli.Main " + arguments + module,
         System.getProperty("java.home") + "/bin/java", System.getProperty("java.class.path"));
-    builder.environment().putAll(Map.of(
-        "PKCS11SPY", EndToEndTest.MODULE, "PKCS11SPY_OUTPUT", dir.resolve(log + ".log").toString()));
+    builder.environment().putAll(Map.of("QUARVEL_MISBEHAVIOUR", "1", "PKCS11SPY",
+        EndToEndTest.MODULE, "PKCS11SPY_OUTPUT", dir.resolve(log + ".log").toString()));
     return builder.redirectError(ProcessBuilder.Redirect.DISCARD).start();
   }
 

@@ -18,7 +18,7 @@ import org.junit.jupiter.params.provider.*;
 /** Opens modules: the SoftHSM2 of {@link EndToEndTest} behind the adapter, and odd ones. */
 class PKCS11ModuleTest {
   static final Path BUILD = EndToEndTest.CLASSES.resolve("../..").normalize();
-  static final String AWKWARD = BUILD.resolve("tests/libawkward.so").toString();
+  static final String ODD = BUILD.resolve("tests/libodd.so").toString();
   static final char[] PIN = EndToEndTest.PIN.toCharArray();
 
   @TempDir static Path dir;
@@ -26,7 +26,7 @@ class PKCS11ModuleTest {
   @BeforeAll
   static void makeFiles() throws Exception {
     Files.writeString(dir.resolve("text"), "a text that is longer than a header");
-    byte[] library = Files.readAllBytes(BUILD.resolve("tests/libodd.so"));
+    byte[] library = Files.readAllBytes(Path.of(ODD));
     String lacking = new String(library, ISO_8859_1).replace("libc.so.6", "libx.so.6");
     Files.write(dir.resolve("lacking.so"), lacking.getBytes(ISO_8859_1));
     Files.write(dir.resolve("cut.so"), Arrays.copyOf(library, 5000));
@@ -153,11 +153,11 @@ class PKCS11ModuleTest {
     return rounds;
   }
 
-  // ---- Modules with ways that real ones have, see native/awkward.cpp ----
+  // ---- Modules with ways that real ones have, see native/odd.cpp ----
 
   @Test
   void listsNoTokens() throws Exception {
-    try (PKCS11Module module = PKCS11Module.openDirect(AWKWARD)) {
+    try (PKCS11Module module = PKCS11Module.openDirect(ODD)) {
       assertEquals(List.of(), module.tokens());
       EndToEndTest.assertFails("no token labelled \"x\"; there is none", () -> module.token("x"));
       assertEquals(2, module.slots().size());
@@ -169,7 +169,7 @@ class PKCS11ModuleTest {
   @ParameterizedTest
   @ValueSource(ints = {0, 1024, 1025})
   void asksForALengthOnlyAfterARefusal(int length) throws Exception {
-    try (PKCS11Module module = PKCS11Module.openDirect(AWKWARD)) {
+    try (PKCS11Module module = PKCS11Module.openDirect(ODD)) {
       NativePKCS11Session session = new NativePKCS11Session(module.slots().get(0), 1);
       NativePKCS11Object key = new NativePKCS11Object(session, 1);
       byte[] expected = "x".repeat(length).getBytes(ISO_8859_1);
