@@ -56,6 +56,10 @@ class CliTest {
         found("  (?:label|id) +((?=cl|00).+)", ours));
     assertTrue(ours.contains("  \"\\\\u000A\\u202E\ud83d\ude00*"), ours);
     assertTrue(ours.matches("(?s).*\n  subject +CN=Test\n  issuer +CN=Test\n.*"), ours);
+    String slots = EndToEndTest.openSc("--show-info --list-slots");
+    assertEquals(found("(?:\\(ver |serial num +: |Slot 0 .*: )([^)\n]+)", slots),
+        found("(?:library version|serial number|Slot \\d+:) +(.+)",
+            run("info").out + run("slots --token demo").out));
     // OpenSC has other names for two of them.
     assertEquals(found("(?m)^  ([^,]+)", EndToEndTest.openSc("--list-mechanisms")
         .replace("mechtype-0x210A", "AES-KEY-WRAP-PAD").replace("ECDSA-KEY", "EC-KEY")),
