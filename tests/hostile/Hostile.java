@@ -1,3 +1,4 @@
+import it.quarvel.pkcs11.PKCS11Constants;
 import java.lang.reflect.Array;
 
 /**
@@ -5,14 +6,10 @@ import java.lang.reflect.Array;
  * MODULE KIND. Prints what became of it as the last line.
  */
 final class Hostile {
-  private static final int CKA_ID = 0x102;
-
-  private Hostile() {}
-
   public static void main(String[] args) {
     try {
       Operation.Kind kind = Operation.Kind.valueOf(args[2]);
-      Operation op = Operation.of("", kind, kind == Operation.Kind.READ ? CKA_ID : 16);
+      Operation op = Operation.of("", kind, kind == Operation.Kind.READ ? PKCS11Constants.CKA_ID : 16);
       Object result =
           args[0].equals("library")
               ? new Library(args[1]).apply(op).call()
