@@ -232,7 +232,6 @@ class ProviderTest {
     store.load(null, PIN);
     assertEquals(earlier, key("rsa2048"));
     assertNotEquals(earlier, key("bare-key 05"));
-    assertNull(store.getCertificate("none"));
     assertNull(key("bare-key 05").getEncoded());
     assertThrows(NotSerializableException.class,
         () -> new ObjectOutputStream(OutputStream.nullOutputStream()).writeObject(key("rsa2048")));

@@ -10,17 +10,12 @@ start_module "$module"
 
 junit=$(printf '%s:' /usr/share/java/junit-platform-*.jar /usr/share/java/junit-jupiter*.jar \
   /usr/share/java/{opentest4j,apiguardian-api,picocli}.jar)
-status=0
 QUARVEL_KEYS=$(readlink -f "$(dirname "$0")/../provider/keys.sh")
 export QUARVEL_KEYS QUARVEL_CLASSES=$classes
 "$jdk/bin/java" -Xcheck:jni -cp "$jar:$classes:$junit" \
   org.junit.platform.console.ConsoleLauncher --disable-banner --disable-ansi-colors \
   --fail-if-no-tests --include-classname "$test" --scan-classpath "$classes" \
-  >"$TOKEN_DIR/log" 2>&1 || status=$?
-if [ "$status" -ne 0 ]; then
-  cat "$TOKEN_DIR/log"
-  exit "$status"
-fi
+  >"$TOKEN_DIR/log" 2>&1 || { cat "$TOKEN_DIR/log"; exit 1; }
 grep -E 'tests (successful|failed)' "$TOKEN_DIR/log"
 if grep -E 'FATAL|WARNING in native|WARNING: JNI' "$TOKEN_DIR/log" | grep -v 'JNI local refs'; then
   echo "-Xcheck:jni has something to say" >&2

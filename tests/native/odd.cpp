@@ -17,10 +17,7 @@ const std::vector<Misbehaviour>& misbehaviours() {
   static const std::vector<Misbehaviour> all = {
       {"is awkward",
        [] {
-         list.C_Initialize = [](void*) {
-           script.slots = {1, 2};
-           return CK_RV{CKR_OK};
-         };
+         script.slots = {1, 2};
          // No reader has a token. A list of none is refused as too long for its buffer.
          list.C_GetSlotList = [](CK_BBOOL tokenPresent, CK_SLOT_ID* slots, CK_ULONG* count) {
            *count = tokenPresent ? 0 : script.slots.size();
