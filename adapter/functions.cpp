@@ -192,10 +192,11 @@ CK_RV getSlotList(CK_BBOOL present, CK_SLOT_ID* slots, CK_ULONG* count) {
   return CKR_OK;
 }
 
-/// Never in turn: it waits, and others must not wait for it.
+/// Never in turn, nor under way: it waits, and others, the end included, must not wait for it.
 CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* reserved) {
   const CK_C_WaitForSlotEvent function = module::functionOf(&List::C_WaitForSlotEvent);
   if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
+  if (!module::isInitialised) return CKR_CRYPTOKI_NOT_INITIALIZED;
   const CK_RV rv = function(flags, slot, reserved);
   if (rv != CKR_OK || slot == nullptr) return rv;
   return Handles()->numberSlot(slot) ? CKR_OK : CKR_HOST_MEMORY;

@@ -66,7 +66,6 @@ template <typename... Roles>
 [[gnu::noinline]] void resolve(Context* context, Roles&... roles) {
   const Handles handles;
   (void)((roles.resolve(context, handles), context->rv == CKR_OK) && ...);
-  if (context->rv != CKR_OK && !module::isInitialised) context->rv = CKR_CRYPTOKI_NOT_INITIALIZED;
 }
 
 /// A whole call.
@@ -74,7 +73,7 @@ template <typename Function, typename... Roles>
 [[gnu::always_inline]] inline CK_RV run(Function function, Roles&&... roles) {
   if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
   const module::Call underWay;
-  if (underWay.isTooLate()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  if (!underWay.getsIn()) return CKR_CRYPTOKI_NOT_INITIALIZED;
   Context context;
   (roles.prepare(&context), ...);
   if (context.rv == CKR_OK && !(roles.passes() && ...)) resolve(&context, roles...);

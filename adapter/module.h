@@ -44,7 +44,7 @@ Function functionOf(Function CK_FUNCTION_LIST::*entry) {
 extern std::atomic<long> callsUnderWay;  // calls between their start and their return
 extern std::atomic<long> closings;       // ends of the module under way, or waiting to be
 
-/// A call from its start to its return. The end of the module waits for it, or it comes too late.
+/// A call from its start to its return. The end of the module waits for it, or it does not get in.
 class Call {
  public:
   Call() { ++callsUnderWay; }
@@ -52,7 +52,8 @@ class Call {
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
 
-  bool isTooLate() const { return closings != 0; }
+  /// Whether the module is initialised and shall stay so.
+  bool getsIn() const { return closings == 0 && isInitialised; }
 };
 
 /// The end of the module: nobody is, or comes, inside while this lives.
@@ -71,10 +72,10 @@ class Turn : Lock {
   Turn() : Lock(isSerial.load(std::memory_order_acquire) ? &turns : nullptr) {}
 };
 
-/// Loads the real module and fetches its function list, afresh while nothing is initialised. Its
-/// path stands in a file beside this library, named as it with ".module" added, else in
-/// QUARVEL_PKCS11_ADAPTED_MODULE. It is never closed: threads and thread-local destructors that it
-/// leaves behind need its code.
+/// Loads the real module and fetches its function list, afresh while nothing is initialised, and
+/// after an end that failed: whoever asks then starts over. Its path stands in a file beside this
+/// library, named as it with ".module" added, else in QUARVEL_PKCS11_ADAPTED_MODULE. It is never
+/// closed: threads and thread-local destructors that it leaves behind need its code.
 /// @return CKR_ARGUMENTS_BAD: no path, or one of PATH_MAX and more; CKR_LIBRARY_LOAD_FAILED: the
 /// dynamic linker refused it; CKR_FUNCTION_NOT_SUPPORTED: it has no C_GetFunctionList;
 /// CKR_FUNCTION_REJECTED: it is, or leads back to, this library; CKR_GENERAL_ERROR: it succeeded
@@ -84,7 +85,7 @@ CK_RV load();
 /// C_Initialize with the caller's own arguments, null included, and locking asked for. Where the
 /// module refuses that, or the environment has QUARVEL_PKCS11_ADAPTER_SERIAL, calls take turns. A
 /// module that somebody else in the process initialised is shared: calls take turns, and `finalize`
-/// leaves it alone.
+/// leaves it alone. One that is still ours, since its end failed, is used as before.
 CK_RV initialize(const CK_C_INITIALIZE_ARGS* arguments);
 
 /// Whether the module is somebody else's to finalise.

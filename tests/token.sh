@@ -29,6 +29,7 @@ need() {
 in_namespace() {
   [ -z "${QUARVEL_NAMESPACE-}" ] || return 0
   unshare -m true 2>/dev/null || skip "no mount namespace for this user"
+  rm -rf "${TOKEN_DIR-}"
   QUARVEL_NAMESPACE=1 exec unshare -m "$0" "${token_arguments[@]}"
 }
 

@@ -152,6 +152,7 @@ TEST_F(Adapter, NumbersHandlesThatDoNotFit) {
 
 TEST_F(Adapter, RefusesNumbersThatItNeverGaveOut) {
   module.C_SetOperationState = succeed;
+  module.C_WaitForSlotEvent = succeed;
   const H s = open(kWide), key = make(s, kWide), none = 0x7FFFFFF0;
   scripted::calls.clear();
   EXPECT_EQ(use(none, key), kNoSession);
@@ -169,7 +170,9 @@ TEST_F(Adapter, RefusesNumbersThatItNeverGaveOut) {
   EXPECT_EQ(p11->C_SetOperationState(s, nullptr, 0, key, 0), CKR_OK) << "0: no key";
   EXPECT_EQ(p11->C_DigestKey(s, key), CKR_FUNCTION_NOT_SUPPORTED) << "the module lacks it";
   EXPECT_EQ(p11->C_Finalize(nullptr), CKR_OK);
-  EXPECT_EQ(p11->C_CloseSession(s), CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(p11->C_CloseSession(1), CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(p11->C_WaitForSlotEvent(0, &made, nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(scripted::calls.back(), "C_Finalize(null)");
 }
 
 TEST_F(Adapter, ForgetsWhatEnds) {
@@ -211,6 +214,19 @@ TEST_F(Adapter, PutsBackWhatTheModuleDidNotEnd) {
   EXPECT_EQ(p11->C_CloseAllSessions(7), CKR_GENERAL_ERROR);
   EXPECT_EQ(p11->C_Finalize(nullptr), CKR_GENERAL_ERROR);
   EXPECT_EQ(use(session, object), (Handles{kWide, kWide}));
+
+  // Whoever asks for the list then starts over, perhaps with another module.
+  setenv("QUARVEL_PKCS11_ADAPTED_MODULE", "libc.so.6", 1);
+  EXPECT_EQ(C_GetFunctionList(&p11), CKR_FUNCTION_NOT_SUPPORTED);
+  setenv("QUARVEL_PKCS11_ADAPTED_MODULE", scripted::file().c_str(), 1);
+  script.answers = {{"C_Initialize", CKR_CRYPTOKI_ALREADY_INITIALIZED}};
+  EXPECT_EQ(C_GetFunctionList(&p11), CKR_OK);
+  EXPECT_EQ(p11->C_Initialize(nullptr), CKR_OK);
+  EXPECT_EQ(use(session, object), kNoSession);
+  EXPECT_EQ(p11->C_Finalize(nullptr), CKR_OK);
+  EXPECT_EQ(scripted::calls.back(), "C_Finalize(null)") << "still ours to end";
+  EXPECT_EQ(p11->C_Initialize(nullptr), CKR_OK);
+
   for (const CK_RV pulled : {CKR_SESSION_HANDLE_INVALID, CKR_SESSION_CLOSED, CKR_DEVICE_REMOVED}) {
     script = {};
     const H number = open(kWide + 1);
@@ -311,8 +327,11 @@ TEST_F(Adapter, WorksInAChildWhileItsParentIsBusy) {
     while (!stop.stop_requested()) p11->C_GetObjectSize(session, object, nullptr);
   });
   for (int i = 0; i < 100; ++i) {
-    if (fork() == 0)
-      _exit(alarm(20) + static_cast<int>(p11->C_GetObjectSize(session, object, nullptr)));
+    if (fork() == 0) {
+      alarm(20);
+      _exit(p11->C_GetObjectSize(session, object, nullptr) != CKR_OK ||
+            p11->C_Finalize(nullptr) != CKR_OK);
+    }
     int status = -1;
     wait(&status);
     EXPECT_EQ(status, 0);

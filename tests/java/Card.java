@@ -25,8 +25,7 @@ class Card {
     application.destroy();
     seen.add(session.getIdentrusObject().objectID());
     module.close();
-    if (!seen.equals(List.of(0, application.objectID(), 3, 8, -112, 0))) {
-      throw new AssertionError(seen);
-    }
+    List<Integer> expected = List.of(0, application.objectID(), 3, 8, -112, 0);
+    if (!seen.equals(expected)) throw new AssertionError(seen);
   }
 }

@@ -228,10 +228,8 @@ class ProviderTest {
     assertTrue(store.isCertificateEntry("CA") && store.isKeyEntry("bare-key 05"));
     assertNull(store.getCertificateChain("bare-key 05"));
     assertNull(store.getKey("none", null));
-    PrivateKey earlier = key("rsa2048");
-    store.load(null, PIN);
-    assertEquals(earlier, key("rsa2048"));
-    assertNotEquals(earlier, key("bare-key 05"));
+    assertEquals(key("rsa2048"), load(provider, PIN).getKey("rsa2048", null));
+    assertNotEquals(key("rsa2048"), key("bare-key 05"));
     assertNull(key("bare-key 05").getEncoded());
     assertThrows(NotSerializableException.class,
         () -> new ObjectOutputStream(OutputStream.nullOutputStream()).writeObject(key("rsa2048")));
@@ -338,6 +336,7 @@ class ProviderTest {
     Callable<byte[]> use = () -> {
       if (uses.incrementAndGet() % 50 == 0) {
         provider.logout();
+        assertTrue(load(provider, PIN).isKeyEntry("rsa2048"));
       }
       Signature signer = Signature.getInstance("SHA256withECDSA");
       signer.initSign(key);

@@ -23,6 +23,7 @@ public final class PKCS11Uri {
 
   private static final String SCHEME = "pkcs11:";
   private static final String FILE_SCHEME = "^file:(//(localhost)?)?(?=/)";
+  private static final String OTHER_HOST = "file://(?!localhost/|/).*";
   private static final Set<String> PATH =
       Set.of("token", "manufacturer", "model", "serial", "slot-id", "object", "id", "type");
   private static final Set<String> QUERY = Set.of("pin-source", "module-path");
@@ -178,7 +179,8 @@ public final class PKCS11Uri {
       throw bad("has a slot-id that is no decimal number");
     }
     try {
-      if (pinFile() != null && !pinFile().isAbsolute()) {
+      if (pinFile() != null
+          && (!pinFile().isAbsolute() || text("pin-source").matches(OTHER_HOST))) {
         throw bad("names no file by its full path in pin-source");
       }
     } catch (InvalidPathException e) {

@@ -1,5 +1,6 @@
 package it.quarvel.pkcs11.security;
 
+import it.quarvel.pkcs11.PKCS11Constants;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Module;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
@@ -47,6 +48,10 @@ final class Sessions {
         NativePKCS11Session session = pooled != null ? pooled : slot.openSession();
         boolean done = false;
         try {
+          // One that was opened after the login had ended would find no private object.
+          if (closed) {
+            throw new PKCS11Exception(PKCS11Constants.CKR_SESSION_CLOSED);
+          }
           T result = work.in(session);
           done = true;
           return result;
@@ -66,6 +71,11 @@ final class Sessions {
   /** Does some work in the session that lasts. */
   <T> T runLasting(Work<T> work) throws PKCS11Exception {
     return SharedModule.use(module, () -> work.in(lasting));
+  }
+
+  /** Tells whether {@link #close} was called, as it is by a logout. */
+  boolean isClosed() {
+    return closed;
   }
 
   /** Closes all sessions, also those that are in use, when they are given back. */

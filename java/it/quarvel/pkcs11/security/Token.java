@@ -110,15 +110,23 @@ final class Token {
 
   /** Does some work in a session; anew when the token has gone, or somebody has logged out. */
   <T> T run(Work<T> work) throws PKCS11Exception, LoginException {
+    return run(work, null);
+  }
+
+  /** The same; {@code once} asks for the PIN this time, unless it is null. */
+  <T> T run(Work<T> work, CallbackHandler once) throws PKCS11Exception, LoginException {
+    CallbackHandler asker = once != null ? once : handler;
     Connection current = connection;
-    for (int attempt = 1; ; attempt++) {
-      if (current == null || attempt > 1) {
-        current = connect(current, handler);
-      }
+    if (current == null) {
+      current = connect(null, asker);
+    }
+    for (int failures = 0; ; current = connect(current, asker)) {
       try {
         return runIn(current, work);
       } catch (PKCS11Exception e) {
-        if (!isGone(e) || attempt == MOST_ATTEMPTS) {
+        // A logout in another thread is no fault of the token's.
+        failures += current.sessions.isClosed() ? 0 : 1;
+        if (!isGone(e) || failures == MOST_ATTEMPTS) {
           throw e;
         }
       }
@@ -278,10 +286,13 @@ final class Token {
         return null;
       });
     } catch (PKCS11Exception e) {
-      // Somebody else in this process may have been quicker.
-      if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN) {
-        throw (LoginException) new FailedLoginException("the token \"%s\" refuses the login: %s"
-            .formatted(label(), e.getMessage())).initCause(e);
+      switch (e.errorCode()) {
+        // Somebody else in this process may have been quicker.
+        case CKR_USER_ALREADY_LOGGED_IN -> { }
+        case CKR_PIN_INCORRECT, CKR_PIN_INVALID, CKR_PIN_LEN_RANGE, CKR_PIN_EXPIRED, CKR_PIN_LOCKED ->
+            throw (LoginException) new FailedLoginException("the token \"%s\" refuses the login: %s"
+                .formatted(label(), e.getMessage())).initCause(e);
+        default -> throw e;
       }
     } finally {
       wipe(pin);
@@ -324,6 +335,9 @@ final class Token {
     int end = text.limit();
     while (end > 0 && (text.get(end - 1) == '\n' || text.get(end - 1) == '\r')) {
       end--;
+    }
+    if (end == 0) {
+      throw new IOException("the pin-source is empty");
     }
     char[] pin = Arrays.copyOf(text.array(), end);
     ((PasswordCallback) questions[0]).setPassword(pin);

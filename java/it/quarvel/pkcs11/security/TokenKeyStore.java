@@ -119,7 +119,7 @@ final class TokenKeyStore extends KeyStoreSpi {
     boolean wasOpen = token.isOpen();
     token.login(asker);
     try {
-      entries = token.run(this::read);
+      entries = token.run(this::read, asker);
       loaded = new Date();
       wasOpen = true;
     } finally {
