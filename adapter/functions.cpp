@@ -163,13 +163,8 @@ CK_RV finalize(void* reserved) {
   const module::Closing closing;
   Entry* taken = Handles()->takeAll();
   if (module::isShared()) closeSessions(taken);
-  const CK_RV rv = module::finalize(reserved);
-  if (module::isInitialised) {
-    Handles()->putBack(taken);
-  } else {
-    Table::release(taken);
-  }
-  return rv;
+  Table::release(taken);
+  return module::finalize(reserved);
 }
 
 /// A list of IDs. Room for none is passed on as the question for their number: some modules find an
@@ -194,9 +189,9 @@ CK_RV getSlotList(CK_BBOOL present, CK_SLOT_ID* slots, CK_ULONG* count) {
 
 /// Never in turn, nor under way: it waits, and others, the end included, must not wait for it.
 CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* reserved) {
+  if (!module::isInitialised) return CKR_CRYPTOKI_NOT_INITIALIZED;
   const CK_C_WaitForSlotEvent function = module::functionOf(&List::C_WaitForSlotEvent);
   if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
-  if (!module::isInitialised) return CKR_CRYPTOKI_NOT_INITIALIZED;
   const CK_RV rv = function(flags, slot, reserved);
   if (rv != CKR_OK || slot == nullptr) return rv;
   return Handles()->numberSlot(slot) ? CKR_OK : CKR_HOST_MEMORY;

@@ -68,12 +68,13 @@ template <typename... Roles>
   (void)((roles.resolve(context, handles), context->rv == CKR_OK) && ...);
 }
 
-/// A whole call.
-template <typename Function, typename... Roles>
-[[gnu::always_inline]] inline CK_RV run(Function function, Roles&&... roles) {
-  if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
+/// A whole call. What the list has counts from when the call has got in.
+template <auto entry, typename... Roles>
+[[gnu::always_inline]] inline CK_RV run(Roles&&... roles) {
   const module::Call underWay;
   if (!underWay.getsIn()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  const auto function = module::functionOf(entry);
+  if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
   Context context;
   (roles.prepare(&context), ...);
   if (context.rv == CKR_OK && !(roles.passes() && ...)) resolve(&context, roles...);
@@ -94,7 +95,7 @@ Role in(typename Role::Type argument) {
 /// The adapter's version of a function of the list whose arguments have these roles.
 template <auto entry, typename... Roles>
 CK_RV call(typename Roles::Type... arguments) {
-  return run(module::functionOf(entry), in<Roles>(arguments)...);
+  return run<entry>(in<Roles>(arguments)...);
 }
 
 using Data = Argument<CK_BYTE*>;

@@ -23,8 +23,6 @@ namespace {
 
 constinit bool shared = false;  // as `turns` guards it
 
-constinit std::atomic<bool> endFailed = false;  // the module may still be initialised, by us
-
 constinit std::atomic<pthread_t> visitors[64] = {};  // threads inside `load`; 0: a free place
 
 /// A thread on its way through `load`. It finds itself there already when the real module leads
@@ -77,7 +75,7 @@ Closing::Closing() {
 }
 
 CK_RV load() {
-  if (isInitialised && !endFailed) return CKR_OK;
+  if (isInitialised) return CKR_OK;
   const Visit visit;
   if (!visit.isWelcome()) return CKR_FUNCTION_REJECTED;
 
@@ -95,8 +93,6 @@ CK_RV load() {
   const CK_RV rv = reinterpret_cast<CK_C_GetFunctionList>(symbol)(&loaded);
   if (rv != CKR_OK) return rv;
   if (loaded == nullptr) return CKR_GENERAL_ERROR;
-  if (endFailed) isInitialised = false;
-  if (loaded != list) endFailed = false;
   list = loaded;
   return CKR_OK;
 }
@@ -119,11 +115,10 @@ CK_RV initialize(const CK_C_INITIALIZE_ARGS* arguments) {
     rv = function(arguments != nullptr ? &plain : nullptr);
     serial = true;
   }
-  const bool wasInitialised = rv == CKR_CRYPTOKI_ALREADY_INITIALIZED && !isInitialised;
-  if (rv != CKR_OK && !wasInitialised) return rv;
-  const bool foreign = wasInitialised && !endFailed;
+  const bool foreign = rv == CKR_CRYPTOKI_ALREADY_INITIALIZED && !isInitialised;
+  if (foreign) rv = CKR_OK;
+  if (rv != CKR_OK) return rv;
   shared = foreign;
-  endFailed = false;
   isSerial = serial || foreign;
   isInitialised = true;
   return CKR_OK;
@@ -140,17 +135,15 @@ CK_RV finalize(void* reserved) {
   const CK_RV rv = shared                ? CKR_OK
                    : function != nullptr ? function(reserved)
                                          : CKR_FUNCTION_NOT_SUPPORTED;
-  endFailed = rv != CKR_OK && rv != CKR_CRYPTOKI_NOT_INITIALIZED;
-  if (!endFailed) {
-    isInitialised = shared = false;
-    isSerial = false;
-  }
+  isInitialised = shared = false;
+  isSerial = false;
   return rv;
 }
 
 void freeLocks() {
   pthread_mutex_init(&turns, nullptr);
   for (auto& visitor : visitors) visitor = 0;
+  if (closings != 0) isInitialised = false;
   callsUnderWay = closings = 0;
 }
 

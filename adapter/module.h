@@ -72,10 +72,10 @@ class Turn : Lock {
   Turn() : Lock(isSerial.load(std::memory_order_acquire) ? &turns : nullptr) {}
 };
 
-/// Loads the real module and fetches its function list, afresh while nothing is initialised, and
-/// after an end that failed: whoever asks then starts over. Its path stands in a file beside this
-/// library, named as it with ".module" added, else in QUARVEL_PKCS11_ADAPTED_MODULE. It is never
-/// closed: threads and thread-local destructors that it leaves behind need its code.
+/// Loads the real module and fetches its function list, afresh while nothing is initialised. Its
+/// path stands in a file beside this library, named as it with ".module" added, else in
+/// QUARVEL_PKCS11_ADAPTED_MODULE. It is never closed: threads and thread-local destructors that it
+/// leaves behind need its code.
 /// @return CKR_ARGUMENTS_BAD: no path, or one of PATH_MAX and more; CKR_LIBRARY_LOAD_FAILED: the
 /// dynamic linker refused it; CKR_FUNCTION_NOT_SUPPORTED: it has no C_GetFunctionList;
 /// CKR_FUNCTION_REJECTED: it is, or leads back to, this library; CKR_GENERAL_ERROR: it succeeded
@@ -85,16 +85,18 @@ CK_RV load();
 /// C_Initialize with the caller's own arguments, null included, and locking asked for. Where the
 /// module refuses that, or the environment has QUARVEL_PKCS11_ADAPTER_SERIAL, calls take turns. A
 /// module that somebody else in the process initialised is shared: calls take turns, and `finalize`
-/// leaves it alone. One that is still ours, since its end failed, is used as before.
+/// leaves it alone; so is one that an earlier `finalize` could not end.
 CK_RV initialize(const CK_C_INITIALIZE_ARGS* arguments);
 
 /// Whether the module is somebody else's to finalise.
 bool isShared();
 
-/// C_Finalize. @return its value; CKR_OK for a shared module
+/// C_Finalize. Whatever it answers, no call gets in until `initialize`: a module that fails to end
+/// may have ended. @return its value; CKR_OK for a shared module
 CK_RV finalize(void* reserved);
 
 /// In the child of a fork: locks of threads that it does not have are free, and their calls over.
+/// An end amid which the fork came counts as one.
 void freeLocks();
 
 }  // namespace module

@@ -59,7 +59,6 @@ class PKCS11ModuleTest {
     PKCS11Module first = open();
     assertEquals("there is one module at a time, and " + EndToEndTest.MODULE + " is open: close it"
         + " first", assertThrows(IllegalStateException.class, this::open).getMessage());
-    assertEquals(1, first.tokens().size());
     first.close();
     try (PKCS11Module second = open()) {
       first.close();
