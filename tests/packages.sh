@@ -54,16 +54,18 @@ END
   } >InsteadOf.java
   java -cp $jar InsteadOf.java "$QUARVEL_PKCS11_MODULE" "$QUARVEL_PIN" | grep -x true
 
-  # The program of README.md, by itself and in a project of Maven as README.md describes it.
+  # The program of README.md, by itself and in a project of Maven as docs/install.md describes it.
   mkdir -p src/main/java
   blocks java README.md | sed -n '/^import static/,$p' >src/main/java/Sign.java
   signs -cp $jar src/main/java/Sign.java
+  blocks java README.md | sed '/^import static/,$d' >SignWithProvider.java
+  signs -cp $jar SignWithProvider.java
   cat >pom.xml <<END
 <project xmlns="http://maven.apache.org/POM/4.0.0">
   <modelVersion>4.0.0</modelVersion>
   <groupId>example</groupId><artifactId>example</artifactId><version>1</version>
   <properties><maven.compiler.release>17</maven.compiler.release></properties>
-  <dependencies>$(blocks xml README.md | grep -v '<repository>')</dependencies>
+  <dependencies>$(blocks xml install.md | grep -v '<repository>')</dependencies>
 </project>
 END
   mvn --quiet --batch-mode --offline -Dmaven.repo.local=/usr/share/maven-repo compile >log 2>&1 || { cat log; return 1; }
@@ -143,7 +145,7 @@ mount -t overlay overlay -o lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work $vi
 mount --bind /proc $view/proc
 mount --bind /dev $view/dev
 mkdir $view/tmp/packages
-cp "$folder"/*.deb "$0" "$tests/token.sh" "$tests/../README.md" "$tests/../docs/instead-of.md" \
+cp "$folder"/*.deb "$0" "$tests/token.sh" "$tests/../README.md" "$tests/../docs/"{install,instead-of}.md \
   $view/tmp/packages/
 chroot $view /tmp/packages/packages.sh --installed
-echo 'packages: installed; the examples of the README and docs run from them, and as a Maven project'
+echo 'packages: installed; the examples of the README and of docs/ run from them, and as a Maven project'
