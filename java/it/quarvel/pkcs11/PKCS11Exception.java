@@ -13,10 +13,23 @@ import static it.quarvel.pkcs11.PKCS11Constants.CKR_OK;
  * RSA credentials alone keeps vendor-defined values as codes.
  */
 public class PKCS11Exception extends Exception {
+  /** The kinds of failure. */
+  public enum Reason {
+    /** The module returned {@link #errorCode}. */
+    RETURN_VALUE,
+    /** The message begins with "Internal error". */
+    INTERNAL,
+    /** The object has the attribute, and its value is empty. */
+    EMPTY_VALUE,
+    /** An argument, a value, a file or a method cannot be used; the message says which. */
+    OTHER
+  }
+
   private static final long serialVersionUID = 1L;
 
   private final int errorCode;
   private final boolean vendorDefined;
+  private final Reason reason;
 
   /**
    * Makes an exception that carries only a message.
@@ -27,6 +40,7 @@ public class PKCS11Exception extends Exception {
     super(message);
     errorCode = 0;
     vendorDefined = false;
+    reason = reasonOf(String.valueOf(message));
   }
 
   /**
@@ -48,6 +62,7 @@ public class PKCS11Exception extends Exception {
     super(describe(errorCode, vendorDefined));
     this.errorCode = errorCode;
     this.vendorDefined = vendorDefined;
+    reason = Reason.RETURN_VALUE;
   }
 
   /**
@@ -57,6 +72,15 @@ public class PKCS11Exception extends Exception {
    */
   public int errorCode() {
     return errorCode;
+  }
+
+  /**
+   * Tells what kind of failure this is, for callers that act on it.
+   *
+   * @return the kind
+   */
+  public Reason reason() {
+    return reason;
   }
 
   /**
@@ -76,6 +100,12 @@ public class PKCS11Exception extends Exception {
    */
   public String name() {
     return errorCode == CKR_OK ? "" : nameOf(errorCode, vendorDefined);
+  }
+
+  /** The native methods raise these texts, which are fixed, and no code beside them. */
+  private static Reason reasonOf(String message) {
+    return message.startsWith("Internal error") ? Reason.INTERNAL
+        : message.startsWith("VOID") ? Reason.EMPTY_VALUE : Reason.OTHER;
   }
 
   private static String describe(int errorCode, boolean vendorDefined) {

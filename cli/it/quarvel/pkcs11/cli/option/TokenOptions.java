@@ -51,8 +51,7 @@ public final class TokenOptions {
           return parsed;
         }
       } catch (IllegalArgumentException e) {
-        throw new TypeConversionException(
-            e.getMessage().replace("use pin-source", "use pin-source, --pin or --pin-source"));
+        throw new TypeConversionException(e.getMessage());
       }
       throw new TypeConversionException(
           "the PKCS#11 URI has a module-path: name the module by --module");

@@ -93,7 +93,7 @@ public record Attributes(NativePKCS11Object object) {
   /** Tells whether a failure says that the object has no such value. */
   public static boolean isAbsent(PKCS11Exception e) {
     return e.errorCode() == CKR_ATTRIBUTE_TYPE_INVALID
-        || e.errorCode() == 0 && e.getMessage().startsWith("VOID");
+        || e.reason() == PKCS11Exception.Reason.EMPTY_VALUE;
   }
 
   /** Reads an Integer, null when the object lacks it, {@link Unread} when it cannot be had. */

@@ -60,7 +60,7 @@ public final class Connection implements AutoCloseable {
     } catch (LinkageError e) {
       throw new Failure(String.valueOf(e.getMessage()).replaceAll("\\s+", " "));
     } catch (PKCS11Exception e) {
-      if (e.errorCode() != 0 || Hints.isInternal(e)) {
+      if (e.reason() != PKCS11Exception.Reason.OTHER) {
         throw e;
       }
       throw new Failure(e.getMessage()); // of the file

@@ -12,19 +12,13 @@ public final class Hints {
 
   /** Returns advice to append to a message, empty when there is none. */
   static String of(String operation, PKCS11Exception failure) {
-    int code = failure.errorCode();
-    String hint = code == 0 ? internal(failure) : of(code, operation);
+    String hint = switch (failure.reason()) {
+      case RETURN_VALUE -> of(failure.errorCode(), operation);
+      case INTERNAL -> "the module lacks the function, or answers with a number of its own, which the"
+          + " trace of PKCS11_ZOV_DEBUG shows";
+      default -> "";
+    };
     return hint.isEmpty() ? "" : "; " + hint;
-  }
-
-  /** Tells whether all that a failure says is that there was one. */
-  static boolean isInternal(PKCS11Exception failure) {
-    return failure.getMessage().startsWith("Internal error");
-  }
-
-  private static String internal(PKCS11Exception failure) {
-    return isInternal(failure) ? "the module lacks the function, or answers with a number of its own,"
-        + " which the trace of PKCS11_ZOV_DEBUG shows" : "";
   }
 
   private static String of(int code, String operation) {
