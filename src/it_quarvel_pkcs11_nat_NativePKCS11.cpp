@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "jniUtil.h"
 #include "pkcs11Bridge.h"
@@ -40,56 +39,6 @@ void startTrace() {
   redirectOutput();
   std::puts("setting debug to 1");
   debug = 1;
-}
-
-/// A slot object for the ID, whose Java form is traced; null with the virtual machine's error.
-jobject newSlot(JNIEnv* env, const Constructor& slotCostr, jobject module, CK_SLOT_ID slotID) {
-  const jint slotN = CK2J_SLOT(slotID);
-  TRACE(" value= %li ...", static_cast<long>(slotN));
-  return env->NewObject(slotCostr.cl, slotCostr.init, module, slotN);
-}
-
-/// What the credential lookup found; a handle of 0 stands for an object that is not there.
-struct Credential {
-  CK_SLOT_ID slotID;
-  CK_SESSION_HANDLE ckSession;
-  CK_OBJECT_HANDLE ckObj[3];  // private key, public key, certificate
-};
-
-/// The Java objects of a credential: three token objects (null for none) that share one new
-/// session on one new slot; null with the virtual machine's error.
-jobjectArray newCredential(JNIEnv* env, jobject module, const Credential& found) {
-  traceLine("JNI: creating PKCS11Slot");
-  const Constructor slotCostr = findConstructor(env, kSlotClass, kSlotInit);
-  if (slotCostr.init == nullptr) return nullptr;
-  const jobject slot = newSlot(env, slotCostr, module, found.slotID);
-  if (slot == nullptr) return nullptr;
-  traceLine(" slot OK");
-
-  TRACE("JNI: creating PKCS11Session...");
-  const jobject session = newSession(env, slot, found.ckSession);
-  if (session == nullptr) return nullptr;
-  traceLine(" session OK");
-
-  TRACE("JNI: creating array PKCS11Object...");
-  const Constructor objCostr = findConstructor(env, kTokenObjectClass, kTokenObjectInit);
-  if (objCostr.init == nullptr) return nullptr;
-  const jobjectArray objArray = env->NewObjectArray(3, objCostr.cl, nullptr);
-  if (objArray == nullptr) return nullptr;
-  for (jint i = 0; i < 3; ++i) {
-    TRACE("JNI: adding element %li ...", static_cast<long>(i));
-    jobject object = nullptr;
-    if (found.ckObj[i] == CK_INVALID_HANDLE) {
-      TRACE("NULL found");
-    } else {
-      TRACE("%li found", found.ckObj[i]);
-      object = env->NewObject(objCostr.cl, objCostr.init, session, CK2J_INT(found.ckObj[i]));
-      if (object == nullptr) return nullptr;
-    }
-    env->SetObjectArrayElement(objArray, i, object);
-    traceLine(" OK");
-  }
-  return objArray;
 }
 
 }  // namespace
@@ -174,37 +123,3 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11_getSlotList(JNIEnv* env, jobject obj, jb
 }
 
 QUARVEL_NOT_SUPPORTED(jobject, _waitForSlotEvent, jobject, jboolean)
-
-// ---- RSA credential lookup ----
-
-JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11_getRSAcredential(
-    JNIEnv* env, jobject obj, jstring alias, jint flags, jstring pin) {
-  traceLine("JNI: start getRSAcredential... ");
-  Chars utf_alias = takeChars(env, alias);
-  if (utf_alias == nullptr) return nullptr;
-  const CK_ULONG utf_aliaslen = std::strlen(utf_alias.get());
-  TRACE(" alias len =%li \n", utf_aliaslen);
-  const CK_FLAGS ckFlags = J2CK_FLAGS(flags);
-  TRACE("JNI: pin is null ?... ");
-  const bool isNullPin = pin == nullptr;
-  Chars utf_str_pin = isNullPin ? Chars() : charsOf(env, pin);
-  if (!isNullPin && utf_str_pin == nullptr) {
-    utf_alias.reset();
-    throwExc(env, kInternalError);
-    return nullptr;
-  }
-  const CK_ULONG utf_str_pinlen = isNullPin ? 0 : std::strlen(utf_str_pin.get());
-  TRACE(" pin len =%li \n", utf_str_pinlen);
-
-  Credential found = {};
-  const CK_RV ckRv = bridge::getRSACred(
-      moduleBytes(utf_alias), utf_aliaslen, ckFlags, moduleBytes(utf_str_pin), utf_str_pinlen,
-      &found.slotID, &found.ckSession, &found.ckObj[0], &found.ckObj[1], &found.ckObj[2]);
-  utf_alias.reset();
-  utf_str_pin.reset();
-  if (ckRv != CKR_OK) {
-    throwCKExcAS(env, ckRv);
-    return nullptr;
-  }
-  return newCredential(env, obj, found);
-}

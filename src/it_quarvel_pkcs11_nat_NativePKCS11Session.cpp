@@ -1,11 +1,7 @@
 // The native methods of NativePKCS11Session: login and PINs, cryptographic operations, object
-// search and creation, key generation and wrapping, and the card's own operations.
+// search and creation, key generation and wrapping.
 #include "it_quarvel_pkcs11_nat_NativePKCS11Session.h"
 
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <iterator>
 #include <optional>
 
 #include "jniUtil.h"
@@ -74,56 +70,6 @@ jint signOrDecrypt(JNIEnv* env, jobject session, jbyteArray inData, jint inLen, 
   return throwIfFailed(env, ckRv) ? -1 : CK2J_INT(ckOutLen);
 }
 
-// The vendor-defined attributes of the card.
-constexpr CK_ATTRIBUTE_TYPE kApplicationType = CKA_VENDOR_DEFINED + 0x201;
-constexpr CK_ATTRIBUTE_TYPE kLifeCycle = CKA_VENDOR_DEFINED + 0x4400;
-constexpr CK_ATTRIBUTE_TYPE kCertificateID = CKA_VENDOR_DEFINED + 0x2000;
-constexpr CK_ATTRIBUTE_TYPE kUtilityKey = CKA_VENDOR_DEFINED + 0x6001;
-constexpr CK_ATTRIBUTE_TYPE kIdentityKey = CKA_VENDOR_DEFINED + 0x6002;
-
-constexpr std::uint32_t kIdentrusApplication = 0x80008001;  // an application type
-constexpr jint kPreFirstUse = 8;                            // a life-cycle status
-
-/// The first object that the card shows for its Identrus application.
-/// @return 0 when there is none, -1 when the search cannot be started, -2 when it fails; after -2
-/// the search is left to the caller to end
-CK_OBJECT_HANDLE getIdentrusApplication(CK_SESSION_HANDLE session) {
-  std::uint32_t type = kIdentrusApplication;
-  CK_ATTRIBUTE _template = {kApplicationType, &type, sizeof type};
-  CK_OBJECT_HANDLE identrusApplication = CK_INVALID_HANDLE;
-  if (bridge::findObjectsInit(session, &_template, 1) != CKR_OK) return static_cast<CK_ULONG>(-1);
-  if (bridge::findObjects(session, &identrusApplication) != CKR_OK) {
-    return static_cast<CK_ULONG>(-2);
-  }
-  bridge::findObjectsFinal(session);
-  return identrusApplication;
-}
-
-/// The card's Identrus application object and its life-cycle byte, as the bridge returned it.
-struct Application {
-  CK_SESSION_HANDLE session;
-  CK_OBJECT_HANDLE object;
-  HeapBlock<signed char> status;
-};
-
-/// The opening of getCardStatus and setCardStatus, traced in any case; empty with an exception
-/// pending when the status cannot be read.
-std::optional<Application> readLifeCycle(JNIEnv* env, jobject session, const char* startText) {
-  std::printf("%s", startText);
-  const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
-  if (!ckSessionNum) return std::nullopt;
-  std::printf("(session= %li)\n", *ckSessionNum);
-  const CK_OBJECT_HANDLE identrusApplication = getIdentrusApplication(*ckSessionNum);
-  std::printf("Identrus application id = %i\n", CK2J_INT(identrusApplication));
-
-  signed char applicationLifeCycle = 0;
-  CK_ATTRIBUTE lifeCycle = {kLifeCycle, &applicationLifeCycle, sizeof applicationLifeCycle};
-  const CK_RV ckRv = bridge::getAttributeValue(*ckSessionNum, identrusApplication, &lifeCycle);
-  if (throwIfFailed(env, ckRv)) return std::nullopt;
-  return Application{*ckSessionNum, identrusApplication,
-                     HeapBlock<signed char>(static_cast<signed char*>(lifeCycle.pValue))};
-}
-
 }  // namespace
 
 // ---- Session lifecycle, login and PINs ----
@@ -184,6 +130,46 @@ JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPIN(
   if (newPinStr == nullptr) return;
   throwIfFailed(env, bridge::setPin(*ckSessionNum, moduleBytes(oldPinStr), moduleBytes(newPinStr)));
   oldPinStr.reset();  // the older one first
+}
+
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginellips(
+    JNIEnv* env, jobject session, jboolean isSO, jbyteArray pin) {
+  TRACE("JNI: start PKCS11Session.login ellips... ");
+  const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
+  if (!ckSessionNum) return;
+  Bytes ckPin = takeBytes(env, pin);
+  if (ckPin == nullptr) return;
+  const CK_ULONG ckPinLen = J2CK_INT(env->GetArrayLength(pin));
+  TRACE("(session= %li)\n", *ckSessionNum);
+  const CK_RV ckRv =
+      bridge::loginellips(*ckSessionNum, userType(isSO), moduleBytes(ckPin), ckPinLen);
+  ckPin.reset();
+  throwIfFailed(env, ckRv);
+}
+
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPINellips(
+    JNIEnv* env, jobject session, jbyteArray oldPin, jbyteArray newPin) {
+  const std::optional<CK_SESSION_HANDLE> ckSessionNum =
+      beginInSession(env, session, "JNI: start PKCS11Session.setPin ellips... ");
+  if (!ckSessionNum) return;
+  Bytes ckoldPin = takeBytes(env, oldPin);
+  if (ckoldPin == nullptr) return;
+  const CK_ULONG ckoldPinLen = J2CK_INT(env->GetArrayLength(oldPin));
+  Bytes cknewPin = takeBytes(env, newPin);
+  if (cknewPin == nullptr) return;
+  const CK_ULONG cknewPinLen = J2CK_INT(env->GetArrayLength(newPin));
+  const CK_RV ckRv = bridge::setPinellips(
+      *ckSessionNum, moduleBytes(ckoldPin), ckoldPinLen, moduleBytes(cknewPin), cknewPinLen);
+  ckoldPin.reset();
+  cknewPin.reset();
+  throwIfFailed(env, ckRv);
+}
+
+JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginAuthPath(
+    JNIEnv* env, jobject session, jboolean isSO) {
+  const std::optional<CK_SESSION_HANDLE> ckSessionNum =
+      beginInSession(env, session, "JNI: start PKCS11Session.login... ");
+  if (ckSessionNum) throwIfFailed(env, bridge::loginAuthPath(*ckSessionNum, userType(isSO)));
 }
 
 // ---- Cryptographic operations ----
@@ -313,101 +299,6 @@ Java_it_quarvel_pkcs11_nat_NativePKCS11Session_findObjectsFinal(JNIEnv* env, job
       env, session, "JNI: start PKCS11Session.findObjectsFinal... ", bridge::findObjectsFinal);
 }
 
-// ---- Card-specific extensions ----
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginellips(
-    JNIEnv* env, jobject session, jboolean isSO, jbyteArray pin) {
-  TRACE("JNI: start PKCS11Session.login ellips... ");
-  const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
-  if (!ckSessionNum) return;
-  Bytes ckPin = takeBytes(env, pin);
-  if (ckPin == nullptr) return;
-  const CK_ULONG ckPinLen = J2CK_INT(env->GetArrayLength(pin));
-  TRACE("(session= %li)\n", *ckSessionNum);
-  const CK_RV ckRv =
-      bridge::loginellips(*ckSessionNum, userType(isSO), moduleBytes(ckPin), ckPinLen);
-  ckPin.reset();
-  throwIfFailed(env, ckRv);
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setPINellips(
-    JNIEnv* env, jobject session, jbyteArray oldPin, jbyteArray newPin) {
-  const std::optional<CK_SESSION_HANDLE> ckSessionNum =
-      beginInSession(env, session, "JNI: start PKCS11Session.setPin ellips... ");
-  if (!ckSessionNum) return;
-  Bytes ckoldPin = takeBytes(env, oldPin);
-  if (ckoldPin == nullptr) return;
-  const CK_ULONG ckoldPinLen = J2CK_INT(env->GetArrayLength(oldPin));
-  Bytes cknewPin = takeBytes(env, newPin);
-  if (cknewPin == nullptr) return;
-  const CK_ULONG cknewPinLen = J2CK_INT(env->GetArrayLength(newPin));
-  const CK_RV ckRv = bridge::setPinellips(
-      *ckSessionNum, moduleBytes(ckoldPin), ckoldPinLen, moduleBytes(cknewPin), cknewPinLen);
-  ckoldPin.reset();
-  cknewPin.reset();
-  throwIfFailed(env, ckRv);
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_loginAuthPath(
-    JNIEnv* env, jobject session, jboolean isSO) {
-  const std::optional<CK_SESSION_HANDLE> ckSessionNum =
-      beginInSession(env, session, "JNI: start PKCS11Session.login... ");
-  if (ckSessionNum) throwIfFailed(env, bridge::loginAuthPath(*ckSessionNum, userType(isSO)));
-}
-
-JNIEXPORT jint JNICALL
-Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getCardStatus(JNIEnv* env, jobject session) {
-  std::optional<Application> application =
-      readLifeCycle(env, session, "JNI: start PKCS11Session.getCardStatus oberthur... ");
-  if (!application) return -1;
-  const signed char c = application->status[0];
-  application->status.reset();
-  std::printf("lifeCycle status %d\n", c);
-  return c;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_setCardStatus(
-    JNIEnv* env, jobject session, jint status) {
-  std::optional<Application> application =
-      readLifeCycle(env, session, "JNI: start PKCS11Session.setCardStatus oberthur... ");
-  if (!application) return;
-  std::printf("Current lifeCycle status %d\n", application->status[0]);
-  application->status.reset();
-
-  if (status == kPreFirstUse) std::puts("Setting status to pre.first use");
-  auto applicationLifeCycle = static_cast<unsigned char>(status);
-  CK_ATTRIBUTE lifeCycle = {kLifeCycle, &applicationLifeCycle, sizeof applicationLifeCycle};
-  std::printf("Setting lifeCycle status to %d\n", static_cast<signed char>(applicationLifeCycle));
-  const CK_RV ckRv =
-      bridge::setAttributeValue(application->session, application->object, &lifeCycle, 1);
-  if (ckRv != CKR_OK) std::printf("Error number : %li\n", ckRv);
-  throwIfFailed(env, ckRv);
-}
-
-JNIEXPORT jobject JNICALL
-Java_it_quarvel_pkcs11_nat_NativePKCS11Session_getIdentrusObject(JNIEnv* env, jobject session) {
-  std::printf("JNI: start PKCS11Session.getIdentrusObject... ");
-  const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
-  if (!ckSessionNum) return nullptr;
-  std::printf("(session= %li)\n", *ckSessionNum);
-  const CK_OBJECT_HANDLE identrusApplication = getIdentrusApplication(*ckSessionNum);
-  std::printf("Identrus application id = %i", CK2J_INT(identrusApplication));
-  std::printf("JNI: creating PKCS11Object (%li)...", identrusApplication);
-
-  const Constructor objCostr = findConstructor(env, kTokenObjectClass, kTokenObjectInit);
-  if (objCostr.init == nullptr) {
-    std::printf(objCostr.cl == nullptr ? "Unable to find class NativePKCS11Object"
-                                       : "Unable to find constructor for class NativePKCS11Object");
-    return nullptr;
-  }
-  const jobject application =
-      env->NewObject(objCostr.cl, objCostr.init, session, CK2J_INT(identrusApplication));
-  if (application == nullptr) {
-    std::printf("Unable to find construct new object for class NativePKCS11Object");
-  }
-  return application;
-}
-
 // ---- Key pair generation ----
 
 JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_generateKeyPair(
@@ -447,58 +338,7 @@ JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_ge
   return throwIfFailed(env, ckRv) ? nullptr : newKeyPair(env, session, ckPubKey, ckPrvKey);
 }
 
-JNIEXPORT jobjectArray JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_generateKeyPairOB(
-    JNIEnv* env, jobject session, jint mech, jboolean isIdentity) {
-  const std::optional<CK_SESSION_HANDLE> ckSessionNum = getSessionID(env, session);
-  if (!ckSessionNum) return nullptr;
-  TRACE("JNI: start PKCS11Session.genKeyPair... ");
-  CK_MECHANISM ckMech = mechanism(mech);
-  TRACE("(session= %li)\n", *ckSessionNum);
-
-  constexpr CK_ULONG kKeyPairEntries = 4;
-  Template ckPubAttr = newTemplate(env, kKeyPairEntries);
-  if (ckPubAttr == nullptr) return nullptr;
-  Template ckPrvAttr = newTemplate(env, kKeyPairEntries);
-  if (ckPrvAttr == nullptr) return nullptr;
-
-  CK_ULONG modulus = 1024;
-  CK_BYTE pubExponent[] = {0x01, 0x00, 0x01};
-  CK_BBOOL vero = CK_TRUE;
-  // Eight bytes are announced for either label: "Utility" takes its terminating zero along.
-  char identity[] = "Identity";
-  char utility[] = "Utility";
-  const bool forIdentity = isIdentity != JNI_FALSE;
-  ckPubAttr[0] = {CKA_MODULUS_BITS, &modulus, sizeof modulus};
-  ckPubAttr[1] = {CKA_PUBLIC_EXPONENT, pubExponent, sizeof pubExponent};
-  ckPubAttr[2] = {CKA_TOKEN, &vero, sizeof vero};
-  ckPubAttr[3] = {CKA_LABEL, forIdentity ? identity : utility, 8};
-  ckPrvAttr[0] = {CKA_TOKEN, &vero, sizeof vero};
-  ckPrvAttr[1] = {CKA_SIGN, &vero, sizeof vero};
-  ckPrvAttr[2] = {CKA_SIGN_RECOVER, &vero, sizeof vero};
-  ckPrvAttr[3] = {forIdentity ? kIdentityKey : kUtilityKey, &vero, sizeof vero};
-
-  std::printf("Start generating keypair...");
-  CK_OBJECT_HANDLE ckPubKey = CK_INVALID_HANDLE;
-  CK_OBJECT_HANDLE ckPrvKey = CK_INVALID_HANDLE;
-  const CK_RV ckRv = bridge::generateKeyPair(
-      *ckSessionNum, &ckMech, ckPubAttr.get(), kKeyPairEntries, ckPrvAttr.get(), kKeyPairEntries,
-      &ckPubKey, &ckPrvKey);
-  std::puts("Done.");
-  const jobjectArray keyPair =
-      throwIfFailed(env, ckRv) ? nullptr : newKeyPair(env, session, ckPubKey, ckPrvKey);
-
-  std::puts("Clearing memory...");
-  std::printf("    --> Public attr values done\n...");
-  ckPubAttr.reset();
-  std::printf("    --> Public attr done\n...");
-  std::printf("    --> Private attr value done\n...");
-  ckPrvAttr.reset();
-  std::printf("    --> Private attr done\n...");
-  std::puts("Done.");
-  return keyPair;
-}
-
-// ---- Object creation and certificate installation ----
+// ---- Object creation ----
 
 JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_createObject(
     JNIEnv* env, jobject session, jintArray attrArray, jobjectArray valArray) {
@@ -526,52 +366,6 @@ JNIEXPORT jobject JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_createO
   ckAttr.reset();
   traceLine("JNI: free(ckAttr) PKCS11Session.createObj...");
   return object;
-}
-
-JNIEXPORT void JNICALL Java_it_quarvel_pkcs11_nat_NativePKCS11Session_installCertificate(
-    JNIEnv* env, jobject session, jlong certID, jbyteArray certStr, jlong /*certLen*/,
-    jstring subject, jstring sn, jstring issuer, jstring label) {
-  std::printf("JNI: start PKCS11Session.createObj... ");
-  const std::optional<CK_SESSION_HANDLE> ckSessionID = getSessionID(env, session);
-  if (!ckSessionID) return;
-  std::printf("(ses=%li)\n", *ckSessionID);
-  Bytes cert = takeBytes(env, certStr);
-  if (cert == nullptr) return;
-
-  CK_OBJECT_CLASS classe = CKO_CERTIFICATE;
-  CK_CERTIFICATE_TYPE type = CKC_X_509;
-  auto slot = static_cast<CK_ULONG>(certID);
-  constexpr std::size_t kFirstString = 4;
-  CK_ATTRIBUTE certTemplate[] = {
-      {CKA_CLASS, &classe, sizeof classe},
-      {CKA_CERTIFICATE_TYPE, &type, sizeof type},
-      {kCertificateID, &slot, sizeof slot},
-      {CKA_VALUE, cert.get(), J2CK_INT(env->GetArrayLength(certStr))},
-      {CKA_LABEL, nullptr, 0},
-      {CKA_SUBJECT, nullptr, 0},
-      {CKA_SERIAL_NUMBER, nullptr, 0},
-      {CKA_ISSUER, nullptr, 0},
-  };
-  const jstring strings[] = {label, subject, sn, issuer};
-  Chars texts[std::size(strings)];
-  std::size_t taken = 0;
-  for (; taken < std::size(strings); ++taken) {
-    texts[taken] = takeChars(env, strings[taken]);
-    if (texts[taken] == nullptr) break;
-    std::printf("Label: %s\n", texts[taken].get());
-    CK_ATTRIBUTE& entry = certTemplate[kFirstString + taken];
-    entry.pValue = moduleBytes(texts[taken]);
-    entry.ulValueLen = std::strlen(texts[taken].get());
-  }
-  if (taken == std::size(strings)) {
-    CK_OBJECT_HANDLE objectIdentifier = 0;
-    const CK_RV ckRv = bridge::createObject(
-        *ckSessionID, &objectIdentifier, certTemplate, std::size(certTemplate));
-    if (ckRv != CKR_OK) std::printf("C_CreateObject fails.");
-    throwIfFailed(env, ckRv);
-  }
-  cert.reset();
-  for (Chars& text : texts) text.reset();
 }
 
 // ---- Secret key generation ----

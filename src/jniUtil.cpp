@@ -198,6 +198,12 @@ Constructor findConstructor(JNIEnv* env, const char* className, const char* sign
   return {cl, env->GetMethodID(cl, "<init>", signature)};
 }
 
+jobject newSlot(JNIEnv* env, const Constructor& slotCostr, jobject module, CK_SLOT_ID slotID) {
+  const jint slotN = CK2J_SLOT(slotID);
+  TRACE(" value= %li ...", static_cast<long>(slotN));
+  return env->NewObject(slotCostr.cl, slotCostr.init, module, slotN);
+}
+
 jobject newSession(JNIEnv* env, jobject slot, CK_SESSION_HANDLE handle) {
   return newObject(env, "it/quarvel/pkcs11/nat/NativePKCS11Session",
                    "(Lit/quarvel/pkcs11/nat/NativePKCS11Slot;I)V", slot, CK2J_SESSION(handle));

@@ -172,6 +172,10 @@ jobject newObject(JNIEnv* env, const char* className, const char* signature, con
   return std::apply(construct, values);
 }
 
+/// A new NativePKCS11Slot for the ID, by the constructor of kSlotInit; traces the number that Java
+/// gets. Null with the virtual machine's error.
+jobject newSlot(JNIEnv* env, const Constructor& slotCostr, jobject module, CK_SLOT_ID slotID);
+
 /// A new NativePKCS11Session for the handle, on `slot`; null with the virtual machine's error.
 jobject newSession(JNIEnv* env, jobject slot, CK_SESSION_HANDLE handle);
 
