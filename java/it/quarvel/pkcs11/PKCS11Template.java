@@ -153,7 +153,12 @@ public final class PKCS11Template {
    * @return the types in the order in which they were put
    */
   public int[] types() {
-    return attributes.keySet().stream().mapToInt(Integer::intValue).toArray();
+    int[] types = new int[attributes.size()];
+    int count = 0;
+    for (int type : attributes.keySet()) {
+      types[count++] = type;
+    }
+    return types;
   }
 
   /**

@@ -48,7 +48,7 @@ public record PKCS11TokenInfo(
     String utcTime)
     implements PKCS11Flags {
   /** What the four bytes of a character above U+FFFF arrive as. */
-  private static final Pattern FOUR_BYTES = Pattern.compile("[\u00F0-\u00F4][\u0080-\u00BF]{3}");
+  private static final String FOUR_BYTES = "[\u00F0-\u00F4][\u0080-\u00BF]{3}";
 
   /**
    * Returns the label as people write it.
@@ -56,8 +56,15 @@ public record PKCS11TokenInfo(
    * @return the label without its padding, with characters above U+FFFF as what they are
    */
   public String trimmedLabel() {
-    return FOUR_BYTES.matcher(label.stripTrailing()).replaceAll(match -> new String(
-        match.group().getBytes(StandardCharsets.ISO_8859_1), StandardCharsets.UTF_8));
+    String text = label.stripTrailing();
+    for (int i = 0; i < text.length(); i++) {
+      // Few labels need an expression, whose classes every start would load.
+      if (text.charAt(i) >= '\u00F0') {
+        return Pattern.compile(FOUR_BYTES).matcher(text).replaceAll(match -> new String(
+            match.group().getBytes(StandardCharsets.ISO_8859_1), StandardCharsets.UTF_8));
+      }
+    }
+    return text;
   }
 
   /**

@@ -674,7 +674,7 @@ public class NativePKCS11Session implements AutoCloseable {
   public Optional<NativePKCS11Object> findFirst(PKCS11Template template) throws PKCS11Exception {
     List<NativePKCS11Object> found = new ArrayList<>();
     forEach(template, object -> !found.add(object));
-    return found.stream().findFirst();
+    return found.isEmpty() ? Optional.empty() : Optional.of(found.get(0));
   }
 
   /**

@@ -10,10 +10,8 @@ import java.security.Provider;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Map;
-import java.util.Objects;
 import java.util.function.Predicate;
 import java.util.function.Supplier;
-import java.util.stream.Stream;
 import javax.security.auth.Subject;
 import javax.security.auth.callback.CallbackHandler;
 import javax.security.auth.login.LoginException;
@@ -97,8 +95,12 @@ public final class QuarvelProvider extends AuthProvider {
   }
 
   private void put(String name, Scheme scheme, Hash hash, String... ids) {
-    putService(new TokenService(this, "Signature", name, TokenSignature.class,
-        Stream.of(ids).flatMap(id -> Stream.of(id, "OID." + id)).toList(),
+    List<String> aliases = new ArrayList<>();
+    for (String id : ids) {
+      aliases.add(id);
+      aliases.add("OID." + id);
+    }
+    putService(new TokenService(this, "Signature", name, TokenSignature.class, aliases,
         () -> new TokenSignature(this, name, scheme, hash), scheme::takes));
   }
 
@@ -148,8 +150,9 @@ public final class QuarvelProvider extends AuthProvider {
       throw new InvalidParameterException("the PKCS#11 URI names no module: it ends in"
           + " \"?module-path=\" and the module's file");
     }
-    Object named = Stream.of(parsed.token(), parsed.serial(), parsed.slotID())
-        .filter(Objects::nonNull).findFirst().orElse("token");
+    Object named = parsed.token() != null ? parsed.token()
+        : parsed.serial() != null ? parsed.serial()
+        : parsed.slotID() != null ? parsed.slotID() : "token";
     return new QuarvelProvider(NAME + "-" + named, parsed);
   }
 
