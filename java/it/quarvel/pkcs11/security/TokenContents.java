@@ -1,0 +1,178 @@
+package it.quarvel.pkcs11.security;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.PKCS11Uri;
+import it.quarvel.pkcs11.nat.NativePKCS11Object;
+import it.quarvel.pkcs11.nat.NativePKCS11Session;
+import java.nio.charset.StandardCharsets;
+import java.security.GeneralSecurityException;
+import java.security.PublicKey;
+import java.security.cert.CertificateException;
+import java.security.cert.CertificateExpiredException;
+import java.security.cert.CertificateNotYetValidException;
+import java.security.cert.X509Certificate;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.Comparator;
+import java.util.HexFormat;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.concurrent.ConcurrentHashMap;
+
+/** The keys and certificates that a token held at one time. */
+final class TokenContents {
+  /** A certificate on the token. */
+  record Stored(NativePKCS11Object object, byte[] id, String label, boolean trusted,
+      X509Certificate certificate) {
+    boolean isOf(KeyObject key) {
+      return Arrays.equals(id, key.id())
+          && KeyObject.same(certificate.getPublicKey(), key.publicKey());
+    }
+  }
+
+  /**
+   * A key, or a certificate that the token calls trusted.
+   *
+   * @param label the certificate's, else the key's
+   * @param found the key on the token, null for a trusted certificate
+   * @param key the same as Java has it, null for a trusted certificate
+   * @param own the certificate, null for a key without one
+   */
+  record Entry(String label, byte[] id, KeyObject found, TokenKey key, Stored own) {}
+
+  private static final Comparator<X509Certificate> NEWEST_VALID =
+      Comparator.comparing(TokenContents::isValid).thenComparing(X509Certificate::getNotBefore);
+
+  final List<Stored> certificates = new ArrayList<>();
+  final List<Entry> entries = new ArrayList<>();
+
+  private final Map<Entry, List<Stored>> chains = new ConcurrentHashMap<>();
+
+  /** Reads what is visible in the session. */
+  TokenContents(Token token, NativePKCS11Session session, Token.Connection connection)
+      throws PKCS11Exception {
+    readCertificates(session);
+    for (KeyObject found : KeyObject.find(session, null)) {
+      Stored own = null;
+      for (Stored other : certificates) {
+        if (other.isOf(found) && (own == null
+            || NEWEST_VALID.compare(other.certificate, own.certificate) > 0)) {
+          own = other;
+        }
+      }
+      PublicKey publicKey = own == null ? found.publicKey() : own.certificate.getPublicKey();
+      TokenKey key = TokenKey.of(token, found, publicKey, connection);
+      if (key != null) {
+        String label = own == null || own.label.isEmpty() ? found.label() : own.label;
+        entries.add(new Entry(label, found.id(), found, key, own));
+      }
+    }
+    for (Stored other : certificates) {
+      if (other.trusted) {
+        entries.add(new Entry(other.label, other.id, null, null, other));
+      }
+    }
+  }
+
+  private void readCertificates(NativePKCS11Session session) throws PKCS11Exception {
+    for (NativePKCS11Object object :
+        session.findAll(new PKCS11Template().put(CKA_CLASS, CKO_CERTIFICATE))) {
+      try {
+        Map<Integer, Object> attributes = object.attributes(CKA_ID, CKA_LABEL, CKA_TRUSTED);
+        certificates.add(new Stored(object, KeyObject.id(attributes), KeyObject.label(attributes),
+            KeyObject.isSet(attributes, CKA_TRUSTED), object.certificate()));
+      } catch (CertificateException e) {
+        // Of another kind than X.509.
+      }
+    }
+  }
+
+  /**
+   * Returns the entries that the URI names, by their aliases. An alias is the label; of those with
+   * the same one each gets its id too.
+   */
+  Map<String, Entry> named(PKCS11Uri uri) {
+    List<Entry> wanted = new ArrayList<>();
+    for (Entry entry : entries) {
+      if (isWanted(uri, entry)) {
+        wanted.add(entry);
+      }
+    }
+    Map<String, Entry> named = new LinkedHashMap<>();
+    for (Entry entry : wanted) {
+      int alike = 0;
+      for (Entry other : wanted) {
+        alike += other.label.equals(entry.label) ? 1 : 0;
+      }
+      String name = !entry.label.isEmpty() && alike == 1 ? entry.label
+          : (entry.label + " " + HexFormat.of().formatHex(entry.id)).strip();
+      String alias = name;
+      for (int i = 2; named.containsKey(alias); i++) {
+        alias = name + " " + i;
+      }
+      named.put(alias, entry);
+    }
+    return named;
+  }
+
+  /** The URI may name a key by its own label or by its certificate's. */
+  private static boolean isWanted(PKCS11Uri uri, Entry entry) {
+    return entry.key == null || isNamed(uri, entry.id, entry.found.label())
+        || isNamed(uri, entry.id, entry.label);
+  }
+
+  /** Tells whether the URI names a key of this id and label. */
+  static boolean isNamed(PKCS11Uri uri, byte[] id, String label) {
+    return (uri.id() == null || Arrays.equals(uri.id(), id)) && (uri.object() == null
+        || Arrays.equals(uri.object(), label.getBytes(StandardCharsets.UTF_8)));
+  }
+
+  private static boolean isValid(X509Certificate certificate) {
+    try {
+      certificate.checkValidity();
+      return true;
+    } catch (CertificateExpiredException | CertificateNotYetValidException e) {
+      return false;
+    }
+  }
+
+  /** Returns an entry's certificates, from its own up to the last issuer that the token has. */
+  List<Stored> chain(Entry entry) {
+    return chains.computeIfAbsent(entry, this::findChain);
+  }
+
+  private List<Stored> findChain(Entry entry) {
+    List<Stored> chain = new ArrayList<>();
+    for (Stored next = entry.own; next != null && !chain.contains(next); next = issuer(next)) {
+      chain.add(next);
+    }
+    return chain;
+  }
+
+  private Stored issuer(Stored issued) {
+    Stored issuer = null;
+    for (Stored other : certificates) {
+      if ((issuer == null || NEWEST_VALID.compare(other.certificate, issuer.certificate) > 0)
+          && isIssuer(other.certificate, issued.certificate)) {
+        issuer = other;
+      }
+    }
+    return issuer;
+  }
+
+  private static boolean isIssuer(X509Certificate issuer, X509Certificate issued) {
+    if (!issuer.getSubjectX500Principal().equals(issued.getIssuerX500Principal())) {
+      return false;
+    }
+    try {
+      issued.verify(issuer.getPublicKey());
+      return true;
+    } catch (GeneralSecurityException e) {
+      return false;
+    }
+  }
+}
