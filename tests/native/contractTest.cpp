@@ -133,6 +133,7 @@ std::string inTable(std::string text, const std::string& exception, const std::s
 /// Whether a text is as stated, where "…" stands for anything.
 bool agrees(const std::string& text, const std::string& stated) {
   const Texts parts = split(stated, "…");
+  if (parts.size() == 1) return text == stated;
   std::size_t at = 0;
   for (const std::string& part : parts) {
     at = text.find(part, at);
