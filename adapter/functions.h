@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shape of an adapted call: what becomes of each argument, by its role, before the real module
 // gets it and after the module has answered.
 #ifndef QUARVEL_ADAPTER_FUNCTIONS_H_

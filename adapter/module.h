@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The real module: finding and loading it, its life, and whose turn it is to call it. Knows no
 // handles.
 #ifndef QUARVEL_ADAPTER_MODULE_H_

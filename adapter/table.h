@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The table of handles: which numbers stand for the real module's handles, and which sessions are
 // open. A number fits a positive Java int. Knows no module and no lock: its user holds one.
 #ifndef QUARVEL_ADAPTER_TABLE_H_

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The two charts, drawn from the tables; `parts` and `docs` are their folders.
 set datafile separator "|"
 set style fill solid 0.9 noborder

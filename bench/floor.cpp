@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The floor: the measured native methods written by hand, making exactly the JNI calls that the
 // contract of each obliges it to make, and calling the module straight through its function list.
 // No trace, no checks beside the module's return value, no layers. What the library costs above

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A PKCS#11 module that answers at once: constant answers, nothing recorded, nothing computed. What
 // a call to it costs is what the binding in front of it costs.
 //

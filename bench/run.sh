@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Side-by-side benchmarks: run.sh [--quick | --only WORD]. Expects the built library. --quick prints
 # the tables in about a minute, --only the rows with that word; the full run takes some minutes,
 # puts tables and charts into docs/performance.md and wants a quiet machine. QUARVEL_BUILD and

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What cmake --install puts into a prefix; packaging/package.sh makes the Debian packages and the
 # tarball of it.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The Java half: classes and native method headers from one javac run, then the jars.
 
 # jni.h stands beside the compiler that writes the headers built on it.

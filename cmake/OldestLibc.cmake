@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # One file for every C library since glibc 2.17, and for musl. In glibc 2.34 the functions of
 # libdl.so.2 moved into libc.so.6 under a new version, which no older glibc knows, but libdl.so.2
 # stayed and the first version is answered for good. So this links against an empty libdl.so.2 with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The PKCS#11 types that the sources are built against: the standard's header as Debian's
 // libp11-kit-dev provides it, held at compile time to the 64-bit Linux layout that modules use.
 #ifndef QUARVEL_HEADER201_PKCS11_H_

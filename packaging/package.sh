@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Makes the Debian packages, the tarball and a Maven repository of a finished build:
 # package.sh BUILD VERSION DATE POM [VARIANT...], these being what the jar carries for other
 # architectures. The same sources give the same bytes: owners, modes, times and the order of files

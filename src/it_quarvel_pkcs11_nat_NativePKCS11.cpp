@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The native methods of NativePKCS11: the loaded module as a whole.
 #include "it_quarvel_pkcs11_nat_NativePKCS11.h"
 

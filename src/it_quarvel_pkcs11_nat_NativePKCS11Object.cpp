@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The native methods of NativePKCS11Object: one token object and its attributes.
 #include "it_quarvel_pkcs11_nat_NativePKCS11Object.h"
 

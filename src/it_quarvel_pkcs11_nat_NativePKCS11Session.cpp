@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The native methods of NativePKCS11Session: login and PINs, cryptographic operations, object
 // search and creation, key generation and wrapping.
 #include "it_quarvel_pkcs11_nat_NativePKCS11Session.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The native methods of NativePKCS11Slot: one slot, its token, and the sessions opened on it.
 #include "it_quarvel_pkcs11_nat_NativePKCS11Slot.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The native methods for one maker's card: its life-cycle status, its own application, key pairs
 // and certificates, and the lookup of a credential. They stand in Java's module and session
 // classes.

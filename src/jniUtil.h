@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Java side of the native code: the contract with the Java classes, conversions between
 // PKCS#11 and Java values, attribute templates, exceptions. Knows nothing of the module.
 //

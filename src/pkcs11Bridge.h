@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module bridge: owns the one PKCS#11 module of the process and wraps each PKCS#11 function
 // that the library uses in a checked call-through. Knows nothing of Java.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The trace: fixed progress texts on standard output, written while `debug` is non-zero. Programs
 // read them, so they stay as they are, also where they name another method than the one that
 // writes.

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # The native tests and the demo for arm64, on the Java, SoftHSM2 and C library of this Debian for
 # arm64, emulated: arm64.sh JAR DEMO CACHE. What is fetched and built stays in CACHE.
 . "$(dirname "$(readlink -f "$0")")/elsewhere.sh"

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Holds PKCS11Constants to the headers of p11-kit (2.40) and NSS (3.0), entry by entry, all that is
 # not a vendor's own: constants.sh JAVAP CLASSES
 set -eu

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # A thousand cycles of load, initialise and finalise on a throwaway token: cycles.sh JAVA CLASSPATH.
 # The virtual machine keeps its own share of the memory small and still.
 set -euo pipefail

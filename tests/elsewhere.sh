@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Sourced by a script JAR DEMO CACHE that runs the jar and the demo on other systems. Beside token.sh
 # and $jar, $demo and $cache as whole paths it gives:
 # `unpack FOLDER SUITE ARCHITECTURE PACKAGE...` makes a folder of Debian packages and all that they

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Each variant in a jar: the library exports the native methods of the Java classes, nothing more and
 # nothing less, the adapter its C_GetFunctionList, and both load on every C library from glibc 2.17
 # on and on musl, the adapter also where thread-local storage is dear: exports.sh JAR JAVAP.

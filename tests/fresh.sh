@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # What `./dev fresh` runs: a Debian with nothing but git and ca-certificates, made in build/fresh by
 # debootstrap from the Debian sources and certificates of this machine; in it a clone of the last
 # commit, then the README's commands as root and as a user with sudo. Fills in docs/fresh.md.

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks the binding on each real module that starts here, as `quarvel-pkcs11 check --write` does:
 # modules.sh write|compare JAVA CLI_JAR PAGE. PAGE is docs/modules.md: "write" makes its table
 # anew, "compare" fails when a module now answers otherwise than the page says.

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the packages a second time in other circumstances and compares; installs them into a
 # copy-on-write view of this machine, without a network, and uses them: packages.sh FOLDER.
 # Exit status 77: no such view can be had.

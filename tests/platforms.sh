@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # The ways in which a Java program can be put together: platforms.sh JDK JAR CLASSES. The program is
 # the inspector, on a throwaway token.
 set -euo pipefail

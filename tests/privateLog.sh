@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs a command with a /var/tmp of its own, since a trace goes to a file there that all users share:
 # privateLog.sh COMMAND... Where such a view cannot be had, one at a time; the file must be nobody
 # else's then, and goes afterwards.

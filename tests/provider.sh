@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # The provider in programs that know nothing of it: keytool, jarsigner, CMS and PDF documents of other
 # libraries: provider.sh JDK JAR. TLS is ProviderTest's matter.
 set -euo pipefail

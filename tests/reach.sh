@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # The jar of all variants on this machine's C library, older ones and musl, and on other versions of
 # Java: reach.sh JAR DEMO CACHE. Each ends in the last line of the demo, or in what it lacks. What is
 # fetched stays in CACHE.

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # What tracing does to descriptor 1 where the log cannot take its place: standardOutput.sh JAVA
 # CLASSPATH MODULE. Exit status 77: no mount namespace can be had.
 set -eu

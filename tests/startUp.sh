@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # What a process costs that loads a key store and signs once, through this provider and through the
 # JDK's own: startUp.sh ROUNDS JAR CLASSES JDK... For each JDK it prints a row of a table: the classes
 # loaded, and the median processor time in milliseconds of so many rounds. It fails where ours loads

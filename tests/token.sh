@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # One real PKCS#11 module, started in a temporary folder and ended with the script; the user's own
 # tokens and configuration are left alone. Sourced, it gives `start_module MODULE` and `fill_token`;
 # called, it runs a command: token.sh MODULE COMMAND ARG...

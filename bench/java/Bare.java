@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The bare C calls that stand beside the floor, in loops of their own. */
 final class Bare implements Subject {
   private final String module;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 import java.net.URL;
 import java.net.URLClassLoader;
 import java.nio.file.Path;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The adapter's sources, linked into this program, in front of the scripted module; where loading
 // is the matter, copies of the libraries.
 #include <dlfcn.h>

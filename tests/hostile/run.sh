@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Compares this library with the JDK's own wrapper on a misbehaving module: run.sh [JDK]. Expects
 # the built library and test programs. It takes some minutes, since each case has a virtual machine
 # of its own.

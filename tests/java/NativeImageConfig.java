@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 import java.lang.reflect.Member;
 import java.nio.file.*;
 import java.util.*;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 import static java.nio.charset.StandardCharsets.UTF_8;
 import static org.junit.jupiter.api.Assertions.*;

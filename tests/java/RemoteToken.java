@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 import static it.quarvel.pkcs11.PKCS11Constants.CKR_DEVICE_ERROR;
 
 import it.quarvel.pkcs11.*;

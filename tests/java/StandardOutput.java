@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 import it.quarvel.pkcs11.nat.NativePKCS11;
 import java.io.FileOutputStream;
 

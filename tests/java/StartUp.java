@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 import it.quarvel.pkcs11.security.QuarvelProvider;
 import java.security.KeyStore;
 import java.security.PrivateKey;

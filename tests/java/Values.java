@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.nat.*;
 import java.math.BigInteger;

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the tests in Java on a throwaway token: run.sh JDK JAR CLASSES [MODULE [TEST]], the module as
 # token.sh names it. Everything that -Xcheck:jni has to say fails them, but for its note on how many
 # local references a long template takes.

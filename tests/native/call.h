@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One call of a native method under test, and all that it did.
 #ifndef QUARVEL_TESTS_NATIVE_CALL_H_
 #define QUARVEL_TESTS_NATIVE_CALL_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What each native method returns, asks of the module and prints, as contract.txt states it.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What stands between the library and its surroundings in a test: a copy of the JNI function table
 // whose entries count, check and fail on demand, and the C heap with a balance that can run dry.
 #ifndef QUARVEL_TESTS_NATIVE_HOOKS_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module that misbehaves in every way that has a name here, and a random walk over all of it.
 #include <dlfcn.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The virtual machine of the tests.
 #ifndef QUARVEL_TESTS_NATIVE_JVM_H_
 #define QUARVEL_TESTS_NATIVE_JVM_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Loading, initialising and closing modules, and what a bad module cannot do to the bridge.
 #include <gtest/gtest.h>
 #include <stdio_ext.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every native method, callable by name.
 #ifndef QUARVEL_TESTS_NATIVE_METHODS_H_
 #define QUARVEL_TESTS_NATIVE_METHODS_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ways in which the scripted module misbehaves, each with a name.
 #include <cstring>
 #include <tuple>

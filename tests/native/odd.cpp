@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scripted module with ways of real ones: as the Java half has to get along with, and, as the
 // second misbehaviour, as a token with faults that the inspector has to show for what they are:
 // objects that are numbered from 0, success with the length -1 for an attribute that is not there,

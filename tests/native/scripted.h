@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A PKCS#11 module for tests, loaded by path like any other: records every call with its arguments
 // and answers what the script says. A test may also replace entries of `list`.
 #ifndef QUARVEL_TESTS_NATIVE_SCRIPTED_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module whose C_GetFunctionList reports success, hands out nothing and changes how to round.
 #include <cfenv>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sweeps over all native methods: every step fails in turn, every argument is bad in turn.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Java values from text and as text, in the forms of Values.java.
 #ifndef QUARVEL_TESTS_NATIVE_VALUES_H_
 #define QUARVEL_TESTS_NATIVE_VALUES_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 import it.quarvel.pkcs11.security.QuarvelProvider;
 import java.io.*;
 import java.nio.file.*;

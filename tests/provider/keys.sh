@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Puts keys of OpenSSL on the token that token.sh has made, with certificates of one authority, and
 # leaves all of them in TOKEN_DIR: NAME.key, NAME.der and both in NAME.p12.
 set -euo pipefail

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Signs on musl, where no Java is at hand: the library loads a module through the adapter, starts
 // and ends it, for what little of a JNI environment that takes, and the adapter signs with the
 // token's one private key. musl LIBRARY ADAPTER PIN, the adapter's module by its own variable; the

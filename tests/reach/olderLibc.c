@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a PKCS#11 module of Debian 11 finds in its own C library and not in glibc 2.17.
 #include <stdlib.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli;
 
 /** Starts {@link Main}, whose classes need two jars beside its own, or says which one is missing. */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * A token's keys for every Java library: {@link
  * it.quarvel.pkcs11.security.QuarvelProvider} is a provider of {@code java.security} with a key
