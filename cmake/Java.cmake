@@ -7,8 +7,10 @@ cmake_path(GET javac PARENT_PATH QUARVEL_JDK)
 cmake_path(GET QUARVEL_JDK PARENT_PATH QUARVEL_JDK)
 # A compiler in Java ends before a thorough translation of itself pays.
 set(QUARVEL_QUICK -J-XX:TieredStopAtLevel=1)
-# Nothing of the builder's environment gets into a class or a page.
-set(java_options ${QUARVEL_QUICK} -encoding UTF-8 -Xlint:all -Werror --release 17)
+# Nothing of the builder's environment gets into a class or a page. Texts are put together by plain
+# code: what javac does else loads classes at each start. A javac without the option ignores it.
+set(java_options ${QUARVEL_QUICK} -encoding UTF-8 -Xlint:all -Werror --release 17
+    -XDstringConcat=inline)
 
 file(GLOB_RECURSE QUARVEL_JAVA_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/java/*.java)
 set(QUARVEL_CLASSES ${CMAKE_BINARY_DIR}/classes)
@@ -83,11 +85,11 @@ foreach(target ${QUARVEL_NATIVE_TARGETS})
   list(APPEND natives -C ${resources} ${native})
 endforeach()
 add_custom_target(natives DEPENDS ${native_files})
-set(index ${resources}/${nat}/SHA256SUMS)
+set(index ${resources}/${nat}/INDEX)
 set(sums ${native_files})
 list(TRANSFORM sums REPLACE ".*/${nat}/" "")
-set(write_index COMMAND ${CMAKE_COMMAND} -E chdir ${resources}/${nat} ${CMAKE_COMMAND} -E sha256sum
-                        ${sums} > ${index})
+set(sum ${CMAKE_SOURCE_DIR}/cmake/index.sh)
+set(write_index COMMAND ${sum} ${resources}/${nat} ${sums} > ${index})
 # Those of other presets, each configured afresh, as it may have another compiler by now.
 foreach(variant ${QUARVEL_VARIANTS})
   set(folder ${CMAKE_BINARY_DIR}/${variant})
@@ -106,13 +108,12 @@ foreach(variant ${QUARVEL_VARIANTS})
     VERBATIM USES_TERMINAL)
   list(APPEND native_files ${variant_files})
   list(TRANSFORM variant_files REPLACE ".*/${nat}/" "")
-  list(APPEND write_index COMMAND ${CMAKE_COMMAND} -E chdir ${folder}/resources/${nat}
-                                  ${CMAKE_COMMAND} -E sha256sum ${variant_files} >> ${index})
+  list(APPEND write_index COMMAND ${sum} ${folder}/resources/${nat} ${variant_files} >> ${index})
 endforeach()
 # Tells Java what the jar carries, and whether it is whole.
-add_custom_command(OUTPUT ${index} ${write_index} DEPENDS ${native_files} VERBATIM)
+add_custom_command(OUTPUT ${index} ${write_index} DEPENDS ${native_files} ${sum} VERBATIM)
 list(APPEND native_files ${index})
-list(APPEND natives -C ${resources} ${nat}/SHA256SUMS)
+list(APPEND natives -C ${resources} ${nat}/INDEX)
 
 set(pom META-INF/maven/it.quarvel/quarvel-pkcs11)
 set(QUARVEL_POM ${resources}/${pom}/pom.xml)

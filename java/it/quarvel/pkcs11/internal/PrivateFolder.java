@@ -2,6 +2,7 @@
 package it.quarvel.pkcs11.internal;
 
 import java.io.File;
+import java.io.FileOutputStream;
 import java.io.IOException;
 import java.io.InputStream;
 import java.nio.charset.StandardCharsets;
@@ -10,13 +11,10 @@ import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 import java.nio.file.attribute.FileAttribute;
 import java.nio.file.attribute.PosixFilePermissions;
-import java.security.MessageDigest;
-import java.security.NoSuchAlgorithmException;
-import java.util.HexFormat;
-import java.util.List;
 import java.util.Objects;
 import java.util.Set;
 import java.util.TreeSet;
+import java.util.zip.CRC32;
 
 /**
  * A folder that only its owner can look into, where native files lie while they are loaded. What is
@@ -28,8 +26,8 @@ public final class PrivateFolder implements AutoCloseable {
 
   private static final String NATIVES = "/it/quarvel/pkcs11/nat/";
 
-  /** Of {@link #NATIVES}: a line for each native file of the jar, its SHA-256, two blanks, its name. */
-  private static final String INDEX = "SHA256SUMS";
+  /** Of {@link #NATIVES}: a line for each native file of the jar: CRC-32, bytes, name. */
+  private static final String INDEX = "INDEX";
 
   private static final FileAttribute<?> OWNER_ONLY =
       PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------"));
@@ -83,7 +81,8 @@ public final class PrivateFolder implements AutoCloseable {
 
   /**
    * Copies a native file out of the jar. One that was changed on its way, as tools do that take a
-   * resource for a text, could end the process when it is loaded.
+   * resource for a text, could end the process when it is loaded. The checksum is against such tools
+   * alone: who means harm changes the index too.
    *
    * @param name the file's name, in the jar and in the folder
    * @return the copy
@@ -95,10 +94,17 @@ public final class PrivateFolder implements AutoCloseable {
     if (content.length == 0) {
       throw new IOException("not in the jar");
     }
-    if (!index().contains(sha256(content) + "  " + resource(name).substring(NATIVES.length()))) {
+    CRC32 crc = new CRC32();
+    crc.update(content);
+    String line = crc.getValue() + " " + content.length + " "
+        + resource(name).substring(NATIVES.length()) + "\n";
+    if (!("\n" + index()).contains("\n" + line)) {
       throw new IOException("damaged: it is not what the jar was built with");
     }
-    return Files.write(file(name), content);
+    try (FileOutputStream out = new FileOutputStream(file(name).toFile())) {
+      out.write(content);
+    }
+    return file(name);
   }
 
   /**
@@ -109,29 +115,21 @@ public final class PrivateFolder implements AutoCloseable {
   public static String carried() {
     try {
       Set<String> folders = new TreeSet<>();
-      index().forEach(line -> folders.add(line.replaceAll(".* |/.*", "")));
+      index().lines().forEach(line -> folders.add(line.replaceAll(".* |/.*", "")));
       return folders.isEmpty() ? "no native files" : String.join(" and ", folders);
     } catch (IOException e) {
       return e.toString();
     }
   }
 
-  private static List<String> index() throws IOException {
-    return new String(read(NATIVES + INDEX), StandardCharsets.UTF_8).lines().toList();
+  private static String index() throws IOException {
+    return new String(read(NATIVES + INDEX), StandardCharsets.UTF_8);
   }
 
   /** Reads a resource, which is empty when it is not there. */
   private static byte[] read(String resource) throws IOException {
     try (InputStream in = PrivateFolder.class.getResourceAsStream(resource)) {
       return in == null ? new byte[0] : in.readAllBytes();
-    }
-  }
-
-  private static String sha256(byte[] content) {
-    try {
-      return HexFormat.of().formatHex(MessageDigest.getInstance("SHA-256").digest(content));
-    } catch (NoSuchAlgorithmException e) {
-      throw new IllegalStateException(e); // every Java has it
     }
   }
 

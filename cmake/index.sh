@@ -1,0 +1,10 @@
+#!/bin/sh
+# What the jar says of its native files, a line for each: CRC-32 and bytes, which gzip writes last, and
+# the name: index.sh FOLDER NAME...
+set -eu
+cd "$1"
+shift
+for name; do
+  # shellcheck disable=SC2046 # two numbers
+  printf '%u %u %s\n' $(gzip -c "$name" | tail -c 8 | od -An -tu4 --endian=little) "$name"
+done
