@@ -43,6 +43,7 @@ build_bench() {
   compile instantModule.so instantModule.cpp
   compile libfloor.so floor.cpp
   cp "$out/libfloor.so" "$out/libsecondfloor.so"
+  "$jdk/bin/javac" -cp "$build/classes" -d "$out/startUp" tests/java/StartUp.java
 }
 
 # ---- Each prints one part of the page, for the marker of its name; a new one goes here, into
@@ -85,11 +86,18 @@ threads() (
   QUARVEL_PKCS11_ADAPTED_MODULE=$QUARVEL_PKCS11_MODULE "${table[@]}" Table threads
 )
 
+startUp() {
+  echo "| Java | classes | JDK's | ratio | ms | JDK's | ratio |"
+  echo '|---|---:|---:|---:|---:|---:|---:|'
+  readlink -f /usr/lib/jvm/*/lib/server/libjvm.so | sed 's#/lib/server/.*##' | sort -u |
+    xargs tests/startUp.sh 21 "$build/quarvel-pkcs11.jar" "$out/startUp"
+}
+
 # ---- The page ----
 
 write_page() {
   local part
-  for part in machine instant token keepingMemory growth adapter threads; do
+  for part in machine instant token keepingMemory growth adapter threads startUp; do
     "$part" | tee "$out/$part.md"
   done
   awk -v parts="$out/" '

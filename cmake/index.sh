@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # What the jar says of its native files, a line for each: CRC-32 and bytes, which gzip writes last, and
 # the name: index.sh FOLDER NAME...
 set -eu
