@@ -6,6 +6,6 @@ set -eu
 cd "$1"
 shift
 for name; do
-  # shellcheck disable=SC2046 # two numbers
+  # shellcheck disable=SC2046,SC2183 # two numbers
   printf '%u %u %s\n' $(gzip -c "$name" | tail -c 8 | od -An -tu4 --endian=little) "$name"
 done

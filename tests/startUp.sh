@@ -29,12 +29,12 @@ milliseconds() { # CONFIGURATION
 
 status=0
 for jdk in "${@:4}"; do
-  : >times
+  : >measured
   for ((i = 0; i < rounds; ++i)); do
-    echo "$(milliseconds "$uri") $(milliseconds theirs)" >>times
+    echo "$(milliseconds "$uri") $(milliseconds theirs)" >>measured
   done
   echo "$(sed -n 's/JAVA_VERSION="\(.*\)"/\1/p' "$jdk/release") $(loaded "$uri") $(loaded theirs)" |
-    cat - times | perl -e '
+    cat - measured | perl -e '
       my ($java, $ours, $theirs) = split " ", <>;
       my $classes = $ours / $theirs;
       my @row = ($java, $ours, $theirs, sprintf "%.2f", $classes);
