@@ -7,7 +7,7 @@ import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.nat.*;
 import it.quarvel.pkcs11.security.QuarvelProvider;
 import java.io.*;
-import java.net.Socket;
+import java.net.*;
 import java.nio.file.*;
 import java.security.*;
 import java.security.cert.X509Certificate;
@@ -44,6 +44,7 @@ class ProviderTest {
 
   static final Map<String, PrivateKey> software = new HashMap<>();
   static final Map<String, X509Certificate> certificates = new HashMap<>();
+  static Provider copy;
 
   final List<QuarvelProvider> configured = new ArrayList<>();
   final QuarvelProvider provider = configured(URI);
@@ -53,6 +54,9 @@ class ProviderTest {
 
   @BeforeAll
   static void fillToken() throws Exception {
+    URL jar = QuarvelProvider.class.getProtectionDomain().getCodeSource().getLocation();
+    copy = (Provider) new URLClassLoader(new URL[] {jar}, null)
+        .loadClass(QuarvelProvider.class.getName()).getConstructor().newInstance();
     EndToEndTest.output(System.getenv("QUARVEL_KEYS"));
     for (String name : List.of("ca", "rsa2048", "rsa1025", "prime256v1", "secp521r1", "ed25519")) {
       KeyStore file = KeyStore.getInstance(DIR.resolve(name + ".p12").toFile(), PASSWORD);
@@ -83,19 +87,22 @@ class ProviderTest {
 
   static KeyStore load(Provider provider, char[] pin) throws Exception {
     KeyStore keys = KeyStore.getInstance("PKCS11", provider);
-    keys.load(null, pin);
+    keys.load(InputStream.nullInputStream(), pin);
     return keys;
   }
 
   @BeforeEach
   void load() throws Exception {
     Security.insertProviderAt(provider, 1);
+    // Of another copy of the jar, as each web application of a server has its own.
+    Security.insertProviderAt(copy, 2);
     store = load(provider, PIN);
   }
 
   @AfterEach
   void unload() throws Exception {
     Security.removeProvider(provider.getName());
+    Security.removeProvider(copy.getName());
     for (QuarvelProvider each : configured) {
       each.logout();
     }
@@ -234,7 +241,9 @@ class ProviderTest {
     assertNull(key("bare-key 05").getEncoded());
     assertThrows(NotSerializableException.class,
         () -> new ObjectOutputStream(OutputStream.nullOutputStream()).writeObject(key("rsa2048")));
-    store.store(null, null);
+    ByteArrayOutputStream stored = new ByteArrayOutputStream();
+    store.store(stored, PIN);
+    assertEquals(0, stored.size());
     for (Executable write : List.<Executable>of(() -> store.deleteEntry("rsa2048"),
         () -> store.setCertificateEntry("x", certificates.get("ca")),
         () -> store.setKeyEntry("x", key("rsa2048"), null, store.getCertificateChain("rsa2048")))) {
@@ -296,6 +305,9 @@ class ProviderTest {
     provider.setCallbackHandler(null);
     provider.logout();
     assertNotSigned(signer, "wants a PIN");
+    provider.login(null, answering(List.of(EndToEndTest.PIN), asked));
+    assertThrows(SignatureException.class, signer::sign);
+    provider.logout();
     Path pin = DIR.resolve("pin");
     Files.writeString(pin, EndToEndTest.PIN + "\n");
     QuarvelProvider withFile = configured(URI + "&pin-source=file:" + pin);
@@ -444,8 +456,9 @@ class ProviderTest {
 
   @Test
   void refusesWhatCannotBe() throws Exception {
-    for (String uri : List.of("token=demo", "pkcs11:token=demo")) {
-      assertThrows(InvalidParameterException.class, () -> configured(uri));
+    for (String uri : List.of("/etc/pkcs11.cfg", "pkcs11:token=demo")) {
+      assertTrue(assertThrows(InvalidParameterException.class, () -> configured(uri)).getMessage()
+          .startsWith("wanted is"));
     }
     Signature pss = Signature.getInstance("RSASSA-PSS", provider);
     pss.initSign(key("rsa1025"));

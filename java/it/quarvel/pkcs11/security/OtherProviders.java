@@ -21,13 +21,14 @@ final class OtherProviders {
   /**
    * Returns what the first provider makes that can.
    *
-   * @param own the provider that hands on; others of its class, for other tokens, are left out
+   * @param own the provider that hands on; others of its kind are left out, for other tokens or of
+   *     another copy of the jar, which would hand back what it cannot do
    * @throws InvalidKeyException when none can, with the first refusal as its cause
    */
   static <T> T first(Provider own, Attempt<T> attempt) throws InvalidKeyException {
     Exception refusal = null;
     for (Provider provider : Security.getProviders()) {
-      if (provider.getClass() != own.getClass()) {
+      if (!provider.getClass().getName().equals(own.getClass().getName())) {
         try {
           return attempt.with(provider);
         } catch (NoSuchAlgorithmException e) {

@@ -144,12 +144,13 @@ public final class QuarvelProvider extends AuthProvider {
     PKCS11Uri parsed;
     try {
       parsed = PKCS11Uri.parse(uri);
+      if (parsed.modulePath() == null) {
+        throw new IllegalArgumentException("the PKCS#11 URI has no module-path");
+      }
     } catch (IllegalArgumentException e) {
-      throw (InvalidParameterException) new InvalidParameterException(e.getMessage()).initCause(e);
-    }
-    if (parsed.modulePath() == null) {
-      throw new InvalidParameterException("the PKCS#11 URI names no module: it ends in"
-          + " \"?module-path=\" and the module's file");
+      throw (InvalidParameterException) new InvalidParameterException("wanted is a PKCS#11 URI such"
+          + " as \"pkcs11:token=demo?module-path=/usr/lib/softhsm/libsofthsm2.so\", and no"
+          + " configuration file: " + e.getMessage()).initCause(e);
     }
     Object named = parsed.token() != null ? parsed.token()
         : parsed.serial() != null ? parsed.serial()

@@ -42,11 +42,9 @@ final class TokenKeyStore extends KeyStoreSpi {
 
   // ---- Loading ----
 
+  /** What a stream holds is ignored: some programs always give one. */
   @Override
   public void engineLoad(InputStream stream, char[] pin) throws IOException {
-    if (stream != null) {
-      throw new IOException("a token is not read from a stream: give null");
-    }
     try {
       load(pin == null ? null : answer(pin));
     } catch (FailedLoginException e) {
@@ -193,9 +191,7 @@ final class TokenKeyStore extends KeyStoreSpi {
 
   @Override
   public void engineStore(OutputStream stream, char[] password) {
-    if (stream != null) {
-      throw new UnsupportedOperationException("a token's keys cannot be written to a stream");
-    }
+    // The keys are on the token, and nowhere else.
   }
 
   @Override

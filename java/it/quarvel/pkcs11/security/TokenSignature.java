@@ -72,6 +72,9 @@ final class TokenSignature extends SignatureSpi {
 
   private ByteArrayOutputStream data;
 
+  /** The last signature has failed, and no data has come since. */
+  private boolean failed;
+
   /** The other provider's, null unless it has been handed the key. */
   private Signature other;
 
@@ -176,6 +179,7 @@ final class TokenSignature extends SignatureSpi {
     digest = first;
     data = new ByteArrayOutputStream();
     underWay = false;
+    failed = false;
   }
 
   /** Returns null where the token hashes. */
@@ -263,12 +267,14 @@ final class TokenSignature extends SignatureSpi {
       other.update(bytes, offset, length);
     } else if (scheme == Scheme.PSS && parameters == null) {
       throw new SignatureException("RSASSA-PSS wants parameters first");
-    } else if (digest != null) {
-      digest.update(bytes, offset, length);
-      underWay = true;
     } else {
-      data.write(bytes, offset, length);
+      if (digest != null) {
+        digest.update(bytes, offset, length);
+      } else {
+        data.write(bytes, offset, length);
+      }
       underWay = true;
+      failed = false;
     }
   }
 
@@ -282,17 +288,23 @@ final class TokenSignature extends SignatureSpi {
     if (other != null) {
       return other.sign();
     }
+    if (failed) {
+      throw new SignatureException("the last signature failed: there is nothing left to sign");
+    }
     byte[] input = digest != null ? digest.digest() : data.toByteArray();
     data.reset();
     underWay = false;
+    failed = true;
     try {
-      return switch (scheme) {
+      byte[] signature = switch (scheme) {
         case PKCS1 -> signPkcs1((TokenKey.Rsa) key, hash == null ? input : hash.digestInfo(input));
         case PSS -> signPss((TokenKey.Rsa) key, input);
         case ECDSA_DER -> Encodings.derSignature(signEcdsa((TokenKey.Ec) key, input));
         case ECDSA_P1363 -> signEcdsa((TokenKey.Ec) key, input);
         case EDDSA -> key.sign(CKM_EDDSA, input);
       };
+      failed = false;
+      return signature;
     } catch (PKCS11Exception | LoginException e) {
       throw new SignatureException("the token does not sign: " + e.getMessage(), e);
     }
