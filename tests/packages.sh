@@ -81,11 +81,6 @@ END
   bash -c '. /usr/share/bash-completion/completions/quarvel-pkcs11
     COMP_WORDS=(quarvel-pkcs11 me) COMP_CWORD=1
     "_complete_quarvel-pkcs11" 2>/dev/null && [ "${COMPREPLY[*]}" = mechanisms ]'
-  # The manual knows every option.
-  zcat /usr/share/man/man1/quarvel-pkcs11.1.gz | sed 's/\\//g' | grep -oE -- '--[a-z-]+' | sort -u >manual
-  for command in info slots mechanisms objects sign decrypt check; do
-    quarvel-pkcs11 $command --help
-  done | grep -oE -- '--[a-z-]+' | sort -u | comm -23 - manual | diff /dev/null -
   mv /usr/share/java/picocli.jar picocli.jar
   ! quarvel-pkcs11 slots 2>error || return 1
   diff error - <<<'quarvel-pkcs11: picocli.jar is not beside quarvel-pkcs11-cli.jar'

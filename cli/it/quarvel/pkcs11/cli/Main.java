@@ -46,6 +46,11 @@ import picocli.CommandLine.UnmatchedArgumentException;
       "141:The reader of standard output has gone."
     })
 public final class Main extends Program {
+  /** Serves those who only read the names and descriptions of the commands. */
+  private Main() {
+    this(OutputStream.nullOutputStream(), System.err);
+  }
+
   private Main(OutputStream out, PrintStream err) {
     super(out, err);
   }
