@@ -43,7 +43,7 @@ build_bench() {
   compile instantModule.so instantModule.cpp
   compile libfloor.so floor.cpp
   cp "$out/libfloor.so" "$out/libsecondfloor.so"
-  "$jdk/bin/javac" -cp "$build/classes" -d "$out/startUp" tests/java/StartUp.java
+  "$jdk/bin/javac" -cp "$build/classes" -d "$out/startUp" tests/programs/StartUp.java
 }
 
 # ---- Each prints one part of the page, for the marker of its name; a new one goes here, into
