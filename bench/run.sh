@@ -2,14 +2,14 @@
 # SPDX-License-Identifier: Apache-2.0
 # Side-by-side benchmarks: run.sh [--quick | --only WORD]. Expects the built library. --quick prints
 # the tables in about a minute, --only the rows with that word; the full run takes some minutes,
-# puts tables and charts into docs/performance.md and wants a quiet machine. QUARVEL_BUILD and
-# QUARVEL_DOCS name other folders than build/ and docs/.
+# wants a quiet machine, and writes the charts and, in build/bench/, the parts of
+# docs/performance.md. QUARVEL_BUILD and QUARVEL_DOCS name other folders than build/ and docs/.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 case $#${1-} in
   0 | 1--quick | 2--only) ;;
-  *) sed -n '2,5p' bench/run.sh >&2; exit 2 ;;
+  *) sed -n '3,7p' bench/run.sh >&2; exit 2 ;;
 esac
 
 build=$(realpath "${QUARVEL_BUILD:-build}")
@@ -47,7 +47,7 @@ build_bench() {
 }
 
 # ---- Each prints one part of the page, for the marker of its name; a new one goes here, into
-# write_page and into the page, its Java into Table ----
+# write_parts and into the page, its Java into Table ----
 
 machine() {
   echo "Measured by \`./dev bench\` on $(date +%F): $(sed -n 's/^model name.*: //p' /proc/cpuinfo |
@@ -93,24 +93,13 @@ startUp() {
     xargs tests/startUp.sh 21 "$build/quarvel-pkcs11.jar" "$out/startUp"
 }
 
-# ---- The page ----
+# ---- All of the page ----
 
-write_page() {
+write_parts() {
   local part
   for part in machine instant token keepingMemory growth adapter threads startUp; do
     "$part" | tee "$out/$part.md"
   done
-  awk -v parts="$out/" '
-    /^<!-- end / { inside = 0 }
-    !inside
-    /^<!-- begin / {
-      inside = 1
-      print ""
-      while ((found = (getline line < (parts $3 ".md"))) > 0) print line
-      if (found < 0) exit 1
-      print ""
-    }' "$docs/performance.md" >"$out/performance.md"
-  cp "$out/performance.md" "$docs/performance.md"
   gnuplot -e "parts='$out/'; docs='$docs/'" bench/charts.gnuplot
 }
 
@@ -118,5 +107,5 @@ build_bench
 case ${1-} in
   --only) instant "-Dbench.only=$2" ;;
   --quick) instant -Dbench.quick=true && token -Dbench.quick=true ;;
-  *) write_page ;;
+  *) write_parts ;;
 esac

@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # What `./dev fresh` runs: a Debian with nothing but git and ca-certificates, made in build/fresh by
 # debootstrap from the Debian sources and certificates of this machine; in it a clone of the last
-# commit, then the README's commands as root and as a user with sudo. Fills in docs/fresh.md.
+# commit, then the README's commands as root and as a user with sudo. Writes the part of
+# docs/fresh.md into build/fresh/runs.md.
 set -euo pipefail
 project=$(dirname "$(dirname "$(readlink -f "$0")")")
 work=$project/build/fresh
@@ -106,11 +107,9 @@ row user './dev demo'
 row user './dev test'
 end
 
-# The prose is written by hand.
-made="Made on $(date --utc +%Y-%m-%d) with Debian $(cat "$work/bare/etc/debian_version"): $bare before the first command."
-awk -v made="$made" -v table="$(cat "$work/table")" '
-  /^Made on / {print made; next}
-  /^[|] (root|user) / {if (!written++) print table; next}
-  {print}' "$project/docs/fresh.md" >"$work/page"
-cat "$work/page" >"$project/docs/fresh.md"
+{
+  echo "Made on $(date --utc +%Y-%m-%d) with Debian $(cat "$work/bare/etc/debian_version"): $bare before the first command."
+  printf '\n| as | command | result | time | packages | download | on disk |\n|---|---|---|---|---|---|---|\n'
+  cat "$work/table"
+} >"$work/runs.md"
 rm -rf "$work"/bare "$work"/here
