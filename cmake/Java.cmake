@@ -13,6 +13,19 @@ set(java_options ${QUARVEL_QUICK} -encoding UTF-8 -Xlint:all -Werror --release 1
     -XDstringConcat=inline)
 
 file(GLOB_RECURSE QUARVEL_JAVA_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/java/*.java)
+set(generated ${CMAKE_BINARY_DIR}/generated)
+file(CONFIGURE OUTPUT ${generated}/it/quarvel/pkcs11/Version.java CONTENT
+"// SPDX-License-Identifier: Apache-2.0
+package it.quarvel.pkcs11;
+
+/** The version that the build is told. */
+final class Version {
+  static final String TEXT = \"${PROJECT_VERSION}\";
+
+  private Version() {}
+}
+")
+list(APPEND QUARVEL_JAVA_SOURCES ${generated}/it/quarvel/pkcs11/Version.java)
 set(QUARVEL_CLASSES ${CMAKE_BINARY_DIR}/classes)
 set(QUARVEL_JNI_HEADERS ${CMAKE_BINARY_DIR}/jni-headers)
 set(QUARVEL_CLASSES_STAMP ${CMAKE_BINARY_DIR}/classes.stamp)
@@ -117,7 +130,16 @@ list(APPEND natives -C ${resources} ${nat}/INDEX)
 
 set(pom META-INF/maven/it.quarvel/quarvel-pkcs11)
 set(QUARVEL_POM ${resources}/${pom}/pom.xml)
+set(home)
+if(QUARVEL_URL)
+  string(APPEND home "  <url>${QUARVEL_URL}</url>\n")
+endif()
+if(QUARVEL_SCM)
+  string(APPEND home "  <scm>\n    <url>${QUARVEL_SCM}</url>\n  </scm>\n")
+endif()
 configure_file(packaging/pom.xml.in ${QUARVEL_POM} @ONLY)
+string(REPLACE "-" "" updated "${QUARVEL_DATE}000000")
+configure_file(packaging/maven-metadata.xml.in maven-metadata.xml @ONLY)
 file(CONFIGURE OUTPUT ${resources}/${pom}/pom.properties
      CONTENT "groupId=it.quarvel\nartifactId=quarvel-pkcs11\nversion=${PROJECT_VERSION}\n")
 # What `provides` in the module says, for the class path.
@@ -203,4 +225,5 @@ add_custom_command(
   DEPENDS ${QUARVEL_JAVA_SOURCES}
   VERBATIM)
 quarvel_jar(quarvel-pkcs11-javadoc CONTENTS -C ${QUARVEL_JAVADOC} . DEPENDS ${QUARVEL_JAVADOC}.stamp)
-quarvel_jar(quarvel-pkcs11-sources CONTENTS -C ${CMAKE_SOURCE_DIR}/java . DEPENDS ${QUARVEL_JAVA_SOURCES})
+quarvel_jar(quarvel-pkcs11-sources CONTENTS -C ${CMAKE_SOURCE_DIR}/java . -C ${generated} .
+            DEPENDS ${QUARVEL_JAVA_SOURCES})

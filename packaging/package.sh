@@ -23,13 +23,18 @@ strip --remove-section=.comment "$work"/all/usr/lib/*/jni/*.so
 
 # ---- Maven and Gradle: a repository that a build can name ----
 
-repository=it/quarvel/quarvel-pkcs11/$version
-artifact=$repository/quarvel-pkcs11-$version
-mkdir -p "$build/maven/$repository"
-install -m 644 "$pom" "$build/maven/$artifact.pom"
+repository=it/quarvel/quarvel-pkcs11
+artifact=$repository/$version/quarvel-pkcs11-$version
+install -D -m 644 -t "$build/maven/$repository" "$build/maven-metadata.xml"
+install -D -m 644 "$pom" "$build/maven/$artifact.pom"
 install -m 644 "$build/quarvel-pkcs11.jar" "$build/maven/$artifact.jar"
 for kind in sources javadoc; do
   install -m 644 "$build/quarvel-pkcs11-$kind.jar" "$build/maven/$artifact-$kind.jar"
+done
+for file in "$build/maven/$repository"/{*.xml,*/*}; do
+  for sum in md5 sha1 sha256 sha512; do
+    "${sum}sum" <"$file" | cut -d ' ' -f 1 >"$file.$sum"
+  done
 done
 
 # ---- The tarball ----

@@ -48,7 +48,7 @@ END
     cat <<'END'
     System.out.println(genuine && Arrays.equals(signature, signatureOfParts)
         && Arrays.equals(data, opened) && Arrays.equals(data, unsealed)
-        && PKCS11Info.class.getPackage().getImplementationVersion().equals("1.16.0"));
+        && PKCS11Info.class.getPackage().getImplementationVersion().equals(PKCS11Module.version()));
   }
 }
 END
@@ -61,16 +61,24 @@ END
   signs -cp $jar src/main/java/Sign.java
   blocks java README.md | sed '/^import static/,$d' >SignWithProvider.java
   signs -cp $jar SignWithProvider.java
-  cat >pom.xml <<END
+  local dependency
+  dependency=$(blocks xml install.md | grep -v '<repository>')
+  # From the package, then from the folder of packages, by the page's range and as the latest.
+  for version in "$(dpkg-query --show --showformat '${Version}' quarvel-pkcs11)" '[1.16,1.17)' LATEST; do
+    cat >pom.xml <<END
 <project xmlns="http://maven.apache.org/POM/4.0.0">
   <modelVersion>4.0.0</modelVersion>
   <groupId>example</groupId><artifactId>example</artifactId><version>1</version>
   <properties><maven.compiler.release>17</maven.compiler.release></properties>
-  <dependencies>$(blocks xml install.md | grep -v '<repository>')</dependencies>
+  <repositories>$(blocks xml install.md | grep '<repository>' | sed "s#/path/to#$tests#")</repositories>
+  <dependencies>${dependency/'[1.16,1.17)'/$version}</dependencies>
 </project>
 END
-  mvn --quiet --batch-mode --offline -Dmaven.repo.local=/usr/share/maven-repo compile >log 2>&1 || { cat log; return 1; }
-  signs -cp "target/classes:$(echo /usr/share/maven-repo/it/quarvel/quarvel-pkcs11/*/*.jar)" Sign
+    mvn --quiet --batch-mode --offline --strict-checksums -Daether.offline.protocols=file \
+      -Dmaven.repo.local=/usr/share/maven-repo compile >log 2>&1 || { cat log; return 1; }
+    signs -cp "target/classes:$(echo /usr/share/maven-repo/it/quarvel/quarvel-pkcs11/*/*.jar)" Sign
+    rm -r /usr/share/maven-repo/it target
+  done
 
   # The bundle exports what the module exports.
   unzip -p $jar META-INF/MANIFEST.MF | tr -d '\r' | sed -z 's/\n //g' >manifest
@@ -85,7 +93,7 @@ END
   ! quarvel-pkcs11 slots 2>error || return 1
   diff error - <<<'quarvel-pkcs11: picocli.jar is not beside quarvel-pkcs11-cli.jar'
   mv picocli.jar /usr/share/java/picocli.jar
-  java -jar $cli --version
+  java -jar $cli --version | grep -x "$(dpkg-query --show --showformat '${Version}' quarvel-pkcs11)"
 }
 
 # ---- In the other folder ----
@@ -141,7 +149,7 @@ mount -t overlay overlay -o lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work $vi
 mount --bind /proc $view/proc
 mount --bind /dev $view/dev
 mkdir $view/tmp/packages
-cp "$folder"/*.deb "$0" "$tests/token.sh" "$tests/../README.md" "$tests/../docs/"{install,instead-of}.md \
+cp -r "$folder"/{*.deb,maven} "$0" "$tests/token.sh" "$tests/../README.md" "$tests/../docs/"{install,instead-of}.md \
   $view/tmp/packages/
 chroot $view /tmp/packages/packages.sh --installed
 echo 'packages: installed; the examples of the README and of docs/ run from them, and as a Maven project'

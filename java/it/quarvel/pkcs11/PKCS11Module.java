@@ -50,6 +50,15 @@ public final class PKCS11Module implements AutoCloseable {
   }
 
   /**
+   * Returns the version of this library.
+   *
+   * @return its three numbers, of which {@link NativePKCS11#BRIDGE_VERSION} tells two
+   */
+  public static String version() {
+    return Version.TEXT;
+  }
+
+  /**
    * Loads and initialises a module behind the adapter ({@code C_GetFunctionList}, {@code
    * C_Initialize} with {@code CKF_OS_LOCKING_OK}). One that another part of the process has
    * initialised is used as it is, and not finalised.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli;
 
+import it.quarvel.pkcs11.PKCS11Module;
 import it.quarvel.pkcs11.cli.command.CheckCommand;
 import it.quarvel.pkcs11.cli.command.DecryptCommand;
 import it.quarvel.pkcs11.cli.command.InfoCommand;
@@ -11,7 +12,6 @@ import it.quarvel.pkcs11.cli.command.SlotsCommand;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.console.Program;
 import it.quarvel.pkcs11.cli.console.Text;
-import it.quarvel.pkcs11.nat.NativePKCS11;
 import java.io.FileDescriptor;
 import java.io.FileOutputStream;
 import java.io.OutputStream;
@@ -25,6 +25,7 @@ import java.util.stream.Collectors;
 import picocli.AutoComplete.GenerateCompletion;
 import picocli.CommandLine;
 import picocli.CommandLine.Command;
+import picocli.CommandLine.IVersionProvider;
 import picocli.CommandLine.ParameterException;
 import picocli.CommandLine.ScopeType;
 import picocli.CommandLine.UnmatchedArgumentException;
@@ -39,13 +40,21 @@ import picocli.CommandLine.UnmatchedArgumentException;
     },
     mixinStandardHelpOptions = true,
     scope = ScopeType.INHERIT,
-    version = NativePKCS11.BRIDGE_VERSION,
+    versionProvider = Main.Version.class,
     exitCodeListHeading = "Exit status:%n",
     exitCodeList = {
       "0:It worked.", "1:It did not.", "2:The command line is wrong.",
       "141:The reader of standard output has gone."
     })
 public final class Main extends Program {
+  /** What {@code --version} tells. */
+  static final class Version implements IVersionProvider {
+    @Override
+    public String[] getVersion() {
+      return new String[] {PKCS11Module.version()};
+    }
+  }
+
   /** Serves those who only read the names and descriptions of the commands. */
   private Main() {
     this(OutputStream.nullOutputStream(), System.err);
