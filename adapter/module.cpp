@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -54,16 +55,16 @@ class Visit {
   std::atomic<pthread_t>* place_ = nullptr;
 };
 
-/// The text of the file beside this library, without a line end; empty where it is too long.
-/// @return whether there is such a file
+/// The text of the file beside this library, without a line end; empty where it is too long, or
+/// cannot be read. @return whether there is such a file
 bool readPath(char (&path)[PATH_MAX]) {
   Dl_info self;
   if (dladdr(&list, &self) == 0) return false;
   if (std::snprintf(path, sizeof path, "%s.module", self.dli_fname) >= PATH_MAX) return false;
   const int file = open(path, O_RDONLY | O_CLOEXEC);
-  if (file < 0) return false;
+  if (file < 0 && errno == ENOENT) return false;
   ssize_t length = read(file, path, sizeof path);
-  close(file);
+  if (file >= 0) close(file);
   if (length > 0 && path[length - 1] == '\n') --length;
   path[length > 0 && length < PATH_MAX ? length : 0] = '\0';
   return true;

@@ -77,10 +77,10 @@ class Turn : Lock {
 /// path stands in a file beside this library, named as it with ".module" added, else in
 /// QUARVEL_PKCS11_ADAPTED_MODULE. It is never closed: threads and thread-local destructors that it
 /// leaves behind need its code.
-/// @return CKR_ARGUMENTS_BAD: no path, or one of PATH_MAX and more; CKR_LIBRARY_LOAD_FAILED: the
-/// dynamic linker refused it; CKR_FUNCTION_NOT_SUPPORTED: it has no C_GetFunctionList;
-/// CKR_FUNCTION_REJECTED: it is, or leads back to, this library; CKR_GENERAL_ERROR: it succeeded
-/// without a list; else what its C_GetFunctionList returned
+/// @return CKR_ARGUMENTS_BAD: no path, one of PATH_MAX and more, or a file that cannot be read;
+/// CKR_LIBRARY_LOAD_FAILED: the dynamic linker refused it; CKR_FUNCTION_NOT_SUPPORTED: it has no
+/// C_GetFunctionList; CKR_FUNCTION_REJECTED: it is, or leads back to, this library;
+/// CKR_GENERAL_ERROR: it succeeded without a list; else what its C_GetFunctionList returned
 CK_RV load();
 
 /// C_Initialize with the caller's own arguments, null included, and locking asked for. Where the

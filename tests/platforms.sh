@@ -44,6 +44,7 @@ runs 'named file' -cp "$jar:$classes" \
 runs 'copy from the jar' -cp "$jar:$classes" -Djava.library.path="$work/other" \
   -Dit.quarvel.pkcs11.tmpdir="$work/copies"
 rmdir "$work/copies" # the copy has gone
+runs 'copy from the jar, in /dev/shm' -cp "$jar:$classes" -Djava.io.tmpdir=/nowhere
 runs 'library of the system' -cp "$work/bare:$classes" \
   -Djava.library.path="$work/system"
 # As a tool leaves them that takes them for texts: loading such a file could end the process.
@@ -55,9 +56,22 @@ tried='resource \S*libquarvelpkcs11.so: .*library quarvelpkcs11.*: '
 fails "${tried/: /: damaged}" -cp "$work/damaged:$classes"
 fails 'cannot be loaded on Linux riscv64 with the C library /\S*libc\.so.*; the jar carries linux-.*-Dit.quarvel.pkcs11.library' \
   -cp "$jar:$classes" -Dos.arch=riscv64
-fails '-Dit.quarvel.pkcs11.library.*/nowhere/file.so' \
+fails 'the jar carries [^.]*/nowhere/file.so' \
   -cp "$jar:$classes" -Dit.quarvel.pkcs11.library=/nowhere/file.so
 fails "$tried" -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir=/nowhere
+# Folders in which another user can exchange what is there; sticky ones are for all.
+mkdir -p "$work/theirs/mine" "$work/all/mine"
+chmod 777 "$work/theirs"
+chmod 1777 "$work/all"
+ln -s all/mine "$work/link"
+runs 'copy from the jar, in a folder for all' -cp "$jar:$classes" -Djava.library.path=/nowhere \
+  -Dit.quarvel.pkcs11.tmpdir="$work/link"
+fails 'others may write to \S*/theirs\)' -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir="$work/theirs/mine"
+if [ "$(id -u)" -eq 0 ]; then
+  chown nobody "$work/all"
+  fails '/all belongs to another user' -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir="$work/link"
+fi
+find "$work" -name 'quarvelpkcs11-*' | diff /dev/null -
 LC_ALL=C fails "$tried" -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir=/nowhere/é
 for argument in -Dit.quarvel.pkcs11.library="$work/other/libquarvelpkcs11.so" \
   -Djava.library.path="$work/other"; do

@@ -464,6 +464,9 @@ TEST(Loading, TellsWhyItFails) {
   unsetenv("QUARVEL_PKCS11_ADAPTED_MODULE");
   EXPECT_EQ(load(&list), CKR_ARGUMENTS_BAD) << "nothing is named";
   setenv("QUARVEL_PKCS11_ADAPTED_MODULE", scripted::file().c_str(), 1);  // the file comes before it
+  fs::create_symlink(a + ".module", a + ".module");
+  EXPECT_EQ(load(&list), CKR_ARGUMENTS_BAD) << "the file is there and cannot be read";
+  fs::remove(a + ".module");
   for (const auto& [named, rv] : std::initializer_list<std::pair<std::string, CK_RV>>{
            {"", CKR_ARGUMENTS_BAD},
            {std::string(5000, 'x'), CKR_ARGUMENTS_BAD},

@@ -112,14 +112,12 @@ final class ModuleFile {
         if (e.errorCode() != CKR_OK) {
           throw e;
         }
-        throw new IOException(whyNotLoaded(new File(adapter)));
+        throw new IOException(whyNotLoaded(new File(adapter)) + advice());
       }
     } catch (IOException | InvalidPathException e) {
       folder = null;
       UnsatisfiedLinkError error = new UnsatisfiedLinkError(
-          "The adapter cannot be loaded. Name its file with -D%s=FILE, or a folder for its copy with"
-              .formatted(ADAPTER_PROPERTY) + " -D%s=DIR.\n%s".formatted(
-                  PrivateFolder.TMPDIR_PROPERTY, e.getMessage()));
+          "The adapter cannot be loaded: " + e.getMessage());
       error.initCause(e);
       throw error;
     }
@@ -137,9 +135,17 @@ final class ModuleFile {
       String folders = System.getProperty("java.library.path", "");
       return link(folder, Arrays.stream(folders.split(File.pathSeparator))
           .map(place -> new File(place, ADAPTER)).filter(File::exists).findFirst()
-          .orElseThrow(() -> new IOException("resource %s: %s\njava.library.path: not in %s"
-              .formatted(PrivateFolder.resource(ADAPTER), e.getMessage(), folders), e)));
+          .orElseThrow(() -> new IOException("resource %s: %s\njava.library.path: not in %s%s"
+              .formatted(PrivateFolder.resource(ADAPTER), e.getMessage(), folders, advice()), e)));
     }
+  }
+
+  /** What would help and has not been done. */
+  private static String advice() {
+    return System.getProperty(ADAPTER_PROPERTY) != null ? ""
+        : "\nName its file with -D" + ADAPTER_PROPERTY + "=FILE"
+            + (System.getProperty(PrivateFolder.TMPDIR_PROPERTY) != null ? ""
+                : ", or a folder for its copy with -D" + PrivateFolder.TMPDIR_PROPERTY + "=DIR");
   }
 
   private static Path link(PrivateFolder folder, File file) throws IOException {

@@ -29,9 +29,8 @@ import java.util.Objects;
  *
  * <p>The adapter is the one in the jar, else {@code libquarvelpkcs11adapter.so} in {@code
  * java.library.path}, unless the system property {@code it.quarvel.pkcs11.adapter} names a file. It
- * is copied or linked into a new folder in {@code java.io.tmpdir} or, if it is set, {@code
- * it.quarvel.pkcs11.tmpdir}, which is deleted once it is loaded. Without {@link #close} the module
- * is never finalised.
+ * is copied or linked into a new folder, made where {@link NativePKCS11} tells, which is deleted once
+ * it is loaded. Without {@link #close} the module is never finalised.
  */
 public final class PKCS11Module implements AutoCloseable {
   private interface Load {

@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.internal;
 
-import java.io.File;
 import java.io.FileOutputStream;
 import java.io.IOException;
 import java.io.InputStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.InvalidPathException;
+import java.nio.file.LinkOption;
 import java.nio.file.Path;
 import java.nio.file.attribute.FileAttribute;
 import java.nio.file.attribute.PosixFilePermissions;
-import java.util.Objects;
+import java.util.HashSet;
+import java.util.Map;
 import java.util.Set;
 import java.util.TreeSet;
 import java.util.zip.CRC32;
@@ -32,25 +33,71 @@ public final class PrivateFolder implements AutoCloseable {
   private static final FileAttribute<?> OWNER_ONLY =
       PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------"));
 
+  /** Where a folder is made unless the property says so: these in turn. */
+  private static final String[] PARENTS = {
+      System.getProperty("java.io.tmpdir"), "/dev/shm", System.getenv("XDG_RUNTIME_DIR")};
+
+  /** Of the mode of a file: others than its owner may write; in a folder, only to what is theirs. */
+  private static final int WRITABLE = 0022;
+  private static final int STICKY = 01000;
+
   private final Path path;
+  private final Set<String> names = new HashSet<>();
 
   private PrivateFolder(Path path) {
     this.path = path;
   }
 
   /**
-   * Makes a folder of a new name.
+   * Makes a folder of a new name: in the folder of {@link #TMPDIR_PROPERTY}, or if it is not set, in
+   * {@code java.io.tmpdir}, {@code /dev/shm} or {@code XDG_RUNTIME_DIR}, the first in which one can
+   * be made that no other user but root can exchange.
    *
    * @return the folder, which the caller closes
-   * @throws IOException that names the folder in which none can be made
+   * @throws IOException that tells what was tried and why it failed
    */
   public static PrivateFolder create() throws IOException {
-    String parent = System.getProperty(TMPDIR_PROPERTY, System.getProperty("java.io.tmpdir"));
+    String named = System.getProperty(TMPDIR_PROPERTY);
+    IOException failure = new IOException();
+    String tried = "";
+    for (String parent : named != null ? new String[] {named} : PARENTS) {
+      try {
+        if (parent != null) {
+          return create(Path.of(parent).toRealPath());
+        }
+      } catch (IOException | InvalidPathException e) {
+        failure.addSuppressed(e);
+        tried += (tried.isEmpty() ? " in " : ", in ") + parent + " (" + e + ")";
+      }
+    }
+    throw new IOException("no folder can be made" + tried
+        + (named != null ? "" : ": name one with -D" + TMPDIR_PROPERTY + "=DIR"), failure);
+  }
+
+  private static PrivateFolder create(Path parent) throws IOException {
+    PrivateFolder folder =
+        new PrivateFolder(Files.createTempDirectory(parent, "quarvelpkcs11-", OWNER_ONLY));
     try {
-      Path folder = Path.of(parent).toAbsolutePath();
-      return new PrivateFolder(Files.createTempDirectory(folder, "quarvelpkcs11-", OWNER_ONLY));
-    } catch (IOException | InvalidPathException e) {
-      throw new IOException("no directory can be made in " + parent + " (" + e + ")", e);
+      folder.checkParents();
+      return folder;
+    } catch (IOException e) {
+      folder.close();
+      throw e;
+    }
+  }
+
+  /** Who owns a folder, or may write to it, can exchange what is in it. */
+  private void checkParents() throws IOException {
+    Object self = Files.getAttribute(path, "unix:uid", LinkOption.NOFOLLOW_LINKS);
+    for (Path at = path.getParent(); at != null; at = at.getParent()) {
+      Map<String, Object> is = Files.readAttributes(at, "unix:uid,mode", LinkOption.NOFOLLOW_LINKS);
+      int mode = (int) is.get("mode");
+      if (!is.get("uid").equals(0) && !is.get("uid").equals(self)) {
+        throw new IOException(at + " belongs to another user");
+      }
+      if ((mode & WRITABLE) != 0 && (mode & STICKY) == 0) {
+        throw new IOException("others may write to " + at);
+      }
     }
   }
 
@@ -70,12 +117,13 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Returns a file of the folder.
+   * Returns a file of the folder, which goes with it.
    *
    * @param name the file's name
    * @return its absolute path, whether or not it is there
    */
   public Path file(String name) {
+    names.add(name);
     return path.resolve(name);
   }
 
@@ -146,10 +194,9 @@ public final class PrivateFolder implements AutoCloseable {
   /** Deletes the folder with its files, as far as that can be done. */
   @Override
   public void close() {
-    File folder = path.toFile();
-    for (File file : Objects.requireNonNullElse(folder.listFiles(), new File[0])) {
-      file.delete();
+    if (Files.isDirectory(path, LinkOption.NOFOLLOW_LINKS)) {
+      names.forEach(name -> path.resolve(name).toFile().delete());
+      path.toFile().delete();
     }
-    folder.delete();
   }
 }

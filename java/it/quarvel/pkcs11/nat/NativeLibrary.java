@@ -79,10 +79,11 @@ final class NativeLibrary {
     }
   }
 
+  /** Advises what has not been done. */
   private static UnsatisfiedLinkError error(String what, List<String> tried) {
-    return new UnsatisfiedLinkError(
-        "%s. Name its file with -D%s=FILE.\n%s"
-            .formatted(what, FILE_PROPERTY, String.join("\n", tried)));
+    String advice = System.getProperty(FILE_PROPERTY) != null ? ""
+        : ". Name its file with -D" + FILE_PROPERTY + "=FILE.";
+    return new UnsatisfiedLinkError(what + advice + "\n" + String.join("\n", tried));
   }
 
   private static UnsatisfiedLinkError accessDenied(IllegalCallerException cause) {
@@ -129,8 +130,8 @@ final class NativeLibrary {
       System.load(folder.copy(FILE).toString());
     } catch (UnsatisfiedLinkError e) {
       throw new IOException(
-          e.getMessage()
-              + "; -D%s=DIR moves the copy elsewhere".formatted(PrivateFolder.TMPDIR_PROPERTY),
+          System.getProperty(PrivateFolder.TMPDIR_PROPERTY) != null ? e.getMessage()
+              : e.getMessage() + "; -D" + PrivateFolder.TMPDIR_PROPERTY + "=DIR moves the copy elsewhere",
           e);
     }
   }

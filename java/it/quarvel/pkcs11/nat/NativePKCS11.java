@@ -60,7 +60,8 @@ import java.util.List;
  *   <li>the file that the system property {@code it.quarvel.pkcs11.library} names; nothing else is
  *       tried then;
  *   <li>the copy in the jar, which has the version of these classes. It is written to a new folder
- *       in {@code java.io.tmpdir} or, if it is set, {@code it.quarvel.pkcs11.tmpdir}, and deleted
+ *       in {@code it.quarvel.pkcs11.tmpdir} or, if that is not set, the first of {@code
+ *       java.io.tmpdir}, {@code /dev/shm} and {@code $XDG_RUNTIME_DIR} that allows it, and deleted
  *       once it is loaded;
  *   <li>what {@code System.loadLibrary} finds, in {@code java.library.path} for instance. It comes
  *       last, since a library of the system may be of another version.
