@@ -10,7 +10,8 @@ import java.io.*;
 import java.net.*;
 import java.nio.file.*;
 import java.security.*;
-import java.security.cert.X509Certificate;
+import java.security.cert.*;
+import java.security.cert.Certificate;
 import java.security.spec.*;
 import java.util.*;
 import java.util.concurrent.*;
@@ -249,6 +250,37 @@ class ProviderTest {
         () -> store.setKeyEntry("x", key("rsa2048"), null, store.getCertificateChain("rsa2048")))) {
       assertTrue(assertThrows(KeyStoreException.class, write).getMessage().contains("read-only"));
     }
+  }
+
+  /** Certificates for the key without one, those beside it, and the chain that comes of them. */
+  @Test
+  void choosesTheNewestValidIssuer() throws Exception {
+    EndToEndTest.output(System.getenv("QUARVEL_KEYS").replace("keys", "issuers"));
+    NativePKCS11Session session = new NativePKCS11().slots(true).get(0).openSession(true);
+    for (String row : List.of("ofFirst, old new, ofFirst new", "ofFirst, new old, ofFirst new",
+        "ofFirst, expired old, ofFirst old", "ofFirst, expired, ofFirst expired",
+        "ofFirst, new same, ofFirst (new|same)", "ofFirst, rolled old, ofFirst old",
+        "ofFirst, rolled, ofFirst", "ofSecond, rolled old new, ofSecond rolled new")) {
+      String[] columns = row.split(", ");
+      List<NativePKCS11Object> stored = new ArrayList<>();
+      Map<Certificate, String> names = new HashMap<>();
+      for (String name : (columns[0] + " " + columns[1]).split(" ")) {
+        X509Certificate certificate = (X509Certificate) CertificateFactory.getInstance("X.509")
+            .generateCertificate(Files.newInputStream(DIR.resolve(name + ".der")));
+        names.put(certificate, name);
+        stored.add(session.createObject(PKCS11Template.of(certificate).put(CKA_TOKEN, true)
+            .put(CKA_ID, new byte[] {5}).put(CKA_LABEL, "issued")));
+      }
+      StringJoiner chain = new StringJoiner(" ");
+      for (Certificate each : load(provider, PIN).getCertificateChain("issued")) {
+        chain.add(names.get(each));
+      }
+      assertTrue(chain.toString().matches(columns[2]), row + ": " + chain);
+      for (NativePKCS11Object object : stored) {
+        object.destroy();
+      }
+    }
+    session.close();
   }
 
   @ParameterizedTest

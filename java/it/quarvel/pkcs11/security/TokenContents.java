@@ -155,20 +155,27 @@ final class TokenContents {
   }
 
   private Stored issuer(Stored issued) {
-    Stored issuer = null;
+    List<Stored> named = new ArrayList<>();
     for (Stored other : certificates) {
+      if (other.certificate.getSubjectX500Principal()
+          .equals(issued.certificate.getIssuerX500Principal())) {
+        named.add(other);
+      }
+    }
+    if (named.size() == 1 && named.get(0) == issued) {
+      return null; // whether it has signed itself, which takes long to learn, changes nothing
+    }
+    Stored issuer = null;
+    for (Stored other : named) {
       if ((issuer == null || NEWEST_VALID.compare(other.certificate, issuer.certificate) > 0)
-          && isIssuer(other.certificate, issued.certificate)) {
+          && hasSigned(other.certificate, issued.certificate)) {
         issuer = other;
       }
     }
     return issuer;
   }
 
-  private static boolean isIssuer(X509Certificate issuer, X509Certificate issued) {
-    if (!issuer.getSubjectX500Principal().equals(issued.getIssuerX500Principal())) {
-      return false;
-    }
+  private static boolean hasSigned(X509Certificate issuer, X509Certificate issued) {
     try {
       issued.verify(issuer.getPublicKey());
       return true;
