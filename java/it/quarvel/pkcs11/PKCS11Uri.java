@@ -15,7 +15,8 @@ import java.util.Set;
  * A PKCS#11 URI as RFC 7512 defines it, for instance {@code pkcs11:token=demo;object=signing}. It
  * names a token by {@code token}, {@code manufacturer}, {@code model}, {@code serial} and {@code
  * slot-id}, an object by {@code object}, {@code id} and {@code type}, a file with the PIN by {@code
- * pin-source} and a module by {@code module-path}. Other attributes are refused, since leaving one
+ * pin-source} and a module by {@code module-path}; {@code x-writable=yes} lets the provider of keys
+ * change the token. Other attributes are refused, since leaving one
  * out would match more than was meant, and so is {@code pin-value}: others could read it.
  */
 public final class PKCS11Uri {
@@ -27,7 +28,7 @@ public final class PKCS11Uri {
   private static final String OTHER_HOST = "file://(?!localhost/|/).*";
   private static final Set<String> PATH =
       Set.of("token", "manufacturer", "model", "serial", "slot-id", "object", "id", "type");
-  private static final Set<String> QUERY = Set.of("pin-source", "module-path");
+  private static final Set<String> QUERY = Set.of("pin-source", "module-path", "x-writable");
   private static final Set<String> REFUSED = Set.of(
       "library-manufacturer", "library-description", "library-version", "slot-manufacturer",
       "slot-description", "module-name");
@@ -174,8 +175,20 @@ public final class PKCS11Uri {
     return text("module-path");
   }
 
+  /**
+   * Tells whether the token may be changed.
+   *
+   * @return true for {@code x-writable=yes}
+   */
+  public boolean isWritable() {
+    return "yes".equals(text("x-writable"));
+  }
+
   private void check() {
     objectClass();
+    if (text("x-writable") != null && !text("x-writable").matches("yes|no")) {
+      throw bad("has an x-writable that is neither yes nor no");
+    }
     if (text("slot-id") != null && !text("slot-id").matches("[0-9]{1,18}")) {
       throw bad("has a slot-id that is no decimal number");
     }

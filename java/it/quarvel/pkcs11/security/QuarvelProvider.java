@@ -75,7 +75,7 @@ public final class QuarvelProvider extends AuthProvider {
     super(name, NativePKCS11.BRIDGE_VERSION, "Keys of PKCS#11 tokens");
     token = uri == null ? null : new Token(uri);
     putService(new TokenService(this, "KeyStore", "PKCS11", TokenKeyStore.class, List.of(),
-        () -> new TokenKeyStore(token), any -> true));
+        () -> new TokenKeyStore(this, token), any -> true));
     putService(new TokenService(this, "Cipher", TokenCipher.NAME, TokenCipher.class, List.of("RSA"),
         () -> new TokenCipher(this), TokenKey.Rsa.class::isInstance));
     put("NONEwithRSA", Scheme.PKCS1, null);
@@ -93,6 +93,12 @@ public final class QuarvelProvider extends AuthProvider {
           List.of(hash + "withRSAandMGF1"),
           () -> new TokenSignature(this, "RSASSA-PSS", Scheme.PSS, hash), any -> true));
     }
+    if (uri != null && uri.isWritable()) {
+      putGenerator("RSA", TokenKeyPairGenerator.Kind.RSA);
+      putGenerator("EC", TokenKeyPairGenerator.Kind.EC);
+      putGenerator("Ed25519", TokenKeyPairGenerator.Kind.ED25519);
+      putGenerator("EdDSA", TokenKeyPairGenerator.Kind.ED25519);
+    }
   }
 
   private void put(String name, Scheme scheme, Hash hash, String... ids) {
@@ -103,6 +109,11 @@ public final class QuarvelProvider extends AuthProvider {
     }
     putService(new TokenService(this, "Signature", name, TokenSignature.class, aliases,
         () -> new TokenSignature(this, name, scheme, hash), scheme::takes));
+  }
+
+  private void putGenerator(String name, TokenKeyPairGenerator.Kind kind) {
+    putService(new TokenService(this, "KeyPairGenerator", name, TokenKeyPairGenerator.class,
+        List.of(), () -> new TokenKeyPairGenerator(token, kind), any -> false));
   }
 
   /** Makes its objects without reflection, and tells which keys it is there for. */

@@ -69,6 +69,23 @@ final class Sessions {
     }
   }
 
+  /** Does some work in a read/write session, which is closed then. */
+  <T> T runOnce(Work<T> work) throws PKCS11Exception {
+    room.acquireUninterruptibly();
+    try {
+      return SharedModule.use(module, () -> {
+        NativePKCS11Session session = slot.openSession(true);
+        try {
+          return work.in(session);
+        } finally {
+          close(session);
+        }
+      });
+    } finally {
+      room.release();
+    }
+  }
+
   /** Does some work in the session that lasts. */
   <T> T runLasting(Work<T> work) throws PKCS11Exception {
     return SharedModule.use(module, () -> work.in(lasting));

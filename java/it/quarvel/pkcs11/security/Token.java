@@ -134,6 +134,20 @@ final class Token {
     }
   }
 
+  /**
+   * Does some work in a read/write session of its own ({@code CKF_RW_SESSION}). It is never done
+   * again by itself: when it fails, half of it may be done.
+   */
+  <T> T change(Work<T> work) throws PKCS11Exception, LoginException {
+    Connection current = run((session, connection) -> {
+      if (info.hasFlag(CKF_LOGIN_REQUIRED) && session.getInfo().state() == CKS_RO_PUBLIC_SESSION) {
+        throw new PKCS11Exception(CKR_USER_NOT_LOGGED_IN);
+      }
+      return connection;
+    });
+    return current.sessions.runOnce(session -> work.in(session, current));
+  }
+
   /** Tells whether a failure may be one of the connection rather than of the work. */
   static boolean isGone(PKCS11Exception failure) {
     return switch (failure.errorCode()) {

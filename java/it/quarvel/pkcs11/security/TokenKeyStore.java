@@ -11,11 +11,16 @@ import java.security.Key;
 import java.security.KeyStore;
 import java.security.KeyStoreException;
 import java.security.KeyStoreSpi;
+import java.security.PrivateKey;
+import java.security.Provider;
 import java.security.UnrecoverableKeyException;
 import java.security.cert.Certificate;
+import java.security.cert.X509Certificate;
+import java.util.ArrayList;
 import java.util.Collections;
 import java.util.Date;
 import java.util.Enumeration;
+import java.util.List;
 import java.util.Map;
 import javax.security.auth.callback.Callback;
 import javax.security.auth.callback.CallbackHandler;
@@ -31,12 +36,14 @@ final class TokenKeyStore extends KeyStoreSpi {
   /** A key without a certificate: a {@code PrivateKeyEntry} cannot be one. */
   private record BareKey(TokenKey key) implements KeyStore.Entry {}
 
+  private final Provider provider;
   private final Token token;
   private TokenContents contents;
   private Map<String, Entry> entries = Map.of();
   private Date loaded = new Date();
 
-  TokenKeyStore(Token token) {
+  TokenKeyStore(Provider provider, Token token) {
+    this.provider = provider;
     this.token = token;
   }
 
@@ -95,16 +102,20 @@ final class TokenKeyStore extends KeyStoreSpi {
     boolean wasOpen = token.isOpen();
     token.login(asker);
     try {
-      contents = token.run(
-          (session, connection) -> new TokenContents(token, session, connection), asker);
-      entries = contents.named(token.uri);
-      loaded = new Date();
+      read(asker);
       wasOpen = true;
     } finally {
       if (!wasOpen) {
         token.logout();
       }
     }
+  }
+
+  private void read(CallbackHandler asker) throws PKCS11Exception, LoginException {
+    contents = token.run(
+        (session, connection) -> new TokenContents(token, session, connection), asker);
+    entries = contents.named(token.uri);
+    loaded = new Date();
   }
 
   // ---- Reading ----
@@ -196,33 +207,94 @@ final class TokenKeyStore extends KeyStoreSpi {
 
   @Override
   public void engineStore(KeyStore.LoadStoreParameter parameter) {
-    // There is never a change to store.
+    // Each change is stored when it is made.
   }
 
+  /** No password is wanted beside the PIN. */
   @Override
   public void engineSetKeyEntry(String alias, Key key, char[] password, Certificate[] chain)
       throws KeyStoreException {
-    throw readOnly();
+    checkWritable();
+    if (!(key instanceof PrivateKey privateKey)
+        || key instanceof TokenKey other && other.token != token) {
+      throw new KeyStoreException("a private key is wanted, of this token or of software");
+    }
+    List<X509Certificate> certificates = new ArrayList<>();
+    for (Certificate certificate : chain == null ? new Certificate[0] : chain) {
+      if (!(certificate instanceof X509Certificate x509)) {
+        throw new KeyStoreException("certificates of X.509 are wanted");
+      }
+      certificates.add(x509);
+    }
+    if (certificates.isEmpty()) {
+      throw new KeyStoreException("the key's certificate is wanted");
+    }
+    TokenWriter.prove(provider, privateKey, certificates.get(0));
+    change(() -> TokenWriter.setKey(token, alias, privateKey, certificates));
   }
 
   @Override
   public void engineSetKeyEntry(String alias, byte[] key, Certificate[] chain)
       throws KeyStoreException {
-    throw readOnly();
+    throw new KeyStoreException("a token takes no key that is encrypted by other means");
+  }
+
+  /** The default refuses to do without a password, and knows of no key without a certificate. */
+  @Override
+  public void engineSetEntry(String alias, KeyStore.Entry entry,
+      KeyStore.ProtectionParameter protection) throws KeyStoreException {
+    if (entry instanceof KeyStore.PrivateKeyEntry pair) {
+      engineSetKeyEntry(alias, pair.getPrivateKey(), null, pair.getCertificateChain());
+    } else if (entry instanceof BareKey bare) {
+      checkWritable();
+      change(() -> TokenWriter.rename(token, alias, bare.key));
+    } else if (entry instanceof KeyStore.TrustedCertificateEntry trusted) {
+      engineSetCertificateEntry(alias, trusted.getTrustedCertificate());
+    } else {
+      throw new KeyStoreException("a private key is wanted, not " + entry);
+    }
   }
 
   @Override
   public void engineSetCertificateEntry(String alias, Certificate certificate)
       throws KeyStoreException {
-    throw readOnly();
+    checkWritable();
+    throw new KeyStoreException("trusted certificates are the security officer's (CKA_TRUSTED):"
+        + " the key store stores those of keys");
   }
 
   @Override
   public void engineDeleteEntry(String alias) throws KeyStoreException {
-    throw readOnly();
+    checkWritable();
+    change(() -> TokenWriter.delete(token, alias));
   }
 
-  private static KeyStoreException readOnly() {
-    return new KeyStoreException("the key store of a token is read-only");
+  private interface Change {
+    void run() throws PKCS11Exception, LoginException;
+  }
+
+  private void checkWritable() throws KeyStoreException {
+    if (token == null || !token.uri.isWritable()) {
+      throw new KeyStoreException("the key store of a token is read-only, unless the URI has"
+          + " x-writable=yes");
+    }
+  }
+
+  /** Reads the token anew, also after a failure, of which half may be done. */
+  private void change(Change change) throws KeyStoreException {
+    Exception failure = null;
+    try {
+      change.run();
+    } catch (PKCS11Exception | LoginException e) {
+      failure = e;
+    }
+    try {
+      read(null);
+    } catch (PKCS11Exception | LoginException e) {
+      failure = failure == null ? e : failure;
+    }
+    if (failure != null) {
+      throw new KeyStoreException(failure.getMessage(), failure);
+    }
   }
 }

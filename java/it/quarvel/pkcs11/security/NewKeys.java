@@ -1,0 +1,146 @@
+package it.quarvel.pkcs11.security;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Template;
+import java.io.IOException;
+import java.nio.ByteBuffer;
+import java.security.AlgorithmParameters;
+import java.security.GeneralSecurityException;
+import java.security.InvalidKeyException;
+import java.security.PrivateKey;
+import java.security.PublicKey;
+import java.security.SecureRandom;
+import java.security.interfaces.ECPrivateKey;
+import java.security.interfaces.ECPublicKey;
+import java.security.interfaces.EdECPrivateKey;
+import java.security.interfaces.EdECPublicKey;
+import java.security.interfaces.RSAPrivateCrtKey;
+import java.security.interfaces.RSAPublicKey;
+import java.security.spec.ECParameterSpec;
+import java.security.spec.NamedParameterSpec;
+import java.util.Arrays;
+
+/** The attributes of key pairs that are put on a token. */
+final class NewKeys {
+  /** The object identifier 1.3.101.112 in DER, which {@code CKA_EC_PARAMS} is. */
+  static final byte[] ED25519_PARAMS = {6, 3, 43, 101, 112};
+
+  private static final int ID_LENGTH = 8;
+  private static final int ED25519_SIZE = 32;
+  private static final byte OCTET_STRING = 4;
+  private static final byte ONE_LENGTH_BYTE = (byte) 0x81;
+
+  private NewKeys() {}
+
+  /** Returns a {@code CKA_ID} that no other key has. */
+  static byte[] id() {
+    byte[] id = new byte[ID_LENGTH];
+    new SecureRandom().nextBytes(id);
+    return id;
+  }
+
+  /**
+   * Makes the template of a private key, which never leaves the token in any form.
+   *
+   * @param type a {@code CKK_} value
+   */
+  static PKCS11Template privateKey(int type, byte[] id) {
+    PKCS11Template key = key(CKO_PRIVATE_KEY, type, id).put(CKA_PRIVATE, true)
+        .put(CKA_SENSITIVE, true).put(CKA_EXTRACTABLE, false).put(CKA_SIGN, true);
+    return switch (type) {
+      case CKK_RSA -> key.put(CKA_DECRYPT, true);
+      case CKK_EC -> key.put(CKA_DERIVE, true);
+      default -> key;
+    };
+  }
+
+  /** Makes the template of the public half, which everybody may read. */
+  static PKCS11Template publicKey(int type, byte[] id) {
+    PKCS11Template key = key(CKO_PUBLIC_KEY, type, id).put(CKA_PRIVATE, false)
+        .put(CKA_VERIFY, true);
+    return type == CKK_RSA ? key.put(CKA_ENCRYPT, true) : key;
+  }
+
+  private static PKCS11Template key(int objectClass, int type, byte[] id) {
+    return new PKCS11Template().put(CKA_CLASS, objectClass).put(CKA_KEY_TYPE, type)
+        .put(CKA_TOKEN, true).put(CKA_ID, id);
+  }
+
+  /**
+   * Makes the template of a copy of a private key.
+   *
+   * @throws InvalidKeyException for a key that is not RSA, EC or Ed25519, or keeps its numbers
+   */
+  static PKCS11Template copy(PrivateKey key, byte[] id) throws InvalidKeyException {
+    if (key instanceof RSAPrivateCrtKey rsa) {
+      return privateKey(CKK_RSA, id).put(CKA_MODULUS, rsa.getModulus())
+          .put(CKA_PUBLIC_EXPONENT, rsa.getPublicExponent())
+          .put(CKA_PRIVATE_EXPONENT, rsa.getPrivateExponent())
+          .put(CKA_PRIME_1, rsa.getPrimeP()).put(CKA_PRIME_2, rsa.getPrimeQ())
+          .put(CKA_EXPONENT_1, rsa.getPrimeExponentP()).put(CKA_EXPONENT_2, rsa.getPrimeExponentQ())
+          .put(CKA_COEFFICIENT, rsa.getCrtCoefficient());
+    }
+    if (key instanceof ECPrivateKey ec) {
+      byte[] scalar = new byte[(ec.getParams().getOrder().bitLength() + 7) / 8];
+      byte[] number = ec.getS().toByteArray();
+      int length = Math.min(number.length, scalar.length);
+      System.arraycopy(number, number.length - length, scalar, scalar.length - length, length);
+      return privateKey(CKK_EC, id).put(CKA_EC_PARAMS, curve(ec.getParams())).put(CKA_VALUE, scalar);
+    }
+    if (key instanceof EdECPrivateKey edwards && isEd25519(edwards.getParams())
+        && edwards.getBytes().isPresent()) {
+      return privateKey(CKK_EC_EDWARDS, id).put(CKA_EC_PARAMS, ED25519_PARAMS)
+          .put(CKA_VALUE, edwards.getBytes().get());
+    }
+    throw new InvalidKeyException("a key of RSA, EC or Ed25519 that shows its numbers is wanted");
+  }
+
+  /** Makes the template of a copy of a public key, as {@link #copy(PrivateKey, byte[])} does. */
+  static PKCS11Template copy(PublicKey key, byte[] id) throws InvalidKeyException {
+    if (key instanceof RSAPublicKey rsa) {
+      return publicKey(CKK_RSA, id).put(CKA_MODULUS, rsa.getModulus())
+          .put(CKA_PUBLIC_EXPONENT, rsa.getPublicExponent());
+    }
+    if (key instanceof ECPublicKey ec) {
+      int size = (ec.getParams().getCurve().getField().getFieldSize() + 7) / 8;
+      return publicKey(CKK_EC, id).put(CKA_EC_PARAMS, curve(ec.getParams()))
+          .put(CKA_EC_POINT, point(key, 1 + 2 * size));
+    }
+    if (key instanceof EdECPublicKey edwards && isEd25519(edwards.getParams())) {
+      return publicKey(CKK_EC_EDWARDS, id).put(CKA_EC_PARAMS, ED25519_PARAMS)
+          .put(CKA_EC_POINT, point(key, ED25519_SIZE));
+    }
+    throw new InvalidKeyException("a public key of RSA, EC or Ed25519 is wanted");
+  }
+
+  /** Takes the point from the end of Java's encoding and makes an OCTET STRING of it. */
+  private static byte[] point(PublicKey key, int size) {
+    byte[] encoded = key.getEncoded();
+    ByteBuffer der = ByteBuffer.allocate(3 + size).put(OCTET_STRING);
+    if (size > Byte.MAX_VALUE) {
+      der.put(ONE_LENGTH_BYTE);
+    }
+    der.put((byte) size).put(encoded, encoded.length - size, size);
+    return Arrays.copyOf(der.array(), der.position());
+  }
+
+  /**
+   * Names a curve as {@code CKA_EC_PARAMS} does.
+   *
+   * @throws InvalidKeyException for a curve that Java does not have
+   */
+  private static byte[] curve(ECParameterSpec parameters) throws InvalidKeyException {
+    try {
+      AlgorithmParameters curve = AlgorithmParameters.getInstance("EC");
+      curve.init(parameters);
+      return curve.getEncoded();
+    } catch (GeneralSecurityException | IOException e) {
+      throw new InvalidKeyException(e.getMessage(), e);
+    }
+  }
+
+  private static boolean isEd25519(NamedParameterSpec curve) {
+    return curve.getName().equalsIgnoreCase(NamedParameterSpec.ED25519.getName());
+  }
+}

@@ -1,0 +1,163 @@
+package it.quarvel.pkcs11.security;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11MechanismInfo;
+import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.nat.NativePKCS11Object;
+import it.quarvel.pkcs11.nat.NativePKCS11Session;
+import java.io.IOException;
+import java.security.AlgorithmParameters;
+import java.security.GeneralSecurityException;
+import java.security.InvalidAlgorithmParameterException;
+import java.security.InvalidParameterException;
+import java.security.KeyPair;
+import java.security.KeyPairGeneratorSpi;
+import java.security.ProviderException;
+import java.security.SecureRandom;
+import java.security.spec.AlgorithmParameterSpec;
+import java.security.spec.ECGenParameterSpec;
+import java.security.spec.ECParameterSpec;
+import java.security.spec.NamedParameterSpec;
+import java.security.spec.RSAKeyGenParameterSpec;
+import java.util.List;
+import javax.security.auth.login.LoginException;
+
+/**
+ * Makes key pairs that are on the token from the start, since no token lets a key of a session
+ * become one of its own. They have an id and no label until the key store gives them an alias.
+ */
+final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
+  /** The keys that can be made; the default size suits every token. */
+  enum Kind {
+    RSA(CKK_RSA, CKM_RSA_PKCS_KEY_PAIR_GEN, 2048), EC(CKK_EC, CKM_EC_KEY_PAIR_GEN, 256),
+    ED25519(CKK_EC_EDWARDS, CKM_EC_EDWARDS_KEY_PAIR_GEN, 255);
+
+    private final int type;
+    private final int mechanism;
+    private final int defaultSize;
+
+    Kind(int type, int mechanism, int defaultSize) {
+      this.type = type;
+      this.mechanism = mechanism;
+      this.defaultSize = defaultSize;
+    }
+  }
+
+  private static final int SHORTEST_RSA = 2048;
+
+  private final Token token;
+  private final Kind kind;
+
+  /** What the size or the curve adds to the public key's template; null until it is known. */
+  private PKCS11Template wanted;
+
+  TokenKeyPairGenerator(Token token, Kind kind) {
+    this.token = token;
+    this.kind = kind;
+  }
+
+  @Override
+  public void initialize(int size, SecureRandom random) {
+    try {
+      initialize(switch (kind) {
+        case RSA -> new RSAKeyGenParameterSpec(size, RSAKeyGenParameterSpec.F4);
+        case EC -> new ECGenParameterSpec("secp" + size + "r1");
+        case ED25519 -> new NamedParameterSpec(size == kind.defaultSize ? "Ed25519" : "of " + size);
+      }, random);
+    } catch (InvalidAlgorithmParameterException e) {
+      throw (InvalidParameterException) new InvalidParameterException(e.getMessage()).initCause(e);
+    }
+  }
+
+  /** The token has random numbers of its own. */
+  @Override
+  public void initialize(AlgorithmParameterSpec spec, SecureRandom random)
+      throws InvalidAlgorithmParameterException {
+    PKCS11Template pub = NewKeys.publicKey(kind.type, NewKeys.id());
+    if (kind == Kind.RSA && spec instanceof RSAKeyGenParameterSpec rsa
+        && rsa.getKeyParams() == null) {
+      if (rsa.getKeysize() < SHORTEST_RSA) {
+        throw new InvalidAlgorithmParameterException("RSA keys have 2,048 bits and more");
+      }
+      checkSize(rsa.getKeysize());
+      pub.put(CKA_MODULUS_BITS, rsa.getKeysize()).put(CKA_PUBLIC_EXPONENT, rsa.getPublicExponent());
+    } else if (kind == Kind.EC
+        && (spec instanceof ECGenParameterSpec || spec instanceof ECParameterSpec)) {
+      try {
+        AlgorithmParameters curve = AlgorithmParameters.getInstance("EC");
+        curve.init(spec);
+        checkSize(curve.getParameterSpec(ECParameterSpec.class).getCurve().getField()
+            .getFieldSize());
+        pub.put(CKA_EC_PARAMS, curve.getEncoded());
+      } catch (GeneralSecurityException | IOException e) {
+        throw new InvalidAlgorithmParameterException(e.getMessage(), e);
+      }
+    } else if (kind == Kind.ED25519 && spec instanceof NamedParameterSpec named
+        && named.getName().equalsIgnoreCase(NamedParameterSpec.ED25519.getName())) {
+      checkSize(0);
+      pub.put(CKA_EC_PARAMS, NewKeys.ED25519_PARAMS);
+    } else {
+      throw new InvalidAlgorithmParameterException("no parameters of a key of " + kind + ": " + spec);
+    }
+    wanted = pub;
+  }
+
+  /**
+   * Asks the token ({@code C_GetMechanismInfo}).
+   *
+   * @param bits 0 where there is one size, which tokens count in several ways
+   */
+  private void checkSize(int bits) throws InvalidAlgorithmParameterException {
+    PKCS11MechanismInfo info;
+    try {
+      info = token.run((session, connection) -> session.slot().getMechanismInfo(kind.mechanism));
+    } catch (PKCS11Exception | LoginException e) {
+      throw new InvalidAlgorithmParameterException(
+          "the token makes no " + kind + " key: " + e.getMessage(), e);
+    }
+    if (bits != 0 && bits < info.minKeySize() || Integer.compareUnsigned(bits, info.maxKeySize()) > 0) {
+      throw new InvalidAlgorithmParameterException("the token makes " + kind + " keys of "
+          + info.minKeySize() + " to " + Integer.toUnsignedString(info.maxKeySize()) + " bits");
+    }
+  }
+
+  @Override
+  public KeyPair generateKeyPair() {
+    if (wanted == null) {
+      initialize(kind.defaultSize, null);
+    }
+    if (token.uri.id() != null) {
+      throw new ProviderException("the key would have another id than the one that the URI names");
+    }
+    try {
+      return token.change(this::generate);
+    } catch (PKCS11Exception | LoginException e) {
+      throw new ProviderException("the token makes no key: " + e.getMessage(), e);
+    }
+  }
+
+  private KeyPair generate(NativePKCS11Session session, Token.Connection connection)
+      throws PKCS11Exception {
+    byte[] id = NewKeys.id();
+    NativePKCS11Session.KeyPair made = session.generateKeyPair(
+        kind.mechanism, wanted.put(CKA_ID, id), NewKeys.privateKey(kind.type, id));
+    KeyPair result = null;
+    try {
+      List<KeyObject> found = KeyObject.find(session, id);
+      if (found.isEmpty()) {
+        throw new PKCS11Exception("the new key is not found by its id");
+      }
+      KeyObject key = found.get(0);
+      result = new KeyPair(
+          key.publicKey(), TokenKey.of(token, key, key.publicKey(), connection));
+      return result;
+    } finally {
+      if (result == null) {
+        made.privateKey().destroy();
+        made.publicKey().destroy();
+      }
+    }
+  }
+}

@@ -1,0 +1,364 @@
+package it.quarvel.pkcs11.security;
+
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.nat.NativePKCS11Object;
+import it.quarvel.pkcs11.nat.NativePKCS11Session;
+import it.quarvel.pkcs11.security.TokenContents.Entry;
+import it.quarvel.pkcs11.security.TokenContents.Stored;
+import java.nio.charset.StandardCharsets;
+import java.security.GeneralSecurityException;
+import java.security.InvalidKeyException;
+import java.security.KeyStoreException;
+import java.security.PrivateKey;
+import java.security.Provider;
+import java.security.PublicKey;
+import java.security.Signature;
+import java.security.SignatureException;
+import java.security.cert.CertificateEncodingException;
+import java.security.cert.X509Certificate;
+import java.util.ArrayDeque;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.Deque;
+import java.util.HashSet;
+import java.util.List;
+import java.util.Map;
+import java.util.Set;
+import javax.crypto.Cipher;
+import javax.security.auth.login.LoginException;
+
+/**
+ * Changes what a token holds, in one read/write session for each change. When a step fails, those
+ * before it are undone, as far as the token still answers.
+ */
+final class TokenWriter {
+  private interface Step {
+    void run() throws PKCS11Exception;
+  }
+
+  private interface Change {
+    void by(TokenWriter writer) throws PKCS11Exception;
+  }
+
+  private static final byte[] PROBE = "one pair".getBytes(StandardCharsets.UTF_8);
+
+  private final Token token;
+  private final NativePKCS11Session session;
+  private final TokenContents contents;
+  private final Map<String, Entry> named;
+  private final Deque<Step> undoing = new ArrayDeque<>();
+
+  private TokenWriter(Token token, NativePKCS11Session session, Token.Connection connection)
+      throws PKCS11Exception {
+    this.token = token;
+    this.session = session;
+    contents = new TokenContents(token, session, connection);
+    named = contents.named(token.uri);
+  }
+
+  /**
+   * Has a key sign what a certificate verifies; an RSA key that does not sign decrypts.
+   *
+   * @param provider ours
+   * @throws KeyStoreException when the certificate is another key's, or nothing can be proved
+   */
+  static void prove(Provider provider, PrivateKey key, X509Certificate certificate)
+      throws KeyStoreException {
+    boolean isProved;
+    try {
+      isProved = signs(provider, key, certificate.getPublicKey());
+    } catch (GeneralSecurityException e) {
+      throw new KeyStoreException("the key cannot be proved to be the certificate's: "
+          + e.getMessage(), e);
+    }
+    if (!isProved) {
+      throw new KeyStoreException("the certificate is another key's");
+    }
+  }
+
+  private static boolean signs(Provider provider, PrivateKey key, PublicKey publicKey)
+      throws GeneralSecurityException {
+    String algorithm = switch (key.getAlgorithm()) {
+      case "RSA" -> "SHA256withRSA";
+      case "EC" -> "SHA256withECDSA";
+      default -> key.getAlgorithm();
+    };
+    Signature signer = key instanceof TokenKey ? Signature.getInstance(algorithm, provider)
+        : Signature.getInstance(algorithm);
+    signer.initSign(key);
+    signer.update(PROBE);
+    byte[] signature;
+    try {
+      signature = signer.sign();
+    } catch (SignatureException e) {
+      if (key instanceof TokenKey.Rsa && e.getCause() instanceof PKCS11Exception refusal
+          && refusal.errorCode() == CKR_KEY_FUNCTION_NOT_PERMITTED) {
+        return decrypts(provider, key, publicKey);
+      }
+      throw e;
+    }
+    Signature verifier = Signature.getInstance(algorithm);
+    verifier.initVerify(publicKey);
+    verifier.update(PROBE);
+    return verifier.verify(signature);
+  }
+
+  private static boolean decrypts(Provider provider, PrivateKey key, PublicKey publicKey)
+      throws GeneralSecurityException {
+    Cipher cipher = Cipher.getInstance(TokenCipher.NAME, provider);
+    cipher.init(Cipher.ENCRYPT_MODE, publicKey);
+    byte[] encrypted = cipher.doFinal(PROBE);
+    cipher.init(Cipher.DECRYPT_MODE, key);
+    return Arrays.equals(PROBE, cipher.doFinal(encrypted));
+  }
+
+  /**
+   * Gives a key an alias and a chain. A key of the token's stays and loses its earlier
+   * certificates; any other is copied to the token. Issuers are added that are not there.
+   *
+   * @param chain of which the first certificate is the key's, as has been proved
+   * @throws PKCS11Exception that tells why nothing has changed
+   */
+  static void setKey(Token token, String alias, PrivateKey key, List<X509Certificate> chain)
+      throws PKCS11Exception, LoginException {
+    change(token, writer -> {
+      Entry entry = writer.entry(alias, key, chain.get(0).getPublicKey());
+      writer.checkAlias(alias, entry);
+      if (entry == null) {
+        writer.importKey(alias, key, chain);
+      } else {
+        writer.certify(alias, entry.found(), chain);
+      }
+    });
+  }
+
+  /** Gives a key of the token's, which has no certificate, another alias. */
+  static void rename(Token token, String alias, TokenKey key)
+      throws PKCS11Exception, LoginException {
+    change(token, writer -> {
+      Entry entry = writer.entry(alias, key, null);
+      writer.checkAlias(alias, entry);
+      writer.label(entry.found(), alias);
+    });
+  }
+
+  /** Removes a key and what belongs to it alone. */
+  static void delete(Token token, String alias) throws PKCS11Exception, LoginException {
+    change(token, writer -> {
+      Entry entry = writer.named.get(alias);
+      if (entry != null) {
+        writer.delete(entry);
+      }
+    });
+  }
+
+  private static void change(Token token, Change change) throws PKCS11Exception, LoginException {
+    token.change((session, connection) -> {
+      TokenWriter writer = new TokenWriter(token, session, connection);
+      boolean done = false;
+      try {
+        change.by(writer);
+        done = true;
+      } finally {
+        if (!done) {
+          writer.undo();
+        }
+      }
+      return null;
+    });
+  }
+
+  private void undo() {
+    while (!undoing.isEmpty()) {
+      try {
+        undoing.pop().run();
+      } catch (PKCS11Exception e) {
+        // What failed first is what the caller has to know.
+      }
+    }
+  }
+
+  /** Returns the entry of a key, null for one that is not the token's. */
+  private Entry entry(String alias, PrivateKey key, PublicKey publicKey) throws PKCS11Exception {
+    Entry found = null;
+    for (Entry entry : contents.entries) {
+      if (entry.key() != null && (entry.key().equals(key) || !(key instanceof TokenKey)
+          && KeyObject.same(entry.found().publicKey(), publicKey))) {
+        found = entry;
+      }
+    }
+    if (found == null && key instanceof TokenKey) {
+      throw new PKCS11Exception("the token has no longer the " + key);
+    }
+    if (found != null && !(key instanceof TokenKey) && found != named.get(alias)) {
+      throw new PKCS11Exception("the token has this key already: the " + found.key());
+    }
+    return found;
+  }
+
+  private void checkAlias(String alias, Entry own) throws PKCS11Exception {
+    if (alias.isEmpty() || !alias.equals(new String(bytes(alias), StandardCharsets.UTF_8))) {
+      throw new PKCS11Exception("the alias is no text that a label can be");
+    }
+    for (Entry other : contents.entries) {
+      if (other != own && (alias.equals(other.label()) || other == named.get(alias))) {
+        throw new PKCS11Exception("the alias \"" + alias + "\" is that of another "
+            + (other.key() == null ? "entry, a trusted certificate" : "key"));
+      }
+    }
+    byte[] limit = token.uri.object();
+    if (limit != null && !Arrays.equals(limit, bytes(alias))
+        || own == null && token.uri.id() != null) {
+      throw new PKCS11Exception("the URI names other keys: it would not show this one");
+    }
+  }
+
+  private static byte[] bytes(String alias) {
+    return alias.getBytes(StandardCharsets.UTF_8);
+  }
+
+  private void certify(String alias, KeyObject key, List<X509Certificate> chain)
+      throws PKCS11Exception {
+    addIssuers(chain);
+    Stored kept = null;
+    for (Stored stored : contents.certificates) {
+      if (stored.isOf(key) && stored.certificate().equals(chain.get(0))) {
+        kept = stored;
+      }
+    }
+    if (kept == null) {
+      create(certificate(chain.get(0)).put(CKA_ID, key.id()).put(CKA_LABEL, bytes(alias)));
+    } else {
+      label(kept.object(), alias);
+    }
+    label(key, alias);
+    for (Stored stored : contents.certificates) {
+      if (stored != kept && stored.isOf(key)) {
+        destroy(stored);
+      }
+    }
+  }
+
+  private void importKey(String alias, PrivateKey key, List<X509Certificate> chain)
+      throws PKCS11Exception {
+    byte[] id = NewKeys.id();
+    try {
+      create(NewKeys.copy(chain.get(0).getPublicKey(), id).put(CKA_LABEL, bytes(alias)));
+      create(NewKeys.copy(key, id).put(CKA_LABEL, bytes(alias)));
+    } catch (InvalidKeyException e) {
+      throw (PKCS11Exception) new PKCS11Exception(e.getMessage()).initCause(e);
+    }
+    create(certificate(chain.get(0)).put(CKA_ID, id).put(CKA_LABEL, bytes(alias)));
+    addIssuers(chain);
+  }
+
+  private void addIssuers(List<X509Certificate> chain) throws PKCS11Exception {
+    Set<X509Certificate> there = new HashSet<>();
+    for (Stored stored : contents.certificates) {
+      there.add(stored.certificate());
+    }
+    for (X509Certificate issuer : chain.subList(1, chain.size())) {
+      if (there.add(issuer)) {
+        create(certificate(issuer));
+      }
+    }
+  }
+
+  private static PKCS11Template certificate(X509Certificate certificate) throws PKCS11Exception {
+    try {
+      return PKCS11Template.of(certificate).put(CKA_TOKEN, true).put(CKA_PRIVATE, false);
+    } catch (CertificateEncodingException e) {
+      throw (PKCS11Exception) new PKCS11Exception(e.getMessage()).initCause(e);
+    }
+  }
+
+  /** Some tokens leave a part of an object behind that they refuse to make. */
+  private void create(PKCS11Template template) throws PKCS11Exception {
+    Set<NativePKCS11Object> before = new HashSet<>(session.findAll(null));
+    undoing.push(() -> destroyRemains(before));
+    undoing.push(session.createObject(template)::destroy);
+  }
+
+  private void destroyRemains(Set<NativePKCS11Object> before) throws PKCS11Exception {
+    for (NativePKCS11Object object : session.findAll(null)) {
+      if (!before.contains(object) && KeyObject.id(object.attributes(CKA_ID)).length == 0) {
+        object.destroy();
+      }
+    }
+  }
+
+  private void destroy(Stored stored) throws PKCS11Exception {
+    PKCS11Template again = certificate(stored.certificate())
+        .put(CKA_ID, stored.id()).put(CKA_LABEL, bytes(stored.label()));
+    stored.object().destroy();
+    undoing.push(() -> session.createObject(again));
+  }
+
+  private void label(KeyObject key, String alias) throws PKCS11Exception {
+    label(key.object(), alias);
+    for (NativePKCS11Object half : publicHalves(key)) {
+      label(half, alias);
+    }
+  }
+
+  private void label(NativePKCS11Object object, String alias) throws PKCS11Exception {
+    byte[] label = object.getByteArrayAttributeValue(CKA_LABEL);
+    if (!Arrays.equals(label, bytes(alias))) {
+      object.setAttributeValue(CKA_LABEL, bytes(alias));
+      undoing.push(() -> object.setAttributeValue(CKA_LABEL, label));
+    }
+  }
+
+  private List<NativePKCS11Object> publicHalves(KeyObject key) throws PKCS11Exception {
+    List<NativePKCS11Object> halves = new ArrayList<>();
+    for (NativePKCS11Object object : session.findAll(
+        new PKCS11Template().put(CKA_CLASS, CKO_PUBLIC_KEY).put(CKA_ID, key.id()))) {
+      try {
+        if (KeyObject.same(object.publicKey(), key.publicKey())) {
+          halves.add(object);
+        }
+      } catch (InvalidKeyException e) {
+        // Of another key.
+      }
+    }
+    return halves;
+  }
+
+  /** All is found before any of it goes, and what can be made again goes first. */
+  private void delete(Entry entry) throws PKCS11Exception {
+    if (entry.key() == null) {
+      throw new PKCS11Exception("trusted certificates are the security officer's");
+    }
+    Set<Stored> goes = certificates(entry);
+    boolean isTwin = false;
+    for (Entry other : contents.entries) {
+      if (other != entry) {
+        goes.removeAll(certificates(other));
+        isTwin |= entry.key().equals(other.key());
+      }
+    }
+    List<NativePKCS11Object> halves = isTwin ? List.of() : publicHalves(entry.found());
+    for (Stored stored : goes) {
+      destroy(stored);
+    }
+    entry.found().object().destroy();
+    undoing.clear();
+    for (NativePKCS11Object half : halves) {
+      half.destroy();
+    }
+  }
+
+  /** Returns the chain, and the earlier certificates of the key. */
+  private Set<Stored> certificates(Entry entry) {
+    Set<Stored> all = new HashSet<>(contents.chain(entry));
+    for (Stored stored : contents.certificates) {
+      if (entry.key() != null && stored.isOf(entry.found())) {
+        all.add(stored);
+      }
+    }
+    return all;
+  }
+}
