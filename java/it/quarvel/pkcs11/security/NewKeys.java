@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.security;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;

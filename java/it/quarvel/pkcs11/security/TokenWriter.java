@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.security;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
@@ -67,15 +68,13 @@ final class TokenWriter {
    */
   static void prove(Provider provider, PrivateKey key, X509Certificate certificate)
       throws KeyStoreException {
-    boolean isProved;
     try {
-      isProved = signs(provider, key, certificate.getPublicKey());
+      if (!signs(provider, key, certificate.getPublicKey())) {
+        throw new SignatureException("the certificate is another one's");
+      }
     } catch (GeneralSecurityException e) {
-      throw new KeyStoreException("the key cannot be proved to be the certificate's: "
+      throw new KeyStoreException("the key is not proved to be the certificate's: "
           + e.getMessage(), e);
-    }
-    if (!isProved) {
-      throw new KeyStoreException("the certificate is another key's");
     }
   }
 

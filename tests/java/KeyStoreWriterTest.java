@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: Apache-2.0
+import static org.junit.jupiter.api.Assertions.*;
+
+import it.quarvel.pkcs11.security.QuarvelProvider;
+import java.nio.file.*;
+import java.security.*;
+import java.security.cert.Certificate;
+import java.security.cert.CertificateFactory;
+import java.security.spec.*;
+import java.util.*;
+import javax.crypto.spec.SecretKeySpec;
+import org.junit.jupiter.api.*;
+
+/** Has the key store change a token, and OpenSC say what is on it then. */
+class KeyStoreWriterTest {
+  static final String WRITABLE = ProviderTest.URI + "&x-writable=yes";
+  static final String FAILING = WRITABLE.replace(EndToEndTest.MODULE,
+      EndToEndTest.CLASSES.resolveSibling("libfailing.so").toString());
+
+  static Certificate[] expired;
+
+  QuarvelProvider provider;
+  KeyStore store;
+
+  interface Change {
+    void to(KeyStore store) throws Exception;
+  }
+
+  @BeforeAll
+  static void makeKeys() throws Exception {
+    ProviderTest.fillToken();
+    EndToEndTest.emptyToken();
+    try (var file = Files.newInputStream(ProviderTest.DIR.resolve("expired.der"))) {
+      expired = new Certificate[] {
+          CertificateFactory.getInstance("X.509").generateCertificate(file), chain("rsa2048")[1]};
+    }
+  }
+
+  @BeforeEach
+  void fill() throws Exception {
+    open(WRITABLE);
+    store.setKeyEntry("rsa", software("rsa2048"), null, chain("rsa2048"));
+  }
+
+  @AfterEach
+  void empty() throws Exception {
+    provider.logout();
+    EndToEndTest.emptyToken();
+  }
+
+  void open(String uri) throws Exception {
+    if (provider != null) {
+      provider.logout();
+    }
+    provider = (QuarvelProvider) new QuarvelProvider().configure(uri);
+    store = ProviderTest.load(provider, ProviderTest.PIN);
+  }
+
+  KeyPair generated(String algorithm, AlgorithmParameterSpec spec) throws Exception {
+    KeyPairGenerator generator = KeyPairGenerator.getInstance(algorithm, provider);
+    generator.initialize(spec);
+    return generator.generateKeyPair();
+  }
+
+  static PrivateKey software(String name) {
+    return ProviderTest.software.get(name);
+  }
+
+  static Certificate[] chain(String name) {
+    return new Certificate[] {
+        ProviderTest.certificates.get(name), ProviderTest.certificates.get("ca")};
+  }
+
+  /** Returns what is on the token, whatever its order. */
+  static Set<String> objects() throws Exception {
+    return Set.of(EndToEndTest.openSc("--list-objects --login --pin " + EndToEndTest.PIN)
+        .replace("\n  ", " ").split("\n"));
+  }
+
+  List<String> aliases() throws Exception {
+    return Collections.list(store.aliases());
+  }
+
+  @Test
+  void undoesAChangeThatFailsHalfWay() throws Exception {
+    open(FAILING);
+    List<Integer> steps = new ArrayList<>();
+    for (Change change : List.<Change>of(
+        keys -> keys.setKeyEntry("ec", software("prime256v1"), null, chain("prime256v1")),
+        keys -> keys.setKeyEntry("renewed", keys.getKey("rsa", null), null, expired),
+        keys -> keys.deleteEntry("renewed"))) {
+      Set<String> before = objects();
+      int step = 0;
+      for (boolean failed = true; failed; step++) {
+        Files.writeString(ProviderTest.DIR.resolve("failing"), "" + step);
+        try {
+          change.to(store);
+          failed = false;
+        } catch (KeyStoreException e) {
+          assertTrue(before.equals(objects()) || aliases().equals(List.of("ec")), "" + step);
+        }
+      }
+      steps.add(step);
+    }
+    assertEquals(List.of(4, 5, 4), steps);
+  }
+
+  @Test
+  void refusesWhatWouldLoseOrHideAKey() throws Exception {
+    store.setKeyEntry("ec", software("prime256v1"), null, chain("prime256v1"));
+    Key key = store.getKey("rsa", null);
+    Certificate[] own = chain("rsa2048");
+    KeyStore.TrustedCertificateEntry trusted = new KeyStore.TrustedCertificateEntry(own[1]);
+    QuarvelProvider twin = (QuarvelProvider) new QuarvelProvider().configure(WRITABLE);
+    Key twinKey = ProviderTest.load(twin, ProviderTest.PIN).getKey("rsa", null);
+    Set<String> before = objects();
+    Map<Change, String> changes = new LinkedHashMap<>();
+    changes.put(keys -> keys.setKeyEntry("new", key, null, chain("secp521r1")), "proved");
+    changes.put(keys -> keys.setKeyEntry("new", key, null, chain("rsa1025")), "proved");
+    changes.put(keys -> keys.setKeyEntry("new", software("rsa1025"), null, own), "proved");
+    changes.put(keys -> keys.setKeyEntry("new", twinKey, null, own), "of this token");
+    changes.put(keys -> keys.setKeyEntry("new", software("rsa2048"), null, own), "already");
+    changes.put(keys -> keys.setKeyEntry("ec", key, null, own), "of another key");
+    changes.put(keys -> keys.setKeyEntry("", key, null, own), "no text");
+    changes.put(keys -> keys.setKeyEntry("\uD83D", key, null, own), "no text");
+    changes.put(keys -> keys.setKeyEntry("x", new SecretKeySpec(new byte[9], "AES"), null, own), "private");
+    changes.put(keys -> keys.setEntry("x", trusted, null), "security officer");
+    changes.put(keys -> {
+      open(WRITABLE.replace("?", ";object=rsa?"));
+      store.setKeyEntry("x", store.getKey("rsa", null), null, own);
+    }, "URI");
+    changes.forEach((change, why) -> {
+      String told = assertThrows(KeyStoreException.class, () -> change.to(store)).getMessage();
+      assertTrue(told.contains(why), told);
+    });
+    twin.logout();
+    assertEquals(before, objects());
+  }
+
+  @Test
+  void makesRenamesAndDeletesKeys() throws Exception {
+    Set<String> before = objects();
+    String alias = "\u20AC ;?%,\\\"".repeat(40);
+    Map<String, AlgorithmParameterSpec> kinds = Map.of(
+        "SHA256withRSA", new RSAKeyGenParameterSpec(2048, RSAKeyGenParameterSpec.F4),
+        "SHA384withECDSA", new ECGenParameterSpec("secp384r1"), "Ed25519", NamedParameterSpec.ED25519);
+    for (String signature : kinds.keySet()) {
+      String algorithm = signature.replaceFirst(".*with", "").replace("DSA", "");
+      KeyPair pair = generated(algorithm, kinds.get(signature));
+      store.load(null, ProviderTest.PIN);
+      String id = aliases().get(1).equals("rsa") ? aliases().get(0) : aliases().get(1);
+      store.setEntry(alias, store.getEntry(id, null), null);
+      assertEquals(Set.of("rsa", alias), Set.copyOf(aliases()));
+      Signature signer = Signature.getInstance(signature, provider);
+      signer.initSign((PrivateKey) store.getKey(alias, null));
+      ProviderTest.assertVerifies(
+          Signature.getInstance(signature), pair.getPublic(), null, ProviderTest.signed(signer));
+      store.deleteEntry(alias);
+      store.deleteEntry(alias);
+    }
+    assertEquals(before, objects());
+    for (int bits : new int[] {1024, 20_000}) {
+      assertThrows(InvalidAlgorithmParameterException.class,
+          () -> generated("RSA", new RSAKeyGenParameterSpec(bits, RSAKeyGenParameterSpec.F4)));
+    }
+    open(ProviderTest.URI);
+    assertThrows(NoSuchAlgorithmException.class, () -> generated("RSA", null));
+  }
+}
