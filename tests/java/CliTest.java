@@ -171,7 +171,7 @@ class CliTest {
     "2|.*token twice;.*|objects --uri pkcs11:token=a;token=b",
     "2|(?!.*1234).*names no file.*|objects --uri pkcs11:?pin-source=/1234%00",
     "2|.*types are.*|objects --uri pkcs11:type=key", "2|(?!.*1234).*|objects --uri pkcs11:1234=",
-    "2|.*locale.*|objects --label \uFFFD", "1|the PIN is empty|objects --pin-source /dev/null",
+    "2|.*locale.*|objects --label \uFFFD", "1|.*is empty|objects --pin-source /dev/null",
     "1|.*/none cannot be read: there is no such.*|sign --id 00 DIR/none",
     "1|no token that.*are: \"demo\" in slot .*|objects --token x",
     "1|no token that.*|objects --uri pkcs11:serial=0", "2|.*slot is a number.*|objects --slot -1",
@@ -193,9 +193,19 @@ class CliTest {
   }
 
   @Test
-  void triesAPinOnceAndStopsWithItsReader() throws Exception {
-    EndToEndTest.output(1, start("wrong", "check --pin-source " + dir.resolve("wrong")));
-    assertEquals(1, calls("wrong", "C_Login"));
+  void triesAPinOnce() throws Throwable {
+    EndToEndTest.openSc("--login --pin 1234 --keypairgen --key-type RSA:1024 --id aa --always-auth");
+    for (String pin : List.of("wrong", "pin")) {
+      String login = pin.equals("pin") ? "C_Login:2" : "C_Login:1";
+      assertEquals(1, EndToEndTest.calls(login, "C_Login:2=0xA0 C_DecryptInit=0", () -> run(
+          "check --id aa --pin-source DIR/" + pin + " --module " + EndToEndTest.SHIM)), login);
+    }
+    EndToEndTest.openSc("--delete-object --type pubkey --id aa");
+    EndToEndTest.openSc("--login --pin 1234 --delete-object --type privkey --id aa");
+  }
+
+  @Test
+  void stopsWithItsReader() throws Exception {
     Process cut = start("cut", "objects --type data");
     cut.inputReader().readLine();
     cut.getInputStream().close();

@@ -6,7 +6,7 @@ import static org.junit.jupiter.api.Assertions.*;
 import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.nat.*;
 import java.math.BigInteger;
-import java.nio.file.Path;
+import java.nio.file.*;
 import java.security.*;
 import java.security.cert.X509Certificate;
 import java.security.interfaces.RSAPrivateCrtKey;
@@ -28,6 +28,7 @@ import org.junit.jupiter.params.provider.*;
 class EndToEndTest {
   static final Path CLASSES = Path.of(System.getenv("QUARVEL_CLASSES"));
   static final String MODULE = System.getenv("QUARVEL_PKCS11_MODULE");
+  static final String SHIM = CLASSES.resolveSibling("libshim.so").toString();
   static final String PIN = System.getenv("QUARVEL_PIN");
   static final String SO_PIN = System.getenv("QUARVEL_SO_PIN");
 
@@ -268,6 +269,19 @@ class EndToEndTest {
       threads.shutdown();
     }
     return results;
+  }
+
+  /** Counts the calls of a function while native/shim.cpp, which is the module, follows such words. */
+  static long calls(String name, String words, Executable use) throws Throwable {
+    Path shim = Path.of(System.getenv("TOKEN_DIR"), "shim");
+    Path calls = Files.write(shim.resolveSibling("calls"), new byte[0]);
+    Files.writeString(shim, words);
+    try {
+      use.execute();
+    } finally {
+      Files.delete(shim);
+    }
+    return Files.readAllLines(calls).stream().filter(name::equals).count();
   }
 
   static void assertFails(String message, Executable call) {

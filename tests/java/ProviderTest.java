@@ -38,7 +38,7 @@ import org.w3c.dom.Document;
 class ProviderTest {
   static final Path DIR = Path.of(System.getenv("TOKEN_DIR"));
   static final String URI = "pkcs11:token=%s?module-path=%s"
-      .formatted(System.getenv("QUARVEL_TOKEN"), EndToEndTest.MODULE);
+      .formatted(System.getenv("QUARVEL_TOKEN"), EndToEndTest.SHIM);
   static final char[] PIN = EndToEndTest.PIN.toCharArray();
   static final char[] PASSWORD = "changeit".toCharArray();
   static final byte[] DATA = EndToEndTest.DATA;

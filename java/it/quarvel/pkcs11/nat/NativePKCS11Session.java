@@ -6,10 +6,8 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11SessionInfo;
 import it.quarvel.pkcs11.PKCS11Template;
-import java.nio.ByteBuffer;
-import java.nio.CharBuffer;
-import java.nio.charset.CharsetEncoder;
-import java.nio.charset.StandardCharsets;
+import it.quarvel.pkcs11.internal.Pin;
+import java.nio.charset.CharacterCodingException;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
@@ -636,19 +634,14 @@ public class NativePKCS11Session implements AutoCloseable {
     if (pin == null) {
       throw new PKCS11Exception(CKR_ARGUMENTS_BAD);
     }
-    // Not encode(CharBuffer), which may leave outgrown copies behind.
-    CharsetEncoder encoder = StandardCharsets.UTF_8.newEncoder();
-    ByteBuffer room = ByteBuffer.allocate((int) (pin.length * encoder.maxBytesPerChar()));
     byte[] bytes = {};
     try {
-      if (encoder.encode(CharBuffer.wrap(pin), room, true).isError()) {
-        throw new PKCS11Exception(CKR_ARGUMENTS_BAD);
-      }
-      bytes = Arrays.copyOf(room.array(), room.position());
+      bytes = Pin.of(pin);
       loginellips(false, bytes);
+    } catch (CharacterCodingException e) {
+      throw new PKCS11Exception(CKR_ARGUMENTS_BAD);
     } finally {
-      Arrays.fill(room.array(), (byte) 0);
-      Arrays.fill(bytes, (byte) 0);
+      Pin.wipe(bytes);
     }
   }
 

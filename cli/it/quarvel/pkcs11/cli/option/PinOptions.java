@@ -10,12 +10,11 @@ import it.quarvel.pkcs11.cli.console.Terminal;
 import it.quarvel.pkcs11.cli.console.Text;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.internal.Pin;
 import java.io.IOException;
-import java.io.InputStream;
-import java.nio.ByteBuffer;
 import java.nio.CharBuffer;
+import java.nio.charset.CharacterCodingException;
 import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.Arrays;
 import picocli.CommandLine.ArgGroup;
@@ -49,8 +48,6 @@ public final class PinOptions {
       return value.substring("env:".length());
     }
   }
-
-  private static final int LONGEST_FILE = 4096;
 
   @ArgGroup(exclusive = true)
   private Source source = new Source();
@@ -107,21 +104,11 @@ public final class PinOptions {
   }
 
   private static byte[] ofFile(Path file) throws Failure {
-    try (InputStream in = Files.newInputStream(file)) {
-      byte[] content = in.readNBytes(LONGEST_FILE + 1);
-      int length = 0;
-      while (length < content.length && content[length] != '\n' && content[length] != '\r') {
-        length++;
-      }
-      byte[] pin = Arrays.copyOf(content, length);
-      Arrays.fill(content, (byte) 0);
-      if (length > LONGEST_FILE) {
-        throw new Failure("the file with the PIN has a first line of more than 4096 bytes");
-      }
-      return pin;
+    try {
+      return Pin.ofFile(file);
     } catch (IOException e) {
       // Without its name, which may be a PIN that is not at its place.
-      throw Failure.file("the file with the PIN cannot be read", e);
+      throw Failure.file("the file with the PIN cannot be used", e);
     }
   }
 
@@ -136,14 +123,15 @@ public final class PinOptions {
     if (typed == null) {
       throw new Failure("no PIN");
     }
-    if (Text.isGarbled(CharBuffer.wrap(typed))) {
-      throw new Failure("the PIN" + Text.GARBLED + ". It was not tried");
+    try {
+      if (!Text.isGarbled(CharBuffer.wrap(typed))) {
+        return Pin.of(typed);
+      }
+    } catch (CharacterCodingException e) {
+      // Half a character is as bad as one that was replaced.
+    } finally {
+      Arrays.fill(typed, '\0');
     }
-    ByteBuffer encoded = StandardCharsets.UTF_8.encode(CharBuffer.wrap(typed));
-    byte[] pin = new byte[encoded.remaining()];
-    encoded.get(pin);
-    Arrays.fill(encoded.array(), (byte) 0);
-    Arrays.fill(typed, '\0');
-    return pin;
+    throw new Failure("the PIN" + Text.GARBLED + ". It was not tried");
   }
 }

@@ -43,6 +43,9 @@ public final class Connection implements AutoCloseable {
   /** Kept for keys that ask for it each time; null where a PIN pad asks. */
   private byte[] pin;
 
+  /** Why such a key did not take it: the next try could lock the token. */
+  private PKCS11Exception refused;
+
   private Connection(Steps steps, PKCS11Module opened, boolean direct) {
     this.steps = steps;
     this.opened = opened;
@@ -133,12 +136,24 @@ public final class Connection implements AutoCloseable {
   private byte[] operate(Start start, End end, NativePKCS11Object key, byte[] data)
       throws PKCS11Exception {
     boolean asks = asksEachTime(key);
+    if (asks && refused != null) {
+      throw refused;
+    }
     start.run();
     if (asks) {
-      login();
+      loginOnce();
     }
     byte[] out = new byte[Math.max(LONGEST_SIGNATURE, data.length)];
     return Arrays.copyOf(out, end.run(data, 0, data.length, out, 0));
+  }
+
+  private void loginOnce() throws PKCS11Exception {
+    try {
+      login();
+    } catch (PKCS11Exception e) {
+      refused = e;
+      throw e;
+    }
   }
 
   /** A module that is used directly finds a second login superfluous, and may well sign without. */

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: Apache-2.0
+// A module that stands before the one of QUARVEL_PKCS11_MODULE. It notes in the file "calls" of
+// TOKEN_DIR the calls that it can alter, one a line, and alters what the file "shim" there says by
+// words NAME=VALUE:
+//   C_Decrypt=0x30    what this function answers; C_Login:2 is the login for one operation alone
+//   model=other       a text of the token info, as are label, manufacturerID, serialNumber
+//   slots=both        each slot has the token of the first one; "second": the first one has none
+//   after=C_Login     tokens are the true ones, but for the time just after this call
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <optional>
+#include <string>
+
+#include "pkcs11.h"
+
+namespace {
+
+CK_FUNCTION_LIST* module;
+std::string last;
+
+std::string path(const char* name) { return std::string(std::getenv("TOKEN_DIR")) + "/" + name; }
+
+/// What the file says for a name, empty when it says nothing.
+std::string said(const std::string& name) {
+  std::ifstream file(path("shim"));
+  for (std::string word; file >> word;) {
+    if (word.starts_with(name + "=")) return word.substr(name.size() + 1);
+  }
+  return "";
+}
+
+template <typename Call>
+CK_RV answer(const std::string& name, Call call) {
+  last = name;
+  std::ofstream(path("calls"), std::ios::app) << name << '\n';
+  const std::string code = said(name);
+  return code.empty() ? call() : std::stoul(code, nullptr, 0);
+}
+
+template <std::size_t size>
+void alter(CK_UTF8CHAR (&text)[size], const char* name) {
+  std::string changed = said(name);
+  if (changed.empty()) return;
+  changed.resize(size, ' ');
+  std::copy_n(changed.begin(), size, text);
+}
+
+/// The slot whose token a slot has, none where it has none.
+std::optional<CK_SLOT_ID> behind(CK_SLOT_ID slot) {
+  const std::string which = said("slots");
+  if (which.empty()) return slot;
+  CK_SLOT_ID slots[8];
+  CK_ULONG count = std::size(slots);
+  module->C_GetSlotList(CK_TRUE, slots, &count);
+  if (which == "second" && slot == slots[0]) return std::nullopt;
+  return slots[0];
+}
+
+CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
+  const std::string after = said("after");
+  if (!after.empty() && after != last) return module->C_GetTokenInfo(slot, info);
+  const auto other = behind(slot);
+  if (!other) return CKR_TOKEN_NOT_PRESENT;
+  const CK_RV rv = module->C_GetTokenInfo(*other, info);
+  alter(info->label, "label");
+  alter(info->manufacturerID, "manufacturerID");
+  alter(info->model, "model");
+  alter(info->serialNumber, "serialNumber");
+  return rv;
+}
+
+}  // namespace
+
+extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** given) {
+  void* file = dlopen(std::getenv("QUARVEL_PKCS11_MODULE"), RTLD_NOW);
+  const auto getList = reinterpret_cast<CK_C_GetFunctionList>(dlsym(file, "C_GetFunctionList"));
+  if (const CK_RV rv = getList(&module); rv != CKR_OK) return rv;
+  static CK_FUNCTION_LIST list;
+  list = *module;
+  list.C_GetTokenInfo = tokenInfo;
+  list.C_OpenSession = [](CK_SLOT_ID slot, CK_FLAGS flags, void* application, CK_NOTIFY notify,
+                          CK_SESSION_HANDLE* session) {
+    return answer("C_OpenSession", [&] {
+      return module->C_OpenSession(
+          behind(slot).value_or(slot), flags, application, notify, session);
+    });
+  };
+  list.C_Login = [](CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin, CK_ULONG size) {
+    return answer("C_Login:" + std::to_string(user),
+                  [&] { return module->C_Login(session, user, pin, size); });
+  };
+  list.C_DecryptInit = [](CK_SESSION_HANDLE session, CK_MECHANISM* mechanism,
+                          CK_OBJECT_HANDLE key) {
+    return answer("C_DecryptInit", [&] { return module->C_DecryptInit(session, mechanism, key); });
+  };
+  list.C_Decrypt = [](CK_SESSION_HANDLE session, CK_BYTE* in, CK_ULONG size, CK_BYTE* out,
+                      CK_ULONG* outSize) {
+    return answer("C_Decrypt", [&] { return module->C_Decrypt(session, in, size, out, outSize); });
+  };
+  *given = &list;
+  return CKR_OK;
+}
