@@ -65,8 +65,19 @@ public class NativePKCS11Session implements AutoCloseable {
     boolean visit(NativePKCS11Object object) throws E;
   }
 
+  /** What {@link #sign(int, NativePKCS11Object, byte[], Login)} does between start and end. */
+  @FunctionalInterface
+  public interface Login {
+    /**
+     * Logs in.
+     *
+     * @throws PKCS11Exception when the module refuses; the operation then stays active
+     */
+    void run() throws PKCS11Exception;
+  }
+
   /** {@link #sign(byte[], int, int, byte[], int)} and its like. */
-  private interface Operation {
+  private interface Finish {
     int run(byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
         throws PKCS11Exception;
   }
@@ -705,9 +716,24 @@ public class NativePKCS11Session implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public byte[] sign(int mech, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
+    return sign(mech, key, data, null);
+  }
+
+  /**
+   * Signs data with a key that may want the PIN each time.
+   *
+   * @param mech a {@code CKM_} value
+   * @param key a private or secret key
+   * @param data the data
+   * @param login logs in, once the signature has started; null for a key that does not want it
+   * @return the signature
+   * @throws PKCS11Exception when the module refuses
+   */
+  public byte[] sign(int mech, NativePKCS11Object key, byte[] data, Login login)
+      throws PKCS11Exception {
     notNull(data);
     signInit(mech, null, key);
-    return result(this::sign, data, SMALLEST_ROOM);
+    return result(login, this::sign, data, SMALLEST_ROOM);
   }
 
   /**
@@ -738,9 +764,24 @@ public class NativePKCS11Session implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public byte[] decrypt(int mech, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
+    return decrypt(mech, key, data, null);
+  }
+
+  /**
+   * Decrypts data with a key that may want the PIN each time.
+   *
+   * @param mech a {@code CKM_} value
+   * @param key a private or secret key
+   * @param data the encrypted data
+   * @param login logs in, once the decryption has started; null for a key that does not want it
+   * @return the decrypted data
+   * @throws PKCS11Exception when the module refuses
+   */
+  public byte[] decrypt(int mech, NativePKCS11Object key, byte[] data, Login login)
+      throws PKCS11Exception {
     int room = Math.max(SMALLEST_ROOM, notNull(data).length);
     decryptInit(mech, null, key);
-    return result(this::decrypt, data, room);
+    return result(login, this::decrypt, data, room);
   }
 
   /**
@@ -842,21 +883,25 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * The result of a started operation. Room is offered first: the question for the length is one
+   * The result of a started operation, after a login where there is one. Room is offered first: the question for the length is one
    * call more, and some modules answer it by writing through the null pointer. A refusal for want
    * of room leaves the operation active.
    */
-  private static byte[] result(Operation operation, byte[] data, int room) throws PKCS11Exception {
+  private static byte[] result(Login login, Finish finish, byte[] data, int room)
+      throws PKCS11Exception {
+    if (login != null) {
+      login.run();
+    }
     byte[] out = new byte[room];
     try {
-      return prefix(out, operation.run(data, 0, data.length, out, 0));
+      return prefix(out, finish.run(data, 0, data.length, out, 0));
     } catch (PKCS11Exception e) {
       if (e.errorCode() != CKR_BUFFER_TOO_SMALL) {
         throw e;
       }
     }
-    out = new byte[Math.max(room, operation.run(data, 0, data.length, null, 0))];
-    return prefix(out, operation.run(data, 0, data.length, out, 0));
+    out = new byte[Math.max(room, finish.run(data, 0, data.length, null, 0))];
+    return prefix(out, finish.run(data, 0, data.length, out, 0));
   }
 
   private static byte[] notNull(byte[] data) throws PKCS11Exception {

@@ -30,17 +30,9 @@ import javax.security.auth.login.LoginException;
 abstract class TokenKey implements PrivateKey {
   private static final long serialVersionUID = 1L;
 
-  /** Bytes for the results of RSA keys of up to 16,384 bits. */
-  private static final int ROOM = 2048;
-
-  private interface Start {
-    void start(NativePKCS11Session session, int mechanism, Object parameter, NativePKCS11Object key)
+  private interface Operation {
+    byte[] run(NativePKCS11Session session, NativePKCS11Object key, NativePKCS11Session.Login login)
         throws PKCS11Exception;
-  }
-
-  private interface Finish {
-    int finish(NativePKCS11Session session, byte[] in, int inOffset, int inLength, byte[] out,
-        int outOffset) throws PKCS11Exception;
   }
 
   private record Located(NativePKCS11Object object, Token.Connection connection) {}
@@ -86,31 +78,19 @@ abstract class TokenKey implements PrivateKey {
    * @throws LoginException when a PIN is needed and cannot be had
    */
   byte[] sign(int mechanism, byte[] data) throws PKCS11Exception, LoginException {
-    return operate(NativePKCS11Session::signInit, NativePKCS11Session::sign, mechanism, data);
+    return operate((session, object, login) -> session.sign(mechanism, object, data, login));
   }
 
   /** Decrypts ({@code C_DecryptInit}, {@code C_Decrypt}), as {@link #sign} signs. */
   byte[] decrypt(int mechanism, byte[] data) throws PKCS11Exception, LoginException {
-    return operate(NativePKCS11Session::decryptInit, NativePKCS11Session::decrypt, mechanism, data);
+    return operate((session, object, login) -> session.decrypt(mechanism, object, data, login));
   }
 
-  private byte[] operate(Start start, Finish finish, int mechanism, byte[] data)
-      throws PKCS11Exception, LoginException {
+  private byte[] operate(Operation operation) throws PKCS11Exception, LoginException {
     char[] pin = found.alwaysAuthenticate() ? token.askPin() : null;
     try {
-      return token.run((session, connection) -> {
-        start.start(session, mechanism, null, in(session, connection));
-        if (found.alwaysAuthenticate()) {
-          token.authenticate(session, pin);
-        }
-        // More than the input: some modules want room before they take the padding off.
-        byte[] out = new byte[Math.max(ROOM, data.length)];
-        int length = finish.finish(session, data, 0, data.length, out, 0);
-        if (length < 0 || length > out.length) {
-          throw new PKCS11Exception("the module reports a result of " + length + " bytes");
-        }
-        return Arrays.copyOf(out, length);
-      });
+      return token.run((session, connection) -> operation.run(session, in(session, connection),
+          found.alwaysAuthenticate() ? () -> token.authenticate(session, pin) : null));
     } finally {
       Token.wipe(pin);
     }
