@@ -101,30 +101,81 @@ void Result::finish(Context* context) {
   if (value != nullptr && context->rv == CKR_BUFFER_TOO_SMALL) noteOperation(context->number, true);
 }
 
-/// That hash, its mask generation, and a salt as long.
-constexpr std::pair<CK_MECHANISM_TYPE, CK_RSA_PKCS_PSS_PARAMS> kStandardPss[] = {
-    {CKM_SHA1_RSA_PKCS_PSS, {CKM_SHA_1, CKG_MGF1_SHA1, 20}},
-    {CKM_SHA224_RSA_PKCS_PSS, {CKM_SHA224, CKG_MGF1_SHA224, 28}},
-    {CKM_SHA256_RSA_PKCS_PSS, {CKM_SHA256, CKG_MGF1_SHA256, 32}},
-    {CKM_SHA384_RSA_PKCS_PSS, {CKM_SHA384, CKG_MGF1_SHA384, 48}},
-    {CKM_SHA512_RSA_PKCS_PSS, {CKM_SHA512, CKG_MGF1_SHA512, 64}},
+namespace {
+
+/// A hash as RSA mechanisms name it.
+struct Hash {
+  CK_MECHANISM_TYPE digest;
+  CK_RSA_PKCS_MGF_TYPE mask;  // the mask generation with it
+  CK_MECHANISM_TYPE pss;      // the mechanism that hashes so and signs with PSS
+  CK_ULONG length;
 };
 
-void Mechanism::amend() {
+constexpr Hash kHashes[] = {
+    {CKM_SHA_1, CKG_MGF1_SHA1, CKM_SHA1_RSA_PKCS_PSS, 20},
+    {CKM_SHA224, CKG_MGF1_SHA224, CKM_SHA224_RSA_PKCS_PSS, 28},
+    {CKM_SHA256, CKG_MGF1_SHA256, CKM_SHA256_RSA_PKCS_PSS, 32},
+    {CKM_SHA384, CKG_MGF1_SHA384, CKM_SHA384_RSA_PKCS_PSS, 48},
+    {CKM_SHA512, CKG_MGF1_SHA512, CKM_SHA512_RSA_PKCS_PSS, 64},
+};
+
+/// A number of our own for a mechanism with its parameter, from the range of vendors: what it is
+/// for, the hash and that of the mask as places in kHashes, and the bytes of salt.
+struct Coded {
+  enum Kind : CK_ULONG { oaep = 0xF5A0, pssOfDigest, pssOfData };
+  static constexpr CK_ULONG kMostSalt = 0x3FF;
+
+  CK_ULONG kind, hash, mask, salt;
+
+  /// Of a mechanism that has standard parameters, theirs: a mask by the same hash, a salt as long.
+  static constexpr Coded of(CK_MECHANISM_TYPE mechanism) {
+    if (mechanism == CKM_RSA_PKCS_OAEP) return {oaep, 0, 0, 0};
+    for (CK_ULONG i = 0; i < std::size(kHashes); ++i) {
+      if (kHashes[i].pss == mechanism) return {pssOfData, i, i, kHashes[i].length};
+    }
+    return {mechanism >> 16, mechanism >> 13 & 7, mechanism >> 10 & 7, mechanism & kMostSalt};
+  }
+
+  /// The mechanism that is meant; none (0 needs no parameter) where the number is none of ours.
+  constexpr CK_MECHANISM_TYPE mechanism() const {
+    if (std::max(hash, mask) >= std::size(kHashes)) return 0;
+    if (kind == oaep && salt == 0) return CKM_RSA_PKCS_OAEP;
+    if (kind == pssOfDigest) return CKM_RSA_PKCS_PSS;
+    return kind == pssOfData ? kHashes[hash].pss : 0;
+  }
+};
+
+/// Whether the module has a mechanism of this number for the session's slot.
+bool isListed(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE mechanism) {
+  CK_SLOT_ID slot = 0;
+  withSession(session, [&](const SessionEntry* record) { slot = record->slot; });
+  const auto function = module::functionOf(&List::C_GetMechanismInfo);
+  const module::Turn turn;
+  CK_MECHANISM_INFO info;
+  return function != nullptr && function(slot, mechanism, &info) == CKR_OK;
+}
+
+}  // namespace
+
+void Mechanism::amend(const Context* context) {
   copy = *value;
   value = &copy;
   copy.mechanism = narrowed(copy.mechanism);
   if (copy.pParameter != nullptr || copy.ulParameterLen != 0) return;
-  if (copy.mechanism == CKM_RSA_PKCS_OAEP) {
-    standard.oaep = {CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
-    copy.pParameter = &standard;
-    copy.ulParameterLen = sizeof standard.oaep;
-  }
-  for (const auto& [mechanism, parameter] : kStandardPss) {
-    if (copy.mechanism != mechanism) continue;
-    standard.pss = parameter;
-    copy.pParameter = &standard;
-    copy.ulParameterLen = sizeof standard.pss;
+  const Coded coded = Coded::of(copy.mechanism);
+  const CK_MECHANISM_TYPE meant = coded.mechanism();
+  if (meant == 0) return;
+  if (meant != copy.mechanism && isListed(context->number, copy.mechanism)) return;
+  const CK_MECHANISM_TYPE hash = kHashes[coded.hash].digest;
+  const CK_RSA_PKCS_MGF_TYPE mask = kHashes[coded.mask].mask;
+  copy.mechanism = meant;
+  copy.pParameter = &parameter;
+  if (meant == CKM_RSA_PKCS_OAEP) {
+    parameter.oaep = {hash, mask, CKZ_DATA_SPECIFIED, nullptr, 0};
+    copy.ulParameterLen = sizeof parameter.oaep;
+  } else {
+    parameter.pss = {hash, mask, coded.salt};
+    copy.ulParameterLen = sizeof parameter.pss;
   }
 }
 
@@ -196,6 +247,37 @@ CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* reserved) {
   const CK_RV rv = function(flags, slot, reserved);
   if (rv != CKR_OK || slot == nullptr) return rv;
   return Handles()->numberSlot(slot) ? CKR_OK : CKR_HOST_MEMORY;
+}
+
+constexpr auto moduleGetMechanismInfo =
+    call<&List::C_GetMechanismInfo, Slot, MechanismType, Argument<CK_MECHANISM_INFO*>>;
+
+/// For a number of our own that the module does not have: of the mechanism that is meant.
+CK_RV getMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info) {
+  const CK_RV rv = moduleGetMechanismInfo(slot, type, info);
+  const CK_MECHANISM_TYPE meant = Coded::of(narrowed(type)).mechanism();
+  return rv == CKR_OK || meant == 0 ? rv : moduleGetMechanismInfo(slot, meant, info);
+}
+
+constexpr auto deriveKey =
+    call<&List::C_DeriveKey, Session, Mechanism, Key, Attributes, Count, NewObject>;
+constexpr auto moduleUnwrapKey = call<&List::C_UnwrapKey, Session, Mechanism, UnwrappingKey, Data,
+                                      Length, Attributes, Count, NewObject>;
+
+/// A key agreement without a parameter becomes a derivation with the wrapped bytes as the other
+/// side's public point, for callers that can neither derive nor pass parameters. CKR_ of
+/// C_DeriveKey then.
+CK_RV unwrapKey(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key,
+                CK_BYTE* wrapped, CK_ULONG length, CK_ATTRIBUTE* attributes, CK_ULONG count,
+                CK_OBJECT_HANDLE* made) {
+  if (mechanism == nullptr || mechanism->pParameter != nullptr ||
+      (mechanism->mechanism != CKM_ECDH1_DERIVE &&
+       mechanism->mechanism != CKM_ECDH1_COFACTOR_DERIVE)) {
+    return moduleUnwrapKey(session, mechanism, key, wrapped, length, attributes, count, made);
+  }
+  CK_ECDH1_DERIVE_PARAMS agreement = {CKD_NULL, 0, nullptr, length, wrapped};
+  CK_MECHANISM derivation = {mechanism->mechanism, &agreement, sizeof agreement};
+  return deriveKey(session, &derivation, key, attributes, count, made);
 }
 
 constexpr auto moduleLogin = call<&List::C_Login, Session, Length, Data, Length>;
@@ -280,8 +362,7 @@ constexpr List kFunctions = {
     .C_GetSlotInfo = call<&List::C_GetSlotInfo, Slot, Argument<CK_SLOT_INFO*>>,
     .C_GetTokenInfo = call<&List::C_GetTokenInfo, Slot, Argument<CK_TOKEN_INFO*>>,
     .C_GetMechanismList = readList<&List::C_GetMechanismList, Slot>,
-    .C_GetMechanismInfo =
-        call<&List::C_GetMechanismInfo, Slot, MechanismType, Argument<CK_MECHANISM_INFO*>>,
+    .C_GetMechanismInfo = getMechanismInfo,
     .C_InitToken = call<&List::C_InitToken, Slot, Data, Length, Data>,
     .C_InitPIN = call<&List::C_InitPIN, Session, Data, Length>,
     .C_SetPIN = call<&List::C_SetPIN, Session, Data, Length, Data, Length>,
@@ -337,9 +418,8 @@ constexpr List kFunctions = {
     .C_GenerateKeyPair = call<&List::C_GenerateKeyPair, Session, Mechanism, Attributes, Count,
                               Attributes, Count, NewObject, NewObject>,
     .C_WrapKey = call<&List::C_WrapKey, Session, Mechanism, WrappingKey, Key, Data, Size>,
-    .C_UnwrapKey = call<&List::C_UnwrapKey, Session, Mechanism, UnwrappingKey, Data, Length,
-                        Attributes, Count, NewObject>,
-    .C_DeriveKey = call<&List::C_DeriveKey, Session, Mechanism, Key, Attributes, Count, NewObject>,
+    .C_UnwrapKey = unwrapKey,
+    .C_DeriveKey = deriveKey,
     .C_SeedRandom = call<&List::C_SeedRandom, Session, Data, Length>,
     .C_GenerateRandom = call<&List::C_GenerateRandom, Session, Data, Length>,
     .C_GetFunctionStatus = call<&List::C_GetFunctionStatus, Session>,

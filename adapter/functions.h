@@ -271,19 +271,22 @@ struct MechanismType : Argument<CK_MECHANISM_TYPE> {
   void prepare(Context*) { value = narrowed(value); }
 };
 
-/// RSA mechanisms that need a parameter and have none get their standard one.
+/// RSA mechanisms that need a parameter and have none get their standard one, or what a number of
+/// our own says. In a session.
 struct Mechanism : Argument<CK_MECHANISM*> {
   CK_MECHANISM copy = {};
   union {
     CK_RSA_PKCS_PSS_PARAMS pss;
     CK_RSA_PKCS_OAEP_PARAMS oaep;
-  } standard = {};
+  } parameter = {};
 
-  void prepare(Context*) {
+  void prepare(Context* context) {
     if (value == nullptr) return;
-    if (value->pParameter == nullptr || value->mechanism != narrowed(value->mechanism)) amend();
+    if (value->pParameter == nullptr || value->mechanism != narrowed(value->mechanism)) {
+      amend(context);
+    }
   }
-  void amend();
+  void amend(const Context* context);
 };
 
 /// A template; the argument after it is its Count.

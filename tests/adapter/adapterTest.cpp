@@ -368,22 +368,42 @@ TEST_F(Adapter, NarrowsTypesAndCompletesMechanisms) {
     given.insert(given.begin(), mechanism->mechanism);
     return kOk;
   };
-  for (Handles standard :
-       {Handles{0xFFFFFFFF80000041}, Handles{CKM_RSA_PKCS},
-        Handles{CKM_RSA_PKCS_OAEP, CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, 0, 0},
-        Handles{CKM_SHA1_RSA_PKCS_PSS, CKM_SHA_1, CKG_MGF1_SHA1, 20},
-        Handles{CKM_SHA224_RSA_PKCS_PSS, CKM_SHA224, CKG_MGF1_SHA224, 28},
-        Handles{CKM_SHA256_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 32},
-        Handles{CKM_SHA384_RSA_PKCS_PSS, CKM_SHA384, CKG_MGF1_SHA384, 48},
-        Handles{CKM_SHA512_RSA_PKCS_PSS, CKM_SHA512, CKG_MGF1_SHA512, 64}}) {
-    mechanism = {standard[0], nullptr, 0};
-    standard[0] &= 0xFFFFFFFF;
+  script.answers["C_GetMechanismInfo"] = CKR_MECHANISM_INVALID;
+  for (const auto& [asked, expected] : std::initializer_list<std::pair<H, Handles>>{
+           {0xFFFFFFFF80000041, {0x80000041}},
+           {CKM_RSA_PKCS, {CKM_RSA_PKCS}},
+           {CKM_RSA_PKCS_OAEP,
+            {CKM_RSA_PKCS_OAEP, CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, 0, 0}},
+           {CKM_SHA1_RSA_PKCS_PSS, {CKM_SHA1_RSA_PKCS_PSS, CKM_SHA_1, CKG_MGF1_SHA1, 20}},
+           {CKM_SHA224_RSA_PKCS_PSS, {CKM_SHA224_RSA_PKCS_PSS, CKM_SHA224, CKG_MGF1_SHA224, 28}},
+           {CKM_SHA256_RSA_PKCS_PSS, {CKM_SHA256_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 32}},
+           {CKM_SHA384_RSA_PKCS_PSS, {CKM_SHA384_RSA_PKCS_PSS, CKM_SHA384, CKG_MGF1_SHA384, 48}},
+           {CKM_SHA512_RSA_PKCS_PSS, {CKM_SHA512_RSA_PKCS_PSS, CKM_SHA512, CKG_MGF1_SHA512, 64}},
+           {0xFFFFFFFFF5A04400,
+            {CKM_RSA_PKCS_OAEP, CKM_SHA256, CKG_MGF1_SHA224, CKZ_DATA_SPECIFIED, 0, 0}},
+           {0xF5A193FF, {CKM_RSA_PKCS_PSS, CKM_SHA512, CKG_MGF1_SHA512, 1023}},
+           {0xF5A20C00, {CKM_SHA1_RSA_PKCS_PSS, CKM_SHA_1, CKG_MGF1_SHA384, 0}},
+           // No hash of that number, nor kind, nor has OAEP a salt.
+           {0xF5A1A000, {0xF5A1A000}},
+           {0xF5A11400, {0xF5A11400}},
+           {0xF5A30000, {0xF5A30000}},
+           {0xF5A00001, {0xF5A00001}}}) {
+    mechanism = {asked, nullptr, 0};
     EXPECT_EQ(p11->C_DecryptInit(session, &mechanism, key), CKR_OK);
-    EXPECT_EQ(given, standard);
-    mechanism = {mechanism.mechanism, &size, sizeof size};
+    EXPECT_EQ(given, expected);
+    mechanism = {asked, &size, sizeof size};
     EXPECT_EQ(p11->C_DecryptInit(session, &mechanism, key), CKR_OK);
-    EXPECT_EQ(given, (Handles{standard[0], size})) << "the caller's own parameter";
+    EXPECT_EQ(given, (Handles{asked & 0xFFFFFFFF, size})) << "the caller's own parameter";
   }
+  scripted::calls.clear();
+  EXPECT_EQ(p11->C_GetMechanismInfo(7, 0xF5A04400, nullptr), CKR_MECHANISM_INVALID);
+  EXPECT_EQ(
+      scripted::calls,
+      (std::vector<std::string>{"C_GetMechanismInfo(7, 0xF5A04400)", "C_GetMechanismInfo(7, 9)"}));
+  script.answers.clear();
+  mechanism = {0xF5A04400, nullptr, 0};
+  EXPECT_EQ(p11->C_DecryptInit(session, &mechanism, key), CKR_OK);
+  EXPECT_EQ(given, Handles{0xF5A04400}) << "the module has one of this number";
 }
 
 TEST_F(Adapter, LogsInForAnOperation) {

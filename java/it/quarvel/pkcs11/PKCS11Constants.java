@@ -270,6 +270,14 @@ public final class PKCS11Constants {
       CKM_HKDF_DERIVE = 0x402A, CKM_HKDF_DATA = 0x402B, CKM_HKDF_KEY_GEN = 0x402C,
       CKM_SALSA20_KEY_GEN = 0x402D, CKM_VENDOR_DEFINED = 0x80000000;
 
+  /**
+   * The adapter's own mechanisms, as {@link PKCS11Mechanisms} makes them: these are OAEP, PSS of a
+   * digest and PSS of data with SHA-1 and no salt. Added to them are, times 8,192, the hash and, times
+   * 1,024, that of the mask (0 to 4: SHA-1, SHA-224, SHA-256, SHA-384, SHA-512), and the bytes of salt.
+   */
+  public static final int
+      CKM_ADAPTER_OAEP = 0xF5A00000, CKM_ADAPTER_PSS = 0xF5A10000, CKM_ADAPTER_HASH_PSS = 0xF5A20000;
+
   /** Slot flags. */
   public static final int
       CKF_TOKEN_PRESENT = 0x1, CKF_REMOVABLE_DEVICE = 0x2, CKF_HW_SLOT = 0x4;

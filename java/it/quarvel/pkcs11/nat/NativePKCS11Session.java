@@ -848,7 +848,11 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Makes a key of its wrapped form.
+   * Makes a key of its wrapped form. In a module that was opened by {@link
+   * it.quarvel.pkcs11.PKCS11Module#open}, {@code CKM_ECDH1_DERIVE} and {@code
+   * CKM_ECDH1_COFACTOR_DERIVE} agree on one ({@code C_DeriveKey}, {@code CKD_NULL}): the unwrapping
+   * key is the private EC key, the wrapped one the other side's public point, bare or as a DER octet
+   * string, whichever the module takes, and the secret is the new key's value.
    *
    * @param mech a {@code CKM_} value
    * @param unwrappingKey the key that unwraps
