@@ -38,7 +38,7 @@ final class Adapter {
     Subject through = Subject.library(Table.LIBRARY, FILE);
     JdkWrapper jdk = new JdkWrapper(module, false);
     Subject bare = new Bare(Table.BENCH + "libfloor.so", module);
-    Token token = new Token(jdk.p11, pin);
+    RealToken token = new RealToken(jdk.p11, pin);
     int[] sessions = {token.openSession(), token.openSession()};
     for (Operation op : token.operations().subList(0, 2)) {
       for (int threads = 1; threads <= sessions.length; threads++) {

@@ -41,7 +41,7 @@ final class Table {
     Subject library = Subject.library(LIBRARY, module);
     JdkWrapper jdk = new JdkWrapper(module, false);
     Subject bare = new Bare(BENCH + "libfloor.so", module);
-    List<Operation> operations = new Token(jdk.p11, pin).operations();
+    List<Operation> operations = new RealToken(jdk.p11, pin).operations();
     print(operations, new Rounds(51, 20_000, 500), "bare C", library, bare, bare, Subject.of(jdk));
   }
 

@@ -30,8 +30,8 @@ import javax.security.auth.login.LoginException;
 abstract class TokenKey implements PrivateKey {
   private static final long serialVersionUID = 1L;
 
-  private interface Operation {
-    byte[] run(NativePKCS11Session session, NativePKCS11Object key, NativePKCS11Session.Login login)
+  private interface Use {
+    byte[] in(NativePKCS11Session session, NativePKCS11Object key, NativePKCS11Session.Login login)
         throws PKCS11Exception;
   }
 
@@ -86,10 +86,10 @@ abstract class TokenKey implements PrivateKey {
     return operate((session, object, login) -> session.decrypt(mechanism, object, data, login));
   }
 
-  private byte[] operate(Operation operation) throws PKCS11Exception, LoginException {
+  private byte[] operate(Use use) throws PKCS11Exception, LoginException {
     char[] pin = found.alwaysAuthenticate() ? token.askPin() : null;
     try {
-      return token.run((session, connection) -> operation.run(session, in(session, connection),
+      return token.run((session, connection) -> use.in(session, in(session, connection),
           found.alwaysAuthenticate() ? () -> token.authenticate(session, pin) : null));
     } finally {
       Token.wipe(pin);

@@ -5,10 +5,11 @@ import static it.quarvel.pkcs11.PKCS11Constants.CKR_FUNCTION_NOT_SUPPORTED;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Output;
 import it.quarvel.pkcs11.cli.console.Stdout;
 import it.quarvel.pkcs11.cli.console.Terminal;
 import it.quarvel.pkcs11.cli.console.Text;
+import it.quarvel.pkcs11.cli.option.Output;
+import it.quarvel.pkcs11.cli.token.Step;
 import it.quarvel.pkcs11.cli.token.Steps;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -22,11 +23,11 @@ import java.util.concurrent.locks.ReentrantLock;
 import java.util.stream.Collectors;
 
 /**
- * Shows what becomes of each operation, one row each, as soon as it is known: a module that hangs or
+ * Shows what becomes of each step, one row each, as soon as it is known: a module that hangs or
  * crashes leaves the rows before it. A call within a row belongs to that row.
  */
 public final class CheckTable extends Steps {
-  /** What becomes of an operation; in a row of several calls the last of these counts. */
+  /** What becomes of a step; in a row of several calls the last of these counts. */
   public enum Result {
     WORKS("works"),
     NOTHING("nothing to try"),
@@ -60,15 +61,15 @@ public final class CheckTable extends Steps {
   }
 
   private static final class Row {
-    private final String operation;
+    private final Step step;
     private final long start = System.nanoTime();
     private Result result = Result.NOTHING;
     private String detail = "";
     private int calls;
     private int alike;
 
-    private Row(String operation) {
-      this.operation = operation;
+    private Row(Step step) {
+      this.step = step;
     }
 
     /** Things without anything to try count only where there are no others. */
@@ -94,7 +95,7 @@ public final class CheckTable extends Steps {
   private final Stdout out;
   private final Output output;
 
-  /** Whether an operation is named before it is known what becomes of it. */
+  /** Whether a step is named before it is known what becomes of it. */
   private final boolean marks;
 
   /** Held while a row is under way. */
@@ -116,13 +117,13 @@ public final class CheckTable extends Steps {
   }
 
   @Override
-  public <T> T call(String operation, Call<T> call) throws Failure {
+  public <T> T call(Step step, Call<T> call) throws Failure {
     if (row != null) {
-      return super.call(operation, call);
+      return super.call(step, call);
     }
-    begin(operation);
+    begin(step);
     try {
-      T result = super.call(operation, call);
+      T result = super.call(step, call);
       row.add(Result.WORKS, "");
       return result;
     } catch (Failure e) {
@@ -134,10 +135,10 @@ public final class CheckTable extends Steps {
   }
 
   /** Makes a call whose failure ends nothing. */
-  public Result attempt(String operation, Call<Result> call) throws Failure {
-    begin(operation);
+  public Result attempt(Step step, Call<Result> call) throws Failure {
+    begin(step);
     try {
-      row.add(super.call(operation, call), "");
+      row.add(super.call(step, call), "");
     } catch (Failure e) {
       add(e, Result.FAILED);
     }
@@ -148,11 +149,11 @@ public final class CheckTable extends Steps {
    * Makes the same call on each of several things, in one row. A failure that is no return value of
    * the module is a value that cannot be read.
    */
-  <T> void each(String operation, List<T> things, String nothing, Trial<T> trial) throws Failure {
-    begin(operation);
+  <T> void each(Step step, List<T> things, String nothing, Trial<T> trial) throws Failure {
+    begin(step);
     for (T thing : things) {
       try {
-        row.add(super.call(operation, () -> trial.apply(thing)), "");
+        row.add(super.call(step, () -> trial.apply(thing)), "");
       } catch (Failure e) {
         add(e, Result.UNREADABLE);
       }
@@ -163,15 +164,15 @@ public final class CheckTable extends Steps {
     end();
   }
 
-  /** Says something of an operation that is not tried. */
-  public Result note(String operation, Result result, String detail) throws Failure {
-    return show(operation, result, null, detail);
+  /** Says something of a step that is not tried. */
+  public Result note(Step step, Result result, String detail) throws Failure {
+    return show(step, result, null, detail);
   }
 
   /** Says why operations are not tried. */
-  public void skip(String why, String... operations) throws Failure {
-    for (String operation : operations) {
-      note(operation, Result.NOT_ASKED, why);
+  public void skip(String why, Step... steps) throws Failure {
+    for (Step step : steps) {
+      note(step, Result.NOT_ASKED, why);
     }
   }
 
@@ -231,11 +232,11 @@ public final class CheckTable extends Steps {
         .collect(Collectors.joining(", ")), out.columns()) + "\n");
   }
 
-  private void begin(String operation) throws Failure {
+  private void begin(Step step) throws Failure {
     lock.lock();
-    row = new Row(operation);
+    row = new Row(step);
     if (marks) {
-      out.write(operation + " ...");
+      out.write(step + " ...");
     }
   }
 
@@ -246,24 +247,24 @@ public final class CheckTable extends Steps {
       boolean tried = ended.result != Result.NOTHING && ended.result != Result.NO_MECHANISM;
       double tenths = Math.round((System.nanoTime() - ended.start) / 1e5);
       return show(
-          ended.operation, ended.result, tried ? tenths / 10 : null, ended.summary());
+          ended.step, ended.result, tried ? tenths / 10 : null, ended.summary());
     } finally {
       lock.unlock();
     }
   }
 
-  private Result show(String operation, Result result, Double milliseconds, String detail)
+  private Result show(Step step, Result result, Double milliseconds, String detail)
       throws Failure {
     counts.merge(result, 1, Integer::sum);
     if (output.isJson()) {
       Map<String, Object> values = new LinkedHashMap<>();
-      values.put("operation", operation);
+      values.put("operation", step);
       values.put("result", result);
       values.put("milliseconds", milliseconds);
       values.put("detail", detail);
       output.item(out, "", values, Set.of());
     } else {
-      out.write((marks ? "\r" : "") + line(operation, result, milliseconds, detail));
+      out.write((marks ? "\r" : "") + line(step, result, milliseconds, detail));
     }
     return result;
   }
@@ -279,7 +280,7 @@ public final class CheckTable extends Steps {
     row.add(result, failure.reason());
     if (result.isFinding()) {
       findings.computeIfAbsent(failure.reason(), kind -> new ArrayList<>()).add(
-          (failure.getCause() == null ? row.operation + ": " : "") + failure.getMessage());
+          (failure.getCause() == null ? row.step + ": " : "") + failure.getMessage());
     }
   }
 }

@@ -10,9 +10,9 @@ import it.quarvel.pkcs11.cli.check.CheckTable.Result;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.token.Attributes;
 import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Operation;
+import it.quarvel.pkcs11.cli.token.Step;
 import it.quarvel.pkcs11.cli.token.Steps;
-import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.cli.token.TokenInSlot;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.text.ParseException;
@@ -31,10 +31,10 @@ public final class Checkup {
 
   private final Connection connection;
   private final CheckTable table;
-  private final Token token;
+  private final TokenInSlot token;
   private final Map<Integer, PKCS11MechanismInfo> mechanisms = new LinkedHashMap<>();
 
-  public Checkup(Connection connection, CheckTable table, Token token) {
+  public Checkup(Connection connection, CheckTable table, TokenInSlot token) {
     this.connection = connection;
     this.table = table;
     this.token = token;
@@ -47,52 +47,52 @@ public final class Checkup {
 
   public void describe() throws Failure {
     NativePKCS11Slot slot = token.slot();
-    works("slot info", slot::getInfo);
-    works("serial number", () -> {
+    works(Step.SLOT_INFO, slot::getInfo);
+    works(Step.SERIAL_NUMBER, () -> {
       if (!token.info().serialNumber().equals(slot.getTokenSN())) {
         throw new Failure("not the serial number of the token info");
       }
     });
     List<Integer> listed = new ArrayList<>();
-    works("mechanisms", () -> IntStream.of(slot.getMechanismList())
+    works(Step.MECHANISMS, () -> IntStream.of(slot.getMechanismList())
         .filter(connection::canName).forEach(listed::add));
-    table.each("mechanism info", listed, "no mechanisms", mechanism -> {
+    table.each(Step.MECHANISM_INFO, listed, "no mechanisms", mechanism -> {
       mechanisms.put(mechanism, slot.getMechanismInfo(mechanism));
       return Result.WORKS;
     });
   }
 
   public void describeSession() throws Failure {
-    works("session info", connection.session()::getInfo);
+    works(Step.SESSION_INFO, connection.session()::getInfo);
   }
 
   /** Reads an attribute of each Java type, of the first object of each class and those given. */
   public void read(List<NativePKCS11Object> more) throws Failure {
     List<NativePKCS11Object> samples = new ArrayList<>(more);
-    table.attempt(Operation.SEARCH, () -> sample(samples));
-    table.each("object size", samples, "no object", object -> {
+    table.attempt(Step.SEARCH, () -> sample(samples));
+    table.each(Step.OBJECT_SIZE, samples, "no object", object -> {
       object.size();
       return Result.WORKS;
     });
-    read("read number", samples, CKA_CLASS, NativePKCS11Object::getIntAttributeValue);
-    read("read truth value", samples, CKA_TOKEN, NativePKCS11Object::getBoolAttributeValue);
-    read("read text", samples, CKA_LABEL, NativePKCS11Object::getStringAttributeValue);
-    read("read bytes", samples, CKA_ID, NativePKCS11Object::getByteArrayAttributeValue);
-    read("read big number", samples, CKA_MODULUS, NativePKCS11Object::getBigInteger);
-    read("read date", samples, CKA_END_DATE, NativePKCS11Object::getDate);
-    read("read any type", samples, CKA_CLASS, NativePKCS11Object::getAttributeValue);
+    read(Step.READ_NUMBER, samples, CKA_CLASS, NativePKCS11Object::getIntAttributeValue);
+    read(Step.READ_TRUTH_VALUE, samples, CKA_TOKEN, NativePKCS11Object::getBoolAttributeValue);
+    read(Step.READ_TEXT, samples, CKA_LABEL, NativePKCS11Object::getStringAttributeValue);
+    read(Step.READ_BYTES, samples, CKA_ID, NativePKCS11Object::getByteArrayAttributeValue);
+    read(Step.READ_BIG_NUMBER, samples, CKA_MODULUS, NativePKCS11Object::getBigInteger);
+    read(Step.READ_DATE, samples, CKA_END_DATE, NativePKCS11Object::getDate);
+    read(Step.READ_ANY_TYPE, samples, CKA_CLASS, NativePKCS11Object::getAttributeValue);
   }
 
   public void close() throws Failure {
     if (!connection.isLoggedIn()) {
-      table.note("logout", Result.NOT_ASKED, "no login");
+      table.note(Step.LOGOUT, Result.NOT_ASKED, "no login");
     }
     connection.closeSession();
-    works("close all sessions", token.slot()::closeAllSessions);
+    works(Step.CLOSE_ALL_SESSIONS, token.slot()::closeAllSessions);
   }
 
-  private void works(String operation, Steps.Action action) throws Failure {
-    table.attempt(operation, () -> {
+  private void works(Step step, Steps.Action action) throws Failure {
+    table.attempt(step, () -> {
       action.run();
       return Result.WORKS;
     });
@@ -121,9 +121,9 @@ public final class Checkup {
   }
 
   /** Objects without the attribute say nothing about the operation. */
-  private void read(String operation, List<NativePKCS11Object> samples, int type, Reader reader)
+  private void read(Step step, List<NativePKCS11Object> samples, int type, Reader reader)
       throws Failure {
-    table.each(operation, samples, "no object has such a value", object -> {
+    table.each(step, samples, "no object has such a value", object -> {
       try {
         reader.read(object, type);
         return Result.WORKS;

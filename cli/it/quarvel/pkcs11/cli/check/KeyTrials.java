@@ -12,6 +12,7 @@ import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.token.Attributes;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.SoftHash;
+import it.quarvel.pkcs11.cli.token.Step;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import java.nio.charset.StandardCharsets;
@@ -82,7 +83,7 @@ public final class KeyTrials {
    * @return why keys could stay on this token, empty when they will not
    */
   public String createObject() throws Failure {
-    table.attempt("create object", () -> {
+    table.attempt(Step.CREATE_OBJECT, () -> {
       NativePKCS11Object probe = keep(session.createObject(data()), "data");
       boolean kept = probe.getBoolAttributeValue(CKA_TOKEN);
       doubt = kept ? "this token keeps what is made for a session"
@@ -98,12 +99,12 @@ public final class KeyTrials {
   }
 
   public void createKeys() throws Failure {
-    with("generate key", CKF_GENERATE, mechanism -> {
+    with(Step.GENERATE_KEY, CKF_GENERATE, mechanism -> {
       aes = keep(
           session.generateKey(mechanism, secretKey().put(CKA_VALUE_LEN, AES_BYTES)), "secret key");
       return Result.WORKS;
     }, CKM_AES_KEY_GEN);
-    with("generate key pair", CKF_GENERATE_KEY_PAIR, mechanism -> {
+    with(Step.GENERATE_KEY_PAIR, CKF_GENERATE_KEY_PAIR, mechanism -> {
       pair = session.generateKeyPair(mechanism, publicKey(mechanism), privateKey(mechanism));
       keep(pair.publicKey(), "public key");
       keep(pair.privateKey(), "private key");
@@ -112,7 +113,7 @@ public final class KeyTrials {
   }
 
   public void setAttribute() throws Failure {
-    table.each("set attribute", made().subList(0, Math.min(1, made.size())), "no object was made",
+    table.each(Step.SET_ATTRIBUTE, made().subList(0, Math.min(1, made.size())), "no object was made",
         object -> {
           String changed = LABEL + ", changed";
           object.setAttributeValue(CKA_LABEL, changed);
@@ -122,7 +123,7 @@ public final class KeyTrials {
 
   /** Signs, and has Java verify it where the public key can be had. */
   public void sign(NativePKCS11Object key) throws Failure {
-    use("sign", key, CKA_SIGN, type -> switch (type) {
+    use(Step.SIGN, key, CKA_SIGN, type -> switch (type) {
       case CKK_RSA -> sign(key, "SHA256withRSA", CKM_SHA256_RSA_PKCS, CKM_RSA_PKCS);
       case CKK_EC -> sign(key, "NONEwithECDSAinP1363Format", CKM_ECDSA);
       default -> sign(key, "EdDSA", CKM_EDDSA);
@@ -139,7 +140,7 @@ public final class KeyTrials {
 
   /** Decrypts what Java has encrypted. */
   public void decrypt(NativePKCS11Object key) throws Failure {
-    use("decrypt", key, CKA_DECRYPT, type -> {
+    use(Step.DECRYPT, key, CKA_DECRYPT, type -> {
       if (type != CKK_RSA) {
         return table.nothing("EC keys do not decrypt");
       }
@@ -156,26 +157,26 @@ public final class KeyTrials {
 
   public void useSecretKey() throws Failure {
     if (aes == null) {
-      for (String operation : List.of("encrypt", "wrap", "unwrap")) {
-        table.note(operation, Result.NOTHING, "no key was made");
+      for (Step step : List.of(Step.ENCRYPT, Step.WRAP, Step.UNWRAP)) {
+        table.note(step, Result.NOTHING, "no key was made");
       }
       return;
     }
-    with("encrypt", CKF_ENCRYPT, mechanism -> {
+    with(Step.ENCRYPT, CKF_ENCRYPT, mechanism -> {
       byte[] hidden = session.encrypt(mechanism, aes, DATA);
       return expect(!Arrays.equals(DATA, hidden)
           && Arrays.equals(DATA, session.decrypt(mechanism, aes, hidden)));
     }, CKM_AES_ECB);
     int[] candidates = {CKM_AES_KEY_WRAP, CKM_AES_KEY_WRAP_PAD, CKM_AES_ECB};
-    with("wrap", CKF_WRAP, mechanism -> {
+    with(Step.WRAP, CKF_WRAP, mechanism -> {
       wrapped = session.wrapKey(mechanism, aes, aes);
       return Result.WORKS;
     }, candidates);
     if (wrapped == null) {
-      table.note("unwrap", Result.NOTHING, "no wrapped key");
+      table.note(Step.UNWRAP, Result.NOTHING, "no wrapped key");
       return;
     }
-    with("unwrap", CKF_UNWRAP, mechanism -> {
+    with(Step.UNWRAP, CKF_UNWRAP, mechanism -> {
       NativePKCS11Object key =
           keep(session.unwrapKey(mechanism, aes, wrapped, unwrappedKey()), "secret key");
       return expect(!mechanisms.containsKey(CKM_AES_ECB) || Arrays.equals(
@@ -185,11 +186,11 @@ public final class KeyTrials {
 
   public void destroy() throws Failure {
     List<NativePKCS11Object> objects = made();
-    table.each("destroy", objects, "no object was made", object -> {
+    table.each(Step.DESTROY, objects, "no object was made", object -> {
       remove(object);
       return Result.WORKS;
     });
-    table.attempt("search after",
+    table.attempt(Step.SEARCH_AFTER,
         () -> expect(Collections.disjoint(session.findAll(null), objects)));
   }
 
@@ -211,8 +212,8 @@ public final class KeyTrials {
   }
 
   /** Uses a key of a known type that may be used like this. */
-  private void use(String operation, NativePKCS11Object key, int use, Trial trial) throws Failure {
-    table.attempt(operation, () -> {
+  private void use(Step step, NativePKCS11Object key, int use, Trial trial) throws Failure {
+    table.attempt(step, () -> {
       if (key == null) {
         return table.nothing("no key was made");
       }
@@ -226,8 +227,8 @@ public final class KeyTrials {
     });
   }
 
-  private void with(String operation, int use, Trial trial, int... candidates) throws Failure {
-    table.attempt(operation, () -> with(use, trial, candidates));
+  private void with(Step step, int use, Trial trial, int... candidates) throws Failure {
+    table.attempt(step, () -> with(use, trial, candidates));
   }
 
   /** Calls with the first mechanism that the token has for this use. */

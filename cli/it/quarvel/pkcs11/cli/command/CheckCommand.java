@@ -9,14 +9,12 @@ import it.quarvel.pkcs11.cli.check.Checkup;
 import it.quarvel.pkcs11.cli.check.KeyTrials;
 import it.quarvel.pkcs11.cli.check.Leftovers;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Output;
 import it.quarvel.pkcs11.cli.console.Terminal;
 import it.quarvel.pkcs11.cli.option.ObjectFilter;
-import it.quarvel.pkcs11.cli.option.PinOptions;
-import it.quarvel.pkcs11.cli.option.TokenOptions;
+import it.quarvel.pkcs11.cli.option.Output;
 import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Operation;
-import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.cli.token.Step;
+import it.quarvel.pkcs11.cli.token.TokenInSlot;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.Mixin;
@@ -39,9 +37,7 @@ import picocli.CommandLine.Option;
       "Never tried: changes of PINs, the methods that always fail, and those for particular cards,"
           + " which print on standard output."
     })
-public final class CheckCommand extends ModuleCommand {
-  @Mixin private TokenOptions token;
-  @Mixin private PinOptions pin;
+public final class CheckCommand extends TokenCommand {
   @Mixin private ObjectFilter filter;
   @Mixin private Output output;
 
@@ -59,7 +55,7 @@ public final class CheckCommand extends ModuleCommand {
 
   @Override
   public Integer call() throws Failure {
-    boolean named = filter.isNamed(token.uri());
+    boolean named = filter.isNamed(uri());
     if (filter.isTyped() && !named) {
       throw Failure.usage("which key? Name it by --label, --id or --uri");
     }
@@ -76,18 +72,18 @@ public final class CheckCommand extends ModuleCommand {
 
   @Override
   void run(Connection connection) throws Failure {
-    table.attempt("info", () -> {
+    table.attempt(Step.INFO, () -> {
       connection.module().getInfo();
       return CheckTable.Result.WORKS;
     });
-    Token chosen = token.choose(connection);
+    TokenInSlot chosen = choose(connection);
     Checkup checkup = new Checkup(connection, table, chosen);
     checkup.describe();
     connection.openSession(chosen.slot(), write ? CKF_RW_SESSION : 0);
     checkup.describeSession();
-    login(connection, chosen);
+    tryLogin(connection, chosen);
     NativePKCS11Object named =
-        filter.isNamed(token.uri()) ? filter.key(connection, token.uri()) : null;
+        filter.isNamed(uri()) ? filter.key(connection, uri()) : null;
     KeyTrials trials = new KeyTrials(connection, table, checkup.mechanisms());
     boolean makes = false;
     Leftovers leftovers = new Leftovers(table, trials, program()::message);
@@ -95,13 +91,13 @@ public final class CheckCommand extends ModuleCommand {
       if (write) {
         makes = makesKeys(trials);
       } else {
-        table.skip("--write", "create object", "generate key", "generate key pair");
+        table.skip("--write", Step.CREATE_OBJECT, Step.GENERATE_KEY, Step.GENERATE_KEY_PAIR);
       }
       checkup.read(trials.made());
       NativePKCS11Object key = named != null ? named : trials.privateKey();
       String option = write ? "--yes" : "--write";
       if (key == null && !makes) {
-        table.skip(option + ", or a key by --label", "sign", "decrypt");
+        table.skip(option + ", or a key by --label", Step.SIGN, Step.DECRYPT);
       } else {
         trials.sign(key);
         trials.decrypt(key);
@@ -109,13 +105,13 @@ public final class CheckCommand extends ModuleCommand {
       if (makes) {
         trials.useSecretKey();
       } else {
-        table.skip(option, "encrypt", "wrap", "unwrap");
+        table.skip(option, Step.ENCRYPT, Step.WRAP, Step.UNWRAP);
       }
       if (write) {
         trials.setAttribute();
         trials.destroy();
       } else {
-        table.skip(option, "set attribute", "destroy", "search after");
+        table.skip(option, Step.SET_ATTRIBUTE, Step.DESTROY, Step.SEARCH_AFTER);
       }
     } finally {
       leftovers.remove();
@@ -131,18 +127,18 @@ public final class CheckCommand extends ModuleCommand {
       trials.createKeys();
       return true;
     }
-    table.skip("--yes", "generate key", "generate key pair");
+    table.skip("--yes", Step.GENERATE_KEY, Step.GENERATE_KEY_PAIR);
     fail(new Failure(doubt + ", so that no keys were made: --yes makes them all the same"));
     return false;
   }
 
-  private void login(Connection connection, Token chosen) throws Failure {
-    if (!pin.isAsked(token.uri())) {
-      table.note(Operation.LOGIN, CheckTable.Result.NOT_ASKED, "--login or a PIN");
+  private void tryLogin(Connection connection, TokenInSlot chosen) throws Failure {
+    if (!isLoginAsked()) {
+      table.note(Step.LOGIN, CheckTable.Result.NOT_ASKED, "--login or a PIN");
       return;
     }
     try {
-      pin.login(program(), connection, chosen, token.uri());
+      logIn(connection, chosen);
     } catch (Failure e) {
       fail(e);
       if (!(e.getCause() instanceof PKCS11Exception)) {

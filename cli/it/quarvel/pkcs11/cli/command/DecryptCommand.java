@@ -5,6 +5,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.token.Connection;
+import it.quarvel.pkcs11.cli.token.Step;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import picocli.CommandLine.Command;
 
@@ -20,8 +21,8 @@ import picocli.CommandLine.Command;
     })
 public final class DecryptCommand extends KeyCommand {
   @Override
-  String operation() {
-    return "decrypt";
+  Step step() {
+    return Step.DECRYPT;
   }
 
   @Override

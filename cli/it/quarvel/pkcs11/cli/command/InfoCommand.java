@@ -3,8 +3,9 @@ package it.quarvel.pkcs11.cli.command;
 
 import it.quarvel.pkcs11.PKCS11Info;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Output;
+import it.quarvel.pkcs11.cli.option.Output;
 import it.quarvel.pkcs11.cli.token.Connection;
+import it.quarvel.pkcs11.cli.token.Step;
 import it.quarvel.pkcs11.nat.NativePKCS11;
 import java.util.LinkedHashMap;
 import java.util.Map;
@@ -19,7 +20,7 @@ public final class InfoCommand extends ModuleCommand {
   @Override
   void run(Connection connection) throws Failure {
     NativePKCS11 module = connection.module();
-    PKCS11Info info = connection.call("info", module::getInfo);
+    PKCS11Info info = connection.call(Step.INFO, module::getInfo);
     Map<String, Object> values = new LinkedHashMap<>();
     values.put("cryptokiVersion", PKCS11Info.versionText(info.cryptokiVersion()));
     values.put("manufacturer", info.manufacturerID().strip());

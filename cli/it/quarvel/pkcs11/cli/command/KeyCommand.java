@@ -10,11 +10,9 @@ import it.quarvel.pkcs11.cli.console.Terminal;
 import it.quarvel.pkcs11.cli.console.Text;
 import it.quarvel.pkcs11.cli.option.Names;
 import it.quarvel.pkcs11.cli.option.ObjectFilter;
-import it.quarvel.pkcs11.cli.option.PinOptions;
-import it.quarvel.pkcs11.cli.option.TokenOptions;
 import it.quarvel.pkcs11.cli.token.Attributes;
 import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.cli.token.Step;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import java.io.IOException;
 import java.nio.file.Files;
@@ -24,11 +22,9 @@ import picocli.CommandLine.Option;
 import picocli.CommandLine.Parameters;
 
 /** A command that makes other data of data with one key. */
-public abstract class KeyCommand extends ModuleCommand {
+public abstract class KeyCommand extends TokenCommand {
   private static final Path STANDARD = Path.of("-");
 
-  @Mixin private TokenOptions token;
-  @Mixin private PinOptions pin;
   @Mixin private ObjectFilter filter;
 
   @Option(names = "--mechanism", paramLabel = "NAME", converter = Names.Mechanism.class,
@@ -43,7 +39,7 @@ public abstract class KeyCommand extends ModuleCommand {
       description = "The data; without it, or with \"-\", standard input.")
   private Path input = STANDARD;
 
-  abstract String operation();
+  abstract Step step();
 
   /** Returns the mechanism for who names none, null when there is no sensible one. */
   abstract Integer defaultMechanism(int keyType);
@@ -57,7 +53,7 @@ public abstract class KeyCommand extends ModuleCommand {
 
   @Override
   public final Integer call() throws Failure {
-    if (!filter.isNamed(token.uri())) {
+    if (!filter.isNamed(uri())) {
       throw Failure.usage("which key? Name it by --label, --id or --uri");
     }
     if (!mayBeText()) {
@@ -73,19 +69,15 @@ public abstract class KeyCommand extends ModuleCommand {
       connection.requireName(mechanism);
     }
     byte[] data = read();
-    Token chosen = token.choose(connection);
-    connection.openSession(chosen.slot(), 0);
-    if (pin.isAsked(token.uri()) || chosen.info().hasFlag(CKF_LOGIN_REQUIRED)) {
-      pin.login(program(), connection, chosen, token.uri());
-    }
-    NativePKCS11Object key = filter.key(connection, token.uri());
+    openSession(connection, true);
+    NativePKCS11Object key = filter.key(connection, uri());
     int keyType = keyType(key);
     Integer used = mechanism != null ? mechanism : defaultMechanism(keyType);
     if (used == null) {
       throw Failure.usage("no usual mechanism for a key of type %s: name one by --mechanism"
           .formatted(PKCS11Constants.keyTypeName(keyType)));
     }
-    write(connection.call(operation(), () -> apply(connection, used, key, keyType, data)));
+    write(connection.call(step(), () -> apply(connection, used, key, keyType, data)));
   }
 
   private static int keyType(NativePKCS11Object key) throws Failure {

@@ -4,10 +4,11 @@ package it.quarvel.pkcs11.cli.command;
 import it.quarvel.pkcs11.PKCS11Constants;
 import it.quarvel.pkcs11.PKCS11MechanismInfo;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Output;
 import it.quarvel.pkcs11.cli.console.Unread;
+import it.quarvel.pkcs11.cli.option.Output;
 import it.quarvel.pkcs11.cli.option.TokenOptions;
 import it.quarvel.pkcs11.cli.token.Connection;
+import it.quarvel.pkcs11.cli.token.Step;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.util.ArrayList;
 import java.util.LinkedHashMap;
@@ -30,7 +31,7 @@ public final class MechanismsCommand extends ModuleCommand {
   void run(Connection connection) throws Failure {
     NativePKCS11Slot slot = token.choose(connection).slot();
     List<Map<String, Object>> rows = new ArrayList<>();
-    for (int mechanism : connection.call("mechanisms", slot::getMechanismList)) {
+    for (int mechanism : connection.call(Step.MECHANISMS, slot::getMechanismList)) {
       Map<String, Object> row = new LinkedHashMap<>();
       row.put("mechanism", PKCS11Constants.mechanismName(mechanism));
       describe(row, connection, slot, mechanism);
@@ -44,7 +45,7 @@ public final class MechanismsCommand extends ModuleCommand {
     try {
       connection.requireName(mechanism);
       PKCS11MechanismInfo info =
-          connection.call("mechanism info", () -> slot.getMechanismInfo(mechanism));
+          connection.call(Step.MECHANISM_INFO, () -> slot.getMechanismInfo(mechanism));
       row.put("minKeySize", size(info.minKeySize()));
       row.put("maxKeySize", size(info.maxKeySize()));
       row.put("uses", PKCS11Constants.mechanismFlagNames(info.flags()));

@@ -2,7 +2,6 @@
 package it.quarvel.pkcs11.cli.command;
 
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Program;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.Steps;
 import java.util.concurrent.Callable;

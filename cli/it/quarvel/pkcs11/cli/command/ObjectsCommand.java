@@ -4,14 +4,12 @@ package it.quarvel.pkcs11.cli.command;
 import static it.quarvel.pkcs11.PKCS11Constants.CKF_LOGIN_REQUIRED;
 
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.UriOutput;
 import it.quarvel.pkcs11.cli.option.Names;
 import it.quarvel.pkcs11.cli.option.ObjectFilter;
-import it.quarvel.pkcs11.cli.option.PinOptions;
-import it.quarvel.pkcs11.cli.option.TokenOptions;
+import it.quarvel.pkcs11.cli.option.UriOutput;
 import it.quarvel.pkcs11.cli.token.Attributes;
 import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.cli.token.TokenInSlot;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import java.util.List;
 import java.util.Map;
@@ -29,9 +27,7 @@ import picocli.CommandLine.Option;
       "A value that an object does not have is \"-\" where it was asked for; one that cannot be had"
           + " is shown as the reason in brackets, \"(sensitive)\" for instance."
     })
-public final class ObjectsCommand extends ModuleCommand {
-  @Mixin private TokenOptions token;
-  @Mixin private PinOptions pin;
+public final class ObjectsCommand extends TokenCommand {
   @Mixin private ObjectFilter filter;
   @Mixin private UriOutput output;
 
@@ -44,12 +40,8 @@ public final class ObjectsCommand extends ModuleCommand {
     for (int attribute : attributes) {
       connection.requireName(attribute);
     }
-    Token chosen = token.choose(connection);
-    connection.openSession(chosen.slot(), 0);
-    if (pin.isAsked(token.uri())) {
-      pin.login(program(), connection, chosen, token.uri());
-    }
-    connection.search(filter.template(token.uri()), object -> {
+    TokenInSlot chosen = openSession(connection, false);
+    connection.search(filter.template(uri()), object -> {
       show(chosen, object);
       return true;
     });
@@ -59,7 +51,7 @@ public final class ObjectsCommand extends ModuleCommand {
     }
   }
 
-  private void show(Token chosen, NativePKCS11Object object) throws Failure {
+  private void show(TokenInSlot chosen, NativePKCS11Object object) throws Failure {
     String uri = output.needsUri() ? chosen.uri(object) : "";
     Map<String, Object> values =
         output.isUriOnly() ? Map.of() : new Attributes(object).describe(attributes);

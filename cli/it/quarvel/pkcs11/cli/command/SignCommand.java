@@ -7,6 +7,7 @@ import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.token.Connection;
 import it.quarvel.pkcs11.cli.token.SoftHash;
+import it.quarvel.pkcs11.cli.token.Step;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import java.io.ByteArrayOutputStream;
 import java.math.BigInteger;
@@ -38,8 +39,8 @@ public final class SignCommand extends KeyCommand {
   private Format format;
 
   @Override
-  String operation() {
-    return "sign";
+  Step step() {
+    return Step.SIGN;
   }
 
   @Override

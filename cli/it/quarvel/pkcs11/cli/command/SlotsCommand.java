@@ -7,10 +7,11 @@ import it.quarvel.pkcs11.PKCS11Info;
 import it.quarvel.pkcs11.PKCS11SlotInfo;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.UriOutput;
 import it.quarvel.pkcs11.cli.option.TokenOptions;
+import it.quarvel.pkcs11.cli.option.UriOutput;
 import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.cli.token.Step;
+import it.quarvel.pkcs11.cli.token.TokenInSlot;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.util.LinkedHashMap;
 import java.util.Map;
@@ -26,32 +27,32 @@ public final class SlotsCommand extends ModuleCommand {
 
   @Override
   void run(Connection connection) throws Failure {
-    for (NativePKCS11Slot slot : connection.call("slots", () -> connection.module().slots(false))) {
+    for (NativePKCS11Slot slot : connection.call(Step.SLOTS, () -> connection.module().slots(false))) {
       Map<String, Object> values = new LinkedHashMap<>();
-      values.put("slot", Token.number(slot));
-      Token token = describe(values, connection, slot);
+      values.put("slot", TokenInSlot.number(slot));
+      TokenInSlot token = describe(values, connection, slot);
       if (!wanted.matches(slot, token) || output.isUriOnly() && token == null) {
         continue;
       }
       Object description = values.getOrDefault("description", "not readable");
-      output.item(program().out(), "Slot " + Token.number(slot) + ": " + description,
+      output.item(program().out(), "Slot " + TokenInSlot.number(slot) + ": " + description,
           token == null ? "" : token.uri(), values, Set.of("slot", "description"));
     }
     output.end(program().out());
   }
 
   /** A slot or token that cannot be read is one of the things to show, not the end of the list. */
-  private static Token describe(
+  private static TokenInSlot describe(
       Map<String, Object> values, Connection connection, NativePKCS11Slot slot) {
     String failed = "slotError";
     try {
-      PKCS11SlotInfo info = connection.call("slot info", slot::getInfo);
+      PKCS11SlotInfo info = connection.call(Step.SLOT_INFO, slot::getInfo);
       add(values, info);
       failed = "tokenError";
       if (!info.hasFlag(CKF_TOKEN_PRESENT)) {
         return null;
       }
-      Token token = connection.call("token info", () -> Token.of(slot));
+      TokenInSlot token = connection.call(Step.TOKEN_INFO, () -> TokenInSlot.of(slot));
       add(values, token.info());
       return token;
     } catch (Failure e) {

@@ -7,11 +7,11 @@ import java.util.Map;
 import java.util.stream.Collectors;
 
 /** Data for programs: JSON as RFC 8259 has it. Bytes become hexadecimal text. */
-final class Json {
+public final class Json {
   private Json() {}
 
   /** Writes maps, lists, numbers, truth values, bytes and null as such, the rest as text. */
-  static String of(Object value) {
+  public static String of(Object value) {
     if (value == null || value instanceof Number || value instanceof Boolean) {
       return String.valueOf(value);
     }

@@ -13,7 +13,7 @@ public final class Stdout {
   private final OutputStream out;
   private final int columns = Terminal.columns(Terminal.OUT);
 
-  Stdout(OutputStream out) {
+  public Stdout(OutputStream out) {
     this.out = out;
   }
 

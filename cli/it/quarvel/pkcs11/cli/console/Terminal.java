@@ -28,7 +28,7 @@ public final class Terminal {
   }
 
   /** Returns how wide a stream is, without end when it is no terminal. */
-  static int columns(int descriptor) {
+  public static int columns(int descriptor) {
     return is(descriptor) ? new UsageMessageSpec().autoWidth(true).width() : Integer.MAX_VALUE;
   }
 

@@ -30,7 +30,7 @@ public final class Text {
    * Writes a title and below it the values that say something which the title does not. Who asks
    * for an attribute sees that the object has none.
    */
-  static String block(String title, Map<String, Object> values, Set<String> inTitle, int columns) {
+  public static String block(String title, Map<String, Object> values, Set<String> inTitle, int columns) {
     List<Map.Entry<String, Object>> shown = values.entrySet().stream()
         .filter(entry -> !inTitle.contains(entry.getKey()) && isShown(entry)).toList();
     int width = shown.stream().mapToInt(entry -> words(entry.getKey()).length()).max().orElse(0);
@@ -40,7 +40,7 @@ public final class Text {
   }
 
   /** Writes rows of the same keys under a heading that names them. */
-  static String table(List<Map<String, Object>> rows, int columns) {
+  public static String table(List<Map<String, Object>> rows, int columns) {
     if (rows.isEmpty()) {
       return "";
     }

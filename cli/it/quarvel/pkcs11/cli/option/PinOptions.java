@@ -5,11 +5,9 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Program;
 import it.quarvel.pkcs11.cli.console.Terminal;
 import it.quarvel.pkcs11.cli.console.Text;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.cli.token.TokenInSlot;
 import it.quarvel.pkcs11.internal.Pin;
 import java.io.IOException;
 import java.nio.CharBuffer;
@@ -61,35 +59,19 @@ public final class PinOptions {
         || uri.pinFile() != null;
   }
 
-  /** Logs in, once. */
-  public void login(Program program, Connection connection, Token token, PKCS11Uri uri)
-      throws Failure {
+  /** Returns the PIN, which the caller wipes; null when the token asks for it itself. */
+  public byte[] ask(TokenInSlot token, PKCS11Uri uri) throws Failure {
     if (source.pinpad && !token.info().hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH)) {
       throw new Failure("token %s has no PIN pad, or does not tell of it".formatted(token));
     }
-    if (token.info().hasFlag(CKF_USER_PIN_FINAL_TRY)) {
-      program.message("this is the last try: another wrong PIN locks the token");
-    }
-    byte[] pin = pin(token, uri);
+    Path file = source.file != null ? source.file : uri.pinFile();
+    byte[] pin = source.variable != null ? ofVariable(source.variable)
+        : source.pinpad ? null : file != null ? ofFile(file)
+        : token.info().hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH) ? null : ofTerminal(token);
     if (pin != null && pin.length == 0) {
       throw new Failure("the PIN is empty");
     }
-    connection.login(pin);
-  }
-
-  /** Returns the PIN, which the connection wipes; null when the token asks for it itself. */
-  private byte[] pin(Token token, PKCS11Uri uri) throws Failure {
-    if (source.pinpad) {
-      return null;
-    }
-    if (source.variable != null) {
-      return ofVariable(source.variable);
-    }
-    Path file = source.file != null ? source.file : uri.pinFile();
-    if (file != null) {
-      return ofFile(file);
-    }
-    return token.info().hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH) ? null : ofTerminal(token);
+    return pin;
   }
 
   private static byte[] ofVariable(String name) throws Failure {
@@ -112,7 +94,7 @@ public final class PinOptions {
     }
   }
 
-  private static byte[] ofTerminal(Token token) throws Failure {
+  private static byte[] ofTerminal(TokenInSlot token) throws Failure {
     if (Terminal.console() == null) {
       throw new Failure(
           "no terminal to ask for the PIN, or standard input or output is redirected: use"

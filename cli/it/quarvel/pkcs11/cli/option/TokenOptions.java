@@ -7,7 +7,8 @@ import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Token;
+import it.quarvel.pkcs11.cli.token.Step;
+import it.quarvel.pkcs11.cli.token.TokenInSlot;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.util.ArrayList;
 import java.util.List;
@@ -68,31 +69,31 @@ public final class TokenOptions {
   }
 
   /** Tells whether a slot, with the token in it or null, is one of those meant. */
-  public boolean matches(NativePKCS11Slot slot, Token token) {
+  public boolean matches(NativePKCS11Slot slot, TokenInSlot token) {
     return (choice.slot == null || choice.slot == slot.slotID())
         && (choice.label == null || token != null
             && choice.label.stripTrailing().equals(token.info().trimmedLabel()))
         && (choice.uri == null || token != null
-            && choice.uri.matches(token.info(), Token.number(slot)));
+            && choice.uri.matches(token.info(), TokenInSlot.number(slot)));
   }
 
   /** Finds the one token that is meant; who names none means one that is initialised. */
-  public Token choose(Connection connection) throws Failure {
-    List<Token> all = new ArrayList<>();
+  public TokenInSlot choose(Connection connection) throws Failure {
+    List<TokenInSlot> all = new ArrayList<>();
     PKCS11Exception unreadable = null;
-    for (NativePKCS11Slot slot : connection.call("slots", () -> connection.module().slots(true))) {
+    for (NativePKCS11Slot slot : connection.call(Step.SLOTS, () -> connection.module().slots(true))) {
       try {
-        all.add(Token.of(slot));
+        all.add(TokenInSlot.of(slot));
       } catch (PKCS11Exception e) {
         boolean named = choice.slot != null && choice.slot == slot.slotID();
         unreadable = named || choice.slot == null && !isAbsent(e.errorCode()) ? e : unreadable;
       }
     }
-    List<Token> tokens = all.stream().filter(token -> matches(token.slot(), token))
+    List<TokenInSlot> tokens = all.stream().filter(token -> matches(token.slot(), token))
         .filter(token -> isNamed() || token.info().isInitialised()).toList();
     if (tokens.isEmpty() && unreadable != null) {
       PKCS11Exception cause = unreadable;
-      return connection.call("token info", () -> {
+      return connection.call(Step.TOKEN_INFO, () -> {
         throw cause;
       });
     }
@@ -101,7 +102,7 @@ public final class TokenOptions {
           : list(tokens.size() + " tokens: ", tokens) + "; choose one by --slot");
     }
     // Read once more: only the slot that counts is a step of the command.
-    return connection.call("token info", () -> Token.of(tokens.get(0).slot()));
+    return connection.call(Step.TOKEN_INFO, () -> TokenInSlot.of(tokens.get(0).slot()));
   }
 
   private boolean isNamed() {
@@ -114,13 +115,13 @@ public final class TokenOptions {
         || code == CKR_DEVICE_REMOVED;
   }
 
-  private String none(List<Token> all) {
+  private String none(List<TokenInSlot> all) {
     return all.isEmpty() ? "no token: insert one; \"slots\" shows the slots there are"
         : list(isNamed() ? "no token that was asked for; there are: "
             : "no initialised token; name one by --token or --slot, of: ", all);
   }
 
-  private static String list(String start, List<Token> tokens) {
-    return tokens.stream().map(Token::toString).collect(Collectors.joining(", ", start, ""));
+  private static String list(String start, List<TokenInSlot> tokens) {
+    return tokens.stream().map(TokenInSlot::toString).collect(Collectors.joining(", ", start, ""));
   }
 }

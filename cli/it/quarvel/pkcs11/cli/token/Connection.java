@@ -21,16 +21,6 @@ import java.util.List;
  * reverse, however the command ended.
  */
 public final class Connection implements AutoCloseable {
-  private interface Start {
-    void run() throws PKCS11Exception;
-  }
-
-  private interface End {
-    int run(byte[] in, int inOffset, int inLength, byte[] out, int outOffset)
-        throws PKCS11Exception;
-  }
-
-  private static final int LONGEST_SIGNATURE = 64 * 1024;
   private static final int MOST_HALVES = 8;
 
   private final Steps steps;
@@ -54,7 +44,7 @@ public final class Connection implements AutoCloseable {
 
   /** Loads and initialises a module, behind the adapter or directly. */
   public static Connection open(String path, boolean direct, Steps steps) throws Failure {
-    return new Connection(steps, steps.call(Operation.OPEN, () -> open(path, direct)), direct);
+    return new Connection(steps, steps.call(Step.OPEN, () -> open(path, direct)), direct);
   }
 
   /** The native library is loaded with the first use of its class, which is here. */
@@ -71,9 +61,9 @@ public final class Connection implements AutoCloseable {
     }
   }
 
-  /** Makes a call on the module under the name of its operation. */
-  public <T> T call(String operation, Steps.Call<T> call) throws Failure {
-    return steps.call(operation, call);
+  /** Makes a call on the module under the name of its step. */
+  public <T> T call(Step step, Steps.Call<T> call) throws Failure {
+    return steps.call(step, call);
   }
 
   public NativePKCS11 module() {
@@ -105,13 +95,13 @@ public final class Connection implements AutoCloseable {
 
   /** Opens the session; {@code flags} are those beyond CKF_SERIAL_SESSION. */
   public void openSession(NativePKCS11Slot slot, int flags) throws Failure {
-    session = steps.call("open session", () -> slot.openSession(CKF_SERIAL_SESSION | flags));
+    session = steps.call(Step.OPEN_SESSION, () -> slot.openSession(CKF_SERIAL_SESSION | flags));
   }
 
   /** Logs in once; without a PIN the token's own PIN pad asks for it. Closing wipes the PIN. */
   public void login(byte[] given) throws Failure {
     pin = given;
-    steps.run(Operation.LOGIN, this::login);
+    steps.run(Step.LOGIN, this::login);
     loggedIn = true;
   }
 
@@ -125,26 +115,23 @@ public final class Connection implements AutoCloseable {
 
   /** Signs; a key that asks for the PIN each time gets it. */
   public byte[] sign(int mechanism, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
-    return operate(() -> session.signInit(mechanism, null, key), session::sign, key, data);
+    return session.sign(mechanism, key, data, loginFor(key));
   }
 
   /** Decrypts; a key that asks for the PIN each time gets it. */
   public byte[] decrypt(int mechanism, NativePKCS11Object key, byte[] data) throws PKCS11Exception {
-    return operate(() -> session.decryptInit(mechanism, null, key), session::decrypt, key, data);
+    return session.decrypt(mechanism, key, data, loginFor(key));
   }
 
-  private byte[] operate(Start start, End end, NativePKCS11Object key, byte[] data)
-      throws PKCS11Exception {
-    boolean asks = asksEachTime(key);
-    if (asks && refused != null) {
+  /** Returns what gives a key the PIN that it asks for each time, null for other keys. */
+  private NativePKCS11Session.Login loginFor(NativePKCS11Object key) throws PKCS11Exception {
+    if (!asksEachTime(key)) {
+      return null;
+    }
+    if (refused != null) {
       throw refused;
     }
-    start.run();
-    if (asks) {
-      loginOnce();
-    }
-    byte[] out = new byte[Math.max(LONGEST_SIGNATURE, data.length)];
-    return Arrays.copyOf(out, end.run(data, 0, data.length, out, 0));
+    return this::loginOnce;
   }
 
   private void loginOnce() throws PKCS11Exception {
@@ -190,7 +177,7 @@ public final class Connection implements AutoCloseable {
   /** Visits the objects that match, each as it is found, until a visit returns false. */
   public void search(PKCS11Template template, NativePKCS11Session.Visitor<Failure> visitor)
       throws Failure {
-    steps.run(Operation.SEARCH, () -> session.forEach(template, visitor));
+    steps.run(Step.SEARCH, () -> session.forEach(template, visitor));
   }
 
   /** Returns the first objects that match. */
@@ -210,10 +197,10 @@ public final class Connection implements AutoCloseable {
     try {
       if (loggedIn) {
         loggedIn = false;
-        steps.run("logout", open::logout);
+        steps.run(Step.LOGOUT, open::logout);
       }
     } finally {
-      steps.run("close session", open::close);
+      steps.run(Step.CLOSE_SESSION, open::close);
     }
   }
 
@@ -225,7 +212,7 @@ public final class Connection implements AutoCloseable {
     try {
       closeSession();
     } finally {
-      steps.run("finalise", opened::close);
+      steps.run(Step.FINALISE, opened::close);
     }
   }
 }

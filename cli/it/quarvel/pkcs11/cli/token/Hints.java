@@ -12,9 +12,9 @@ public final class Hints {
   private Hints() {}
 
   /** Returns advice to append to a message, empty when there is none. */
-  static String of(String operation, PKCS11Exception failure) {
+  static String of(Step step, PKCS11Exception failure) {
     String hint = switch (failure.reason()) {
-      case RETURN_VALUE -> of(failure.errorCode(), operation);
+      case RETURN_VALUE -> of(failure.errorCode(), step);
       case INTERNAL -> "the module lacks the function, or answers with a number of its own, which the"
           + " trace of PKCS11_ZOV_DEBUG shows";
       default -> "";
@@ -22,7 +22,7 @@ public final class Hints {
     return hint.isEmpty() ? "" : "; " + hint;
   }
 
-  private static String of(int code, String operation) {
+  private static String of(int code, Step step) {
     return switch (code) {
       case CKR_PIN_INCORRECT ->
           "check the PIN; it was tried once, and most tokens lock after a few wrong ones";
@@ -38,10 +38,10 @@ public final class Hints {
           "the module may have handles of 64 bits: leave --direct out, if it is there";
       case CKR_MECHANISM_INVALID -> "\"mechanisms\" lists what the token has";
       case CKR_MECHANISM_PARAM_INVALID -> PARAMETER;
-      case CKR_ARGUMENTS_BAD -> switch (operation) {
-        case Operation.OPEN -> "the module needs arguments: load it through p11-kit-proxy.so";
-        case Operation.LOGIN -> "\"slots\" shows how long a PIN is";
-        case "sign", "decrypt" -> PARAMETER;
+      case CKR_ARGUMENTS_BAD -> switch (step) {
+        case OPEN -> "the module needs arguments: load it through p11-kit-proxy.so";
+        case LOGIN -> "\"slots\" shows how long a PIN is";
+        case SIGN, DECRYPT -> PARAMETER;
         default -> "";
       };
       case CKR_KEY_TYPE_INCONSISTENT -> "the mechanism is for keys of another type";
@@ -51,7 +51,7 @@ public final class Hints {
       case CKR_ENCRYPTED_DATA_LEN_RANGE, CKR_ENCRYPTED_DATA_INVALID ->
           "the data does not suit the key and the mechanism";
       case CKR_TOKEN_WRITE_PROTECTED -> "leave --write out";
-      default -> operation.equals(Operation.OPEN)
+      default -> step == Step.OPEN
           ? "the module may not find its configuration or its daemon" : "";
     };
   }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-package it.quarvel.pkcs11.cli.console;
+package it.quarvel.pkcs11.cli.option;
 
+import it.quarvel.pkcs11.cli.console.Failure;
+import it.quarvel.pkcs11.cli.console.Stdout;
 import java.util.LinkedHashMap;
 import java.util.Map;
 import java.util.Set;

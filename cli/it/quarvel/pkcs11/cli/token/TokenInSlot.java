@@ -19,12 +19,12 @@ import java.util.HexFormat;
  * @param slot the slot
  * @param info what the token says of itself
  */
-public record Token(NativePKCS11Slot slot, PKCS11TokenInfo info) {
+public record TokenInSlot(NativePKCS11Slot slot, PKCS11TokenInfo info) {
   private static final HexFormat ALL_ESCAPED = HexFormat.of().withUpperCase().withPrefix("%");
 
   /** Reads what the token in a slot says of itself. */
-  public static Token of(NativePKCS11Slot slot) throws PKCS11Exception {
-    return new Token(slot, slot.getTokenInfo());
+  public static TokenInSlot of(NativePKCS11Slot slot) throws PKCS11Exception {
+    return new TokenInSlot(slot, slot.getTokenInfo());
   }
 
   /** Returns the number of a slot as modules mean it, never negative. */

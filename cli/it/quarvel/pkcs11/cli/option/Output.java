@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-package it.quarvel.pkcs11.cli.console;
+package it.quarvel.pkcs11.cli.option;
 
+import it.quarvel.pkcs11.cli.console.Failure;
+import it.quarvel.pkcs11.cli.console.Json;
+import it.quarvel.pkcs11.cli.console.Stdout;
+import it.quarvel.pkcs11.cli.console.Text;
 import java.util.List;
 import java.util.Map;
 import java.util.Set;

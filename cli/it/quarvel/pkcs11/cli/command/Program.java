@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-package it.quarvel.pkcs11.cli.console;
+package it.quarvel.pkcs11.cli.command;
 
+import it.quarvel.pkcs11.cli.console.Failure;
+import it.quarvel.pkcs11.cli.console.Stdout;
+import it.quarvel.pkcs11.cli.console.Terminal;
+import it.quarvel.pkcs11.cli.console.Text;
 import java.io.OutputStream;
 import java.io.PrintStream;
 import java.io.PrintWriter;

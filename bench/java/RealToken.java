@@ -8,7 +8,7 @@ import sun.security.pkcs11.wrapper.PKCS11;
 import sun.security.pkcs11.wrapper.PKCS11Exception;
 
 /** What is measured on a real token, in one session that all subjects share with its keys. */
-final class Token {
+final class RealToken {
   private static final int KEYS = 1_000;
   private static final byte[] P_256 = {6, 8, 0x2A, (byte) 0x86, 0x48, (byte) 0xCE, 0x3D, 3, 1, 7};
 
@@ -16,7 +16,7 @@ final class Token {
   private final long slot;
   private final int session;
 
-  Token(PKCS11 p11, String pin) throws PKCS11Exception {
+  RealToken(PKCS11 p11, String pin) throws PKCS11Exception {
     this.p11 = p11;
     slot = p11.C_GetSlotList(true)[0];
     session = openSession();
