@@ -13,9 +13,9 @@ import java.util.stream.Collectors;
  *
  * <p>They are written null, true, 12, 0x1F, "text" (escapes as in Java; "x"*9 is nine of them),
  * bytes [31 ff] (also [00*1200]), arrays {1, 2} and {"a", 3}. Among the elements of an Object[]
- * numbers are Integers, and big[00 ff] is a BigInteger, date20130305 a Date, foreign a Long, number0
- * to number2 a number whose bytes are not to be had, each in its way. Other objects have the names
- * of {@link #NAMED}.
+ * numbers are Integers, and big[00 ff] is a BigInteger, number[00 01] one that gives those bytes as
+ * they are, nothing and throwing ones that give none, date20130305 a Date, foreign a Long. Other
+ * objects have the names of {@link #NAMED}.
  */
 class Values {
   private static final NativePKCS11 MODULE = new NativePKCS11();
@@ -63,13 +63,13 @@ class Values {
       return tokens.group(1).translateEscapes().repeat(times);
     }
     if (token.startsWith("[")) return bytes(tokens.group(3));
+    if (token.startsWith("number[")) return number(bytes(tokens.group(3))::clone);
     if (token.startsWith("big[")) return new BigInteger(bytes(tokens.group(3)));
     if (token.startsWith("date")) return new SimpleDateFormat("yyyyMMdd").parse(token.substring(4));
     return switch (token) {
       case "null", "}" -> null;
-      case "number0" -> number(() -> null);
-      case "number1" -> number(() -> new byte[0]);
-      case "number2" -> number(Optional.<byte[]>empty()::orElseThrow);
+      case "nothing" -> number(() -> null);
+      case "throwing" -> number(Optional.<byte[]>empty()::orElseThrow);
       case "{" -> elements(tokens, type);
       default -> NAMED.containsKey(token) ? NAMED.get(token) : Long.decode(token).intValue();
     };

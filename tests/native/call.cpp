@@ -5,9 +5,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <functional>
-
 #include "pkcs11Bridge.h"
 #include "trace.h"
 
@@ -49,34 +46,19 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
   std::vector<jvalue> values = parse("L" + called.parameters, receiver + ", " + arguments);
   const jobject self = values.front().l;
   values.erase(values.begin());
-  scripted::calls.clear();
 
   Outcome outcome;
-  outcome.run = std::move(run);
   jvalue result = {};
-  outcome.marked = printedBy([&] {
-    hooks::begin(&outcome.run);
+  outcome.did = printedBy([&] {
+    hooks::begin(&run);
     result = called.invoke(hooked, self, values);
     hooks::end();
   });
-  outcome.output = outcome.marked;
-  for (std::size_t at; (at = outcome.output.find('\2')) != std::string::npos;) {
-    outcome.output.erase(at, outcome.output.find('\3', at) - at + 1);
-  }
-  std::ranges::replace(outcome.marked, '\2', '<');
-  std::ranges::replace(outcome.marked, '\3', '>');
-  const std::string number = "exc number ";
-  if (const std::size_t at = outcome.output.rfind(number); at != std::string::npos) {
-    outcome.code = outcome.output.substr(at + number.size());
-    outcome.code.resize(outcome.code.find('.'));
-  }
-
   outcome.exception = takeException();
   outcome.value = outcome.result = shown(called.result, result);
   if (!outcome.exception.empty()) outcome.result += " ! " + outcome.exception;
-  outcome.moduleCalls = scripted::calls;
   java()->PopLocalFrame(nullptr);
-  EXPECT_EQ(join(outcome.run.violations), "") << name;
+  EXPECT_EQ(join(run.violations), "") << name;
   EXPECT_TRUE(outcome.exception.empty() || outcome.value == failureValue(called)) << outcome.result;
   return outcome;
 }
@@ -85,16 +67,54 @@ Outcome call(const Method& method, hooks::Run run, const std::string& receiver) 
   return call(method.name, join(goodArguments(method)), std::move(run), receiver);
 }
 
+Outcome callFresh(const std::string& name, const std::string& arguments, const hooks::Run& run,
+                  const std::function<void()>& prepare, const std::string& receiver) {
+  const auto callOnce = [&](int tracing) {
+    const FreshModule fresh;
+    prepare();
+    debug = tracing;
+    return call(name, arguments, run, receiver);
+  };
+  const Outcome untraced = callOnce(0);
+  Outcome outcome = callOnce(1);
+  EXPECT_EQ(outcome.result, untraced.result);
+  EXPECT_EQ(eventsOf(outcome.did), eventsOf(untraced.did));
+  outcome.untraced = untraced.did;
+  return outcome;
+}
+
+Outcome callFresh(const Method& method, const hooks::Run& run, const std::function<void()>& prepare,
+                  const std::string& receiver) {
+  return callFresh(method.name, join(goodArguments(method)), run, prepare, receiver);
+}
+
+std::vector<std::string> eventsOf(const std::string& did) {
+  std::vector<std::string> events;
+  for (std::size_t at = 0, end; (at = did.find('<', at)) != std::string::npos; at = end) {
+    end = did.find('>', at);
+    events.push_back(did.substr(at + 1, end - at - 1));
+  }
+  return events;
+}
+
+std::string printedOf(std::string did) {
+  for (std::size_t at; (at = did.find('<')) != std::string::npos;) {
+    did.erase(at, did.find('>', at) - at + 1);
+  }
+  return did;
+}
+
 FreshModule::FreshModule() {
   scripted::reset();
   debug = 0;
   CK_FUNCTION_LIST_PTR list = nullptr;
   EXPECT_EQ(bridge::loadLib(scripted::file().c_str(), &list), CKR_OK);
   EXPECT_EQ(bridge::initLib(), CKR_OK);
-  scripted::calls.clear();
 }
 
 FreshModule::~FreshModule() {
   debug = 0;
+  scripted::reset();
+  bridge::pFunctionList = &scripted::list;
   bridge::finalizeLib();
 }

@@ -3,6 +3,8 @@
 #ifndef QUARVEL_TESTS_NATIVE_CALL_H_
 #define QUARVEL_TESTS_NATIVE_CALL_H_
 
+#include <functional>
+
 #include "hooks.h"
 #include "jvm.h"
 #include "methods.h"
@@ -13,16 +15,16 @@ struct Outcome {
   std::string value;      // "3", "null", "void", ...
   std::string exception;  // its message
   std::string result;     // both, with " ! " between them where there is an exception
-  std::vector<std::string> moduleCalls;
-  std::string output;  // on standard output
-  std::string marked;  // the same with <marks> of what was given back, freed or raised
-  std::string code;    // the return value in the trace of an exception, hexadecimal
-  hooks::Run run;
+  std::string did;        // in order: what was printed, and each event as <mark>
+  std::string untraced;   // the same of the untraced call of callFresh
 };
 
-/// Calls a native method on the handle object of its class, with a fresh record of module calls.
-/// Expects what holds for every run: no violation, nothing held, heap balanced, and a result never
-/// goes with an exception.
+/// What was done without what was printed, and the other way round.
+std::vector<std::string> eventsOf(const std::string& did);
+std::string printedOf(std::string did);
+
+/// Calls a native method on the handle object of its class. Expects what holds for every run: no
+/// violation, nothing held, heap balanced, and a result never goes with an exception.
 /// @param arguments separated by commas
 /// @param receiver in place of that object, as Values.java names it
 Outcome call(const std::string& name, const std::string& arguments, hooks::Run run = {},
@@ -31,8 +33,17 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
 /// The same with arguments with which the method succeeds.
 Outcome call(const Method& method, hooks::Run run = {}, const std::string& receiver = "");
 
-/// The scripted module, loaded and initialised anew, its record empty, with `debug` off; finalised
-/// at scope exit.
+/// A call on a fresh module each, untraced and traced: expects that all but what is printed agrees.
+/// @param prepare what each module and its script are to be like
+/// @return the traced one
+Outcome callFresh(
+    const std::string& name, const std::string& arguments, const hooks::Run& run = {},
+    const std::function<void()>& prepare = [] {}, const std::string& receiver = "");
+Outcome callFresh(
+    const Method& method, const hooks::Run& run = {}, const std::function<void()>& prepare = [] {},
+    const std::string& receiver = "");
+
+/// The scripted module, loaded and initialised anew, with `debug` off; finalised at scope exit.
 struct FreshModule {
   FreshModule();
   ~FreshModule();

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "hooks.h"
 
-#include <algorithm>
+#include <dlfcn.h>
+
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -29,6 +30,8 @@ extern "C" {
 void* __real_malloc(std::size_t size);
 void __real_free(void* block);
 void* __real_calloc(std::size_t count, std::size_t size);
+void* __real_dlopen(const char* file, int mode);
+int __real_dlclose(void* library);
 }
 
 namespace hooks {
@@ -45,9 +48,6 @@ struct Block {
 };
 std::map<void*, Block> blocks;
 std::size_t largeBlocks = 0;
-
-/// Leaves a mark in the output, for something given back, freed or raised.
-void mark(const std::string& what) { std::printf("\2%.99s\3", what.c_str()); }
 
 void violation(const std::string& text) { run->violations.push_back(text); }
 
@@ -78,7 +78,7 @@ Element* takeBack(Element* copy) {
   const auto taken = held.extract(copy);
   if (taken.empty()) realEnv->FatalError("given back, but not taken");
   const auto [real, size] = taken.mapped();
-  mark("release " + shown(copy, size));
+  event("release " + shown(copy, size).substr(0, 99));
   std::memcpy(real, copy, size);
   __real_free(const_cast<std::remove_const_t<Element>*>(copy));
   return static_cast<Element*>(real);
@@ -88,9 +88,8 @@ Element* takeBack(Element* copy) {
 
 std::string lastFunction;
 
-/// Counts and checks one call. @return whether it is to fail
-bool enter(const std::string& function) {
-  run->jni.push_back({function, scripted::calls.size()});
+/// Holds one call to the rules of JNI.
+void check(const std::string& function) {
   const bool worksWithException = function.starts_with("Release") || function == "ExceptionCheck";
   if (!worksWithException && realEnv->ExceptionCheck() != JNI_FALSE) {
     violation(function + " with an exception pending");
@@ -100,8 +99,19 @@ bool enter(const std::string& function) {
     violation(function + " right after " + lastFunction);
   }
   lastFunction = function;
-  if (function.starts_with("Throw")) mark("raise");
-  return run->jni.size() == run->failJni && canFail(function);
+}
+
+/// How a call reads: what it looks up shows, without package and brackets.
+std::string reads(std::string function, auto... args) {
+  if (function.starts_with("Throw")) return "raise";
+  if (function.ends_with("V")) function.pop_back();
+  std::string name;
+  [[maybe_unused]] const auto take = [&](auto arg) {
+    if constexpr (std::is_same_v<decltype(arg), const char*>) name = name.empty() ? arg : name;
+  };
+  if (function != "NewStringUTF") (take(args), ...);
+  if (name == "<init>") name = "init";
+  return function + (name.empty() ? "" : " " + name.substr(name.rfind('/') + 1));
 }
 
 template <scripted::Name name, typename Function>
@@ -111,7 +121,8 @@ struct Hook<name, R (*)(JNIEnv*, Args...)> {
   static inline R (*behind)(JNIEnv*, Args...);
 
   static R call(JNIEnv* /*env*/, Args... args) {
-    if (!enter(name.chars)) return behind(realEnv, args...);
+    check(name.chars);
+    if (!event(reads(name.chars, args...))) return behind(realEnv, args...);
     // Which error the virtual machine raises makes no difference to the library.
     realEnv->ThrowNew(realEnv->FindClass("java/lang/OutOfMemoryError"), "injected");
     return R();
@@ -129,7 +140,8 @@ struct Hook<name, Element* (*)(JNIEnv*, From, jboolean*)> {
   static inline Element* (*behind)(JNIEnv*, From, jboolean*);
 
   static Element* call(JNIEnv* /*env*/, From from, jboolean* isCopy) {
-    if (enter(name.chars)) return nullptr;
+    check(name.chars);
+    if (event(name.chars)) return nullptr;
     Element* real = behind(realEnv, from, isCopy);
     return handOut(real, sizeOf(from, real));
   }
@@ -141,7 +153,7 @@ struct Hook<name, void (*)(JNIEnv*, From, Element*, Mode...)> {
   static inline void (*behind)(JNIEnv*, From, Element*, Mode...);
 
   static void call(JNIEnv* /*env*/, From from, Element* elements, Mode... mode) {
-    enter(name.chars);
+    check(name.chars);
     const bool rightMode = ((mode == (std::is_same_v<From, jintArray> ? JNI_ABORT : 0)) && ...);
     if (!rightMode) violation(std::string(name.chars) + " in the wrong mode");
     behind(realEnv, from, takeBack(elements), mode...);
@@ -150,10 +162,19 @@ struct Hook<name, void (*)(JNIEnv*, From, Element*, Mode...)> {
 
 }  // namespace
 
-bool canFail(const std::string& function) {
+bool event(const std::string& what) {
+  if (run == nullptr) return false;
+  std::printf("<%s>", what.c_str());
+  const bool like = !run->failingLike.empty() && what.starts_with(run->failingLike);
+  if (like) run->failingLike.clear();
+  return (++run->events == run->failing || like) && canFail(what);
+}
+
+bool canFail(const std::string& event) {
 #define QUARVEL_NAME(NAME) #NAME,
-  static const std::set<std::string> fallible = {QUARVEL_FALLIBLE(QUARVEL_NAME)};
-  return fallible.contains(function);
+  static const std::set<std::string> fallible = {QUARVEL_FALLIBLE(QUARVEL_NAME) "allocate"};
+  const std::string name = event.substr(0, event.find(' '));
+  return fallible.contains(name) || fallible.contains(name + "V");
 }
 
 JNIEnv* hookedEnv(JNIEnv* real) {
@@ -177,6 +198,7 @@ void begin(Run* next) {
   lastFunction.clear();
   largeBlocks = 0;
   run = next;
+  scripted::onCall = [](const std::string& call) { event(call); };
 }
 
 void end() {
@@ -190,16 +212,16 @@ void end() {
 
 }  // namespace hooks
 
-// ---- The C heap, by the linker's --wrap ----
+// ---- The C heap and the dynamic linker, by the linker's --wrap ----
 
 static void* allocate(std::size_t size, void* (*take)(std::size_t)) {
   hooks::Run* run = hooks::run;
   if (run == nullptr) return take(size);
-  run->allocations.push_back(size);
-  void* block = run->allocations.size() != run->failHeap ? take(size) : nullptr;
-  if (block == nullptr) return nullptr;
   std::string name;
   if (size >= sizeof(CK_ATTRIBUTE)) name = "block " + std::to_string(++hooks::largeBlocks);
+  const bool fails = hooks::event(name.empty() ? "allocate" : "allocate " + name);
+  void* block = fails ? nullptr : take(size);
+  if (block == nullptr) return nullptr;
   hooks::blocks[block] = {size, name};
   return block;
 }
@@ -221,8 +243,18 @@ extern "C" void __wrap_free(void* block) {
     const auto found = hooks::blocks.find(block);
     if (found == hooks::blocks.end()) return hooks::violation("freed, but not taken");
     const auto& [size, name] = found->second;
-    hooks::mark("free " + (name.empty() ? scripted::data(block, size) : name));
+    hooks::event("free " + (name.empty() ? scripted::data(block, size) : name));
     hooks::blocks.erase(found);
   }
   __real_free(block);
+}
+
+extern "C" void* __wrap_dlopen(const char* file, int mode) {
+  hooks::event("dlopen " + std::string(mode == RTLD_LAZY ? "lazy" : "otherwise"));
+  return __real_dlopen(file, mode);
+}
+
+extern "C" int __wrap_dlclose(void* library) {
+  hooks::event("dlclose");
+  return __real_dlclose(library);
 }

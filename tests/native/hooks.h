@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What stands between the library and its surroundings in a test: a copy of the JNI function table
-// whose entries count, check and fail on demand, and the C heap with a balance that can run dry.
+// What stands between the library and its surroundings in a test, and records in one stream what
+// the library does: a copy of the JNI function table whose entries check and fail on demand, the C
+// heap with a balance that can run dry, the dynamic linker, the scripted module.
 #ifndef QUARVEL_TESTS_NATIVE_HOOKS_H_
 #define QUARVEL_TESTS_NATIVE_HOOKS_H_
 
@@ -11,34 +12,31 @@
 
 namespace hooks {
 
-struct Call {
-  std::string function;
-  std::size_t moduleCalls;  // made before it
-};
-
-/// What one run of a native method did, and which of its steps is to fail (counted from 1; 0:
-/// none).
+/// What one run of a native method is to meet.
 struct Run {
-  std::size_t failJni = 0;
-  std::size_t failHeap = 0;
+  std::size_t failing = 0;  // the number of the event that fails, from 1; 0: none
+  std::string failingLike;  // or the first event that begins so
+  std::size_t events = 0;   // up to now
 
-  std::vector<Call> jni;
-  std::vector<std::size_t> allocations;  // their sizes
-  std::vector<std::string> violations;   // of the rules of JNI, of give-back modes, of the heap
+  std::vector<std::string> violations;  // of the rules of JNI, of give-back modes, of the heap
 };
 
 /// The run of this moment; null outside a native method under test.
 extern Run* run;
 
-/// Whether a failure of the function can be simulated.
-bool canFail(const std::string& function);
+/// Records an event of the run as <mark> on standard output, where it stands in one order with all
+/// others and with what is printed. Without a run nothing happens.
+/// @return whether it is to fail
+bool event(const std::string& what);
+
+/// Whether a failure of the event can be simulated here.
+bool canFail(const std::string& event);
 
 /// An environment over `real` that hooks every JNI function the library may use and allows no
 /// other.
 JNIEnv* hookedEnv(JNIEnv* real);
 
-/// Begins and ends the run that hooks and heap report to. What is given back, freed or raised in
-/// between leaves a mark on standard output, between the bytes 2 and 3.
+/// Begins and ends the run whose events are recorded.
 void begin(Run* next);
 void end();
 

@@ -92,10 +92,7 @@ TEST(Hostile, RandomWalk) {
     std::string arguments;
     for (const char type : method.parameters) arguments += pick(valuesOf(type)) + ", ";
     SCOPED_TRACE("call " + std::to_string(i) + ": " + method.name + "(" + arguments + ")");
-    hooks::Run run;
-    if (below(4) == 0) run.failJni = 1 + below(30);
-    if (below(8) == 0) run.failHeap = 1 + below(8);
-    call(method.name, arguments, std::move(run));
+    call(method.name, arguments, {.failing = below(3) == 0 ? 1 + below(40) : 0});
   }
   fresh.reset();
   scripted::reset();

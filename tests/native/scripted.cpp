@@ -11,13 +11,13 @@
 namespace scripted {
 
 Script script;
-std::vector<std::string> calls;
+void (*onCall)(const std::string& call);
 CK_FUNCTION_LIST list;
 CK_FUNCTION_LIST_PTR handedOut;
 
 namespace {
 
-// ---- How calls read in the record ----
+// ---- How calls read ----
 
 std::string text(const char* format, unsigned long value) {
   char buffer[32];
@@ -47,7 +47,8 @@ struct Arguments {
   void add(CK_BYTE* bytes, CK_ULONG size, auto... rest) { add(data(bytes, size), rest...); }
   void add(CK_BYTE* bytes, CK_ULONG* room) { add(static_cast<void*>(bytes), *room); }
   void add(CK_MECHANISM* mechanism, auto... rest) {
-    const char* with = mechanism->pParameter != nullptr ? " with parameter" : "";
+    const bool plain = mechanism->pParameter == nullptr && mechanism->ulParameterLen == 0;
+    const char* with = plain ? "" : " with parameter";
     add("mech " + number(mechanism->mechanism) + with, rest...);
   }
   void add(std::integral auto value, auto... rest) { add(number(value), rest...); }
@@ -63,35 +64,38 @@ struct Arguments {
   }
 };
 
-/// Records a call and finds its answer.
-CK_RV record(const std::string& function, auto... args) {
+/// Reports a call and finds its answer.
+CK_RV report(const std::string& function, auto... args) {
   Arguments arguments;
   arguments.add(args...);
-  calls.push_back(function + "(" + arguments.shown + ")");
-  if (script.failFrom != 0 && calls.size() >= script.failFrom) return script.failWith;
+  if (onCall != nullptr) onCall(function + "(" + arguments.shown + ")");
+  if (script.failFrom == 1) return script.failWith;
+  if (script.failFrom != 0) --script.failFrom;
   const auto found = script.answers.find(script.answers.contains(function) ? function : "*");
   return found != script.answers.end() ? found->second : CKR_OK;
 }
 
 // ---- Answers ----
 
+/// Writes a size, and up to the room that there is, also when the answer is a failure.
 template <typename Item>
 CK_RV give(CK_RV rv, const std::vector<Item>& from, Item* to, CK_ULONG* size) {
-  if (rv != CKR_OK) return rv;
   const CK_ULONG room = *size;
   const bool lies = !script.lies.empty();
   *size = lies ? script.lies.at(to == nullptr ? 0 : 1) : from.size();
-  if (to == nullptr) return CKR_OK;
-  if (!lies && room < from.size()) return CKR_BUFFER_TOO_SMALL;
+  if (to == nullptr) return rv;
   std::copy_n(from.begin(), std::min<CK_ULONG>(room, from.size()), to);
-  return CKR_OK;
+  return rv == CKR_OK && !lies && room < from.size() ? CKR_BUFFER_TOO_SMALL : rv;
 }
 
 /// Fills the outputs: new handles, letters from A to Z over and over in every information
 /// structure, the script's output in a buffer.
 struct Outputs {
   static CK_RV fill() { return CKR_OK; }
-  static CK_RV fill(CK_BYTE* out, CK_ULONG* size) { return give(CKR_OK, script.output, out, size); }
+  static CK_RV fill(CK_BYTE* out, CK_ULONG* size) {
+    if (out != nullptr) std::memset(out, 0xEE, *size);
+    return give(CKR_OK, script.output, out, size);
+  }
   static CK_RV fill(CK_ULONG* handle, auto... rest) {
     *handle = script.handle++;
     return fill(rest...);
@@ -106,33 +110,34 @@ struct Outputs {
   static CK_RV fill(auto /*input*/, auto... rest) { return fill(rest...); }
 };
 
-/// A function that only records, hands out new handles and the script's output.
+/// A function that reports and writes its outputs, also when it fails.
 template <Name name, typename... Args>
 CK_RV plain(Args... args) {
-  const CK_RV rv = record(name.chars, args...);
-  return rv != CKR_OK ? rv : Outputs::fill(args...);
+  const CK_RV rv = report(name.chars, args...);
+  const CK_RV filled = Outputs::fill(args...);
+  return rv != CKR_OK ? rv : filled;
 }
 
 template <Name name, auto items>
 CK_RV listed(auto selector, CK_ULONG* to, CK_ULONG* count) {
-  return give(record(name.chars, selector, static_cast<void*>(to)), script.*items, to, count);
+  return give(report(name.chars, selector, static_cast<void*>(to)), script.*items, to, count);
 }
 
 CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE* attr,
                         CK_ULONG count) {
-  const CK_RV rv = record(
-      "C_GetAttributeValue", session, object, attr->type, attr->pValue, attr->ulValueLen, count);
+  const CK_RV rv = report("C_GetAttributeValue", session, object, attr, count);
   return give(rv, script.value, static_cast<CK_BYTE*>(attr->pValue), &attr->ulValueLen);
 }
 
 CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* object, CK_ULONG room,
                   CK_ULONG* count) {
-  const CK_RV rv = record("C_FindObjects", session, room);
-  if (rv != CKR_OK || script.found.empty()) return rv;
+  const CK_RV rv = report("C_FindObjects", session, room);
+  *object = 0xEE;
+  if (script.found.empty()) return rv;
   *count = 1;
   *object = script.found.front();
   script.found.erase(script.found.begin());
-  return CKR_OK;
+  return rv;
 }
 
 }  // namespace
@@ -154,7 +159,6 @@ std::string file() {
 
 void reset() {
   script = {};
-  calls.clear();
   handedOut = &list;
   list = {};
   // clang-format off
@@ -185,5 +189,5 @@ void reset() {
 
 extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR functionList) {
   *functionList = scripted::handedOut;
-  return scripted::record("C_GetFunctionList");
+  return scripted::report("C_GetFunctionList");
 }

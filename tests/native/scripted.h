@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A PKCS#11 module for tests, loaded by path like any other: records every call with its arguments
+// A PKCS#11 module for tests, loaded by path like any other: reports every call with its arguments
 // and answers what the script says. A test may also replace entries of `list`.
 #ifndef QUARVEL_TESTS_NATIVE_SCRIPTED_H_
 #define QUARVEL_TESTS_NATIVE_SCRIPTED_H_
@@ -17,7 +17,8 @@ using Bytes = std::vector<CK_BYTE>;
 
 struct Script {
   std::map<std::string, CK_RV> answers;  // by function name, "*" for every function
-  std::size_t failFrom = 0;              // this call and all after it answer failWith
+  std::size_t failFrom =
+      0;  // the call of this number from now on, and all after it, answer failWith
   CK_RV failWith = CKR_OK;
   std::vector<CK_ULONG> slots = {7, 8};
   std::vector<CK_ULONG> mechanisms = {0, 1, 6};
@@ -29,7 +30,7 @@ struct Script {
 };
 
 extern Script script;
-extern std::vector<std::string> calls;
+extern void (*onCall)(const std::string& call);  // told of every call with its arguments
 extern CK_FUNCTION_LIST list;
 extern CK_FUNCTION_LIST_PTR handedOut;  // by C_GetFunctionList
 
@@ -40,7 +41,7 @@ struct Name {
   constexpr Name(const char (&from)[n]) { std::copy(from, from + n, chars); }
 };
 
-/// Bytes as the record shows them.
+/// Bytes as a report shows them.
 std::string data(const void* bytes, CK_ULONG size);
 
 /// The file that this module is.
