@@ -6,6 +6,8 @@
 //   model=other       a text of the token info, as are label, manufacturerID, serialNumber
 //   slots=both        each slot has the token of the first one; "second": the first one has none
 //   after=C_Login     tokens are the true ones, but for the time just after this call
+// The file "failing" counts down to a change of the token that fails. Of a creation SoftHSM2 leaves
+// a part behind then.
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -13,6 +15,7 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "pkcs11.h"
 
@@ -72,6 +75,21 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
   return rv;
 }
 
+bool fails() {
+  int left = -1;
+  std::ifstream(path("failing")) >> left;
+  std::ofstream(path("failing")) << left - 1;
+  return left == 0;
+}
+
+CK_RV create(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attributes, CK_ULONG count,
+             CK_OBJECT_HANDLE* object) {
+  std::vector<CK_ATTRIBUTE> all(attributes, attributes + count);
+  CK_BBOOL local = CK_TRUE;
+  if (fails()) all.insert(all.begin(), {CKA_LOCAL, &local, 1});  // which no creation takes
+  return module->C_CreateObject(session, all.data(), all.size(), object);
+}
+
 }  // namespace
 
 extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** given) {
@@ -99,6 +117,15 @@ extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** given) {
   list.C_Decrypt = [](CK_SESSION_HANDLE session, CK_BYTE* in, CK_ULONG size, CK_BYTE* out,
                       CK_ULONG* outSize) {
     return answer("C_Decrypt", [&] { return module->C_Decrypt(session, in, size, out, outSize); });
+  };
+  list.C_CreateObject = create;
+  list.C_SetAttributeValue = [](CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                                CK_ATTRIBUTE* attributes, CK_ULONG count) {
+    return fails() ? CK_RV{CKR_DEVICE_MEMORY}
+                   : module->C_SetAttributeValue(session, object, attributes, count);
+  };
+  list.C_DestroyObject = [](CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
+    return fails() ? CK_RV{CKR_DEVICE_MEMORY} : module->C_DestroyObject(session, object);
   };
   *given = &list;
   return CKR_OK;

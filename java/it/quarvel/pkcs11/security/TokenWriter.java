@@ -23,8 +23,10 @@ import java.security.cert.X509Certificate;
 import java.util.ArrayDeque;
 import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.Collection;
 import java.util.Deque;
 import java.util.HashSet;
+import java.util.Iterator;
 import java.util.List;
 import java.util.Map;
 import java.util.Set;
@@ -223,21 +225,33 @@ final class TokenWriter {
       throws PKCS11Exception {
     addIssuers(chain);
     Stored kept = null;
+    List<Stored> earlier = new ArrayList<>();
     for (Stored stored : contents.certificates) {
-      if (stored.isOf(key) && stored.certificate().equals(chain.get(0))) {
-        kept = stored;
+      if (stored.isOf(key)) {
+        earlier.add(stored);
+        kept = stored.certificate().equals(chain.get(0)) ? stored : kept;
       }
     }
     if (kept == null) {
-      create(certificate(chain.get(0)).put(CKA_ID, key.id()).put(CKA_LABEL, bytes(alias)));
+      renew(certificate(chain.get(0)).put(CKA_ID, key.id()).put(CKA_LABEL, bytes(alias)), earlier);
     } else {
+      earlier.remove(kept);
       label(kept.object(), alias);
     }
     label(key, alias);
-    for (Stored stored : contents.certificates) {
-      if (stored != kept && stored.isOf(key)) {
-        destroy(stored);
+    destroy(earlier);
+  }
+
+  /** Some cards have room for one certificate of a key: there the earlier one goes first. */
+  private void renew(PKCS11Template certificate, List<Stored> earlier) throws PKCS11Exception {
+    try {
+      create(certificate);
+    } catch (PKCS11Exception e) {
+      if (earlier.isEmpty() || Token.isGone(e)) {
+        throw e;
       }
+      destroy(earlier);
+      create(certificate);
     }
   }
 
@@ -274,13 +288,17 @@ final class TokenWriter {
     }
   }
 
-  /** Some tokens leave a part of an object behind that they refuse to make. */
   private void create(PKCS11Template template) throws PKCS11Exception {
     Set<NativePKCS11Object> before = new HashSet<>(session.findAll(null));
-    undoing.push(() -> destroyRemains(before));
-    undoing.push(session.createObject(template)::destroy);
+    try {
+      undoing.push(session.createObject(template)::destroy);
+    } catch (PKCS11Exception e) {
+      destroyRemains(before);
+      throw e;
+    }
   }
 
+  /** Some tokens leave a part of an object behind that they refuse to make. */
   private void destroyRemains(Set<NativePKCS11Object> before) throws PKCS11Exception {
     for (NativePKCS11Object object : session.findAll(null)) {
       if (!before.contains(object) && KeyObject.id(object.attributes(CKA_ID)).length == 0) {
@@ -289,11 +307,14 @@ final class TokenWriter {
     }
   }
 
-  private void destroy(Stored stored) throws PKCS11Exception {
-    PKCS11Template again = certificate(stored.certificate())
-        .put(CKA_ID, stored.id()).put(CKA_LABEL, bytes(stored.label()));
-    stored.object().destroy();
-    undoing.push(() -> session.createObject(again));
+  private void destroy(Collection<Stored> certificates) throws PKCS11Exception {
+    for (Iterator<Stored> each = certificates.iterator(); each.hasNext(); each.remove()) {
+      Stored stored = each.next();
+      PKCS11Template again = certificate(stored.certificate())
+          .put(CKA_ID, stored.id()).put(CKA_LABEL, bytes(stored.label()));
+      stored.object().destroy();
+      undoing.push(() -> session.createObject(again));
+    }
   }
 
   private void label(KeyObject key, String alias) throws PKCS11Exception {
@@ -340,13 +361,18 @@ final class TokenWriter {
       }
     }
     List<NativePKCS11Object> halves = isTwin ? List.of() : publicHalves(entry.found());
-    for (Stored stored : goes) {
-      destroy(stored);
-    }
+    destroy(goes);
     entry.found().object().destroy();
     undoing.clear();
     for (NativePKCS11Object half : halves) {
-      half.destroy();
+      try {
+        half.destroy();
+      } catch (PKCS11Exception e) {
+        if (e.errorCode() != CKR_OBJECT_HANDLE_INVALID) {
+          throw e;
+        }
+        // On some cards it goes with the private key.
+      }
     }
   }
 
