@@ -398,11 +398,10 @@ TEST_F(Adapter, NarrowsTypesAndCompletesMechanisms) {
     EXPECT_EQ(p11->C_DecryptInit(session, &mechanism, key), CKR_OK);
     EXPECT_EQ(given, (Handles{asked & 0xFFFFFFFF, size})) << "the caller's own parameter";
   }
-  scripted::calls.clear();
+  calls.clear();
   EXPECT_EQ(p11->C_GetMechanismInfo(7, 0xF5A04400, nullptr), CKR_MECHANISM_INVALID);
-  EXPECT_EQ(
-      scripted::calls,
-      (std::vector<std::string>{"C_GetMechanismInfo(7, 0xF5A04400)", "C_GetMechanismInfo(7, 9)"}));
+  EXPECT_EQ(calls, (std::vector<std::string>{
+                       "C_GetMechanismInfo(7, 0xF5A04400)", "C_GetMechanismInfo(7, 9)"}));
   script.answers.clear();
   mechanism = {0xF5A04400, nullptr, 0};
   EXPECT_EQ(p11->C_DecryptInit(session, &mechanism, key), CKR_OK);
