@@ -17,7 +17,7 @@ token=(-J-cp "-J$jar" -addprovider Quarvel -providerArg "$uri" -keystore NONE -s
 same() { diff - "$2" >&2 && echo "$1: works"; }
 
 "$jdk/bin/keytool" "${token[@]}" -list 2>/dev/null | sed -n 's/, $//p' | sort >list
-printf '%s, PrivateKeyEntry\n' 'bare-key 05' 'bare-key aa' ed25519 prime256v1 rsa1025 rsa2048 secp521r1 |
+printf '%s, PrivateKeyEntry\n' 'bare-key 05' 'bare-key aa' ed25519 prime256v1 pss rsa1025 rsa2048 rsa512 secp521r1 |
   same keytool list
 
 echo text >text

@@ -16,6 +16,7 @@ import java.security.spec.*;
 import java.util.*;
 import java.util.concurrent.*;
 import java.util.concurrent.atomic.AtomicInteger;
+import java.util.logging.*;
 import javax.crypto.*;
 import javax.crypto.spec.SecretKeySpec;
 import javax.net.ssl.*;
@@ -45,6 +46,7 @@ class ProviderTest {
 
   static final Map<String, PrivateKey> software = new HashMap<>();
   static final Map<String, X509Certificate> certificates = new HashMap<>();
+  static final List<String> told = new ArrayList<>();
   static Provider copy;
 
   final List<QuarvelProvider> configured = new ArrayList<>();
@@ -59,7 +61,8 @@ class ProviderTest {
     copy = (Provider) new URLClassLoader(new URL[] {jar}, null)
         .loadClass(QuarvelProvider.class.getName()).getConstructor().newInstance();
     EndToEndTest.output(System.getenv("QUARVEL_KEYS"));
-    for (String name : List.of("ca", "rsa2048", "rsa1025", "prime256v1", "secp521r1", "ed25519")) {
+    for (String name : List.of("ca", "rsa2048", "rsa1025", "rsa512", "pss", "prime256v1",
+        "secp521r1", "ed25519")) {
       KeyStore file = KeyStore.getInstance(DIR.resolve(name + ".p12").toFile(), PASSWORD);
       software.put(name, (PrivateKey) file.getKey("1", PASSWORD));
       certificates.put(name, (X509Certificate) file.getCertificate("1"));
@@ -69,7 +72,21 @@ class ProviderTest {
       session.login(true, EndToEndTest.SO_PIN);
       session.createObject(PKCS11Template.of(certificates.get("ca")).put(CKA_TOKEN, true)
           .put(CKA_PRIVATE, false).put(CKA_LABEL, "CA").put(CKA_TRUSTED, true));
+      session.logout();
+      session.login(PIN);
+      for (String label : List.of("rsa512 pay\0B", "pss \uFFFD")) {
+        String[] words = label.split(" ");
+        session.findFirst(new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY)
+            .put(CKA_LABEL, words[0] + "-key")).orElseThrow()
+            .setAttributeValue(CKA_LABEL, words[1].getBytes(UTF_8));
+      }
     }
+    Logger.getLogger("it.quarvel.pkcs11.security").addHandler(new StreamHandler() {
+      @Override
+      public void publish(LogRecord left) {
+        told.add(left.getMessage());
+      }
+    });
   }
 
   @AfterAll
@@ -126,6 +143,7 @@ class ProviderTest {
         Arguments.of("ed25519", "Ed25519", "Ed25519", null),
         Arguments.of("ed25519", "EdDSA", "Ed25519", null),
         Arguments.of("ed25519", "OID.1.3.101.112", "Ed25519", null),
+        Arguments.of("pss", "RSASSA-PSS", "RSASSA-PSS", pss("SHA-256", "SHA-256", 32)),
         Arguments.of("rsa2048", "RSASSA-PSS", "RSASSA-PSS", pss("SHA-256", "SHA-1", 222)),
         Arguments.of("rsa1025", "RSASSA-PSS", "RSASSA-PSS", pss("SHA-256", "SHA-1", 94)),
         Arguments.of("rsa1025", "RSASSA-PSS", "RSASSA-PSS", pss("SHA-512/256", "SHA-384", 0))));
@@ -192,6 +210,24 @@ class ProviderTest {
     }
   }
 
+  /** As the JDK does with such a key of its own. */
+  @ParameterizedTest
+  @CsvSource({"ed25519,SHA256withRSA", "pss,SHA256withRSA", "pss,NONEwithRSA", "rsa512,SHA512withRSA",
+      "pss,RSASSA-PSS SHA-1 SHA-256 32", "pss,RSASSA-PSS SHA-256 SHA-1 32",
+      "pss,RSASSA-PSS SHA-256 SHA-256 19", "rsa512,RSASSA-PSS SHA-256 SHA-256 31"})
+  void refusesKeysAtOnce(String name, String wanted) throws Exception {
+    String[] words = wanted.split(" ");
+    // Raw, the JDK's own does not look at what the key is for.
+    PrivateKey other = wanted.equals("NONEwithRSA") ? key(name) : software.get(name);
+    for (PrivateKey key : List.of(other, key(name))) {
+      Signature signer = Signature.getInstance(words[0]);
+      if (words.length > 1) {
+        signer.setParameter(pss(words[1], words[2], Integer.parseInt(words[3])));
+      }
+      assertThrows(InvalidKeyException.class, () -> signer.initSign(key));
+    }
+  }
+
   // ---- Decryption ----
 
   @Test
@@ -223,7 +259,8 @@ class ProviderTest {
 
   @Test
   void pairsKeysAndCertificates() throws Exception {
-    List<String> paired = List.of("rsa2048", "rsa1025", "prime256v1", "secp521r1", "ed25519");
+    List<String> paired =
+        List.of("rsa2048", "rsa1025", "rsa512", "pss", "prime256v1", "secp521r1", "ed25519");
     Set<String> aliases = new HashSet<>(paired);
     aliases.addAll(List.of("bare-key 05", "bare-key aa", "CA"));
     assertEquals(aliases, Set.copyOf(Collections.list(store.aliases())));
@@ -238,6 +275,7 @@ class ProviderTest {
     assertNull(store.getCertificateChain("bare-key 05"));
     assertNull(store.getKey("none", null));
     assertEquals(key("rsa2048"), load(provider, PIN).getKey("rsa2048", null));
+    assertEquals(1, told.stream().filter(text -> text.contains("ed448-key")).count(), told::toString);
     assertNotEquals(key("rsa2048"), key("bare-key 05"));
     assertNull(key("bare-key 05").getEncoded());
     assertThrows(NotSerializableException.class,
@@ -285,10 +323,27 @@ class ProviderTest {
 
   @ParameterizedTest
   @CsvSource({";object=rsa2048-key,rsa2048 CA", ";object=rsa2048,rsa2048 CA",
-      ";id=%02,prime256v1 CA", ";id=%02;object=none,CA"})
+      ";id=%02,prime256v1 CA", ";id=%02;object=none,CA", ";object=%EF%BF%BD,pss CA",
+      ";object=%FF,CA", ";object=pay,CA", ";object=pay%00B,rsa512 CA", ";object=rsa2048;type=private,CA",
+      ";object=rsa2048;type=cert,rsa2048 CA", ";object=rsa2048-key;type=cert,CA"})
   void offersTheKeysThatTheUriNames(String limits, String aliases) throws Exception {
     KeyStore keys = load(configured(URI.replace("?", limits + "?")), PIN);
     assertEquals(aliases, String.join(" ", Collections.list(keys.aliases())));
+  }
+
+  @Test
+  void offersEachKeyThatTheInspectorNames() throws Exception {
+    Path pin = Files.writeString(DIR.resolve("pin"), EndToEndTest.PIN);
+    provider.logout();
+    List<String> offered = new ArrayList<>();
+    for (String uri : CliTest.run("objects --type private --uri-only --uri pkcs11:token=demo?pin-source=" + pin)
+        .out().split("\n")) {
+      List<String> aliases = Collections.list(load(
+          configured(uri + "?module-path=" + EndToEndTest.MODULE), PIN).aliases());
+      assertTrue(aliases.size() <= 2, uri);
+      offered.addAll(aliases.subList(0, aliases.size() - 1));
+    }
+    assertEquals(store.size() - 1, offered.size(), offered::toString);
   }
 
   // ---- Logins ----
@@ -500,8 +555,6 @@ class ProviderTest {
     pss.setParameter(pss("SHA-1", "SHA-1", 20));
     pss.update(DATA);
     assertThrows(ProviderException.class, () -> pss.setParameter(pss("SHA-1", "SHA-1", 20)));
-    assertThrows(InvalidKeyException.class,
-        () -> Signature.getInstance("SHA256withRSA", provider).initSign(key("ed25519")));
     for (String algorithm : List.of("NONEwithRSA", "NONEwithECDSA")) {
       Signature raw = Signature.getInstance(algorithm);
       raw.initSign(key(algorithm.endsWith("RSA") ? "rsa2048" : "prime256v1"));
@@ -509,6 +562,7 @@ class ProviderTest {
       assertThrows(SignatureException.class, raw::sign);
     }
     Cipher cipher = Cipher.getInstance("RSA", provider);
+    assertThrows(InvalidKeyException.class, () -> cipher.init(Cipher.DECRYPT_MODE, key("pss")));
     assertThrows(UnsupportedOperationException.class,
         () -> cipher.init(Cipher.UNWRAP_MODE, key("rsa2048"), PSSParameterSpec.DEFAULT));
     cipher.init(Cipher.DECRYPT_MODE, key("rsa2048"));

@@ -20,13 +20,19 @@ both ca
 write cert ca.der ca ca
 id=0
 for key in 'rsa2048 rsa:2048' 'rsa1025 rsa:1025' 'prime256v1 ec -pkeyopt ec_paramgen_curve:P-256' \
-  'secp521r1 ec -pkeyopt ec_paramgen_curve:P-521' 'ed25519 ed25519' 'bare rsa:2048'; do
+  'secp521r1 ec -pkeyopt ec_paramgen_curve:P-521' 'ed25519 ed25519' 'bare rsa:2048' 'rsa512 rsa:512' \
+  'pss rsa-pss -pkeyopt rsa_pss_keygen_md:sha256 -pkeyopt rsa_pss_keygen_mgf1_md:sha256' 'ed448 ed448'; do
   read -r name kind <<<"$key"
   # shellcheck disable=SC2086  # several words
   "${request[@]}" -newkey $kind -subj "/CN=$name" -CA ca.der -CAkey ca.key -keyout "$name.key" \
     -out "$name.der" -addext extendedKeyUsage=codeSigning,clientAuth,serverAuth \
     -addext keyUsage=digitalSignature,keyEncipherment
   both "$name"
+  # On a token the certificate alone limits a key.
+  if [ "$name" = pss ]; then
+    openssl rsa -traditional -in pss.key | sed s/RSA-PSS/RSA/ >unlimited
+    openssl pkcs8 -topk8 -nocrypt -in unlimited -out pss.key
+  fi
   softhsm2-util --import "$name.key" --token "$QUARVEL_TOKEN" --pin "$QUARVEL_PIN" --id 0$id \
     --label "$name-key"
   [ "$name" = bare ] || write cert "$name.der" 0$id "$name"

@@ -4,30 +4,33 @@ package it.quarvel.pkcs11.security;
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Exception.Reason;
 import it.quarvel.pkcs11.PKCS11Template;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
+import java.nio.charset.StandardCharsets;
 import java.security.InvalidKeyException;
 import java.security.PublicKey;
 import java.security.cert.CertificateException;
 import java.security.interfaces.ECPublicKey;
-import java.security.interfaces.EdECPublicKey;
 import java.security.interfaces.RSAPublicKey;
 import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.HexFormat;
 import java.util.List;
 import java.util.Map;
+import java.util.function.BiConsumer;
 
 /**
  * A private key on the token.
  *
  * @param object it, good while the user stays logged in
  * @param id its {@code CKA_ID}, empty where it has none
- * @param label its {@code CKA_LABEL}, empty where it has none
+ * @param label the bytes of its {@code CKA_LABEL}, none where it has none
  * @param publicKey its public half
  * @param alwaysAuthenticate whether it wants the PIN each time
  */
-record KeyObject(NativePKCS11Object object, byte[] id, String label, PublicKey publicKey,
+record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey publicKey,
     boolean alwaysAuthenticate) {
 
   /**
@@ -36,6 +39,12 @@ record KeyObject(NativePKCS11Object object, byte[] id, String label, PublicKey p
    * @param id those with this {@code CKA_ID}, null for all
    */
   static List<KeyObject> find(NativePKCS11Session session, byte[] id) throws PKCS11Exception {
+    return find(session, id, (key, why) -> { });
+  }
+
+  /** The same; {@code others} takes the names of those without, and why they are. */
+  static List<KeyObject> find(NativePKCS11Session session, byte[] id,
+      BiConsumer<String, String> others) throws PKCS11Exception {
     List<KeyObject> keys = new ArrayList<>();
     PKCS11Template wanted = new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY);
     if (id != null) {
@@ -43,12 +52,15 @@ record KeyObject(NativePKCS11Object object, byte[] id, String label, PublicKey p
     }
     for (NativePKCS11Object object : session.findAll(wanted)) {
       Map<Integer, Object> attributes =
-          object.attributes(CKA_ID, CKA_LABEL, CKA_KEY_TYPE, CKA_ALWAYS_AUTHENTICATE);
+          object.attributes(CKA_ID, CKA_KEY_TYPE, CKA_ALWAYS_AUTHENTICATE);
       byte[] own = id(attributes);
-      PublicKey publicKey = publicKey(session, object, (Integer) attributes.get(CKA_KEY_TYPE), own);
-      if (publicKey != null) {
-        keys.add(new KeyObject(object, own, label(attributes), publicKey,
+      byte[] label = label(object);
+      try {
+        keys.add(new KeyObject(object, own, label,
+            publicKey(session, object, (Integer) attributes.get(CKA_KEY_TYPE), own),
             isSet(attributes, CKA_ALWAYS_AUTHENTICATE)));
+      } catch (InvalidKeyException e) {
+        others.accept(name(label, own), e.getMessage());
       }
     }
     return keys;
@@ -58,15 +70,32 @@ record KeyObject(NativePKCS11Object object, byte[] id, String label, PublicKey p
     return (byte[]) attributes.getOrDefault(CKA_ID, new byte[0]);
   }
 
-  static String label(Map<Integer, Object> attributes) {
-    return (String) attributes.getOrDefault(CKA_LABEL, "");
+  /** Reads the bytes of an object's label: a String ends at a zero and need not be the same. */
+  static byte[] label(NativePKCS11Object object) throws PKCS11Exception {
+    try {
+      return object.getByteArrayAttributeValue(CKA_LABEL);
+    } catch (PKCS11Exception e) {
+      if (e.errorCode() != CKR_ATTRIBUTE_TYPE_INVALID && e.reason() != Reason.INTERNAL) {
+        throw e;
+      }
+      return new byte[0];
+    }
+  }
+
+  static String text(byte[] label) {
+    return new String(label, StandardCharsets.UTF_8);
+  }
+
+  /** Names an object for people. */
+  static String name(byte[] label, byte[] id) {
+    return "\"" + text(label) + "\" (id " + HexFormat.of().formatHex(id) + ")";
   }
 
   static boolean isSet(Map<Integer, Object> attributes, int type) {
     return attributes.get(type) instanceof byte[] value && value[0] != 0;
   }
 
-  /** Tells whether two keys are one, whichever providers have made the objects. */
+  /** Tells whether two keys are one, whichever providers have made the objects, or one made none. */
   static boolean same(PublicKey one, PublicKey other) {
     if (one instanceof RSAPublicKey rsa && other instanceof RSAPublicKey otherRsa) {
       return rsa.getModulus().equals(otherRsa.getModulus());
@@ -74,51 +103,44 @@ record KeyObject(NativePKCS11Object object, byte[] id, String label, PublicKey p
     if (one instanceof ECPublicKey ec && other instanceof ECPublicKey otherEc) {
       return ec.getW().equals(otherEc.getW());
     }
-    return Arrays.equals(one.getEncoded(), other.getEncoded());
+    return one != null && Arrays.equals(one.getEncoded(), other.getEncoded());
   }
 
   /** Takes it from the key itself, else from the public key or a certificate of its id. */
   private static PublicKey publicKey(
       NativePKCS11Session session, NativePKCS11Object key, Integer type, byte[] id)
-      throws PKCS11Exception {
-    PublicKey found = publicKey(key);
-    if (found != null || type == null) {
-      return found;
-    }
-    for (NativePKCS11Object twin : session.findAll(new PKCS11Template()
-        .put(CKA_CLASS, CKO_PUBLIC_KEY).put(CKA_KEY_TYPE, type).put(CKA_ID, id))) {
-      found = found == null ? publicKey(twin) : found;
+      throws PKCS11Exception, InvalidKeyException {
+    String refusal = "neither a public key nor a certificate shows its public half";
+    List<NativePKCS11Object> halves = new ArrayList<>(List.of(key));
+    for (int i = 0; i < halves.size(); i++) {
+      try {
+        return halves.get(i).publicKey();
+      } catch (InvalidKeyException e) {
+        refusal = e.getMessage();
+      } catch (PKCS11Exception e) {
+        // Few private keys show it.
+      }
+      if (i == 0 && type != null) {
+        halves.addAll(session.findAll(new PKCS11Template()
+            .put(CKA_CLASS, CKO_PUBLIC_KEY).put(CKA_KEY_TYPE, type).put(CKA_ID, id)));
+      }
     }
     for (NativePKCS11Object holder : session.findAll(
         new PKCS11Template().put(CKA_CLASS, CKO_CERTIFICATE).put(CKA_ID, id))) {
-      found = found == null ? certified(holder, type) : found;
+      PublicKey certified = certified(holder);
+      KeyKind kind = KeyKind.of(certified);
+      if (kind != null && type != null && kind.type == type) {
+        return certified;
+      }
     }
-    return found;
+    throw new InvalidKeyException(refusal);
   }
 
-  private static PublicKey publicKey(NativePKCS11Object key) {
+  private static PublicKey certified(NativePKCS11Object certificate) {
     try {
-      return key.publicKey();
-    } catch (PKCS11Exception | InvalidKeyException e) {
-      return null;
-    }
-  }
-
-  private static PublicKey certified(NativePKCS11Object certificate, int type) {
-    try {
-      PublicKey key = certificate.certificate().getPublicKey();
-      return isOf(key, type) ? key : null;
+      return certificate.certificate().getPublicKey();
     } catch (PKCS11Exception | CertificateException e) {
       return null;
     }
-  }
-
-  private static boolean isOf(PublicKey key, int type) {
-    return switch (type) {
-      case CKK_RSA -> key instanceof RSAPublicKey;
-      case CKK_EC -> key instanceof ECPublicKey;
-      case CKK_EC_EDWARDS -> key instanceof EdECPublicKey;
-      default -> false;
-    };
   }
 }

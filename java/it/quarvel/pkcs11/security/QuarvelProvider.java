@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.security;
 
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.nat.NativePKCS11;
@@ -77,7 +79,7 @@ public final class QuarvelProvider extends AuthProvider {
     putService(new TokenService(this, "KeyStore", "PKCS11", TokenKeyStore.class, List.of(),
         () -> new TokenKeyStore(this, token), any -> true));
     putService(new TokenService(this, "Cipher", TokenCipher.NAME, TokenCipher.class, List.of("RSA"),
-        () -> new TokenCipher(this), TokenKey.Rsa.class::isInstance));
+        () -> new TokenCipher(this), TokenCipher::takes));
     put("NONEwithRSA", Scheme.PKCS1, null);
     put("RSASSA-PSS", Scheme.PSS, null, "1.2.840.113549.1.1.10");
     put("NONEwithECDSA", Scheme.ECDSA_DER, null);
@@ -155,8 +157,12 @@ public final class QuarvelProvider extends AuthProvider {
     PKCS11Uri parsed;
     try {
       parsed = PKCS11Uri.parse(uri);
+      Integer type = parsed.objectClass();
       if (parsed.modulePath() == null) {
         throw new IllegalArgumentException("the PKCS#11 URI has no module-path");
+      }
+      if (type != null && type != CKO_PRIVATE_KEY && type != CKO_CERTIFICATE) {
+        throw new IllegalArgumentException("the PKCS#11 URI names no key by the type it has");
       }
     } catch (IllegalArgumentException e) {
       throw (InvalidParameterException) new InvalidParameterException("wanted is a PKCS#11 URI such"

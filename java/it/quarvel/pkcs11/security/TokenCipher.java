@@ -46,6 +46,10 @@ final class TokenCipher extends CipherSpi {
     this.provider = provider;
   }
 
+  static boolean takes(Object key) {
+    return key instanceof TokenKey.Rsa rsa && rsa.kind == KeyKind.RSA;
+  }
+
   @Override
   protected void engineSetMode(String mode) throws NoSuchAlgorithmException {
     if (!mode.equalsIgnoreCase("ECB")) {
@@ -87,8 +91,9 @@ final class TokenCipher extends CipherSpi {
       });
       return;
     }
-    if (!(wanted instanceof TokenKey.Rsa rsa)) {
-      throw new InvalidKeyException("an RSA key is wanted, not " + wanted);
+    if (!takes(wanted)) {
+      throw new InvalidKeyException("an RSA key is wanted that is not for RSASSA-PSS alone, not "
+          + wanted);
     }
     if (mode != Cipher.DECRYPT_MODE && mode != Cipher.UNWRAP_MODE) {
       throw new InvalidKeyException("a private key on a token decrypts and unwraps only");
@@ -97,7 +102,7 @@ final class TokenCipher extends CipherSpi {
       // JSSE does without its parameters when, and only when, it sees this exception.
       throw new UnsupportedOperationException("a key on a token takes no parameters");
     }
-    key = rsa;
+    key = (TokenKey.Rsa) wanted;
     other = null;
     data.reset();
   }

@@ -8,8 +8,9 @@ import it.quarvel.pkcs11.PKCS11Template;
 import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
-import java.nio.charset.StandardCharsets;
+import java.lang.System.Logger.Level;
 import java.security.GeneralSecurityException;
+import java.security.InvalidKeyException;
 import java.security.PublicKey;
 import java.security.cert.CertificateException;
 import java.security.cert.CertificateExpiredException;
@@ -22,12 +23,13 @@ import java.util.HexFormat;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 
 /** The keys and certificates that a token held at one time. */
 final class TokenContents {
   /** A certificate on the token. */
-  record Stored(NativePKCS11Object object, byte[] id, String label, boolean trusted,
+  record Stored(NativePKCS11Object object, byte[] id, byte[] label, boolean trusted,
       X509Certificate certificate) {
     boolean isOf(KeyObject key) {
       return Arrays.equals(id, key.id())
@@ -38,7 +40,7 @@ final class TokenContents {
   /**
    * A key, or a certificate that the token calls trusted.
    *
-   * @param label the certificate's, else the key's
+   * @param label the certificate's as text, else the key's
    * @param found the key on the token, null for a trusted certificate
    * @param key the same as Java has it, null for a trusted certificate
    * @param own the certificate, null for a key without one
@@ -48,6 +50,8 @@ final class TokenContents {
   private static final Comparator<X509Certificate> NEWEST_VALID =
       Comparator.comparing(TokenContents::isValid).thenComparing(X509Certificate::getNotBefore);
 
+  private static final Set<String> TOLD = ConcurrentHashMap.newKeySet();
+
   final List<Stored> certificates = new ArrayList<>();
   final List<Entry> entries = new ArrayList<>();
 
@@ -56,8 +60,8 @@ final class TokenContents {
   /** Reads what is visible in the session. */
   TokenContents(Token token, NativePKCS11Session session, Token.Connection connection)
       throws PKCS11Exception {
-    readCertificates(session);
-    for (KeyObject found : KeyObject.find(session, null)) {
+    readCertificates(token, session);
+    for (KeyObject found : KeyObject.find(session, null, (name, why) -> tell(token, name, why))) {
       Stored own = null;
       for (Stored other : certificates) {
         if (other.isOf(found) && (own == null
@@ -66,29 +70,47 @@ final class TokenContents {
         }
       }
       PublicKey publicKey = own == null ? found.publicKey() : own.certificate.getPublicKey();
-      TokenKey key = TokenKey.of(token, found, publicKey, connection);
-      if (key != null) {
-        String label = own == null || own.label.isEmpty() ? found.label() : own.label;
-        entries.add(new Entry(label, found.id(), found, key, own));
+      try {
+        TokenKey key = TokenKey.of(token, found, publicKey, connection);
+        byte[] label = own == null || own.label.length == 0 ? found.label() : own.label;
+        entries.add(new Entry(KeyObject.text(label), found.id(), found, key, own));
+      } catch (InvalidKeyException e) {
+        tell(token, KeyObject.name(found.label(), found.id()), e.getMessage());
       }
     }
     for (Stored other : certificates) {
       if (other.trusted) {
-        entries.add(new Entry(other.label, other.id, null, null, other));
+        entries.add(new Entry(KeyObject.text(other.label), other.id, null, null, other));
       }
     }
   }
 
-  private void readCertificates(NativePKCS11Session session) throws PKCS11Exception {
+  private void readCertificates(Token token, NativePKCS11Session session) throws PKCS11Exception {
     for (NativePKCS11Object object :
         session.findAll(new PKCS11Template().put(CKA_CLASS, CKO_CERTIFICATE))) {
+      Map<Integer, Object> attributes = object.attributes(CKA_ID, CKA_TRUSTED);
+      byte[] id = KeyObject.id(attributes);
+      byte[] label = KeyObject.label(object);
       try {
-        Map<Integer, Object> attributes = object.attributes(CKA_ID, CKA_LABEL, CKA_TRUSTED);
-        certificates.add(new Stored(object, KeyObject.id(attributes), KeyObject.label(attributes),
-            KeyObject.isSet(attributes, CKA_TRUSTED), object.certificate()));
+        certificates.add(new Stored(object, id, label, KeyObject.isSet(attributes, CKA_TRUSTED),
+            object.certificate()));
       } catch (CertificateException e) {
-        // Of another kind than X.509.
+        tell(token, KeyObject.name(label, id), e.getMessage());
+      } catch (PKCS11Exception e) {
+        if (e.errorCode() != CKR_ATTRIBUTE_TYPE_INVALID) {
+          throw e;
+        }
+        tell(token, KeyObject.name(label, id), "the token has not the certificate itself");
       }
+    }
+  }
+
+  /** Says what is left out, once. */
+  private static void tell(Token token, String name, String why) {
+    String text = "left out of the key store: " + name + " of the token \"" + token.label() + "\": "
+        + why;
+    if (TOLD.add(text)) {
+      System.getLogger(TokenContents.class.getPackageName()).log(Level.WARNING, text);
     }
   }
 
@@ -120,16 +142,21 @@ final class TokenContents {
     return named;
   }
 
-  /** The URI may name a key by its own label or by its certificate's. */
+  /**
+   * Tells whether the URI names a key. Its label is the key's or the certificate's, unless the type
+   * says which.
+   */
   private static boolean isWanted(PKCS11Uri uri, Entry entry) {
-    return entry.key == null || isNamed(uri, entry.id, entry.found.label())
-        || isNamed(uri, entry.id, entry.label);
-  }
-
-  /** Tells whether the URI names a key of this id and label. */
-  static boolean isNamed(PKCS11Uri uri, byte[] id, String label) {
-    return (uri.id() == null || Arrays.equals(uri.id(), id)) && (uri.object() == null
-        || Arrays.equals(uri.object(), label.getBytes(StandardCharsets.UTF_8)));
+    if (entry.key == null) {
+      return true;
+    }
+    byte[] label = uri.object();
+    Integer type = uri.objectClass();
+    boolean byKey = (type == null || type == CKO_PRIVATE_KEY)
+        && (label == null || Arrays.equals(label, entry.found.label()));
+    boolean byCertificate = (type == null || type == CKO_CERTIFICATE) && entry.own != null
+        && (label == null || Arrays.equals(label, entry.own.label));
+    return (byKey || byCertificate) && (uri.id() == null || Arrays.equals(uri.id(), entry.id));
   }
 
   private static boolean isValid(X509Certificate certificate) {

@@ -5,21 +5,23 @@ import it.quarvel.pkcs11.PKCS11Constants;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
+import java.io.IOException;
 import java.io.NotSerializableException;
 import java.math.BigInteger;
+import java.security.GeneralSecurityException;
+import java.security.InvalidKeyException;
 import java.security.PrivateKey;
 import java.security.PublicKey;
 import java.security.interfaces.ECKey;
 import java.security.interfaces.ECPublicKey;
 import java.security.interfaces.EdECPrivateKey;
-import java.security.interfaces.EdECPublicKey;
 import java.security.interfaces.RSAKey;
 import java.security.interfaces.RSAPublicKey;
 import java.security.spec.AlgorithmParameterSpec;
 import java.security.spec.ECParameterSpec;
 import java.security.spec.NamedParameterSpec;
+import java.security.spec.PSSParameterSpec;
 import java.util.Arrays;
-import java.util.HexFormat;
 import java.util.Optional;
 import javax.security.auth.login.LoginException;
 
@@ -38,13 +40,15 @@ abstract class TokenKey implements PrivateKey {
   private record Located(NativePKCS11Object object, Token.Connection connection) {}
 
   final transient Token token;
+  final transient KeyKind kind;
 
   private final transient KeyObject found;
   private final transient PublicKey publicKey;
   private transient volatile Located located;
 
-  private TokenKey(Token token, KeyObject found, PublicKey publicKey,
+  private TokenKey(KeyKind kind, Token token, KeyObject found, PublicKey publicKey,
       Token.Connection connection) {
+    this.kind = kind;
     this.token = token;
     this.found = found;
     this.publicKey = publicKey;
@@ -56,19 +60,26 @@ abstract class TokenKey implements PrivateKey {
    *
    * @param publicKey its public half, as the certificate has it where there is one
    * @param connection in which it was found
-   * @return null for a key of a kind that does not sign here
+   * @throws InvalidKeyException for a key of another kind than {@link KeyKind} has
    */
-  static TokenKey of(
-      Token token, KeyObject found, PublicKey publicKey, Token.Connection connection) {
-    if (publicKey instanceof RSAPublicKey rsa) {
-      return new Rsa(token, found, rsa, connection);
-    }
-    if (publicKey instanceof ECPublicKey ec) {
+  static TokenKey of(Token token, KeyObject found, PublicKey publicKey,
+      Token.Connection connection) throws InvalidKeyException {
+    KeyKind kind = KeyKind.of(publicKey);
+    if (kind == KeyKind.EC && publicKey instanceof ECPublicKey ec) {
       return new Ec(token, found, ec, connection);
     }
-    return publicKey instanceof EdECPublicKey edwards
-        && edwards.getParams().getName().equals(NamedParameterSpec.ED25519.getName())
-        ? new Ed25519(token, found, edwards, connection) : null;
+    if (kind == KeyKind.ED25519) {
+      return new Ed25519(token, found, publicKey, connection);
+    }
+    if (!(publicKey instanceof RSAPublicKey rsa)) {
+      throw new InvalidKeyException("keys of this kind are not offered: " + publicKey);
+    }
+    try {
+      return new Rsa(kind, token, found, rsa, connection);
+    } catch (GeneralSecurityException | IOException e) {
+      throw new InvalidKeyException("its certificate limits it to parameters of RSASSA-PSS that are"
+          + " not known: " + e.getMessage(), e);
+    }
   }
 
   /**
@@ -116,7 +127,7 @@ abstract class TokenKey implements PrivateKey {
 
   @Override
   public String getAlgorithm() {
-    return publicKey.getAlgorithm();
+    return kind.algorithm;
   }
 
   @Override
@@ -148,28 +159,32 @@ abstract class TokenKey implements PrivateKey {
 
   @Override
   public String toString() {
-    return "%s key \"%s\" (id %s) of the token \"%s\"".formatted(getAlgorithm(), found.label(),
-        HexFormat.of().formatHex(found.id()), token.label());
+    return getAlgorithm() + " key " + KeyObject.name(found.label(), found.id()) + " of the token \""
+        + token.label() + "\"";
   }
 
   static final class Rsa extends TokenKey implements RSAKey {
     private static final long serialVersionUID = 1L;
 
-    private final transient RSAPublicKey publicKey;
+    private final transient BigInteger modulus;
+    private final transient PSSParameterSpec limits;
 
-    private Rsa(Token token, KeyObject found, RSAPublicKey publicKey, Token.Connection connection) {
-      super(token, found, publicKey, connection);
-      this.publicKey = publicKey;
+    private Rsa(KeyKind kind, Token token, KeyObject found, RSAPublicKey publicKey,
+        Token.Connection connection) throws GeneralSecurityException, IOException {
+      super(kind, token, found, publicKey, connection);
+      modulus = publicKey.getModulus();
+      limits = kind == KeyKind.RSASSA_PSS ? KeyKind.limits(publicKey) : null;
     }
 
     @Override
     public BigInteger getModulus() {
-      return publicKey.getModulus();
+      return modulus;
     }
 
+    /** The parameters that the certificate limits the key to, null where it does not. */
     @Override
-    public AlgorithmParameterSpec getParams() {
-      return publicKey.getParams();
+    public PSSParameterSpec getParams() {
+      return limits;
     }
 
     /** Bytes of the modulus. */
@@ -184,7 +199,7 @@ abstract class TokenKey implements PrivateKey {
     private final transient ECParameterSpec curve;
 
     private Ec(Token token, KeyObject found, ECPublicKey publicKey, Token.Connection connection) {
-      super(token, found, publicKey, connection);
+      super(KeyKind.EC, token, found, publicKey, connection);
       curve = publicKey.getParams();
     }
 
@@ -204,8 +219,8 @@ abstract class TokenKey implements PrivateKey {
     private static final long serialVersionUID = 1L;
 
     private Ed25519(
-        Token token, KeyObject found, EdECPublicKey publicKey, Token.Connection connection) {
-      super(token, found, publicKey, connection);
+        Token token, KeyObject found, PublicKey publicKey, Token.Connection connection) {
+      super(KeyKind.ED25519, token, found, publicKey, connection);
     }
 
     @Override

@@ -5,6 +5,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 import java.io.ByteArrayOutputStream;
+import java.io.IOException;
 import java.security.AlgorithmParameters;
 import java.security.GeneralSecurityException;
 import java.security.InvalidAlgorithmParameterException;
@@ -22,6 +23,7 @@ import java.security.spec.AlgorithmParameterSpec;
 import java.security.spec.MGF1ParameterSpec;
 import java.security.spec.PSSParameterSpec;
 import java.util.Arrays;
+import java.util.List;
 import javax.security.auth.login.LoginException;
 
 /**
@@ -31,20 +33,17 @@ import javax.security.auth.login.LoginException;
 final class TokenSignature extends SignatureSpi {
   /** What a signature is made of. */
   enum Scheme {
-    PKCS1("RSA", TokenKey.Rsa.class), PSS("RSA", TokenKey.Rsa.class),
-    ECDSA_DER("EC", TokenKey.Ec.class), ECDSA_P1363("EC", TokenKey.Ec.class),
-    EDDSA("Ed25519", TokenKey.Ed25519.class);
+    PKCS1(KeyKind.RSA), PSS(KeyKind.RSA, KeyKind.RSASSA_PSS), ECDSA_DER(KeyKind.EC),
+    ECDSA_P1363(KeyKind.EC), EDDSA(KeyKind.ED25519);
 
-    private final String family;
-    private final Class<? extends TokenKey> keys;
+    private final List<KeyKind> kinds;
 
-    Scheme(String family, Class<? extends TokenKey> keys) {
-      this.family = family;
-      this.keys = keys;
+    Scheme(KeyKind... kinds) {
+      this.kinds = List.of(kinds);
     }
 
     boolean takes(Object key) {
-      return keys.isInstance(key);
+      return key instanceof TokenKey tokenKey && kinds.contains(tokenKey.kind);
     }
   }
 
@@ -99,7 +98,7 @@ final class TokenSignature extends SignatureSpi {
   protected void engineInitSign(PrivateKey privateKey) throws InvalidKeyException {
     if (privateKey instanceof TokenKey tokenKey) {
       if (!scheme.takes(tokenKey)) {
-        throw new InvalidKeyException("a key of " + scheme.family + " is wanted, not " + tokenKey);
+        throw new InvalidKeyException(name + " takes no " + tokenKey);
       }
       try {
         prepare(tokenKey, parameters);
@@ -173,6 +172,10 @@ final class TokenSignature extends SignatureSpi {
         throw new InvalidAlgorithmParameterException("a key on a token signs without parameters");
       }
       first = hash == null ? null : hash.digest();
+      if (scheme == Scheme.PKCS1 && hash != null && ((TokenKey.Rsa) tokenKey).size()
+          < hash.digestInfo(new byte[first.getDigestLength()]).length + PKCS1_PADDING) {
+        throw new InvalidAlgorithmParameterException("the key is too short for " + name);
+      }
     } else if (wanted instanceof PSSParameterSpec pss) {
       first = pssDigest((TokenKey.Rsa) tokenKey, pss);
     }
@@ -192,6 +195,11 @@ final class TokenSignature extends SignatureSpi {
     } catch (IllegalArgumentException e) {
       throw new InvalidAlgorithmParameterException(e.getMessage(), e);
     }
+    PSSParameterSpec limits = rsa.getParams();
+    if (limits != null && !allows(limits, pss)) {
+      throw new InvalidAlgorithmParameterException(
+          "the key's certificate limits it to other parameters: " + limits);
+    }
     if ((pssBits(rsa) + 7) / 8 < digest.getDigestLength() + pss.getSaltLength() + 2) {
       throw new InvalidAlgorithmParameterException(
           "the key is too short for such a digest and a salt of %d bytes"
@@ -207,6 +215,20 @@ final class TokenSignature extends SignatureSpi {
     return null;
   }
 
+  /** The encodings are compared, since a digest has several names. */
+  private static boolean allows(PSSParameterSpec limits, PSSParameterSpec wanted)
+      throws InvalidAlgorithmParameterException {
+    PSSParameterSpec salted = new PSSParameterSpec(limits.getDigestAlgorithm(),
+        limits.getMGFAlgorithm(), limits.getMGFParameters(), wanted.getSaltLength(),
+        limits.getTrailerField());
+    try {
+      return wanted.getSaltLength() >= limits.getSaltLength()
+          && Arrays.equals(encoder(wanted).getEncoded(), encoder(salted).getEncoded());
+    } catch (GeneralSecurityException | IOException e) {
+      throw new InvalidAlgorithmParameterException(e.getMessage(), e);
+    }
+  }
+
   private static int pssBits(TokenKey.Rsa rsa) {
     return rsa.getModulus().bitLength() - 1;
   }
@@ -217,11 +239,14 @@ final class TokenSignature extends SignatureSpi {
 
   /** Returns the token's mechanism for the usual salt and mask, or -1, which none is. */
   private static int pssMechanism(PSSParameterSpec pss) {
-    return Arrays.stream(Hash.values())
-        .filter(each -> each.pss.getDigestAlgorithm().equals(pss.getDigestAlgorithm())
-            && each.pss.getDigestAlgorithm().equals(maskOf(pss))
-            && each.pss.getSaltLength() == pss.getSaltLength())
-        .mapToInt(each -> each.pssMechanism).findFirst().orElse(-1);
+    for (Hash each : Hash.values()) {
+      if (each.pss.getDigestAlgorithm().equals(pss.getDigestAlgorithm())
+          && each.pss.getDigestAlgorithm().equals(maskOf(pss))
+          && each.pss.getSaltLength() == pss.getSaltLength()) {
+        return each.pssMechanism;
+      }
+    }
+    return -1;
   }
 
   /** Without it JSSE does without PSS altogether. */
@@ -234,12 +259,17 @@ final class TokenSignature extends SignatureSpi {
       return null;
     }
     try {
-      AlgorithmParameters encoded = AlgorithmParameters.getInstance("RSASSA-PSS");
-      encoded.init(parameters);
-      return encoded;
+      return encoder(parameters);
     } catch (GeneralSecurityException e) {
       throw new ProviderException(e);
     }
+  }
+
+  private static AlgorithmParameters encoder(AlgorithmParameterSpec pss)
+      throws GeneralSecurityException {
+    AlgorithmParameters encoder = AlgorithmParameters.getInstance("RSASSA-PSS");
+    encoder.init(pss);
+    return encoder;
   }
 
   @Override
