@@ -293,7 +293,7 @@ class ProviderTest {
   /** Certificates for the key without one, those beside it, and the chain that comes of them. */
   @Test
   void choosesTheNewestValidIssuer() throws Exception {
-    EndToEndTest.output(System.getenv("QUARVEL_KEYS").replace("keys", "issuers"));
+    EndToEndTest.output(System.getenv("QUARVEL_KEYS").replace("keys.sh", "issuers.sh"));
     NativePKCS11Session session = new NativePKCS11().slots(true).get(0).openSession(true);
     for (String row : List.of("ofFirst, old new, ofFirst new", "ofFirst, new old, ofFirst new",
         "ofFirst, expired old, ofFirst old", "ofFirst, expired, ofFirst expired",

@@ -7,6 +7,7 @@ import java.io.IOException;
 import java.nio.ByteBuffer;
 import java.security.AlgorithmParameters;
 import java.security.GeneralSecurityException;
+import java.security.InvalidKeyException;
 import java.security.PublicKey;
 import java.security.spec.PSSParameterSpec;
 import java.util.HexFormat;
@@ -49,8 +50,12 @@ enum KeyKind {
     return null;
   }
 
-  /** Returns the parameters that a key of RSASSA-PSS is limited to, null where it is not. */
-  static PSSParameterSpec limits(PublicKey key) throws GeneralSecurityException, IOException {
+  /**
+   * Returns the parameters that a key of RSASSA-PSS is limited to, null where it is not.
+   *
+   * @throws InvalidKeyException for parameters that Java does not know
+   */
+  static PSSParameterSpec limits(PublicKey key) throws InvalidKeyException {
     ByteBuffer algorithm = algorithm(key);
     content(algorithm);
     if (!algorithm.hasRemaining()) {
@@ -58,9 +63,13 @@ enum KeyKind {
     }
     byte[] encoded = new byte[algorithm.remaining()];
     algorithm.get(encoded);
-    AlgorithmParameters parameters = AlgorithmParameters.getInstance(RSASSA_PSS.algorithm);
-    parameters.init(encoded);
-    return parameters.getParameterSpec(PSSParameterSpec.class);
+    try {
+      AlgorithmParameters parameters = AlgorithmParameters.getInstance(RSASSA_PSS.algorithm);
+      parameters.init(encoded);
+      return parameters.getParameterSpec(PSSParameterSpec.class);
+    } catch (GeneralSecurityException | IOException e) {
+      throw new InvalidKeyException("parameters of RSASSA-PSS that are not known", e);
+    }
   }
 
   /** Returns the identifier of the algorithm and its parameters, which stand first in a key. */

@@ -15,7 +15,6 @@ import java.security.SecureRandom;
 import java.security.interfaces.ECPrivateKey;
 import java.security.interfaces.ECPublicKey;
 import java.security.interfaces.EdECPrivateKey;
-import java.security.interfaces.EdECPublicKey;
 import java.security.interfaces.RSAPrivateCrtKey;
 import java.security.interfaces.RSAPublicKey;
 import java.security.spec.ECParameterSpec;
@@ -108,7 +107,7 @@ final class NewKeys {
       return publicKey(CKK_EC, id).put(CKA_EC_PARAMS, curve(ec.getParams()))
           .put(CKA_EC_POINT, point(key, 1 + 2 * size));
     }
-    if (key instanceof EdECPublicKey edwards && isEd25519(edwards.getParams())) {
+    if (KeyKind.of(key) == KeyKind.ED25519) {
       return publicKey(CKK_EC_EDWARDS, id).put(CKA_EC_PARAMS, ED25519_PARAMS)
           .put(CKA_EC_POINT, point(key, ED25519_SIZE));
     }

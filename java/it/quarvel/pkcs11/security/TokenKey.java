@@ -5,10 +5,8 @@ import it.quarvel.pkcs11.PKCS11Constants;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
-import java.io.IOException;
 import java.io.NotSerializableException;
 import java.math.BigInteger;
-import java.security.GeneralSecurityException;
 import java.security.InvalidKeyException;
 import java.security.PrivateKey;
 import java.security.PublicKey;
@@ -74,12 +72,7 @@ abstract class TokenKey implements PrivateKey {
     if (!(publicKey instanceof RSAPublicKey rsa)) {
       throw new InvalidKeyException("keys of this kind are not offered: " + publicKey);
     }
-    try {
-      return new Rsa(kind, token, found, rsa, connection);
-    } catch (GeneralSecurityException | IOException e) {
-      throw new InvalidKeyException("its certificate limits it to parameters of RSASSA-PSS that are"
-          + " not known: " + e.getMessage(), e);
-    }
+    return new Rsa(kind, token, found, rsa, connection);
   }
 
   /**
@@ -170,7 +163,7 @@ abstract class TokenKey implements PrivateKey {
     private final transient PSSParameterSpec limits;
 
     private Rsa(KeyKind kind, Token token, KeyObject found, RSAPublicKey publicKey,
-        Token.Connection connection) throws GeneralSecurityException, IOException {
+        Token.Connection connection) throws InvalidKeyException {
       super(kind, token, found, publicKey, connection);
       modulus = publicKey.getModulus();
       limits = kind == KeyKind.RSASSA_PSS ? KeyKind.limits(publicKey) : null;

@@ -12,6 +12,7 @@ import java.io.IOException;
 import java.security.AlgorithmParameters;
 import java.security.GeneralSecurityException;
 import java.security.InvalidAlgorithmParameterException;
+import java.security.InvalidKeyException;
 import java.security.InvalidParameterException;
 import java.security.KeyPair;
 import java.security.KeyPairGeneratorSpi;
@@ -154,6 +155,8 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
       result = new KeyPair(
           key.publicKey(), TokenKey.of(token, key, key.publicKey(), connection));
       return result;
+    } catch (InvalidKeyException e) {
+      throw (PKCS11Exception) new PKCS11Exception(e.getMessage()).initCause(e);
     } finally {
       if (result == null) {
         made.privateKey().destroy();

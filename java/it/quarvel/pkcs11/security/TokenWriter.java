@@ -20,6 +20,7 @@ import java.security.Signature;
 import java.security.SignatureException;
 import java.security.cert.CertificateEncodingException;
 import java.security.cert.X509Certificate;
+import java.security.spec.PSSParameterSpec;
 import java.util.ArrayDeque;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -82,13 +83,23 @@ final class TokenWriter {
 
   private static boolean signs(Provider provider, PrivateKey key, PublicKey publicKey)
       throws GeneralSecurityException {
-    String algorithm = switch (key.getAlgorithm()) {
-      case "RSA" -> "SHA256withRSA";
-      case "EC" -> "SHA256withECDSA";
-      default -> key.getAlgorithm();
+    KeyKind kind = KeyKind.of(publicKey);
+    if (kind == null) {
+      throw new InvalidKeyException("keys of this kind are not offered: " + publicKey);
+    }
+    String algorithm = switch (kind) {
+      case RSA -> "SHA256withRSA";
+      case EC -> "SHA256withECDSA";
+      case RSASSA_PSS, ED25519 -> kind.algorithm;
     };
     Signature signer = key instanceof TokenKey ? Signature.getInstance(algorithm, provider)
         : Signature.getInstance(algorithm);
+    Signature verifier = Signature.getInstance(algorithm);
+    if (kind == KeyKind.RSASSA_PSS) {
+      PSSParameterSpec limits = KeyKind.limits(publicKey);
+      signer.setParameter(limits == null ? Hash.SHA256.pss : limits);
+      verifier.setParameter(limits == null ? Hash.SHA256.pss : limits);
+    }
     signer.initSign(key);
     signer.update(PROBE);
     byte[] signature;
@@ -101,7 +112,6 @@ final class TokenWriter {
       }
       throw e;
     }
-    Signature verifier = Signature.getInstance(algorithm);
     verifier.initVerify(publicKey);
     verifier.update(PROBE);
     return verifier.verify(signature);
@@ -311,7 +321,7 @@ final class TokenWriter {
     for (Iterator<Stored> each = certificates.iterator(); each.hasNext(); each.remove()) {
       Stored stored = each.next();
       PKCS11Template again = certificate(stored.certificate())
-          .put(CKA_ID, stored.id()).put(CKA_LABEL, bytes(stored.label()));
+          .put(CKA_ID, stored.id()).put(CKA_LABEL, stored.label());
       stored.object().destroy();
       undoing.push(() -> session.createObject(again));
     }
