@@ -19,7 +19,6 @@ import java.util.Arrays;
 import java.util.HexFormat;
 import java.util.List;
 import java.util.Map;
-import java.util.function.BiConsumer;
 
 /**
  * A private key on the token.
@@ -39,12 +38,12 @@ record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey p
    * @param id those with this {@code CKA_ID}, null for all
    */
   static List<KeyObject> find(NativePKCS11Session session, byte[] id) throws PKCS11Exception {
-    return find(session, id, (key, why) -> { });
+    return find(session, id, new ArrayList<>());
   }
 
-  /** The same; {@code others} takes the names of those without, and why they are. */
-  static List<KeyObject> find(NativePKCS11Session session, byte[] id,
-      BiConsumer<String, String> others) throws PKCS11Exception {
+  /** The same; {@code leftOut} gets a text of each that has none, with the reason. */
+  static List<KeyObject> find(NativePKCS11Session session, byte[] id, List<String> leftOut)
+      throws PKCS11Exception {
     List<KeyObject> keys = new ArrayList<>();
     PKCS11Template wanted = new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY);
     if (id != null) {
@@ -60,7 +59,7 @@ record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey p
             publicKey(session, object, (Integer) attributes.get(CKA_KEY_TYPE), own),
             isSet(attributes, CKA_ALWAYS_AUTHENTICATE)));
       } catch (InvalidKeyException e) {
-        others.accept(name(label, own), e.getMessage());
+        leftOut.add(name(label, own) + ": " + e.getMessage());
       }
     }
     return keys;

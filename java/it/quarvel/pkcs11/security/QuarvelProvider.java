@@ -79,7 +79,7 @@ public final class QuarvelProvider extends AuthProvider {
     putService(new TokenService(this, "KeyStore", "PKCS11", TokenKeyStore.class, List.of(),
         () -> new TokenKeyStore(this, token), any -> true));
     putService(new TokenService(this, "Cipher", TokenCipher.NAME, TokenCipher.class, List.of("RSA"),
-        () -> new TokenCipher(this), TokenCipher::takes));
+        () -> new TokenCipher(this), TokenKey::decrypts));
     put("NONEwithRSA", Scheme.PKCS1, null);
     put("RSASSA-PSS", Scheme.PSS, null, "1.2.840.113549.1.1.10");
     put("NONEwithECDSA", Scheme.ECDSA_DER, null);

@@ -46,10 +46,6 @@ final class TokenCipher extends CipherSpi {
     this.provider = provider;
   }
 
-  static boolean takes(Object key) {
-    return key instanceof TokenKey.Rsa rsa && rsa.kind == KeyKind.RSA;
-  }
-
   @Override
   protected void engineSetMode(String mode) throws NoSuchAlgorithmException {
     if (!mode.equalsIgnoreCase("ECB")) {
@@ -91,7 +87,7 @@ final class TokenCipher extends CipherSpi {
       });
       return;
     }
-    if (!takes(wanted)) {
+    if (!TokenKey.decrypts(wanted)) {
       throw new InvalidKeyException("an RSA key is wanted that is not for RSASSA-PSS alone, not "
           + wanted);
     }

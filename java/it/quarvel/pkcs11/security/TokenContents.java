@@ -50,6 +50,7 @@ final class TokenContents {
   private static final Comparator<X509Certificate> NEWEST_VALID =
       Comparator.comparing(TokenContents::isValid).thenComparing(X509Certificate::getNotBefore);
 
+  /** What is left out is told once in a process. */
   private static final Set<String> TOLD = ConcurrentHashMap.newKeySet();
 
   final List<Stored> certificates = new ArrayList<>();
@@ -60,8 +61,9 @@ final class TokenContents {
   /** Reads what is visible in the session. */
   TokenContents(Token token, NativePKCS11Session session, Token.Connection connection)
       throws PKCS11Exception {
-    readCertificates(token, session);
-    for (KeyObject found : KeyObject.find(session, null, (name, why) -> tell(token, name, why))) {
+    List<String> leftOut = new ArrayList<>();
+    readCertificates(session, leftOut);
+    for (KeyObject found : KeyObject.find(session, null, leftOut)) {
       Stored own = null;
       for (Stored other : certificates) {
         if (other.isOf(found) && (own == null
@@ -75,7 +77,7 @@ final class TokenContents {
         byte[] label = own == null || own.label.length == 0 ? found.label() : own.label;
         entries.add(new Entry(KeyObject.text(label), found.id(), found, key, own));
       } catch (InvalidKeyException e) {
-        tell(token, KeyObject.name(found.label(), found.id()), e.getMessage());
+        leftOut.add(KeyObject.name(found.label(), found.id()) + ": " + e.getMessage());
       }
     }
     for (Stored other : certificates) {
@@ -83,9 +85,16 @@ final class TokenContents {
         entries.add(new Entry(KeyObject.text(other.label), other.id, null, null, other));
       }
     }
+    for (String text : leftOut) {
+      if (TOLD.add(text)) {
+        System.getLogger(TokenContents.class.getPackageName()).log(Level.WARNING,
+            "left out of the key store of the token \"" + token.label() + "\": " + text);
+      }
+    }
   }
 
-  private void readCertificates(Token token, NativePKCS11Session session) throws PKCS11Exception {
+  private void readCertificates(NativePKCS11Session session, List<String> leftOut)
+      throws PKCS11Exception {
     for (NativePKCS11Object object :
         session.findAll(new PKCS11Template().put(CKA_CLASS, CKO_CERTIFICATE))) {
       Map<Integer, Object> attributes = object.attributes(CKA_ID, CKA_TRUSTED);
@@ -95,22 +104,13 @@ final class TokenContents {
         certificates.add(new Stored(object, id, label, KeyObject.isSet(attributes, CKA_TRUSTED),
             object.certificate()));
       } catch (CertificateException e) {
-        tell(token, KeyObject.name(label, id), e.getMessage());
+        leftOut.add(KeyObject.name(label, id) + ": " + e.getMessage());
       } catch (PKCS11Exception e) {
         if (e.errorCode() != CKR_ATTRIBUTE_TYPE_INVALID) {
           throw e;
         }
-        tell(token, KeyObject.name(label, id), "the token has not the certificate itself");
+        leftOut.add(KeyObject.name(label, id) + ": the token has not the certificate itself");
       }
-    }
-  }
-
-  /** Says what is left out, once. */
-  private static void tell(Token token, String name, String why) {
-    String text = "left out of the key store: " + name + " of the token \"" + token.label() + "\": "
-        + why;
-    if (TOLD.add(text)) {
-      System.getLogger(TokenContents.class.getPackageName()).log(Level.WARNING, text);
     }
   }
 

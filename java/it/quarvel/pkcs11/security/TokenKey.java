@@ -75,6 +75,11 @@ abstract class TokenKey implements PrivateKey {
     return new Rsa(kind, token, found, rsa, connection);
   }
 
+  /** Tells whether a key is one of ours that decrypts. */
+  static boolean decrypts(Object key) {
+    return key instanceof TokenKey own && own.kind == KeyKind.RSA;
+  }
+
   /**
    * Signs ({@code C_SignInit}, {@code C_Sign}).
    *
