@@ -40,7 +40,7 @@ for key in 'rsa2048 rsa:2048' 'rsa1025 rsa:1025' 'prime256v1 ec -pkeyopt ec_para
 done
 # The newest one of its key, but valid on no day.
 openssl req -new -key rsa2048.key -subj /CN=expired |
-  openssl x509 -req -days -1 -CA ca.der -CAkey ca.key -set_serial 7 -outform DER -out expired.der
+  openssl x509 -req -days 0 -CA ca.der -CAkey ca.key -set_serial 7 -outform DER -out expired.der
 write cert expired.der 00 expired
 write cert ed25519.der 00 'of another key'
 write cert secp521r1.der bb 'without key'
