@@ -66,7 +66,7 @@ void failFrom() {
 
 }  // namespace
 
-// tests/hostile/run.sh reads the names, each at the start of its line, in the order of their
+// bench/hostile.sh reads the names, each at the start of its line, in the order of their
 // numbers.
 const std::vector<Misbehaviour>& misbehaviours() {
   static const std::vector<Misbehaviour> all = {

@@ -1,11 +1,10 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Compares this library with the JDK's own wrapper on a misbehaving module: run.sh [JDK]. Expects
-# the built library and test programs. It takes some minutes, since each case has a virtual machine
-# of its own.
+# What `./dev hostile` runs: this library and the JDK's own wrapper on a misbehaving module. It takes
+# some minutes, since each case has a virtual machine of its own. Expects the built library, the
+# tests' scripted module and JAVA_HOME.
 set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/../.."
-jdk=${1:-$(dirname "$(dirname "$(readlink -f "$(command -v javac)")")")}
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
 out=build/hostile
 
 operations=(INFO SLOT_LIST SLOT_INFO TOKEN_INFO MECHANISM_LIST MECHANISM_INFO OPEN_SESSION
@@ -17,9 +16,8 @@ lies=('3, then 4=3 4' '3, then 1,000,000=3 1000000' '2^31 twice=0x80000000 0x800
   '2^64-1 twice=0xFFFFFFFFFFFFFFFF 0xFFFFFFFFFFFFFFFF')
 exports=(--add-modules jdk.crypto.cryptoki
   --add-exports "jdk.crypto.cryptoki/sun.security.pkcs11.wrapper=ALL-UNNAMED")
-"$jdk/bin/javac" "${exports[@]}" -cp build/quarvel-pkcs11.jar -d "$out" bench/java/*.java \
-  tests/hostile/Hostile.java
-java=("$jdk/bin/java" -Xmx1g -XX:TieredStopAtLevel=1 -XX:-CreateCoredumpOnCrash
+"$JAVA_HOME/bin/javac" "${exports[@]}" -cp build/quarvel-pkcs11.jar -d "$out" bench/java/*.java
+java=("$JAVA_HOME/bin/java" -Xmx1g -XX:TieredStopAtLevel=1 -XX:-CreateCoredumpOnCrash
   -XX:ErrorFile=/dev/null "${exports[@]}" --enable-native-access=ALL-UNNAMED
   -cp "$out:build/quarvel-pkcs11.jar" Hostile)
 # Keeps a list of 2^31 items, which a subject may try to hold twice, from exhausting the machine.
