@@ -1,10 +1,11 @@
 #!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
-# What `./dev fresh` runs: a Debian with nothing but git and ca-certificates, made in build/fresh by
-# debootstrap from the Debian sources and certificates of this machine; in it a clone of the last
-# commit, then the README's commands as root and as a user with sudo. Writes the part of
-# docs/fresh.md into build/fresh/runs.md.
+# What `./dev fresh` runs for each suite: fresh.sh SUITE. A Debian with nothing but git and
+# ca-certificates, made in build/fresh by debootstrap with the mirrors and certificates of this
+# machine; in it a clone of the last commit, then the README's commands as root and as a user with
+# sudo. Leaves the suite's part of docs/fresh.md in build/fresh.
 set -euo pipefail
+suite=$1
 project=$(dirname "$(dirname "$(readlink -f "$0")")")
 work=$project/build/fresh
 root=$work/root
@@ -18,25 +19,32 @@ if [ -z "${INSIDE-}" ]; then
   [ "$(id -u)" -eq 0 ] || give_up "only root can make a root file system"
   unshare --mount --pid --fork true 2>/dev/null || give_up "no namespace can be had here"
   git -C "$project" rev-parse HEAD >/dev/null 2>&1 || give_up "this folder is no clone, there is nothing to clone"
-  INSIDE=1 exec unshare --mount --pid --fork --kill-child "$0"
+  INSIDE=1 exec unshare --mount --pid --fork --kill-child "$0" "$suite"
 fi
 
 # ---- The bare machine ----
 
-. /etc/os-release
-# shellcheck disable=SC2016  # apt's own fields
-sources=$(apt-get indextargets --format '$(REPO_URI) $(CODENAME) $(COMPONENT)' \
-  'Created-By: Packages' 'Origin: Debian' | grep " $VERSION_CODENAME" | sort -u) ||
-  give_up "apt here has no sources for Debian $VERSION_CODENAME: run apt-get update"
-mirror=$(awk -v name="$VERSION_CODENAME" '$2 == name && $3 == "main" {print $1; exit}' <<<"$sources")
+mirror() { # LABEL
+  # shellcheck disable=SC2016  # apt's own field
+  apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Origin: Debian' "Label: $1" | head -n 1
+}
+archive=$(mirror Debian) security=$(mirror Debian-Security)
+[ -n "$archive" ] || give_up "apt here has no sources of Debian: run apt-get update"
 
 rm -rf "$work"
 mkdir -p "$work"
 git -C "$project" bundle create --quiet "$work/quarvel.bundle" HEAD
-debootstrap --variant=minbase --include=git,ca-certificates "$VERSION_CODENAME" "$work/bare" "$mirror" \
+debootstrap --variant=minbase --include=git,ca-certificates "$suite" "$work/bare" "$archive" \
   >"$work/debootstrap.log" 2>&1 || give_up "debootstrap failed, see $work/debootstrap.log"
-awk '{print "deb", $0}' <<<"$sources" >"$work/bare/etc/apt/sources.list"
-apt-config dump Acquire | grep -i proxy >"$work/bare/etc/apt/apt.conf.d/90machine" || true
+{
+  echo "deb $archive $suite main"
+  [ "$suite" = sid ] || echo "deb $archive $suite-updates main"
+  [ "$suite" = sid ] || [ -z "$security" ] || echo "deb $security $suite-security main"
+} >"$work/bare/etc/apt/sources.list"
+{
+  apt-config dump Acquire | grep -i proxy || true
+  echo 'Acquire::Check-Valid-Until "false";' # a mirror may lag
+} >"$work/bare/etc/apt/apt.conf.d/90machine"
 cp /etc/resolv.conf /etc/hosts "$work/bare/etc/"
 cp -r /usr/local/share/ca-certificates "$work/bare/usr/local/share/"
 chroot "$work/bare" update-ca-certificates >/dev/null 2>&1
@@ -77,6 +85,11 @@ row() {
   [ "$result" = passes ] || { tail -n 30 "$log"; return 1; }
 }
 
+sums() ( # CLONE: of what it has packaged
+  cd "$1/build/package"
+  find . -type f \( -name '*.deb' -o -name '*.tar.gz' -o -path './maven/*' \) -exec sha256sum {} + | sort -k 2
+)
+
 # ---- As root ----
 
 begin
@@ -85,12 +98,15 @@ inside root git clone --quiet -c advice.detachedHead=false /tmp/quarvel.bundle q
 row root './dev demo'
 row root './dev test'
 row root './dev package'
-git clone --quiet -c advice.detachedHead=false "$work/quarvel.bundle" "$work/here"
-"$work/here/dev" package >"$work/here.log" 2>&1
-for file in "$work"/here/build/package/{*.deb,*.tar.gz,maven}; do
-  diff --recursive "$file" "$root/root/quarvel/build/package/$(basename "$file")"
-done
-echo "fresh: the packages have the bytes that this machine makes"
+sums "$root/root/quarvel" >"$work/sums"
+grep -q "deb$" "$work/sums"
+. /etc/os-release
+if [ "$suite" = "$VERSION_CODENAME" ]; then
+  git clone --quiet -c advice.detachedHead=false "$work/quarvel.bundle" "$work/here"
+  "$work/here/dev" package >"$work/here.log" 2>&1
+  sums "$work/here" | diff "$work/sums" -
+  echo "fresh: the packages have the bytes that this machine makes"
+fi
 end
 
 # ---- As a user, without sudo and with it ----
@@ -105,11 +121,16 @@ chroot "$root" sh -c 'apt-get update -qq && apt-get install -y -qq --no-install-
 echo 'user ALL=(ALL) NOPASSWD: ALL' >"$root/etc/sudoers.d/user"
 row user './dev demo'
 row user './dev test'
+row user './dev package'
+sums "$root/home/user/quarvel" | diff "$work/sums" -
+versions=$(chroot "$root" dpkg-query --show g++ openssl opensc p11-kit 'openjdk-*-jdk-headless' |
+  sed -E 's/-jdk-headless//; s/\t([0-9]+:)?([^-+~]*).*/ \2, /' | tr -d '\n')
 end
 
 {
-  echo "Made on $(date --utc +%Y-%m-%d) with Debian $(cat "$work/bare/etc/debian_version"): $bare before the first command."
+  echo "Made on $(date --utc +%Y-%m-%d) with Debian $(cat "$work/bare/etc/debian_version"), ${versions%, }: $bare"
+  echo "before the first command."
   printf '\n| as | command | result | time | packages | download | on disk |\n|---|---|---|---|---|---|---|\n'
   cat "$work/table"
-} >"$work/runs.md"
-rm -rf "$work"/bare "$work"/here
+} >"$work/$suite.md"
+rm -rf "$work"/{bare,here}
