@@ -548,7 +548,8 @@ static CK_RV makeThing(H* handle) {
   return CKR_OK;
 }
 static CK_RV endThing(H handle) {
-  return things[handle - kWide].exchange(false) ? CKR_OK : CKR_GENERAL_ERROR;
+  const H index = handle - kWide;
+  return index < std::size(things) && things[index].exchange(false) ? CKR_OK : CKR_GENERAL_ERROR;
 }
 
 TEST_F(Adapter, ServesManyThreads) {
