@@ -49,7 +49,9 @@ class CliTest {
 
   @Test
   void listsWhatOpenScLists() throws Exception {
-    String theirs = EndToEndTest.openSc("--list-objects --login --pin " + EndToEndTest.PIN);
+    // The newest OpenSC reads an id as a number, too, and parts its bytes.
+    String theirs = EndToEndTest.openSc("--list-objects --login --pin " + EndToEndTest.PIN)
+        .replaceAll("\\d+ \\(0x(..):(..):(..)\\)", "$1$2$3");
     String ours = run("objects --pin-source DIR/pin").out;
     assertEquals(found("(?m)^(Data|Cert|Private K)\\w* [Oo]bject", theirs),
         found("(?m)^CKO_(DATA|CERT|PRIVATE_K)", ours));

@@ -236,7 +236,7 @@ class EndToEndTest {
         .put(CKA_APPLICATION, "listing"));
     session.generateKey(CKM_AES_KEY_GEN, token.put(CKA_VALUE_LEN, 32));
     String listing = openSc("--list-objects --login --pin " + PIN);
-    for (String line : List.of("Public Key Object; RSA 1024 bits", "Private Key Object; RSA *",
+    for (String line : List.of("Public Key Object; RSA +1024 bits", "Private Key Object; RSA.*",
         "Certificate Object; type = X.509 cert", " *subject: +DN: CN=Test",
         " *serial: +0*%X".formatted(certificate.getSerialNumber()), "Data object .*",
         " *application: +'listing'", "Secret Key Object; AES length 32", " *label: +\u00e9")) {
