@@ -36,6 +36,11 @@ class PKCS11ModuleTest {
     Files.write(dir.resolve("cut.so"), Arrays.copyOf(library, 5000));
     library[18] ^= 1;
     Files.write(dir.resolve("foreign.so"), library);
+    library[18] ^= 1;
+    library[38] = 1; // the table of segments is beyond the end, then before the beginning
+    Files.write(dir.resolve("far.so"), library);
+    library[39] = -1;
+    Files.write(dir.resolve("negative.so"), library);
   }
 
   @ParameterizedTest
@@ -45,6 +50,8 @@ class PKCS11ModuleTest {
     "/proc/self/mem is no library|/proc/self/mem", "DIR/cut.so is cut short.*|DIR/cut.so",
     "DIR/foreign.so is a library for another architecture|DIR/foreign.so",
     "DIR/lacking.so cannot be loaded as a .*; \"ldd -r\" shows .*|DIR/lacking.so",
+    "DIR/far.so cannot be loaded as a .*|DIR/far.so",
+    "DIR/negative.so cannot be loaded as a .*|DIR/negative.so",
     "BUILD/libquarvelpkcs11.so .* PKCS#11 module.*|BUILD/libquarvelpkcs11.so",
     "BUILD/adapter/lib\\w+.so is the adapter .*|BUILD/adapter/libquarvelpkcs11adapter.so"})
   void tellsWhyAFileIsNoModule(String message, String file) throws Exception {

@@ -8,14 +8,10 @@ import it.quarvel.pkcs11.nat.NativePKCS11;
 import java.io.File;
 import java.io.FileInputStream;
 import java.io.IOException;
-import java.nio.ByteBuffer;
-import java.nio.ByteOrder;
-import java.nio.channels.FileChannel;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
-import java.util.Arrays;
 
 /** Loads the file of a module, behind the adapter or as it is, and tells why it cannot be loaded. */
 final class ModuleFile {
@@ -27,25 +23,6 @@ final class ModuleFile {
 
   /** With its end, as the dynamic linker takes it. */
   private static final int LONGEST_PATH = 4096;
-
-  /** How an ELF file begins, where it tells class and byte order, and its machine. */
-  private static final int MAGIC = 0x464c457f;
-  private static final int CLASS = 4;
-  private static final int MACHINE = 18;
-  private static final int HEADER = 20;
-
-  /** Class and byte order of one of 64 bits, least significant first. */
-  private static final int LITTLE_64 = 0x0102;
-
-  /** Where that tells where its segments are described, in how many bytes each, and how many. */
-  private static final int SEGMENTS = 32;
-  private static final int SEGMENT_SIZE = 54;
-  private static final int SEGMENT_COUNT = 56;
-
-  /** A segment that is loaded, and where it tells its place and its length in the file. */
-  private static final int LOADED = 1;
-  private static final int OFFSET = 8;
-  private static final int LENGTH = 32;
 
   /**
    * Where the adapter lies while it is loaded. An adapter of a load that failed stays in memory
@@ -105,7 +82,7 @@ final class ModuleFile {
     try (PrivateFolder open = folder == null ? PrivateFolder.create() : folder.again()) {
       folder = open;
       String adapter = placeAdapter(open).toString();
-      Files.write(open.file(ADAPTER + MODULE_SUFFIX), bytes(module + "\n"));
+      open.write(ADAPTER + MODULE_SUFFIX, bytes(module + "\n"));
       try {
         NativePKCS11.loadPKCS11Library(adapter);
       } catch (PKCS11Exception e) {
@@ -133,10 +110,14 @@ final class ModuleFile {
       return folder.copy(ADAPTER);
     } catch (IOException e) {
       String folders = System.getProperty("java.library.path", "");
-      return link(folder, Arrays.stream(folders.split(File.pathSeparator))
-          .map(place -> new File(place, ADAPTER)).filter(File::exists).findFirst()
-          .orElseThrow(() -> new IOException("resource %s: %s\njava.library.path: not in %s%s"
-              .formatted(PrivateFolder.resource(ADAPTER), e.getMessage(), folders, advice()), e)));
+      for (String place : folders.split(File.pathSeparator)) {
+        File file = new File(place, ADAPTER);
+        if (file.exists()) {
+          return link(folder, file);
+        }
+      }
+      throw new IOException("resource " + PrivateFolder.resource(ADAPTER) + ": " + e.getMessage()
+          + "\njava.library.path: not in " + folders + advice(), e);
     }
   }
 
@@ -153,7 +134,7 @@ final class ModuleFile {
     if (!danger.isEmpty()) {
       throw new IOException(file + danger);
     }
-    map(file); // says why it cannot be read
+    new FileInputStream(file).close(); // says why it cannot be read
     return Files.createSymbolicLink(folder.file(ADAPTER), Path.of(file.getAbsolutePath()));
   }
 
@@ -178,13 +159,11 @@ final class ModuleFile {
       return file + " cannot be read: permission denied";
     }
     try {
-      ByteBuffer elf = map(file);
-      if (elf.capacity() < HEADER || elf.getInt(0) != MAGIC) {
+      ElfFile elf = new ElfFile(file);
+      if (!elf.isElf()) {
         return file + " is no library";
       }
-      ByteBuffer own = program(elf);
-      if (elf.getShort(CLASS) != own.getShort(CLASS)
-          || elf.getShort(MACHINE) != own.getShort(MACHINE)) {
+      if (!elf.isForThisMachine()) {
         return file + " is a library for another architecture";
       }
     } catch (IOException e) {
@@ -201,41 +180,11 @@ final class ModuleFile {
         : isCutShort(file) ? " is cut short: it lacks the end of a library" : "";
   }
 
-  /** Tells whether an ELF file of 64 bits lacks bytes that the dynamic linker takes for granted. */
   private static boolean isCutShort(File file) {
     try {
-      ByteBuffer elf = map(file);
-      boolean known = elf.getInt(0) == MAGIC && elf.getShort(CLASS) == LITTLE_64;
-      int segments = known ? elf.getShort(SEGMENT_COUNT) : 0;
-      for (int i = 0; i < segments; i++) {
-        int at = (int) elf.getLong(SEGMENTS) + i * elf.getShort(SEGMENT_SIZE);
-        if (elf.getInt(at) == LOADED
-            && elf.getLong(at + OFFSET) + elf.getLong(at + LENGTH) > elf.capacity()) {
-          return true;
-        }
-      }
-    } catch (IOException | IndexOutOfBoundsException e) {
-      // The load, or what is said after it, tells more.
-    }
-    return false;
-  }
-
-  /** The program that runs; where it cannot be read, what tells no difference. */
-  private static ByteBuffer program(ByteBuffer unknown) {
-    try {
-      return map(new File("/proc/self/exe"));
+      return new ElfFile(file).isCutShort();
     } catch (IOException e) {
-      return unknown;
-    }
-  }
-
-  /** Maps a file, a stream's so that names are found which the locale does not have. */
-  private static ByteBuffer map(File file) throws IOException {
-    try (FileInputStream in = new FileInputStream(file)) {
-      FileChannel channel = in.getChannel();
-      return channel.map(
-          FileChannel.MapMode.READ_ONLY, 0, Math.min(channel.size(), Integer.MAX_VALUE))
-          .order(ByteOrder.LITTLE_ENDIAN);
+      return false; // the load, or what is said after it, tells more
     }
   }
 

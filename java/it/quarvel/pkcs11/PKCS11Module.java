@@ -142,7 +142,7 @@ public final class PKCS11Module implements AutoCloseable {
    */
   public NativePKCS11Slot token(String label) throws PKCS11Exception {
     String wanted = label.stripTrailing();
-    return token("labelled \"%s\"".formatted(label), (slot, token) ->
+    return token("labelled \"" + label + "\"", (slot, token) ->
         token.trimmedLabel().equals(wanted));
   }
 
@@ -192,8 +192,12 @@ public final class PKCS11Module implements AutoCloseable {
   private NativePKCS11Slot token(String which, Match match) throws PKCS11Exception {
     List<String> told = new ArrayList<>();
     Map<NativePKCS11Slot, PKCS11TokenInfo> all = infos(told);
-    List<NativePKCS11Slot> found = all.keySet().stream()
-        .filter(slot -> match.matches(slot, all.get(slot))).toList();
+    List<NativePKCS11Slot> found = new ArrayList<>();
+    for (Map.Entry<NativePKCS11Slot, PKCS11TokenInfo> each : all.entrySet()) {
+      if (match.matches(each.getKey(), each.getValue())) {
+        found.add(each.getKey());
+      }
+    }
     if (found.size() != 1) {
       throw new PKCS11Exception("%s %s; there %s".formatted(
           found.isEmpty() ? "no token" : found.size() + " tokens", which,
@@ -211,11 +215,11 @@ public final class PKCS11Module implements AutoCloseable {
         PKCS11TokenInfo info = slot.getTokenInfo();
         if (info.isInitialised()) {
           infos.put(slot, info);
-          told.add("\"%s\" (serial number %s, %s)".formatted(
-              info.trimmedLabel(), info.serialNumber().strip(), number));
+          told.add("\"" + info.trimmedLabel() + "\" (serial number "
+              + info.serialNumber().strip() + ", " + number + ")");
         }
       } catch (PKCS11Exception e) {
-        told.add("%s (%s)".formatted(number, e.getMessage()));
+        told.add(number + " (" + e.getMessage() + ")");
       }
     }
     return infos;

@@ -149,10 +149,22 @@ public final class PrivateFolder implements AutoCloseable {
     if (!("\n" + index()).contains("\n" + line)) {
       throw new IOException("damaged: it is not what the jar was built with");
     }
-    try (FileOutputStream out = new FileOutputStream(file(name).toFile())) {
+    return write(name, content);
+  }
+
+  /**
+   * Writes a file of the folder, which goes with it.
+   *
+   * @param name the file's name
+   * @return its absolute path
+   * @throws IOException when it cannot be written
+   */
+  public Path write(String name, byte[] content) throws IOException {
+    Path file = file(name);
+    try (FileOutputStream out = new FileOutputStream(file.toFile())) {
       out.write(content);
     }
-    return file(name);
+    return file;
   }
 
   /**

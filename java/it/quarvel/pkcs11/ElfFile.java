@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+package it.quarvel.pkcs11;
+
+import java.io.File;
+import java.io.IOException;
+import java.io.RandomAccessFile;
+import java.nio.ByteBuffer;
+import java.nio.ByteOrder;
+
+/**
+ * What the beginning of a file says of it as a library. It is read by a plain stream and within
+ * bounds; bytes that cannot be read count as missing.
+ */
+final class ElfFile {
+  /** How an ELF file begins; where it tells its class and byte order, and its machine. */
+  private static final int MAGIC = 0x464c457f;
+  private static final int CLASS = 4;
+  private static final int MACHINE = 18;
+
+  /** Class and byte order of one of 64 bits, least significant first; the bytes of its header. */
+  private static final int LITTLE_64 = 0x0102;
+  private static final int HEADER = 64;
+
+  /** Where the header tells the place of the table of segments, an entry's bytes, and their number. */
+  private static final int SEGMENTS = 32;
+  private static final int SEGMENT_SIZE = 54;
+  private static final int SEGMENT_COUNT = 56;
+
+  /** The bytes of an entry that the dynamic linker takes. */
+  private static final int SEGMENT = 56;
+
+  /** A segment that is loaded, and where its entry tells its place and its length in the file. */
+  private static final int LOADED = 1;
+  private static final int OFFSET = 8;
+  private static final int LENGTH = 32;
+
+  private final long length;
+  private final ByteBuffer header;
+  private final ByteBuffer segments;
+
+  /**
+   * Reads the beginning of a file, which may be any.
+   *
+   * @throws IOException when the file cannot be opened
+   */
+  ElfFile(File file) throws IOException {
+    try (RandomAccessFile in = new RandomAccessFile(file, "r")) {
+      length = in.length();
+      header = read(in, 0, HEADER);
+      boolean known = isElf() && header.getShort(CLASS) == LITTLE_64 && header.limit() == HEADER
+          && header.getShort(SEGMENT_SIZE) == SEGMENT;
+      segments = known ? read(in, header.getLong(SEGMENTS),
+          SEGMENT * Short.toUnsignedInt(header.getShort(SEGMENT_COUNT))) : ByteBuffer.allocate(0);
+    }
+  }
+
+  private static ByteBuffer read(RandomAccessFile in, long from, int most) {
+    byte[] bytes = new byte[most];
+    int count = 0;
+    try {
+      in.seek(from);
+      for (int more = 0; more >= 0 && count < most; count += Math.max(more, 0)) {
+        more = in.read(bytes, count, most - count);
+      }
+    } catch (IOException e) {
+      // The load, or what is said after it, tells more.
+    }
+    return ByteBuffer.wrap(bytes).limit(count).order(ByteOrder.LITTLE_ENDIAN);
+  }
+
+  /** Tells whether this is an ELF file at all. */
+  boolean isElf() {
+    return header.limit() > MACHINE + 1 && header.getInt(0) == MAGIC;
+  }
+
+  /** Tells whether an ELF file is for the machine of this process; true where that is not known. */
+  boolean isForThisMachine() {
+    try {
+      ByteBuffer own = new ElfFile(new File("/proc/self/exe")).header;
+      return header.getShort(CLASS) == own.getShort(CLASS)
+          && header.getShort(MACHINE) == own.getShort(MACHINE);
+    } catch (IOException e) {
+      return true;
+    }
+  }
+
+  /** Tells whether an ELF file of 64 bits lacks bytes that the dynamic linker takes for granted. */
+  boolean isCutShort() {
+    for (int at = 0; at + SEGMENT <= segments.limit(); at += SEGMENT) {
+      if (segments.getInt(at) == LOADED
+          && segments.getLong(at + OFFSET) + segments.getLong(at + LENGTH) > length) {
+        return true;
+      }
+    }
+    return false;
+  }
+}
