@@ -18,8 +18,9 @@ import java.security.cert.CertificateNotYetValidException;
 import java.security.cert.X509Certificate;
 import java.util.ArrayList;
 import java.util.Arrays;
-import java.util.Comparator;
+import java.util.Collections;
 import java.util.HexFormat;
+import java.util.IdentityHashMap;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
@@ -35,6 +36,13 @@ final class TokenContents {
       return Arrays.equals(id, key.id())
           && KeyObject.same(certificate.getPublicKey(), key.publicKey());
     }
+
+    /** Tells whether this one is to be preferred: to none, to one that is not valid, to an older. */
+    boolean comesBefore(Stored other) {
+      return other == null || (isValid(certificate) != isValid(other.certificate)
+          ? isValid(certificate)
+          : certificate.getNotBefore().after(other.certificate.getNotBefore()));
+    }
   }
 
   /**
@@ -47,16 +55,15 @@ final class TokenContents {
    */
   record Entry(String label, byte[] id, KeyObject found, TokenKey key, Stored own) {}
 
-  private static final Comparator<X509Certificate> NEWEST_VALID =
-      Comparator.comparing(TokenContents::isValid).thenComparing(X509Certificate::getNotBefore);
-
   /** What is left out is told once in a process. */
   private static final Set<String> TOLD = ConcurrentHashMap.newKeySet();
 
   final List<Stored> certificates = new ArrayList<>();
   final List<Entry> entries = new ArrayList<>();
 
-  private final Map<Entry, List<Stored>> chains = new ConcurrentHashMap<>();
+  /** Those asked for so far, by identity: the first hash of a record costs a start much. */
+  private final Map<Entry, List<Stored>> chains =
+      Collections.synchronizedMap(new IdentityHashMap<>());
 
   /** Reads what is visible in the session. */
   TokenContents(Token token, NativePKCS11Session session, Token.Connection connection)
@@ -66,8 +73,7 @@ final class TokenContents {
     for (KeyObject found : KeyObject.find(session, null, leftOut)) {
       Stored own = null;
       for (Stored other : certificates) {
-        if (other.isOf(found) && (own == null
-            || NEWEST_VALID.compare(other.certificate, own.certificate) > 0)) {
+        if (other.isOf(found) && other.comesBefore(own)) {
           own = other;
         }
       }
@@ -175,7 +181,8 @@ final class TokenContents {
 
   private List<Stored> findChain(Entry entry) {
     List<Stored> chain = new ArrayList<>();
-    for (Stored next = entry.own; next != null && !chain.contains(next); next = issuer(next)) {
+    Set<Stored> seen = Collections.newSetFromMap(new IdentityHashMap<>());
+    for (Stored next = entry.own; next != null && seen.add(next); next = issuer(next)) {
       chain.add(next);
     }
     return chain;
@@ -194,8 +201,7 @@ final class TokenContents {
     }
     Stored issuer = null;
     for (Stored other : named) {
-      if ((issuer == null || NEWEST_VALID.compare(other.certificate, issuer.certificate) > 0)
-          && hasSigned(other.certificate, issued.certificate)) {
+      if (other.comesBefore(issuer) && hasSigned(other.certificate, issued.certificate)) {
         issuer = other;
       }
     }

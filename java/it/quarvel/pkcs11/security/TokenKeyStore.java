@@ -132,7 +132,12 @@ final class TokenKeyStore extends KeyStoreSpi {
     if (entry == null || entry.key() == null || entry.own() == null) {
       return null;
     }
-    return contents.chain(entry).stream().map(Stored::certificate).toArray(Certificate[]::new);
+    List<Stored> chain = contents.chain(entry);
+    Certificate[] certificates = new Certificate[chain.size()];
+    for (int i = 0; i < certificates.length; i++) {
+      certificates[i] = chain.get(i).certificate();
+    }
+    return certificates;
   }
 
   @Override
