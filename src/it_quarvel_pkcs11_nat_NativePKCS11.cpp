@@ -21,6 +21,8 @@ void redirectOutput() {
   const int flags = fcntl(STDOUT_FILENO, F_GETFL);
   if (flags != -1 && (flags & O_ACCMODE) == O_RDONLY) return;
   if (std::FILE* log = std::freopen("/var/tmp/vorlenk0.log", "a+", stdout); log != nullptr) {
+    // After an earlier log that could not be opened, the stream comes back with another descriptor.
+    dup2(fileno(log), STDOUT_FILENO);
     // Line buffered, so that the last line before a crash inside a module is in the log.
     std::setvbuf(log, nullptr, _IOLBF, 0);
     return;

@@ -48,7 +48,7 @@ int setCopy(CK_ATTRIBUTE* ckAttr, const void* bytes, std::size_t copied, std::si
   return setValue(ckAttr, value, size);
 }
 
-int setString(JNIEnv* env, jclass /*cl*/, jobject obj, CK_ATTRIBUTE* ckAttr) {
+int setString(JNIEnv* env, jobject obj, CK_ATTRIBUTE* ckAttr) {
   const Chars utf_str =
       takeChars(env, static_cast<jstring>(obj), "Internal error (creating String)");
   if (utf_str == nullptr) return 0;
@@ -56,7 +56,7 @@ int setString(JNIEnv* env, jclass /*cl*/, jobject obj, CK_ATTRIBUTE* ckAttr) {
   return setCopy(ckAttr, utf_str.get(), size + 1, size);
 }
 
-int setByteArray(JNIEnv* env, jclass /*cl*/, jobject obj, CK_ATTRIBUTE* ckAttr) {
+int setByteArray(JNIEnv* env, jobject obj, CK_ATTRIBUTE* ckAttr) {
   auto* const array = static_cast<jbyteArray>(obj);
   const jsize size = env->GetArrayLength(array);
   void* value = std::malloc(static_cast<std::size_t>(size));
@@ -88,7 +88,7 @@ int setBigInteger(JNIEnv* env, jclass cl, jobject obj, CK_ATTRIBUTE* ckAttr) {
   if (env->ExceptionCheck() != JNI_FALSE || array == nullptr) return 0;
 
   CK_ATTRIBUTE whole;
-  if (setByteArray(env, nullptr, array, &whole) == 0) return 0;
+  if (setByteArray(env, array, &whole) == 0) return 0;
   HeapBlock<CK_BYTE> bytes(static_cast<CK_BYTE*>(whole.pValue));
   const CK_ULONG size = whole.ulValueLen;
   // A leading zero byte only carries the sign, which PKCS#11 big integers do not have.
@@ -96,7 +96,7 @@ int setBigInteger(JNIEnv* env, jclass cl, jobject obj, CK_ATTRIBUTE* ckAttr) {
   return setCopy(ckAttr, &bytes[1], size - 1, size - 1);
 }
 
-int setDate(JNIEnv* env, jclass /*cl*/, jobject date, CK_ATTRIBUTE* ckAttr) {
+int setDate(JNIEnv* env, jobject date, CK_ATTRIBUTE* ckAttr) {
   jclass formatCl = nullptr;
   const jobject formatter = newDateFormat(env, &formatCl);
   if (formatter == nullptr) return 0;
@@ -107,17 +107,6 @@ int setDate(JNIEnv* env, jclass /*cl*/, jobject date, CK_ATTRIBUTE* ckAttr) {
   if (env->ExceptionCheck() != JNI_FALSE || text == nullptr) return 0;
   return J2CK_ATTR(env, CK2J_INT(ckAttr->type), text, ckAttr);
 }
-
-/// A Java class of attribute values and how one fills an entry; results as J2CK_ATTR's.
-struct ValueClass {
-  const char* name;
-  int (*set)(JNIEnv* env, jclass cl, jobject obj, CK_ATTRIBUTE* ckAttr);
-};
-// In the order in which they are tested: the first class that the value belongs to decides.
-constexpr ValueClass kValueClasses[] = {
-    {"java/lang/String", setString},         {"[B", setByteArray},
-    {"java/lang/Integer", setInteger},       {"java/lang/Boolean", setBoolean},
-    {"java/math/BigInteger", setBigInteger}, {"java/util/Date", setDate}};
 
 void trace(Steps steps, const char* text) {
   if (steps == Steps::kTraced) traceLine(text);
@@ -247,11 +236,20 @@ jobject newDateFormat(JNIEnv* env, jclass* formatCl) {
 int J2CK_ATTR(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* ckAttr) {
   ckAttr->type = J2CK_INT(type);
   if (obj == nullptr) return 0;
-  for (const ValueClass& valueClass : kValueClasses) {
-    const jclass cl = env->FindClass(valueClass.name);
-    if (cl == nullptr) return 0;
-    if (env->IsInstanceOf(obj, cl) != JNI_FALSE) return valueClass.set(env, cl, obj, ckAttr);
-  }
+  // The first class that the value belongs to decides. One that cannot be found ends the chain.
+  jclass cl = nullptr;
+  bool found = true;
+  const auto isA = [&](const char* className) {
+    if (found) cl = env->FindClass(className);
+    found = cl != nullptr;
+    return found && env->IsInstanceOf(obj, cl) != JNI_FALSE;
+  };
+  if (isA("java/lang/String")) return setString(env, obj, ckAttr);
+  if (isA("[B")) return setByteArray(env, obj, ckAttr);
+  if (isA("java/lang/Integer")) return setInteger(env, cl, obj, ckAttr);
+  if (isA("java/lang/Boolean")) return setBoolean(env, cl, obj, ckAttr);
+  if (isA("java/math/BigInteger")) return setBigInteger(env, cl, obj, ckAttr);
+  if (isA("java/util/Date")) return setDate(env, obj, ckAttr);
   return 0;
 }
 

@@ -20,6 +20,12 @@ export PKCS11_ZOV_DEBUG=
 test "$(cat "$work/untraced")" = 'its own bytes'
 test ! -e /var/tmp/vorlenk0.log
 
+# A log that can be opened at a later load alone: from there on it has what Java prints, too.
+mkdir /var/tmp/vorlenk0.log
+"$java" -cp "$class_path" StandardOutput "$module" "$work/data" /var/tmp/vorlenk0.log >/dev/null
+grep -qx 'JNI: end loadPKCS11Library' /var/tmp/vorlenk0.log
+grep -qx 'for the log' /var/tmp/vorlenk0.log
+
 # A log that cannot be opened: the next file that Java opens does not become its standard output.
 mount -o remount,ro /var/tmp
 "$java" -cp "$class_path" StandardOutput "$module" "$work/data" >"$work/stdout"

@@ -10,6 +10,7 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <utility>
 
 #include "call.h"
 #include "jniUtil.h"
@@ -110,22 +111,22 @@ TEST(Lifecycle, EveryOrderOfTheThreeMethods) {
 
 TEST(Lifecycle, TheEnvironmentSwitchesTheTraceOnAndRedirectsIt) {
   scripted::reset();
+  std::ofstream("/var/tmp/vorlenk0.log") << "what is there stays\n";
   setenv("PKCS11_ZOV_DEBUG", "", 1);
-  const Outcome outcome = call("Module.loadPKCS11Library", kLoad);
+  for (const char* time : {"first", "second"}) {
+    const Outcome outcome = call("Module.loadPKCS11Library", kLoad);
+    EXPECT_EQ(printedOf(outcome.did), "getenv done \nredirecting stdout to /var/tmp/vorlenk0.log ")
+        << time;
+    EXPECT_EQ(std::exchange(debug, 0), 1);
+    EXPECT_NE(__flbf(stdout), 0);  // a crash inside a module leaves its last line in the log
+  }
   unsetenv("PKCS11_ZOV_DEBUG");
-  EXPECT_EQ(printedOf(outcome.did), "getenv done \nredirecting stdout to /var/tmp/vorlenk0.log ");
-  EXPECT_EQ(debug, 1);
-  EXPECT_NE(__flbf(stdout), 0);  // a crash inside a module leaves its last line in the log
-  debug = 0;
   std::ostringstream log;
   log << std::ifstream("/var/tmp/vorlenk0.log").rdbuf();
-  EXPECT_EQ(
-      std::regex_replace(printedOf(log.str()), std::regex("(Done: |ptr=)[0-9a-f]{6,}"), "$1X"),
-      "setting debug to 1\nJNI: start loadPKCS11Library (arg= " + scripted::file() +
-          ")\nJNI:BRIDGE: Start loading library... Done: X\n"
-          "JNI:BRIDGE: Getting FuncList address... Done: X\n"
-          "JNI:BRIDGE: Calling FuncList... Done: X\n"
-          "JNI: library loaded: (FuncList ptr=X)\nJNI: end loadPKCS11Library\n");
+  const std::string load = "setting debug to 1\nJNI: start loadPKCS11Library [(]arg= ";
+  const std::string end = "JNI: end loadPKCS11Library\n";
+  const std::regex loads("what is there stays\n(" + load + "[^)]*[)](\n[^\n]*){5}" + end + "){2}");
+  EXPECT_TRUE(std::regex_match(printedOf(log.str()), loads)) << log.str();
 }
 
 // The silent module is linked with -ffast-math, the scripted one is made to round otherwise.

@@ -104,7 +104,8 @@ struct Outputs {
   requires std::is_class_v<Info>
   static CK_RV fill(Info* info) {
     auto* bytes = reinterpret_cast<CK_BYTE*>(info);
-    for (std::size_t i = 0; bytes != nullptr && i < sizeof *info; ++i) bytes[i] = static_cast<CK_BYTE>('A' + i % 26);
+    for (std::size_t i = 0; bytes != nullptr && i < sizeof *info; ++i)
+      bytes[i] = static_cast<CK_BYTE>('A' + i % 26);
     return CKR_OK;
   }
   static CK_RV fill(auto /*input*/, auto... rest) { return fill(rest...); }

@@ -96,8 +96,9 @@ public class NativePKCS11 {
    * @param libName path of the module's shared library, which the dynamic linker gets unchanged
    * @return address of the module's function list, never 0
    * @throws PKCS11Exception with "Internal error" when the file cannot be opened, is no module or
-   *     hands out no functions, with "Internal error (Null parameter)" for a null path; whatever
-   *     was opened stays in memory
+   *     hands out no functions, with "Internal error (Null parameter)" for a null path, with the
+   *     module's own code when its {@code C_GetFunctionList} fails; whatever was opened stays in
+   *     memory
    */
   public static native long loadPKCS11Library(String libName) throws PKCS11Exception;
 
