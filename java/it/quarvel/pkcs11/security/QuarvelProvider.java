@@ -5,6 +5,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Uri;
+import it.quarvel.pkcs11.internal.Hash;
 import it.quarvel.pkcs11.nat.NativePKCS11;
 import it.quarvel.pkcs11.security.TokenSignature.Scheme;
 import java.security.AuthProvider;

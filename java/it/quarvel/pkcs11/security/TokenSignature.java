@@ -4,6 +4,8 @@ package it.quarvel.pkcs11.security;
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.internal.Encodings;
+import it.quarvel.pkcs11.internal.Hash;
 import java.io.ByteArrayOutputStream;
 import java.io.IOException;
 import java.security.AlgorithmParameters;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-package it.quarvel.pkcs11.security;
+package it.quarvel.pkcs11.internal;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
@@ -11,54 +11,77 @@ import java.security.spec.PSSParameterSpec;
 import java.util.HexFormat;
 
 /** What a signature hashes with. */
-enum Hash {
+public enum Hash {
   SHA1("SHA-1", 20, "3021300906052b0e03021a05000414", "1.2.840.113549.1.1.5",
-      "1.2.840.10045.4.1", CKM_SHA1_RSA_PKCS_PSS),
+      "1.2.840.10045.4.1", CKM_SHA1_RSA_PKCS,
+      CKM_ECDSA_SHA1, CKM_SHA1_RSA_PKCS_PSS),
   SHA224("SHA-224", 28, "302d300d06096086480165030402040500041c", "1.2.840.113549.1.1.14",
-      "1.2.840.10045.4.3.1", CKM_SHA224_RSA_PKCS_PSS),
+      "1.2.840.10045.4.3.1", CKM_SHA224_RSA_PKCS,
+      CKM_ECDSA_SHA224, CKM_SHA224_RSA_PKCS_PSS),
   SHA256("SHA-256", 32, "3031300d060960864801650304020105000420", "1.2.840.113549.1.1.11",
-      "1.2.840.10045.4.3.2", CKM_SHA256_RSA_PKCS_PSS),
+      "1.2.840.10045.4.3.2", CKM_SHA256_RSA_PKCS,
+      CKM_ECDSA_SHA256, CKM_SHA256_RSA_PKCS_PSS),
   SHA384("SHA-384", 48, "3041300d060960864801650304020205000430", "1.2.840.113549.1.1.12",
-      "1.2.840.10045.4.3.3", CKM_SHA384_RSA_PKCS_PSS),
+      "1.2.840.10045.4.3.3", CKM_SHA384_RSA_PKCS,
+      CKM_ECDSA_SHA384, CKM_SHA384_RSA_PKCS_PSS),
   SHA512("SHA-512", 64, "3051300d060960864801650304020305000440", "1.2.840.113549.1.1.13",
-      "1.2.840.10045.4.3.4", CKM_SHA512_RSA_PKCS_PSS);
+      "1.2.840.10045.4.3.4", CKM_SHA512_RSA_PKCS,
+      CKM_ECDSA_SHA512, CKM_SHA512_RSA_PKCS_PSS);
 
   /** Object identifiers of the signature with RSA and with ECDSA. */
-  final String rsaId;
+  public final String rsaId;
 
-  final String ecdsaId;
+  public final String ecdsaId;
+
+  /** The {@code CKM_} that hash and sign, with PKCS #1 and with ECDSA. */
+  public final int rsaMechanism;
+
+  public final int ecdsaMechanism;
 
   /** A salt as long as the hash, and its own mask generation. */
-  final PSSParameterSpec pss;
+  public final PSSParameterSpec pss;
 
   /** The {@code CKM_} that hashes and signs with these parameters. */
-  final int pssMechanism;
+  public final int pssMechanism;
 
   private final String algorithm;
   private final byte[] digestInfo;
 
   Hash(String algorithm, int length, String digestInfo, String rsaId, String ecdsaId,
-      int pssMechanism) {
+      int rsaMechanism, int ecdsaMechanism, int pssMechanism) {
     this.algorithm = algorithm;
     this.digestInfo = HexFormat.of().parseHex(digestInfo);
     this.rsaId = rsaId;
     this.ecdsaId = ecdsaId;
+    this.rsaMechanism = rsaMechanism;
+    this.ecdsaMechanism = ecdsaMechanism;
     pss = new PSSParameterSpec(algorithm, "MGF1", new MGF1ParameterSpec(algorithm), length,
         PSSParameterSpec.TRAILER_FIELD_BC);
     this.pssMechanism = pssMechanism;
   }
 
-  MessageDigest digest() {
+  /** Returns the hash of a mechanism that hashes and signs, null for another mechanism. */
+  public static Hash of(int mechanism) {
+    for (Hash hash : values()) {
+      if (mechanism == hash.rsaMechanism || mechanism == hash.ecdsaMechanism
+          || mechanism == hash.pssMechanism) {
+        return hash;
+      }
+    }
+    return null;
+  }
+
+  public MessageDigest digest() {
     return digest(algorithm);
   }
 
   /** Wraps a digest as PKCS #1 has it: a DER DigestInfo. */
-  byte[] digestInfo(byte[] digest) {
+  public byte[] digestInfo(byte[] digest) {
     return ByteBuffer.allocate(digestInfo.length + digest.length).put(digestInfo).put(digest)
         .array();
   }
 
-  static MessageDigest digest(String algorithm) {
+  public static MessageDigest digest(String algorithm) {
     try {
       return MessageDigest.getInstance(algorithm);
     } catch (NoSuchAlgorithmException e) {

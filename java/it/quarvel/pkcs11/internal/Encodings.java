@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-package it.quarvel.pkcs11.security;
+package it.quarvel.pkcs11.internal;
 
 import java.math.BigInteger;
 import java.nio.ByteBuffer;
@@ -7,7 +7,7 @@ import java.security.MessageDigest;
 import java.util.Arrays;
 
 /** The forms of a signature that tokens leave to the caller. */
-final class Encodings {
+public final class Encodings {
   private static final byte INTEGER = 2;
   private static final byte SEQUENCE = 0x30;
   private static final byte ONE_LENGTH_BYTE = (byte) 0x81;
@@ -16,7 +16,7 @@ final class Encodings {
   private Encodings() {}
 
   /** Makes the DER form of an ECDSA signature that is two numbers of one size. */
-  static byte[] derSignature(byte[] signature) {
+  public static byte[] derSignature(byte[] signature) {
     int size = signature.length / 2;
     byte[] r = new BigInteger(1, signature, 0, size).toByteArray();
     byte[] s = new BigInteger(1, signature, size, size).toByteArray();
@@ -37,7 +37,7 @@ final class Encodings {
    * @param bits bits of the modulus less one
    * @return bytes for raw RSA, one fewer than the modulus where it has 8n + 1 bits
    */
-  static byte[] pss(byte[] digest, byte[] salt, int bits, MessageDigest hash, MessageDigest mask) {
+  public static byte[] pss(byte[] digest, byte[] salt, int bits, MessageDigest hash, MessageDigest mask) {
     hash.update(new byte[8]);
     hash.update(digest);
     byte[] h = hash.digest(salt);
