@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 import static it.quarvel.pkcs11.PKCS11Constants.*;
-import static java.nio.charset.StandardCharsets.UTF_8;
+import static java.nio.charset.StandardCharsets.*;
 import static org.junit.jupiter.api.Assertions.*;
 
 import it.quarvel.pkcs11.*;
@@ -377,6 +377,65 @@ class ProviderTest {
         () -> load(configured(URI + "&pin-source=file:/dev/zero"), null));
     // Nothing was left open.
     PKCS11Module.open(EndToEndTest.MODULE).close();
+  }
+
+  static String pinSource(byte[] content) throws Exception {
+    return "&pin-source=file:" + Files.write(DIR.resolve("pin"), content);
+  }
+
+  static void assertLogins(int tries, String kind, String changes, Executable use)
+      throws Throwable {
+    assertEquals(tries, EndToEndTest.calls("C_Login:" + kind, changes, use));
+  }
+
+  /** Loading, of a key that logs in once, and of one that logs in each time. */
+  @ParameterizedTest
+  @CsvSource({"none,1", "rsa2048,1", "bare-key aa,2"})
+  void eightThreadsTryAWrongPinOnce(String name, String kind) throws Throwable {
+    QuarvelProvider withFile = configured(URI + pinSource(EndToEndTest.PIN.getBytes(UTF_8)));
+    PrivateKey key = (PrivateKey) load(withFile, null).getKey(name, null);
+    pinSource("98765".getBytes(UTF_8));
+    if (kind.equals("1")) {
+      provider.logout();
+      withFile.logout();
+    }
+    Callable<Exception> use = key == null ? () -> assertThrows(Exception.class, () -> load(withFile, null))
+        : () -> assertThrows(SignatureException.class, () -> {
+          Signature signer = Signature.getInstance("SHA256withRSA");
+          signer.initSign(key);
+          signed(signer);
+        });
+    assertLogins(1, kind, "", () -> EndToEndTest.inEightThreads(Collections.nCopies(8, use)));
+  }
+
+  /** The password of load, which may be a program's default, is not the PIN then. */
+  @ParameterizedTest
+  @CsvSource({"'1234\n# comment',1,", "'1234\r\n',1,", "\u00EF\u00BB\u00BF1234,1,",
+      "'\n1234',0,is empty", "1234\u00FF,0,no UTF-8", "'12345\r',1,CKR_PIN_INCORRECT"})
+  void takesThePinFromTheFirstLineOfAFile(String content, int tries, String why) throws Throwable {
+    provider.logout();
+    String uri = URI + pinSource(content.getBytes(ISO_8859_1));
+    assertLogins(tries, "1", "", why != null ? () -> assertNotLoaded(uri, why)
+        : () -> load(configured(uri), PASSWORD));
+  }
+
+  /** Both when it is connected to once more and between the session and its login. */
+  @ParameterizedTest
+  @ValueSource(strings = {"label=x", "serialNumber=x", "manufacturerID=x", "model=x",
+      "slots=second", "slots=both"})
+  void givesAnotherTokenNoPin(String change) throws Throwable {
+    String slot = Integer.toUnsignedString(new NativePKCS11().slots(true).get(0).slotID());
+    QuarvelProvider own = configured(
+        change.equals("slots=second") ? URI.replace(":", ":slot-id=" + slot + ";") : URI);
+    own.setCallbackHandler(answering(List.of(EndToEndTest.PIN), new int[1]));
+    Signature signer = Signature.getInstance("SHA256withRSA");
+    signer.initSign((PrivateKey) load(own, null).getKey("rsa2048", null));
+    provider.logout();
+    for (String when : List.of("", " after=C_OpenSession")) {
+      own.logout();
+      assertLogins(0, "1", change + when,
+          () -> assertThrows(SignatureException.class, () -> signed(signer)));
+    }
   }
 
   @Test

@@ -98,6 +98,7 @@ extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** given) {
   if (const CK_RV rv = getList(&module); rv != CKR_OK) return rv;
   static CK_FUNCTION_LIST list;
   list = *module;
+  last.clear();
   list.C_GetTokenInfo = tokenInfo;
   list.C_OpenSession = [](CK_SLOT_ID slot, CK_FLAGS flags, void* application, CK_NOTIFY notify,
                           CK_SESSION_HANDLE* session) {

@@ -7,7 +7,7 @@ import java.io.ByteArrayOutputStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
-import java.util.LinkedHashMap;
+import java.util.HashMap;
 import java.util.Map;
 import java.util.Set;
 
@@ -54,7 +54,7 @@ public final class PKCS11Uri {
       throw bad("does not start with \"" + SCHEME + "\"");
     }
     String[] parts = uri.substring(SCHEME.length()).split("\\?", 2);
-    Map<String, byte[]> attributes = new LinkedHashMap<>();
+    Map<String, byte[]> attributes = new HashMap<>();
     add(attributes, parts[0], ";", PATH);
     add(attributes, parts.length > 1 ? parts[1] : "", "&", QUERY);
     PKCS11Uri parsed = new PKCS11Uri(attributes);
@@ -99,6 +99,22 @@ public final class PKCS11Uri {
     return same("token", token.trimmedLabel()) && same("manufacturer", token.manufacturerID())
         && same("model", token.model()) && same("serial", token.serialNumber())
         && (slotID() == null || slotID() == slot);
+  }
+
+  /**
+   * Returns a URI that names beside all that this one does a token that it matches, by its label,
+   * manufacturer, model and serial number.
+   *
+   * @param token what the token says of itself
+   * @return a URI which is that token's alone, unless another one says the same of itself
+   */
+  public PKCS11Uri with(PKCS11TokenInfo token) {
+    Map<String, byte[]> all = new HashMap<>(attributes);
+    all.putIfAbsent("token", token.trimmedLabel().getBytes(StandardCharsets.UTF_8));
+    all.putIfAbsent("manufacturer", token.manufacturerID().getBytes(StandardCharsets.UTF_8));
+    all.putIfAbsent("model", token.model().getBytes(StandardCharsets.UTF_8));
+    all.putIfAbsent("serial", token.serialNumber().getBytes(StandardCharsets.UTF_8));
+    return new PKCS11Uri(all);
   }
 
   /**

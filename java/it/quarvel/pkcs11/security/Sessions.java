@@ -23,9 +23,9 @@ final class Sessions {
 
   private static final int MOST = 64;
 
+  final PKCS11Module module;
   final NativePKCS11Session lasting;
 
-  private final PKCS11Module module;
   private final NativePKCS11Slot slot;
   private final Queue<NativePKCS11Session> idle = new ConcurrentLinkedQueue<>();
   private final Semaphore room;

@@ -7,21 +7,12 @@ import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Module;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
 import it.quarvel.pkcs11.PKCS11Uri;
+import it.quarvel.pkcs11.internal.Pin;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
-import java.io.IOException;
-import java.io.InputStream;
-import java.nio.ByteBuffer;
-import java.nio.CharBuffer;
-import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.util.Arrays;
 import java.util.HashSet;
 import java.util.Set;
-import javax.security.auth.callback.Callback;
 import javax.security.auth.callback.CallbackHandler;
-import javax.security.auth.callback.PasswordCallback;
-import javax.security.auth.callback.UnsupportedCallbackException;
 import javax.security.auth.login.FailedLoginException;
 import javax.security.auth.login.LoginException;
 
@@ -33,6 +24,12 @@ final class Token {
   /** What is done in a session; handles that were found in another connection are of no use. */
   interface Work<T> {
     T in(NativePKCS11Session session, Connection connection) throws PKCS11Exception;
+  }
+
+  /** The same, with a login of its own in the middle. */
+  interface PinWork<T> {
+    T in(NativePKCS11Session session, Connection connection, NativePKCS11Session.Login login)
+        throws PKCS11Exception;
   }
 
   /** Those that not every token with RSA has. */
@@ -47,17 +44,7 @@ final class Token {
 
   private static final int MOST_ATTEMPTS = 3;
 
-  /** Bytes of a pin-source; what is longer is another file, or has no end. */
-  private static final int LONGEST_PIN = 4096;
-
-  /** The pin-source of the URI, null without one. */
-  private final CallbackHandler source;
-
-  /** A file does not learn from a refusal: to ask it again would use up the token's tries. */
-  private volatile boolean sourceRefused;
-
-  /** Asks for the PIN; null where nobody does. */
-  private volatile CallbackHandler handler;
+  private volatile Asker asker;
 
   /** Whom the URI has turned out to name. */
   private volatile PKCS11TokenInfo info;
@@ -67,13 +54,12 @@ final class Token {
 
   Token(PKCS11Uri uri) {
     this.uri = uri;
-    source = uri.pinFile() == null ? null : this::readPin;
-    handler = source;
+    setHandler(null);
   }
 
   /** Sets who asks for the PIN; null: what the URI says. */
   void setHandler(CallbackHandler handler) {
-    this.handler = handler != null ? handler : source;
+    asker = handler == null && uri.pinFile() != null ? Asker.of(uri.pinFile()) : Asker.of(handler);
   }
 
   boolean isOpen() {
@@ -98,8 +84,13 @@ final class Token {
    * @throws LoginException when there is no PIN or the token refuses it, which is the cause then
    */
   void login(CallbackHandler once) throws PKCS11Exception, LoginException {
-    sourceRefused = false;
-    connect(connection, once != null ? once : handler);
+    Asker chosen = asker(once);
+    chosen.pardon();
+    connect(connection, chosen, chosen.begin());
+  }
+
+  private Asker asker(CallbackHandler once) {
+    return once == null ? asker : Asker.of(once);
   }
 
   /** Logs out, and closes the module unless another token needs it. */
@@ -116,12 +107,13 @@ final class Token {
 
   /** The same; {@code once} asks for the PIN this time, unless it is null. */
   <T> T run(Work<T> work, CallbackHandler once) throws PKCS11Exception, LoginException {
-    CallbackHandler asker = once != null ? once : handler;
+    Asker chosen = asker(once);
+    int begun = chosen.begin();
     Connection current = connection;
     if (current == null) {
-      current = connect(null, asker);
+      current = connect(null, chosen, begun);
     }
-    for (int failures = 0; ; current = connect(current, asker)) {
+    for (int failures = 0; ; current = connect(current, chosen, begun)) {
       try {
         return runIn(current, work);
       } catch (PKCS11Exception e) {
@@ -130,6 +122,34 @@ final class Token {
         if (!isGone(e) || failures == MOST_ATTEMPTS) {
           throw e;
         }
+      }
+    }
+  }
+
+  /**
+   * Does some work that logs in once more, for a key that wants that. Until it is done nobody else is
+   * asked for a PIN or logs in: who waits for that learns from a refusal.
+   */
+  <T> T runWithPin(PinWork<T> work) throws PKCS11Exception, LoginException {
+    Asker chosen = asker;
+    int begun = chosen.begin();
+    synchronized (this) {
+      byte[] pin = chosen.ask(info, begun);
+      PKCS11Exception[] refused = {null};
+      try {
+        return run((session, connection) -> work.in(session, connection, () -> {
+          if (refused[0] != null) {
+            throw refused[0]; // and the PIN is not sent again, however often the work is
+          }
+          try {
+            authenticate(connection.sessions, session, pin, chosen);
+          } catch (PKCS11Exception e) {
+            refused[0] = e;
+            throw e;
+          }
+        }));
+      } finally {
+        Pin.wipe(pin);
       }
     }
   }
@@ -163,49 +183,37 @@ final class Token {
     return connection.sessions.run(session -> work.in(session, connection));
   }
 
-  /**
-   * Asks for the PIN.
-   *
-   * @return the PIN, which the caller wipes; null when the token has a path of its own for it
-   */
-  char[] askPin() throws LoginException {
-    return askPin(handler);
-  }
-
-  /** Logs in with what {@link #askPin} returned ({@code C_Login}). */
-  void authenticate(NativePKCS11Session session, char[] pin) throws PKCS11Exception {
-    authenticate(session, pin, handler);
-  }
-
-  private void authenticate(NativePKCS11Session session, char[] pin, CallbackHandler asked)
+  /** Logs in, provided that it is still this token that gets the PIN. */
+  private void authenticate(Sessions sessions, NativePKCS11Session session, byte[] pin, Asker asked)
       throws PKCS11Exception {
+    if (!choose(sessions.module).equals(session.slot())) {
+      throw new PKCS11Exception("the token \"" + label() + "\" has gone to another slot");
+    }
     try {
       if (pin == null) {
         session.loginAuthPath(false);
       } else {
-        session.login(pin);
+        session.loginellips(false, pin);
       }
     } catch (PKCS11Exception e) {
-      sourceRefused |= asked == source && e.errorCode() == CKR_PIN_INCORRECT;
+      // Any other failure may have cost a try, whatever it is called.
+      if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN
+          && (!isGone(e) || e.errorCode() == CKR_DEVICE_ERROR)) {
+        asked.refuse();
+      }
       throw e;
     }
   }
 
-  static void wipe(char[] pin) {
-    if (pin != null) {
-      Arrays.fill(pin, '\0');
-    }
-  }
-
   /** Connects anew, unless another thread has done so since the connection was seen to fail. */
-  private synchronized Connection connect(Connection failed, CallbackHandler asker)
+  private synchronized Connection connect(Connection failed, Asker asker, int begun)
       throws PKCS11Exception, LoginException {
     if (connection == null || connection == failed) {
       PKCS11TokenInfo known = info;
       Sessions sessions = connection != null && isAlive(failed) ? failed.sessions : attach();
       connection = null;
       try {
-        logIn(sessions, asker);
+        logIn(sessions, asker, begun);
         connection = new Connection(sessions, new Object());
       } finally {
         if (connection == null) {
@@ -255,7 +263,7 @@ final class Token {
   }
 
   private Sessions open(PKCS11Module module) throws PKCS11Exception {
-    NativePKCS11Slot slot = SharedModule.use(module, () -> find(module));
+    NativePKCS11Slot slot = SharedModule.use(module, () -> choose(module));
     if (info == null) {
       mechanisms = SharedModule.use(module, () -> signing(slot));
       info = SharedModule.use(module, slot::getTokenInfo);
@@ -263,18 +271,21 @@ final class Token {
     return new Sessions(module, slot, info);
   }
 
-  private NativePKCS11Slot find(PKCS11Module module) throws PKCS11Exception {
-    if (info == null) {
-      return module.token(uri);
-    }
-    for (NativePKCS11Slot slot : module.tokens()) {
-      PKCS11TokenInfo other = slot.getTokenInfo();
-      if (other.serialNumber().equals(info.serialNumber()) && other.label().equals(info.label())) {
-        return slot;
+  private NativePKCS11Slot choose(PKCS11Module module) throws PKCS11Exception {
+    try {
+      return module.token(identity());
+    } catch (PKCS11Exception e) {
+      if (info == null || e.reason() != PKCS11Exception.Reason.OTHER) {
+        throw e;
       }
+      throw new PKCS11Exception("the token \"" + label() + "\" of before (serial number "
+          + info.serialNumber().strip() + ") is not found: " + e.getMessage());
     }
-    throw new PKCS11Exception("the token \"%s\" (serial number %s) is not there"
-        .formatted(label(), info.serialNumber().strip()));
+  }
+
+  /** What the URI says, and what the token has said of itself since it was seen first. */
+  private PKCS11Uri identity() {
+    return info == null ? uri : uri.with(info);
   }
 
   private static Set<Integer> signing(NativePKCS11Slot slot) throws PKCS11Exception {
@@ -287,17 +298,17 @@ final class Token {
     return signing;
   }
 
-  private void logIn(Sessions sessions, CallbackHandler asker)
+  private void logIn(Sessions sessions, Asker asker, int begun)
       throws PKCS11Exception, LoginException {
     int state = sessions.runLasting(NativePKCS11Session::getInfo).state();
     if (!info.hasFlag(CKF_LOGIN_REQUIRED) || state == CKS_RO_USER_FUNCTIONS
         || state == CKS_RW_USER_FUNCTIONS) {
       return;
     }
-    char[] pin = askPin(asker);
+    byte[] pin = asker.ask(info, begun);
     try {
       sessions.runLasting(session -> {
-        authenticate(session, pin, asker);
+        authenticate(sessions, session, pin, asker);
         return null;
       });
     } catch (PKCS11Exception e) {
@@ -310,54 +321,7 @@ final class Token {
         default -> throw e;
       }
     } finally {
-      wipe(pin);
+      Pin.wipe(pin);
     }
-  }
-
-  private char[] askPin(CallbackHandler asker) throws LoginException {
-    char[] pin = null;
-    if (asker != null) {
-      if (asker == source && sourceRefused) {
-        throw new LoginException("the PIN of %s was refused: it is tried again when a key store is"
-            .formatted(uri.pinFile()) + " loaded");
-      }
-      PasswordCallback question = new PasswordCallback("PIN of \"" + label() + "\": ", false);
-      try {
-        asker.handle(new Callback[] {question});
-      } catch (IOException | UnsupportedCallbackException e) {
-        throw (LoginException) new LoginException("the PIN cannot be asked for: " + e).initCause(e);
-      }
-      pin = question.getPassword();
-      question.clearPassword();
-    }
-    if (pin == null && !info.hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH)) {
-      throw new LoginException(("the token \"%s\" wants a PIN, and none is given: not by load, not"
-          + " by a callback handler, not by a pin-source in the URI").formatted(label()));
-    }
-    return pin;
-  }
-
-  /** Answers with the file that the URI names. */
-  private void readPin(Callback[] questions) throws IOException {
-    byte[] bytes;
-    try (InputStream in = Files.newInputStream(uri.pinFile())) {
-      bytes = in.readNBytes(LONGEST_PIN + 1);
-    }
-    if (bytes.length > LONGEST_PIN) {
-      throw new IOException("the pin-source has more than " + LONGEST_PIN + " bytes");
-    }
-    CharBuffer text = StandardCharsets.UTF_8.decode(ByteBuffer.wrap(bytes));
-    int end = text.limit();
-    while (end > 0 && (text.get(end - 1) == '\n' || text.get(end - 1) == '\r')) {
-      end--;
-    }
-    if (end == 0) {
-      throw new IOException("the pin-source is empty");
-    }
-    char[] pin = Arrays.copyOf(text.array(), end);
-    ((PasswordCallback) questions[0]).setPassword(pin);
-    Arrays.fill(bytes, (byte) 0);
-    wipe(text.array());
-    wipe(pin);
   }
 }

@@ -96,13 +96,10 @@ abstract class TokenKey implements PrivateKey {
   }
 
   private byte[] operate(Use use) throws PKCS11Exception, LoginException {
-    char[] pin = found.alwaysAuthenticate() ? token.askPin() : null;
-    try {
-      return token.run((session, connection) -> use.in(session, in(session, connection),
-          found.alwaysAuthenticate() ? () -> token.authenticate(session, pin) : null));
-    } finally {
-      Token.wipe(pin);
-    }
+    return found.alwaysAuthenticate()
+        ? token.runWithPin((session, connection, login) ->
+            use.in(session, in(session, connection), login))
+        : token.run((session, connection) -> use.in(session, in(session, connection), null));
   }
 
   private NativePKCS11Object in(NativePKCS11Session session, Token.Connection connection)

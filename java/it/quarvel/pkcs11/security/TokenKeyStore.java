@@ -95,10 +95,12 @@ final class TokenKeyStore extends KeyStoreSpi {
     return new IOException("the token cannot be loaded: " + cause.getMessage(), cause);
   }
 
-  private void load(CallbackHandler asker) throws PKCS11Exception, LoginException {
+  /** What comes from {@code given} may be the default password of a program: a pin-source outdoes it. */
+  private void load(CallbackHandler given) throws PKCS11Exception, LoginException {
     if (token == null) {
       throw new PKCS11Exception("the provider names no token: configure it with a PKCS#11 URI");
     }
+    CallbackHandler asker = token.uri.pinFile() == null ? given : null;
     boolean wasOpen = token.isOpen();
     token.login(asker);
     try {
