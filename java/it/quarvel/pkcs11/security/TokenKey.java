@@ -30,11 +30,6 @@ import javax.security.auth.login.LoginException;
 abstract class TokenKey implements PrivateKey {
   private static final long serialVersionUID = 1L;
 
-  private interface Use {
-    byte[] in(NativePKCS11Session session, NativePKCS11Object key, NativePKCS11Session.Login login)
-        throws PKCS11Exception;
-  }
-
   private record Located(NativePKCS11Object object, Token.Connection connection) {}
 
   final transient Token token;
@@ -87,19 +82,28 @@ abstract class TokenKey implements PrivateKey {
    * @throws LoginException when a PIN is needed and cannot be had
    */
   byte[] sign(int mechanism, byte[] data) throws PKCS11Exception, LoginException {
-    return operate((session, object, login) -> session.sign(mechanism, object, data, login));
+    return operate(false, mechanism, data);
   }
 
   /** Decrypts ({@code C_DecryptInit}, {@code C_Decrypt}), as {@link #sign} signs. */
   byte[] decrypt(int mechanism, byte[] data) throws PKCS11Exception, LoginException {
-    return operate((session, object, login) -> session.decrypt(mechanism, object, data, login));
+    return operate(true, mechanism, data);
   }
 
-  private byte[] operate(Use use) throws PKCS11Exception, LoginException {
+  private byte[] operate(boolean decrypts, int mechanism, byte[] data)
+      throws PKCS11Exception, LoginException {
     return found.alwaysAuthenticate()
         ? token.runWithPin((session, connection, login) ->
-            use.in(session, in(session, connection), login))
-        : token.run((session, connection) -> use.in(session, in(session, connection), null));
+            operate(decrypts, mechanism, data, session, in(session, connection), login))
+        : token.run((session, connection) ->
+            operate(decrypts, mechanism, data, session, in(session, connection), null));
+  }
+
+  private static byte[] operate(boolean decrypts, int mechanism, byte[] data,
+      NativePKCS11Session session, NativePKCS11Object key, NativePKCS11Session.Login login)
+      throws PKCS11Exception {
+    return decrypts ? session.decrypt(mechanism, key, data, login)
+        : session.sign(mechanism, key, data, login);
   }
 
   private NativePKCS11Object in(NativePKCS11Session session, Token.Connection connection)
