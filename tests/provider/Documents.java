@@ -7,9 +7,12 @@ import java.security.cert.X509Certificate;
 import java.util.*;
 import org.apache.pdfbox.pdmodel.*;
 import org.apache.pdfbox.pdmodel.interactive.digitalsignature.PDSignature;
+import org.bouncycastle.asn1.x509.AlgorithmIdentifier;
+import org.bouncycastle.asn1.x9.X9ObjectIdentifiers;
 import org.bouncycastle.cert.jcajce.JcaCertStore;
 import org.bouncycastle.cms.*;
 import org.bouncycastle.cms.jcajce.*;
+import org.bouncycastle.jce.provider.BouncyCastleProvider;
 import org.bouncycastle.operator.jcajce.*;
 
 /**
@@ -25,12 +28,21 @@ class Documents {
     write("SHA256withRSA.cms", sign(store, "rsa2048", "SHA256withRSA", text));
     write("SHA256withRSAandMGF1.cms", sign(store, "rsa2048", "SHA256withRSAandMGF1", text));
     write("SHA384withECDSA.cms", sign(store, "prime256v1", "SHA384withECDSA", text));
-    CMSEnvelopedData encrypted =
-        new CMSEnvelopedData(Files.readAllBytes(Path.of("encrypted.cms")));
-    RecipientInformation recipient = encrypted.getRecipientInfos().iterator().next();
-    write("decrypted", recipient.getContent(
-        new JceKeyTransEnvelopedRecipient((PrivateKey) store.getKey("rsa2048", null))));
+    // Java's own keys of EC have no object identifier, by which CMS asks for them.
+    Security.addProvider(new BouncyCastleProvider());
+    for (String name : List.of("rsa2048", "agreeing", "agreeing-1")) {
+      decrypt(store, name);
+    }
     signPdf(store);
+  }
+
+  private static void decrypt(KeyStore store, String name) throws Exception {
+    PrivateKey key = (PrivateKey) store.getKey(name.replaceFirst("-.*", ""), null);
+    Recipient recipient = key.getAlgorithm().equals("RSA") ? new JceKeyTransEnvelopedRecipient(key)
+        : new JceKeyAgreeEnvelopedRecipient(key).setPrivateKeyAlgorithmIdentifier(
+            new AlgorithmIdentifier(X9ObjectIdentifiers.id_ecPublicKey));
+    write(name + ".decrypted", new CMSEnvelopedData(Files.readAllBytes(Path.of(name + ".cms")))
+        .getRecipientInfos().iterator().next().getContent(recipient));
   }
 
   private static void write(String file, byte[] content) throws IOException {

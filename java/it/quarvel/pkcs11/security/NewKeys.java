@@ -5,6 +5,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Template;
 import java.io.IOException;
+import java.math.BigInteger;
 import java.nio.ByteBuffer;
 import java.security.AlgorithmParameters;
 import java.security.GeneralSecurityException;
@@ -29,6 +30,7 @@ final class NewKeys {
   private static final int ID_LENGTH = 8;
   private static final int ED25519_SIZE = 32;
   private static final byte OCTET_STRING = 4;
+  private static final byte UNCOMPRESSED = 4;
   private static final byte ONE_LENGTH_BYTE = (byte) 0x81;
 
   private NewKeys() {}
@@ -82,11 +84,9 @@ final class NewKeys {
           .put(CKA_COEFFICIENT, rsa.getCrtCoefficient());
     }
     if (key instanceof ECPrivateKey ec) {
-      byte[] scalar = new byte[(ec.getParams().getOrder().bitLength() + 7) / 8];
-      byte[] number = ec.getS().toByteArray();
-      int length = Math.min(number.length, scalar.length);
-      System.arraycopy(number, number.length - length, scalar, scalar.length - length, length);
-      return privateKey(CKK_EC, id).put(CKA_EC_PARAMS, curve(ec.getParams())).put(CKA_VALUE, scalar);
+      int size = (ec.getParams().getOrder().bitLength() + 7) / 8;
+      return privateKey(CKK_EC, id).put(CKA_EC_PARAMS, curve(ec.getParams()))
+          .put(CKA_VALUE, fixed(ec.getS(), size));
     }
     if (key instanceof EdECPrivateKey edwards && isEd25519(edwards.getParams())
         && edwards.getBytes().isPresent()) {
@@ -103,25 +103,41 @@ final class NewKeys {
           .put(CKA_PUBLIC_EXPONENT, rsa.getPublicExponent());
     }
     if (key instanceof ECPublicKey ec) {
-      int size = (ec.getParams().getCurve().getField().getFieldSize() + 7) / 8;
       return publicKey(CKK_EC, id).put(CKA_EC_PARAMS, curve(ec.getParams()))
-          .put(CKA_EC_POINT, point(key, 1 + 2 * size));
+          .put(CKA_EC_POINT, octets(point(ec)));
     }
     if (KeyKind.of(key) == KeyKind.ED25519) {
       return publicKey(CKK_EC_EDWARDS, id).put(CKA_EC_PARAMS, ED25519_PARAMS)
-          .put(CKA_EC_POINT, point(key, ED25519_SIZE));
+          .put(CKA_EC_POINT, octets(tail(key.getEncoded(), ED25519_SIZE)));
     }
     throw new InvalidKeyException("a public key of RSA, EC or Ed25519 is wanted");
   }
 
-  /** Takes the point from the end of Java's encoding and makes an OCTET STRING of it. */
-  private static byte[] point(PublicKey key, int size) {
-    byte[] encoded = key.getEncoded();
-    ByteBuffer der = ByteBuffer.allocate(3 + size).put(OCTET_STRING);
-    if (size > Byte.MAX_VALUE) {
+  /** Returns the point of a key in the uncompressed form of SEC 1. */
+  static byte[] point(ECPublicKey key) {
+    int size = (key.getParams().getCurve().getField().getFieldSize() + 7) / 8;
+    return ByteBuffer.allocate(1 + 2 * size).put(UNCOMPRESSED)
+        .put(fixed(key.getW().getAffineX(), size)).put(fixed(key.getW().getAffineY(), size)).array();
+  }
+
+  private static byte[] fixed(BigInteger number, int size) {
+    byte[] padded = new byte[size + 1];
+    byte[] bytes = number.toByteArray();
+    System.arraycopy(bytes, 0, padded, padded.length - bytes.length, bytes.length);
+    return tail(padded, size);
+  }
+
+  private static byte[] tail(byte[] bytes, int size) {
+    return Arrays.copyOfRange(bytes, bytes.length - size, bytes.length);
+  }
+
+  /** Makes an OCTET STRING of up to 255 bytes. */
+  private static byte[] octets(byte[] bytes) {
+    ByteBuffer der = ByteBuffer.allocate(3 + bytes.length).put(OCTET_STRING);
+    if (bytes.length > Byte.MAX_VALUE) {
       der.put(ONE_LENGTH_BYTE);
     }
-    der.put((byte) size).put(encoded, encoded.length - size, size);
+    der.put((byte) bytes.length).put(bytes);
     return Arrays.copyOf(der.array(), der.position());
   }
 

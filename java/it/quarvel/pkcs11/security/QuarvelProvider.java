@@ -81,6 +81,12 @@ public final class QuarvelProvider extends AuthProvider {
         () -> new TokenKeyStore(this, token), any -> true));
     putService(new TokenService(this, "Cipher", TokenCipher.NAME, TokenCipher.class, List.of("RSA"),
         () -> new TokenCipher(this), TokenKey::decrypts));
+    putAgreement("ECDH", null);
+    putAgreement("1.3.133.16.840.63.0.2", Hash.SHA1);
+    putAgreement("1.3.132.1.11.0", Hash.SHA224);
+    putAgreement("1.3.132.1.11.1", Hash.SHA256);
+    putAgreement("1.3.132.1.11.2", Hash.SHA384);
+    putAgreement("1.3.132.1.11.3", Hash.SHA512);
     put("NONEwithRSA", Scheme.PKCS1, null);
     put("RSASSA-PSS", Scheme.PSS, null, "1.2.840.113549.1.1.10");
     put("NONEwithECDSA", Scheme.ECDSA_DER, null);
@@ -112,6 +118,11 @@ public final class QuarvelProvider extends AuthProvider {
     }
     putService(new TokenService(this, "Signature", name, TokenSignature.class, aliases,
         () -> new TokenSignature(this, name, scheme, hash), scheme::takes));
+  }
+
+  private void putAgreement(String name, Hash hash) {
+    putService(new TokenService(this, "KeyAgreement", name, TokenKeyAgreement.class, List.of(),
+        () -> new TokenKeyAgreement(this, name, hash), TokenKey.Ec.class::isInstance));
   }
 
   private void putGenerator(String name, TokenKeyPairGenerator.Kind kind) {

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.security;
 
-import it.quarvel.pkcs11.PKCS11Constants;
+import static it.quarvel.pkcs11.PKCS11Constants.*;
+
 import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Template;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import java.io.NotSerializableException;
@@ -106,7 +108,7 @@ abstract class TokenKey implements PrivateKey {
         : session.sign(mechanism, key, data, login);
   }
 
-  private NativePKCS11Object in(NativePKCS11Session session, Token.Connection connection)
+  NativePKCS11Object in(NativePKCS11Session session, Token.Connection connection)
       throws PKCS11Exception {
     Located last = located;
     if (last.connection != connection) {
@@ -116,7 +118,7 @@ abstract class TokenKey implements PrivateKey {
           return key.object();
         }
       }
-      throw new PKCS11Exception(PKCS11Constants.CKR_KEY_HANDLE_INVALID);
+      throw new PKCS11Exception(CKR_KEY_HANDLE_INVALID);
     }
     return last.object;
   }
@@ -205,6 +207,25 @@ abstract class TokenKey implements PrivateKey {
     @Override
     public ECParameterSpec getParams() {
       return curve;
+    }
+
+    /**
+     * Agrees on a secret ({@code CKM_ECDH1_DERIVE}), which does not stay on the token.
+     *
+     * @param point the other side's, uncompressed
+     */
+    byte[] agree(byte[] point) throws PKCS11Exception, LoginException {
+      return token.run((session, connection) -> {
+        NativePKCS11Object secret = session.unwrapKey(CKM_ECDH1_DERIVE, in(session, connection),
+            point, new PKCS11Template().put(CKA_CLASS, CKO_SECRET_KEY)
+                .put(CKA_KEY_TYPE, CKK_GENERIC_SECRET).put(CKA_TOKEN, false)
+                .put(CKA_SENSITIVE, false).put(CKA_EXTRACTABLE, true));
+        try {
+          return secret.getByteArrayAttributeValue(CKA_VALUE);
+        } finally {
+          secret.destroy();
+        }
+      });
     }
 
     /** Bytes of the order. */

@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: Apache-2.0
+package it.quarvel.pkcs11.security;
+
+import it.quarvel.pkcs11.PKCS11Exception;
+import java.math.BigInteger;
+import java.nio.ByteBuffer;
+import java.security.InvalidAlgorithmParameterException;
+import java.security.InvalidKeyException;
+import java.security.Key;
+import java.security.MessageDigest;
+import java.security.NoSuchAlgorithmException;
+import java.security.Provider;
+import java.security.ProviderException;
+import java.security.SecureRandom;
+import java.security.interfaces.ECPublicKey;
+import java.security.spec.AlgorithmParameterSpec;
+import java.security.spec.ECFieldFp;
+import java.security.spec.ECPoint;
+import java.security.spec.EllipticCurve;
+import java.util.Arrays;
+import javax.crypto.KeyAgreement;
+import javax.crypto.KeyAgreementSpi;
+import javax.crypto.SecretKey;
+import javax.crypto.ShortBufferException;
+import javax.crypto.spec.SecretKeySpec;
+import javax.security.auth.login.LoginException;
+
+/**
+ * Agrees on a secret with an EC key on a token. The secret is made there, read and destroyed. What is
+ * to be agreed on with another key is another provider's.
+ */
+final class TokenKeyAgreement extends KeyAgreementSpi {
+  private static final String AES_IDS = "2.16.840.1.101.3.4.1.";
+
+  private final Provider provider;
+  private final String name;
+
+  /** Makes a key of the secret as X9.63 does; null where the secret itself is wanted. */
+  private final Hash hash;
+
+  private TokenKey.Ec key;
+  private byte[] info;
+
+  /** Null until {@link #engineDoPhase}. */
+  private byte[] secret;
+
+  /** The other provider's, null unless it has been handed the key. */
+  private KeyAgreement other;
+
+  /**
+   * Makes an agreement without a key.
+   *
+   * @param provider ours
+   * @param name what other providers call the algorithm
+   * @param hash that of X9.63's derivation of keys, as CMS wants it (RFC 5753); null without one
+   */
+  TokenKeyAgreement(Provider provider, String name, Hash hash) {
+    this.provider = provider;
+    this.name = name;
+    this.hash = hash;
+  }
+
+  @Override
+  protected void engineInit(Key wanted, SecureRandom random) throws InvalidKeyException {
+    try {
+      engineInit(wanted, null, random);
+    } catch (InvalidAlgorithmParameterException e) {
+      throw new InvalidKeyException(e.getMessage(), e);
+    }
+  }
+
+  @Override
+  protected void engineInit(Key wanted, AlgorithmParameterSpec parameters, SecureRandom random)
+      throws InvalidKeyException, InvalidAlgorithmParameterException {
+    secret = null;
+    if (!(wanted instanceof TokenKey)) {
+      other = OtherProviders.first(provider, candidate -> {
+        KeyAgreement agreement = KeyAgreement.getInstance(name, candidate);
+        agreement.init(wanted, parameters, random);
+        return agreement;
+      });
+      return;
+    }
+    if (!(wanted instanceof TokenKey.Ec ec)) {
+      throw new InvalidKeyException("a key of EC is wanted, not " + wanted);
+    }
+    info = parameters == null ? null : sharedInfo(parameters);
+    if ((hash == null) != (info == null)) {
+      throw new InvalidAlgorithmParameterException(name + (hash == null ? " takes no parameters"
+          : " wants the key material that it takes beside the secret"));
+    }
+    key = ec;
+    other = null;
+  }
+
+  /** Java has no class for it, and BouncyCastle's is no dependency of this provider. */
+  private static byte[] sharedInfo(AlgorithmParameterSpec parameters)
+      throws InvalidAlgorithmParameterException {
+    try {
+      return (byte[])
+          parameters.getClass().getMethod("getUserKeyingMaterial").invoke(parameters);
+    } catch (ReflectiveOperationException e) {
+      throw new InvalidAlgorithmParameterException("a UserKeyingMaterialSpec is wanted, not "
+          + parameters, e);
+    }
+  }
+
+  @Override
+  protected Key engineDoPhase(Key theirs, boolean lastPhase) throws InvalidKeyException {
+    if (other != null) {
+      return other.doPhase(theirs, lastPhase);
+    }
+    if (key == null || secret != null || !lastPhase) {
+      throw new IllegalStateException("an agreement has one phase, after it was given a key");
+    }
+    if (!(theirs instanceof ECPublicKey ec) || !isOnCurve(ec.getW(), key.getParams().getCurve())) {
+      throw new InvalidKeyException("a public key of the curve of " + key + " is wanted");
+    }
+    try {
+      secret = key.agree(NewKeys.point(ec));
+    } catch (LoginException e) {
+      throw new ProviderException(e.getMessage(), e);
+    } catch (PKCS11Exception e) {
+      throw new InvalidKeyException("the token does not agree on a secret, or does not give it away: "
+          + e.getMessage(), e);
+    }
+    return null;
+  }
+
+  /** Not all tokens look, and points of other curves would tell of the key. */
+  private static boolean isOnCurve(ECPoint point, EllipticCurve curve) {
+    if (!(curve.getField() instanceof ECFieldFp field) || point.equals(ECPoint.POINT_INFINITY)) {
+      return false;
+    }
+    BigInteger p = field.getP();
+    BigInteger x = point.getAffineX();
+    BigInteger y = point.getAffineY();
+    BigInteger right = x.multiply(x).add(curve.getA()).multiply(x).add(curve.getB());
+    return x.max(y).compareTo(p) < 0 && x.min(y).signum() >= 0
+        && y.multiply(y).subtract(right).mod(p).signum() == 0;
+  }
+
+  @Override
+  protected byte[] engineGenerateSecret() {
+    if (other != null) {
+      return other.generateSecret();
+    }
+    if (secret == null) {
+      throw new IllegalStateException("the other side's key is wanted first");
+    }
+    byte[] result = hash == null ? secret.clone() : derive();
+    Arrays.fill(secret, (byte) 0);
+    secret = null;
+    return result;
+  }
+
+  /** Derives as many bits as the last four bytes say: so RFC 5753 ends what both sides share. */
+  private byte[] derive() {
+    int size = ByteBuffer.wrap(info).getInt(info.length - Integer.BYTES) / Byte.SIZE;
+    MessageDigest digest = hash.digest();
+    ByteBuffer derived = ByteBuffer.allocate(size + digest.getDigestLength());
+    for (int counter = 1; derived.position() < size; counter++) {
+      digest.update(secret);
+      digest.update(ByteBuffer.allocate(Integer.BYTES).putInt(0, counter));
+      derived.put(digest.digest(info));
+    }
+    return Arrays.copyOf(derived.array(), size);
+  }
+
+  @Override
+  protected int engineGenerateSecret(byte[] room, int offset) throws ShortBufferException {
+    if (other != null) {
+      return other.generateSecret(room, offset);
+    }
+    byte[] kept = secret == null ? null : secret.clone();
+    byte[] result = engineGenerateSecret();
+    if (result.length > room.length - offset) {
+      secret = kept;
+      throw new ShortBufferException(result.length + " bytes are needed");
+    }
+    System.arraycopy(result, 0, room, offset, result.length);
+    return result.length;
+  }
+
+  /** CMS names the cipher by its object identifier. */
+  @Override
+  protected SecretKey engineGenerateSecret(String algorithm)
+      throws NoSuchAlgorithmException, InvalidKeyException {
+    if (other != null) {
+      return other.generateSecret(algorithm);
+    }
+    return new SecretKeySpec(
+        engineGenerateSecret(), algorithm.startsWith(AES_IDS) ? "AES" : algorithm);
+  }
+}
