@@ -2,14 +2,19 @@
 import static org.junit.jupiter.api.Assertions.*;
 
 import it.quarvel.pkcs11.security.QuarvelProvider;
+import java.math.BigInteger;
 import java.nio.file.*;
 import java.security.*;
 import java.security.cert.Certificate;
 import java.security.cert.CertificateFactory;
+import java.security.interfaces.ECPublicKey;
 import java.security.spec.*;
 import java.util.*;
+import javax.crypto.KeyAgreement;
 import javax.crypto.spec.SecretKeySpec;
 import org.junit.jupiter.api.*;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.ValueSource;
 
 /** Has the key store change a token, and OpenSC say what is on it then. */
 class KeyStoreWriterTest {
@@ -170,5 +175,29 @@ class KeyStoreWriterTest {
     }
     open(ProviderTest.URI);
     assertThrows(NoSuchAlgorithmException.class, () -> generated("RSA", null));
+  }
+
+  @ParameterizedTest
+  @ValueSource(strings = {"secp256r1", "secp521r1"})
+  void agreesAsTheJdkDoes(String curve) throws Exception {
+    KeyPair own = generated("EC", new ECGenParameterSpec(curve));
+    KeyPairGenerator generator = KeyPairGenerator.getInstance("EC");
+    generator.initialize(new ECGenParameterSpec(curve));
+    KeyPair theirs = generator.generateKeyPair();
+    Set<String> before = objects();
+    KeyAgreement agreement = KeyAgreement.getInstance("ECDH", provider);
+    List<String> secrets = new ArrayList<>();
+    for (PrivateKey key : List.of(own.getPrivate(), theirs.getPrivate())) {
+      agreement.init(key);
+      agreement.doPhase((key == own.getPrivate() ? theirs : own).getPublic(), true);
+      secrets.add(HexFormat.of().formatHex(agreement.generateSecret()));
+    }
+    assertEquals(secrets.get(1), secrets.get(0));
+    assertEquals(before, objects());
+    ECPublicKey point = (ECPublicKey) theirs.getPublic();
+    PublicKey beside = KeyFactory.getInstance("EC").generatePublic(new ECPublicKeySpec(
+        new ECPoint(point.getW().getAffineX(), BigInteger.ONE), point.getParams()));
+    agreement.init(own.getPrivate());
+    assertThrows(InvalidKeyException.class, () -> agreement.doPhase(beside, true));
   }
 }

@@ -7,9 +7,7 @@ import java.security.cert.X509Certificate;
 import java.util.*;
 import org.apache.pdfbox.pdmodel.*;
 import org.apache.pdfbox.pdmodel.interactive.digitalsignature.PDSignature;
-import org.bouncycastle.asn1.x509.AlgorithmIdentifier;
-import org.bouncycastle.asn1.x9.X9ObjectIdentifiers;
-import org.bouncycastle.cert.jcajce.JcaCertStore;
+import org.bouncycastle.cert.jcajce.*;
 import org.bouncycastle.cms.*;
 import org.bouncycastle.cms.jcajce.*;
 import org.bouncycastle.jce.provider.BouncyCastleProvider;
@@ -37,10 +35,12 @@ class Documents {
   }
 
   private static void decrypt(KeyStore store, String name) throws Exception {
-    PrivateKey key = (PrivateKey) store.getKey(name.replaceFirst("-.*", ""), null);
+    String alias = name.replaceFirst("-.*", "");
+    PrivateKey key = (PrivateKey) store.getKey(alias, null);
     Recipient recipient = key.getAlgorithm().equals("RSA") ? new JceKeyTransEnvelopedRecipient(key)
         : new JceKeyAgreeEnvelopedRecipient(key).setPrivateKeyAlgorithmIdentifier(
-            new AlgorithmIdentifier(X9ObjectIdentifiers.id_ecPublicKey));
+            new JcaX509CertificateHolder((X509Certificate) store.getCertificate(alias))
+                .getSubjectPublicKeyInfo().getAlgorithm());
     write(name + ".decrypted", new CMSEnvelopedData(Files.readAllBytes(Path.of(name + ".cms")))
         .getRecipientInfos().iterator().next().getContent(recipient));
   }
