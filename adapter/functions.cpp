@@ -201,22 +201,50 @@ CK_RV initialize(void* arguments) {
   return rv;
 }
 
-/// Whoever shares the module with us keeps it, but not our sessions.
-void closeSessions(const Entry* slots) {
-  const module::Turn turn;
-  for (const Entry* slot = slots; slot != nullptr; slot = slot->siblings.next) {
-    for (const Entry* own = slot->owned; own != nullptr; own = own->siblings.next) {
-      if (own->kind == Kind::session) attempt(&List::C_CloseSession, own->real);
-    }
+constexpr CK_SLOT_ID kEverySlot = ~0UL;
+
+/// Those among what was taken out of the table.
+void closeSessions(const Entry* taken) {
+  for (; taken != nullptr; taken = taken->siblings.next) {
+    if (taken->kind == Kind::session) attempt(&List::C_CloseSession, taken->real);
+    if (taken->kind == Kind::slot) closeSessions(taken->owned);
   }
 }
 
+/// Whoever shares the module with us keeps it, but not our sessions.
 CK_RV finalize(void* reserved) {
+  if (module::isInside()) return CKR_FUNCTION_FAILED;
   const module::Closing closing;
+  module::Sharing sharing;
   Entry* taken = Handles()->takeAll();
-  if (module::isShared()) closeSessions(taken);
+  if (module::isInitialised() && sharing.isShared()) closeSessions(taken);
   Table::release(taken);
-  return module::finalize(reserved);
+  return sharing.end(reserved);
+}
+
+/// Those of others who share the module stay open. All of every slot, whose number no slot has, is
+/// an end like C_Finalize for callers who do not see what that answers.
+CK_RV closeAllSessions(CK_SLOT_ID slot) {
+  if (slot == kEverySlot) return finalize(nullptr);
+  const module::Call underWay;
+  if (!underWay.getsIn()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  const auto function = module::functionOf(&List::C_CloseAllSessions);
+  if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
+  const module::Sharing sharing;
+  Handles()->resolve(Kind::slot, &slot);
+  Entry* taken = Handles()->takeSlotContents(slot);
+  CK_RV rv = CKR_OK;
+  if (sharing.isShared()) {
+    closeSessions(taken);
+  } else {
+    rv = function(slot);
+  }
+  if (rv == CKR_OK) {
+    Table::release(taken);
+  } else {
+    Handles()->putBack(taken);
+  }
+  return rv;
 }
 
 /// A list of IDs. Room for none is passed on as the question for their number: some modules find an
@@ -241,7 +269,7 @@ CK_RV getSlotList(CK_BBOOL present, CK_SLOT_ID* slots, CK_ULONG* count) {
 
 /// Never in turn, nor under way: it waits, and others, the end included, must not wait for it.
 CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* reserved) {
-  if (!module::isInitialised) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  if (!module::isInitialised()) return CKR_CRYPTOKI_NOT_INITIALIZED;
   const CK_C_WaitForSlotEvent function = module::functionOf(&List::C_WaitForSlotEvent);
   if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
   const CK_RV rv = function(flags, slot, reserved);
@@ -369,7 +397,7 @@ constexpr List kFunctions = {
     .C_OpenSession = call<&List::C_OpenSession, Slot, Argument<CK_FLAGS>, Argument<void*>,
                           Argument<CK_NOTIFY>, NewSession>,
     .C_CloseSession = call<&List::C_CloseSession, ClosedSession>,
-    .C_CloseAllSessions = call<&List::C_CloseAllSessions, ClosedSlot>,
+    .C_CloseAllSessions = closeAllSessions,
     .C_GetSessionInfo = call<&List::C_GetSessionInfo, Session, SessionInfo>,
     .C_GetOperationState = call<&List::C_GetOperationState, Session, Data, Size>,
     .C_SetOperationState =

@@ -184,13 +184,6 @@ struct ClosedSession : Ending<Session> {
   }
 };
 
-struct ClosedSlot : Ending<Slot> {
-  void resolve(Context* context, const Handles& handles) {
-    Slot::resolve(context, handles);
-    taken = handles->takeSlotContents(value);
-  }
-};
-
 // ---- Objects ----
 
 /// An object, or a key, with the refusal for a number that stands for none.

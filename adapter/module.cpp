@@ -16,15 +16,13 @@
 namespace adapter::module {
 
 constinit std::atomic<CK_FUNCTION_LIST*> list = nullptr;
-constinit std::atomic<bool> isInitialised = false;
-constinit std::atomic<bool> isSerial = false;
-constinit std::atomic<long> callsUnderWay = 0;
-constinit std::atomic<long> closings = 0;
-constinit pthread_mutex_t turns = PTHREAD_MUTEX_INITIALIZER;
+constinit std::atomic<copies::Shared*> shared = &copies::alone;
+constinit std::atomic<unsigned long> beginning = kNone;
+constinit std::atomic<pthread_mutex_t*> turns = nullptr;
+constinit std::atomic<int> closings = 0;
+constinit Line lines[32] = {};
 
 namespace {
-
-constinit bool shared = false;  // as `turns` guards it
 
 constinit std::atomic<pthread_t> visitors[64] = {};  // threads inside `load`; 0: a free place
 
@@ -72,13 +70,24 @@ bool readPath(char (&path)[PATH_MAX]) {
 
 }  // namespace
 
+bool isInside() {
+  const void* self = __builtin_thread_pointer();
+  const auto& inside = lineOf(self).inside;
+  return std::count(std::begin(inside), std::end(inside), self) != 0;
+}
+
 Closing::Closing() {
   ++closings;
-  while (callsUnderWay > 0) usleep(1000);
+  for (const Line& line : lines) {
+    for (const auto& place : line.inside) {
+      while (place != nullptr) usleep(1000);
+    }
+    while (line.more > 0) usleep(1000);
+  }
 }
 
 CK_RV load() {
-  if (isInitialised) return CKR_OK;
+  if (isInitialised()) return CKR_OK;
   const Visit visit;
   if (!visit.isWelcome()) return CKR_FUNCTION_REJECTED;
 
@@ -100,54 +109,109 @@ CK_RV load() {
   return CKR_OK;
 }
 
-CK_RV initialize(const CK_C_INITIALIZE_ARGS* arguments) {
-  const Lock lock(&turns);
+namespace {
+
+/// Asks the module, with locking and then without. Where the caller has something for the module
+/// and asks for no locking, once and as it is: a module may read that when it locks alone.
+/// @return its value, `canLock` set where it locks
+CK_RV begin(const CK_C_INITIALIZE_ARGS* arguments, bool* canLock) {
   const CK_C_Initialize function = functionOf(&CK_FUNCTION_LIST::C_Initialize);
   if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
 
   CK_C_INITIALIZE_ARGS given = {};
   if (arguments != nullptr) given = *arguments;
+  if (given.pReserved != nullptr && (given.flags & CKF_OS_LOCKING_OK) == 0) {
+    return function(&given);
+  }
   CK_C_INITIALIZE_ARGS locking = given;
   locking.flags |= CKF_OS_LOCKING_OK;
-  CK_RV rv = function(&locking);
-  bool serial = secure_getenv("QUARVEL_PKCS11_ADAPTER_SERIAL") != nullptr;
-  if (rv == CKR_CANT_LOCK || rv == CKR_ARGUMENTS_BAD) {
-    CK_C_INITIALIZE_ARGS plain = {};
-    plain.flags = given.flags & ~CK_FLAGS{CKF_OS_LOCKING_OK};
-    plain.pReserved = given.pReserved;
-    rv = function(arguments != nullptr ? &plain : nullptr);
-    serial = true;
+  const CK_RV rv = function(&locking);
+  *canLock = rv != CKR_CANT_LOCK && rv != CKR_ARGUMENTS_BAD;
+  if (*canLock) return rv;
+
+  CK_C_INITIALIZE_ARGS plain = {};
+  plain.flags = given.flags & ~CK_FLAGS{CKF_OS_LOCKING_OK};
+  plain.pReserved = given.pReserved;
+  return function(arguments != nullptr ? &plain : nullptr);
+}
+
+/// Modules that break when threads call at once, although they say that they lock, by the texts of
+/// C_GetInfo.
+constexpr struct {
+  const char *manufacturer, *library;
+} kFragile[] = {
+    {"IBM", "Meta PKCS11 LIBRARY"},                  // opencryptoki: searches crash
+    {"tpm2-software.github.io", "TPM2.0 Cryptoki"},  // loses sessions, and crashes
+};
+
+/// Whether a text that is filled up with blanks is this one.
+bool says(const CK_UTF8CHAR (&field)[32], const char* text) {
+  char padded[sizeof field + 1];
+  std::snprintf(padded, sizeof padded, "%-32s", text);
+  return std::memcmp(field, padded, sizeof field) == 0;
+}
+
+bool isFragile() {
+  CK_INFO info = {};
+  const CK_C_GetInfo function = functionOf(&CK_FUNCTION_LIST::C_GetInfo);
+  if (function == nullptr || function(&info) != CKR_OK) return false;
+  return std::ranges::any_of(kFragile, [&](const auto& known) {
+    return says(info.manufacturerID, known.manufacturer) &&
+           says(info.libraryDescription, known.library);
+  });
+}
+
+/// Whether calls shall take turns: as the environment has it, else where it is known that they
+/// must.
+bool wantsTurns() {
+  const char* said = secure_getenv("QUARVEL_PKCS11_ADAPTER_SERIAL");
+  return said != nullptr ? std::strcmp(said, "0") != 0 : isFragile();
+}
+
+}  // namespace
+
+CK_RV initialize(const CK_C_INITIALIZE_ARGS* arguments) {
+  copies::Shared* module = copies::find(list);
+  const Lock lock(&module->turns);
+  bool canLock = false;
+  const CK_RV rv = begin(arguments, &canLock);
+  if (rv == CKR_OK) {
+    module->copies = 0;
+  } else if (rv != CKR_CRYPTOKI_ALREADY_INITIALIZED || isInitialised()) {
+    return rv;
   }
-  const bool foreign = rv == CKR_CRYPTOKI_ALREADY_INITIALIZED && !isInitialised;
-  if (foreign) rv = CKR_OK;
-  if (rv != CKR_OK) return rv;
-  shared = foreign;
-  isSerial = serial || foreign;
-  isInitialised = true;
+  if (module->copies == 0) {
+    ++module->beginnings;
+    module->isForeign = rv != CKR_OK;
+    module->isSerial = module->isForeign || !canLock || wantsTurns();
+  }
+  ++module->copies;
+  shared = module;
+  turns = module->isSerial ? &module->turns : nullptr;
+  beginning = module->beginnings.load();
   return CKR_OK;
 }
 
-bool isShared() {
-  const Lock lock(&turns);
-  return shared;
-}
-
-CK_RV finalize(void* reserved) {
-  const Lock lock(&turns);
+CK_RV Sharing::end(void* reserved) {
+  if (!isInitialised()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  beginning = kNone;
+  if (--shared.load()->copies > 0 || shared.load()->isForeign) return CKR_OK;
   const CK_C_Finalize function = functionOf(&CK_FUNCTION_LIST::C_Finalize);
-  const CK_RV rv = shared                ? CKR_OK
-                   : function != nullptr ? function(reserved)
-                                         : CKR_FUNCTION_NOT_SUPPORTED;
-  isInitialised = shared = false;
-  isSerial = false;
-  return rv;
+  return function != nullptr ? function(reserved) : CKR_FUNCTION_NOT_SUPPORTED;
 }
 
 void freeLocks() {
-  pthread_mutex_init(&turns, nullptr);
+  copies::freeLocks();
   for (auto& visitor : visitors) visitor = 0;
-  if (closings != 0) isInitialised = false;
-  callsUnderWay = closings = 0;
+  for (Line& line : lines) {
+    for (auto& place : line.inside) place = nullptr;
+    line.more = 0;
+  }
+  if (closings != 0 && isInitialised()) {
+    beginning = kNone;
+    --shared.load()->copies;
+  }
+  closings = 0;
 }
 
 }  // namespace adapter::module

@@ -8,6 +8,7 @@
 
 #include <atomic>
 
+#include "copies.h"
 #include "pkcs11.h"
 
 namespace adapter {
@@ -31,9 +32,6 @@ class Lock {
 namespace module {
 
 extern std::atomic<CK_FUNCTION_LIST*> list;
-extern std::atomic<bool> isInitialised;
-extern std::atomic<bool> isSerial;  // one call at a time gets in
-extern pthread_mutex_t turns;
 
 /// The real module's function, null when it or its module is not there.
 template <typename Function>
@@ -42,20 +40,62 @@ Function functionOf(Function CK_FUNCTION_LIST::*entry) {
   return loaded != nullptr ? loaded->*entry : nullptr;
 }
 
-extern std::atomic<long> callsUnderWay;  // calls between their start and their return
-extern std::atomic<long> closings;       // ends of the module under way, or waiting to be
+inline constexpr unsigned long kNone = ~0UL;
+extern std::atomic<copies::Shared*> shared;   // what all copies know of the module
+extern std::atomic<unsigned long> beginning;  // the one of the module that is this copy's, or kNone
+extern std::atomic<pthread_mutex_t*> turns;   // null where any number of calls gets in at once
+extern std::atomic<int> closings;             // ends of the module under way, or waiting to be
+
+/// Whether this copy has the module initialised, and nobody has ended that and begun anew since.
+inline bool isInitialised() { return shared.load()->beginnings == beginning; }
+
+/// Threads between the start and the return of a call. Each takes a place on a cache line that it
+/// shares with few others, so that processors do not wait for each other.
+struct alignas(64) Line {
+  static constexpr int kPlaces = 7;
+  std::atomic<const void*> inside[kPlaces];  // by thread pointer
+  std::atomic<long> more;                    // for whom there was no place
+};
+extern Line lines[32];
+
+inline Line& lineOf(const void* thread) {
+  return lines[reinterpret_cast<CK_ULONG>(thread) * 0x9E3779B97F4A7C15U >> 59];
+}
 
 /// A call from its start to its return. The end of the module waits for it, or it does not get in.
 class Call {
  public:
-  Call() { ++callsUnderWay; }
-  ~Call() { --callsUnderWay; }
+  Call() {
+    const void* self = __builtin_thread_pointer();
+    Line& line = lineOf(self);
+    for (auto& place : line.inside) {
+      const void* none = nullptr;
+      if (!place.compare_exchange_strong(none, self)) continue;
+      place_ = &place;
+      return;
+    }
+    ++(*(more_ = &line.more));
+  }
+  ~Call() {
+    if (place_ != nullptr) {
+      place_->store(nullptr, std::memory_order_release);
+    } else {
+      --*more_;
+    }
+  }
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
 
   /// Whether the module is initialised and shall stay so.
-  bool getsIn() const { return closings == 0 && isInitialised; }
+  bool getsIn() const { return closings == 0 && isInitialised(); }
+
+ private:
+  std::atomic<const void*>* place_ = nullptr;
+  std::atomic<long>* more_ = nullptr;
 };
+
+/// Whether this thread is inside a call, which called back. Unknown of one without a place.
+bool isInside();
 
 /// The end of the module: nobody is, or comes, inside while this lives.
 class Closing {
@@ -70,7 +110,22 @@ class Closing {
 /// Held while the real module is called.
 class Turn : Lock {
  public:
-  Turn() : Lock(isSerial.load(std::memory_order_acquire) ? &turns : nullptr) {}
+  Turn() : Lock(turns.load(std::memory_order_acquire)) {}
+};
+
+/// Held instead of a turn while it counts who else has the module: no copy joins, leaves or ends
+/// it.
+class Sharing : Lock {
+ public:
+  Sharing() : Lock(&shared.load()->turns) {}
+
+  /// Whether others have this beginning as well.
+  bool isShared() const { return shared.load()->copies > 1 || shared.load()->isForeign; }
+
+  /// C_Finalize by the last copy, unless somebody else began it. Whatever it answers, no call gets
+  /// in until `initialize`: a module that fails to end may have ended. @return its value; CKR_OK
+  /// where others keep it; CKR_CRYPTOKI_NOT_INITIALIZED where this copy has not begun it
+  CK_RV end(void* reserved);
 };
 
 /// Loads the real module and fetches its function list, afresh while nothing is initialised. Its
@@ -84,17 +139,11 @@ class Turn : Lock {
 CK_RV load();
 
 /// C_Initialize with the caller's own arguments, null included, and locking asked for. Where the
-/// module refuses that, or the environment has QUARVEL_PKCS11_ADAPTER_SERIAL, calls take turns. A
-/// module that somebody else in the process initialised is shared: calls take turns, and `finalize`
-/// leaves it alone; so is one that an earlier `finalize` could not end.
+/// module refuses that, or is known to break under threads, calls take turns; also with
+/// QUARVEL_PKCS11_ADAPTER_SERIAL in the environment, whose value 0 means the opposite. A module
+/// that another copy has initialised is joined. One that somebody else in the process has, or that
+/// an earlier end could not end, is as well: calls take turns, and it is not ended.
 CK_RV initialize(const CK_C_INITIALIZE_ARGS* arguments);
-
-/// Whether the module is somebody else's to finalise.
-bool isShared();
-
-/// C_Finalize. Whatever it answers, no call gets in until `initialize`: a module that fails to end
-/// may have ended. @return its value; CKR_OK for a shared module
-CK_RV finalize(void* reserved);
 
 /// In the child of a fork: locks of threads that it does not have are free, and their calls over.
 /// An end amid which the fork came counts as one.

@@ -1,8 +1,9 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 # Each variant in a jar: the library exports the native methods of the Java classes, nothing more and
-# nothing less, the adapter its C_GetFunctionList, and both load on every C library from glibc 2.17
-# on and on musl, the adapter also where thread-local storage is dear: exports.sh JAR JAVAP.
+# nothing less, the adapter its C_GetFunctionList and the table by which its copies find each other.
+# Both load on every C library from glibc 2.17 on and on musl, the adapter also where thread-local
+# storage is dear: exports.sh JAR JAVAP.
 set -eu
 jar=$1 javap=$2
 
@@ -22,7 +23,7 @@ unzip -q "$jar" -d "$work" '*.so'
 for variant in "$work"/it/quarvel/pkcs11/nat/linux-*; do
   library=$variant/libquarvelpkcs11.so adapter=$variant/libquarvelpkcs11adapter.so
   exported "$library" | diff "$work/declared" -
-  test "$(exported "$adapter")" = C_GetFunctionList
+  test "$(exported "$adapter" | xargs)" = 'C_GetFunctionList quarvel_pkcs11_adapter_copies_1'
   { nm -D "$adapter"; readelf -lW "$adapter"; } | grep -E '__tls_get_addr|TLS' | diff /dev/null -
   # The stack protector's secret is the loader's on arm64.
   loader=

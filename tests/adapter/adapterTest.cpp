@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -49,15 +50,19 @@ constexpr H kWide = 0x7F0000000010;
 static const Handles kNoSession = {CKR_SESSION_HANDLE_INVALID};
 static const Handles kNoObject = {CKR_OBJECT_HANDLE_INVALID};
 static std::vector<std::string> calls;  // that the module saw, but for functions put in its list
-static Handles seen;                    // by the module's C_GetObjectSize: session and object
+
+static void reset() {
+  scripted::reset();
+  calls.clear();
+  scripted::onCall = [](const std::string& call) { calls.push_back(call); };
+}
+static Handles seen;  // by the module's C_GetObjectSize: session and object
 static constexpr auto succeed = [](auto...) { return kOk; };
 
 class Adapter : public testing::Test {
  protected:
   Adapter() {
-    scripted::reset();
-    calls.clear();
-    scripted::onCall = [](const std::string& call) { calls.push_back(call); };
+    reset();
     module.C_GetObjectSize = [](H session, H object, CK_ULONG*) {
       seen = {session, object};
       return kOk;
@@ -226,17 +231,6 @@ TEST_F(Adapter, PutsBackWhatTheModuleDidNotEnd) {
   }
 }
 
-TEST_F(Adapter, AdmitsNoCallAfterAnEndThatFailed) {
-  script.answers["C_Finalize"] = CKR_GENERAL_ERROR;
-  EXPECT_EQ(p11->C_Finalize(nullptr), CKR_GENERAL_ERROR);
-  EXPECT_EQ(use(1, 1), Handles{CKR_CRYPTOKI_NOT_INITIALIZED});
-  setenv("QUARVEL_PKCS11_ADAPTED_MODULE", "libc.so.6", 1);
-  EXPECT_EQ(C_GetFunctionList(&p11), CKR_FUNCTION_NOT_SUPPORTED) << "another module is asked for";
-  script.answers = {{"C_Initialize", CKR_CRYPTOKI_ALREADY_INITIALIZED}};
-  EXPECT_EQ(p11->C_Initialize(nullptr), CKR_OK);
-  EXPECT_EQ(use(1, 1), (Handles{1, 1}));
-}
-
 TEST_F(Adapter, UndoesWhatItHasNoMemoryFor) {
   const auto called = [](const char* call) { return std::ranges::count(calls, call); };
   for (int blocks = 0; blocks < 8; ++blocks) {
@@ -262,44 +256,64 @@ TEST_F(Adapter, UndoesWhatItHasNoMemoryFor) {
 
 // ---- The module's life ----
 
-TEST_F(Adapter, TakesTurnsWhereTheModuleCannotLock) {
+static std::atomic<int> inside;
+static std::atomic<bool> haveMet;  // two calls at once
+
+static CK_RV meet(H, CK_BYTE*, CK_ULONG) {
+  ++inside;
+  for (int i = 0; i < 50 && !haveMet; ++i) {
+    haveMet = inside > 1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return --inside, kOk;
+}
+
+TEST_F(Adapter, TakesTurnsWhereItMust) {
   static constexpr CK_FLAGS kAsked = CKF_OS_LOCKING_OK, kNoArguments = ~CK_FLAGS{0};
   static std::vector<CK_FLAGS> flags;  // of each C_Initialize
-  static std::atomic<int> inside, mostInside;
-  static void* kept;
+  static CK_INFO info;
+  static CK_RV refusal;
+  module.C_GetInfo = [](CK_INFO* told) { return *told = info, kOk; };
   module.C_Initialize = [](void* arguments) {
     const auto* given = static_cast<CK_C_INITIALIZE_ARGS*>(arguments);
     flags.push_back(given != nullptr ? given->flags : kNoArguments);
-    EXPECT_TRUE(given == nullptr || given->pReserved == kept);
-    return flags.back() == kAsked ? script.answers["C_Initialize"] : kOk;
+    return given != nullptr && (given->flags == kAsked || given->pReserved != nullptr)
+               ? refusal
+               : kOk;
   };
-  module.C_SeedRandom = [](H, CK_BYTE*, CK_ULONG) {
-    mostInside = std::max(mostInside.load(), ++inside);
-    std::this_thread::yield();
-    --inside;
-    return kOk;
-  };
-  CK_C_INITIALIZE_ARGS arguments = {};
-  for (const CK_RV refusal :
-       {CKR_CANT_LOCK, CKR_ARGUMENTS_BAD, CKR_OK, CKR_CRYPTOKI_ALREADY_INITIALIZED}) {
+  module.C_SeedRandom = meet;
+  CK_C_INITIALIZE_ARGS with = {nullptr, nullptr, nullptr, nullptr, 0, &with};
+  const char *ibm = "IBM", *meta = "Meta PKCS11 LIBRARY", *tpm = "tpm2-software.github.io";
+  for (const auto& [answer, arguments, environment, manufacturer, library, turns, expected] :
+       std::initializer_list<std::tuple<CK_RV, void*, const char*, const char*, const char*, bool,
+                                        std::vector<CK_FLAGS>>>{
+           {CKR_CANT_LOCK, nullptr, nullptr, "", "", true, {kAsked, kNoArguments}},
+           {CKR_ARGUMENTS_BAD, nullptr, "0", "", "", true, {kAsked, kNoArguments}},
+           {CKR_OK, &with, nullptr, "", "", true, {0}},
+           {CKR_OK, nullptr, nullptr, "", "", false, {kAsked}},
+           {CKR_OK, nullptr, "", "", "", true, {kAsked}},
+           {CKR_OK, nullptr, nullptr, ibm, meta, true, {kAsked}},
+           {CKR_OK, nullptr, nullptr, tpm, "TPM2.0 Cryptoki", true, {kAsked}},
+           {CKR_OK, nullptr, "0", ibm, meta, false, {kAsked}},
+           {CKR_OK, nullptr, nullptr, ibm, "Meta PKCS11 LIBRARY 2", false, {kAsked}},
+           {CKR_OK, nullptr, nullptr, tpm, meta, false, {kAsked}},
+           {CKR_CRYPTOKI_ALREADY_INITIALIZED, nullptr, "0", "", "", true, {kAsked}}}) {
     p11->C_Finalize(nullptr);
-    script.answers["C_Initialize"] = refusal;
-    if (refusal == CKR_OK) setenv("QUARVEL_PKCS11_ADAPTER_SERIAL", "", 1);
-    arguments.pReserved = kept = refusal == CKR_CANT_LOCK ? &arguments : nullptr;
-    EXPECT_EQ(p11->C_Initialize(kept), CKR_OK);
+    flags.clear();
+    refusal = answer;
+    if (environment != nullptr) setenv("QUARVEL_PKCS11_ADAPTER_SERIAL", environment, 1);
+    for (auto& text : {info.manufacturerID, info.libraryDescription}) std::fill_n(text, 32, ' ');
+    std::copy_n(manufacturer, strlen(manufacturer), info.manufacturerID);
+    std::copy_n(library, strlen(library), info.libraryDescription);
+    EXPECT_EQ(p11->C_Initialize(arguments), CKR_OK);
     unsetenv("QUARVEL_PKCS11_ADAPTER_SERIAL");
-    const H session = open(kWide);
-    inThreads(4, [&](H) {
-      for (int i = 0; i < 1000; ++i) p11->C_SeedRandom(session, nullptr, 0);
-    });
-    EXPECT_EQ(mostInside, 1);
+    haveMet = false;
+    inThreads(2, [this](H) { p11->C_SeedRandom(1, nullptr, 0); });
+    EXPECT_EQ(haveMet, !turns) << manufacturer << library;
+    EXPECT_EQ(flags, expected);
   }
-  // The last is somebody else's: they keep it, but not our sessions.
-  EXPECT_EQ(p11->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
-  EXPECT_EQ(flags, (Handles{kAsked, 0, kAsked, kNoArguments, kAsked, kAsked, kAsked}));
-  calls.clear();
-  EXPECT_EQ(p11->C_Finalize(nullptr), CKR_OK);
-  EXPECT_EQ(calls, std::vector<std::string>{"C_CloseSession(0x7F0000000010)"});
+  refusal = CKR_CANT_LOCK;
+  EXPECT_EQ(p11->C_Initialize(&with), CKR_CANT_LOCK) << "with what it must not see when it locks";
 }
 
 TEST_F(Adapter, EndsWhenThreadsHaveReturned) {
@@ -319,24 +333,6 @@ TEST_F(Adapter, EndsWhenThreadsHaveReturned) {
   while (p11->C_Logout(session) == CKR_OK) std::this_thread::yield();
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   mayLeave = true;
-}
-
-TEST_F(Adapter, WorksInAChildWhileItsParentIsBusy) {
-  const H session = open(kWide), object = make(session, kWide);
-  module.C_GetObjectSize = succeed;
-  std::jthread busy([&](const std::stop_token& stop) {
-    while (!stop.stop_requested()) p11->C_GetObjectSize(session, object, nullptr);
-  });
-  for (int i = 0; i < 100; ++i) {
-    if (fork() == 0) {
-      alarm(20);
-      _exit(p11->C_GetObjectSize(session, object, nullptr) != CKR_OK ||
-            p11->C_Finalize(nullptr) != CKR_OK);
-    }
-    int status = -1;
-    wait(&status);
-    EXPECT_EQ(status, 0);
-  }
 }
 
 TEST_F(Adapter, AnswersAListWithRoomForNone) {
@@ -398,14 +394,21 @@ TEST_F(Adapter, NarrowsTypesAndCompletesMechanisms) {
     EXPECT_EQ(p11->C_DecryptInit(session, &mechanism, key), CKR_OK);
     EXPECT_EQ(given, (Handles{asked & 0xFFFFFFFF, size})) << "the caller's own parameter";
   }
-  calls.clear();
   EXPECT_EQ(p11->C_GetMechanismInfo(7, 0xF5A04400, nullptr), CKR_MECHANISM_INVALID);
-  EXPECT_EQ(calls, (std::vector<std::string>{
-                       "C_GetMechanismInfo(7, 0xF5A04400)", "C_GetMechanismInfo(7, 9)"}));
+  EXPECT_EQ(calls.back(), "C_GetMechanismInfo(7, 9)");
   script.answers.clear();
   mechanism = {0xF5A04400, nullptr, 0};
   EXPECT_EQ(p11->C_DecryptInit(session, &mechanism, key), CKR_OK);
   EXPECT_EQ(given, Handles{0xF5A04400}) << "the module has one of this number";
+
+  module.C_DeriveKey = [](H, CK_MECHANISM* mechanism, H, CK_ATTRIBUTE*, CK_ULONG, H*) {
+    const auto* agreed = static_cast<CK_ECDH1_DERIVE_PARAMS*>(mechanism->pParameter);
+    given = {mechanism->mechanism, agreed->kdf, agreed->ulPublicDataLen, *agreed->pPublicData};
+    return kOk;
+  };
+  mechanism = {CKM_ECDH1_COFACTOR_DERIVE, nullptr, 0};
+  EXPECT_EQ(p11->C_UnwrapKey(session, &mechanism, key, bytes, 8, nullptr, 0, &made), CKR_OK);
+  EXPECT_EQ(given, (Handles{CKM_ECDH1_COFACTOR_DERIVE, CKD_NULL, 8, bytes[0]}));
 }
 
 TEST_F(Adapter, LogsInForAnOperation) {
@@ -510,6 +513,115 @@ TEST(Loading, TellsWhyItFails) {
   EXPECT_EQ(list->C_Finalize(nullptr), CKR_OK);
   EXPECT_NE(dlopen(module.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr)
       << "stays for threads that it left behind";
+}
+
+// ---- Copies in one process ----
+
+static bool began;  // the module, by whomever
+static std::atomic<bool> ends;
+static std::vector<CK_FUNCTION_LIST*> copies;
+
+/// Three copies of the library before one module. Their files are gone, and the eldest was loaded
+/// for all.
+class Copies : public testing::Test {
+ protected:
+  Copies() {
+    reset();
+    began = false;
+    module.C_Initialize = [](void*) {
+      return std::exchange(began, true) ? CK_RV{CKR_CRYPTOKI_ALREADY_INITIALIZED} : kOk;
+    };
+    module.C_Finalize = [](void*) {
+      ends = true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      return began = false, script.failWith;
+    };
+    setenv("QUARVEL_PKCS11_ADAPTED_MODULE", scripted::file().c_str(), 1);
+    for (int flags = RTLD_NOW | RTLD_GLOBAL; copies.size() < 3; flags = RTLD_NOW) {
+      const auto file = testing::TempDir() + std::to_string(getpid()) + char('a' + copies.size());
+      std::filesystem::copy(QUARVEL_ADAPTER, file);
+      void* symbol = dlsym(dlopen(file.c_str(), flags), "C_GetFunctionList");
+      std::filesystem::remove(file);
+      reinterpret_cast<CK_C_GetFunctionList>(symbol)(&copies.emplace_back());
+    }
+  }
+  void start(int i) {
+    EXPECT_EQ(copies[i]->C_Initialize(nullptr), CKR_OK);
+    script.handle = kWide + i;
+    EXPECT_EQ(copies[i]->C_OpenSession(7, 4, nullptr, nullptr, &session[i]), CKR_OK);
+    calls.clear();
+  }
+  H session[3];
+};
+
+TEST_F(Copies, EndTheModuleWithTheLast) {
+  std::vector<int> order = {0, 1, 2};
+  for (const bool isForeign : {false, true}) {
+    do {
+      began = isForeign;
+      for (const int i : order) start(i);
+      for (const int i : {0, 1, 2}) {
+        EXPECT_EQ(copies[i]->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
+        calls = {""};
+        EXPECT_EQ(copies[i]->C_Finalize(nullptr), CKR_OK);
+        const bool isLast = i == 2 && !isForeign;
+        const std::string closed = "C_CloseSession(0x7F000000001" + std::to_string(i) + ")";
+        EXPECT_EQ(calls.back(), isLast ? "" : closed) << "its own alone";
+        EXPECT_EQ(began, !isLast);
+      }
+    } while (std::ranges::next_permutation(order).found);
+  }
+}
+
+TEST_F(Copies, BeginAnewAfterAnEnd) {
+  for (const int i : {0, 1}) start(i);
+  EXPECT_EQ(copies[0]->C_CloseAllSessions(7), CKR_OK);
+  EXPECT_EQ(calls, std::vector<std::string>{"C_CloseSession(0x7F0000000010)"});
+  began = false;  // somebody else's end: our sessions may be others' by now
+  start(2);
+  EXPECT_EQ(copies[0]->C_CloseSession(session[0]), CKR_CRYPTOKI_NOT_INITIALIZED);
+  for (const int i : {0, 1}) EXPECT_NE(copies[i]->C_Finalize(nullptr), CKR_OK);
+  EXPECT_EQ(copies[2]->C_CloseAllSessions(7), CKR_OK);
+  EXPECT_EQ(calls, std::vector<std::string>{"C_CloseAllSessions(7)"});
+
+  module.C_SeedRandom = [](H, CK_BYTE*, CK_ULONG) { return copies[2]->C_Finalize(nullptr); };
+  EXPECT_EQ(copies[2]->C_SeedRandom(1, nullptr, 0), CKR_FUNCTION_FAILED) << "from inside";
+  ends = false;
+  std::jthread last([&] { EXPECT_EQ(copies[2]->C_CloseAllSessions(~H{0}), CKR_OK); });
+  while (!ends) std::this_thread::yield();
+  start(0);
+  EXPECT_TRUE(began) << "when the last end is over";
+
+  script.failWith = CKR_DEVICE_ERROR;
+  EXPECT_EQ(copies[0]->C_Finalize(nullptr), CKR_DEVICE_ERROR);
+  EXPECT_EQ(copies[0]->C_Logout(1), CKR_CRYPTOKI_NOT_INITIALIZED);
+  began = true;
+  start(1);
+  EXPECT_EQ(copies[1]->C_Finalize(nullptr), CKR_OK) << "is left to whoever has it";
+}
+
+TEST_F(Copies, TakeTheSameTurnsInAChildToo) {
+  setenv("QUARVEL_PKCS11_ADAPTER_SERIAL", "", 1);
+  for (const int i : {1, 0}) start(i);
+  unsetenv("QUARVEL_PKCS11_ADAPTER_SERIAL");
+  module.C_SeedRandom = meet;
+  haveMet = false;
+  inThreads(2, [&](H i) { copies[i]->C_SeedRandom(session[i], nullptr, 0); });
+  EXPECT_FALSE(haveMet);
+  haveMet = true;
+  std::jthread busy([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) copies[0]->C_SeedRandom(session[0], nullptr, 0);
+  });
+  for (int i = 0; i < 100; ++i) {
+    if (fork() == 0) {
+      alarm(20);
+      _exit(copies[i % 2]->C_SeedRandom(session[i % 2], nullptr, 0) != CKR_OK ||
+            copies[0]->C_Finalize(nullptr) != CKR_OK);
+    }
+    int status = -1;
+    wait(&status);
+    EXPECT_EQ(status, 0);
+  }
 }
 
 // ---- Modules that misbehave, and many threads ----

@@ -8,12 +8,9 @@ import it.quarvel.pkcs11.nat.*;
 import java.lang.reflect.InvocationTargetException;
 import java.net.*;
 import java.nio.file.*;
-import java.security.*;
-import java.security.interfaces.ECPublicKey;
-import java.security.spec.*;
+import java.security.PublicKey;
 import java.util.*;
 import java.util.concurrent.*;
-import javax.crypto.KeyAgreement;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
@@ -161,45 +158,6 @@ class PKCS11ModuleTest {
       }
     }
     return rounds;
-  }
-
-  /** What mechanisms without parameters can do: PSS as SoftHSM2 knows it, ECDH on P-256 and P-521. */
-  @Test
-  void passesParameters() throws Exception {
-    try (PKCS11Module module = open(); NativePKCS11Session session = module.token("demo").openSession()) {
-      session.login(PIN);
-      NativePKCS11Session.KeyPair rsa = session.generateKeyPair(CKM_RSA_PKCS_KEY_PAIR_GEN,
-          new PKCS11Template().put(CKA_MODULUS_BITS, 2048), new PKCS11Template());
-      PSSParameterSpec pss = new PSSParameterSpec("SHA-384", "MGF1", MGF1ParameterSpec.SHA384, 7, 1);
-      Signature verifier = Signature.getInstance("RSASSA-PSS");
-      verifier.setParameter(pss);
-      verifier.initVerify(rsa.publicKey().publicKey());
-      verifier.update(EndToEndTest.DATA);
-      assertTrue(verifier.verify(session.sign(
-          PKCS11Mechanisms.pssOfData(pss), rsa.privateKey(), EndToEndTest.DATA)));
-      assertThrows(IllegalArgumentException.class, () -> PKCS11Mechanisms.pssOfDigest(
-          new PSSParameterSpec("SHA-384", "MGF1", MGF1ParameterSpec.SHA384, 1024, 1)));
-
-      for (String curve : List.of("06082a8648ce3d030107", "06052b81040023")) {
-        NativePKCS11Session.KeyPair ec = session.generateKeyPair(CKM_EC_KEY_PAIR_GEN,
-            new PKCS11Template().put(CKA_EC_PARAMS, HexFormat.of().parseHex(curve)),
-            new PKCS11Template().put(CKA_DERIVE, true));
-        ECPublicKey point = (ECPublicKey) ec.publicKey().publicKey();
-        KeyPairGenerator generator = KeyPairGenerator.getInstance("EC");
-        generator.initialize(point.getParams());
-        KeyPair other = generator.generateKeyPair();
-        KeyAgreement agreement = KeyAgreement.getInstance("ECDH");
-        agreement.init(other.getPrivate());
-        agreement.doPhase(point, true);
-        byte[] key = other.getPublic().getEncoded(); // its end is the point
-        int size = point.getParams().getCurve().getField().getFieldSize() + 7 >> 3;
-        NativePKCS11Object secret = session.unwrapKey(CKM_ECDH1_DERIVE, ec.privateKey(),
-            Arrays.copyOfRange(key, key.length - 2 * size - 1, key.length), new PKCS11Template()
-                .put(CKA_CLASS, CKO_SECRET_KEY).put(CKA_KEY_TYPE, CKK_GENERIC_SECRET)
-                .put(CKA_SENSITIVE, false).put(CKA_EXTRACTABLE, true).put(CKA_VALUE_LEN, size));
-        assertArrayEquals(agreement.generateSecret(), secret.getByteArrayAttributeValue(CKA_VALUE));
-      }
-    }
   }
 
   // ---- Modules with ways that real ones have, see native/odd.cpp ----
