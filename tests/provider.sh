@@ -49,3 +49,4 @@ for name in SHA256withRSA SHA256withRSAandMGF1 SHA384withECDSA pdf; do
   openssl cms -verify -binary -purpose any -inform DER -in $name.cms -content $content -CAstore ca.der \
     2>log | same "CMS $name" $content || { cat log; exit 1; }
 done
+openssl pkeyutl -verify -rawin -certin -inkey ed25519.der -keyform DER -in text -sigfile signature

@@ -178,6 +178,7 @@ class CliTest {
     "1|no token that.*are: \"demo\" in slot .*|objects --token x",
     "1|no token that.*|objects --uri pkcs11:serial=0", "2|.*slot is a number.*|objects --slot -1",
     "1|no token that.*|objects --slot 0x7", "2|.*no decimal.*|objects --uri pkcs11:slot-id=abc",
+    "2|.*are no UTF-8;.*|objects --uri pkcs11:?pin-source=/%FF",
     "1|.* has no PIN pad.*|objects --pinpad", "1|.*4096 bytes|objects --pin-source /dev/zero",
     "2|there is no such command; the commands are info, .*|foo", "2|which key.*|check --type private",
     "2|--signature-format.*|sign --id 0069ff --pin-source DIR/pin --signature-format der DIR/data",

@@ -589,10 +589,12 @@ class ProviderTest {
   // ---- Bad input ----
 
   @Test
-  void saysWhatIsWrongWithAToken() throws Exception {
+  void saysWhatIsWrongWithAToken() throws Throwable {
     assertNotLoaded("pkcs11:token=demo?module-path=/other.so", "there is one module at a time");
     provider.logout();
     assertNotLoaded(URI.replace("token=", "token=no"), "there are: \"demo\"");
+    EndToEndTest.calls("C_Login", "label=\uFFFD",
+        () -> assertNotLoaded(URI.replace("token=demo", "token=%FF"), "no token that"));
     assertNotLoaded(URI.replace("token=demo", "") + "-none", "-none");
     assertThrows(IOException.class, () -> load(new QuarvelProvider(), PIN));
   }

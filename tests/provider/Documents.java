@@ -32,6 +32,13 @@ class Documents {
       decrypt(store, name);
     }
     signPdf(store);
+    // It then makes public keys of its own classes.
+    Security.insertProviderAt(new BouncyCastleProvider(), 1);
+    store.load(null, args[1].toCharArray());
+    Signature signer = Signature.getInstance("Ed25519");
+    signer.initSign((PrivateKey) store.getKey("ed25519", null));
+    signer.update(text);
+    write("signature", signer.sign());
   }
 
   private static void decrypt(KeyStore store, String name) throws Exception {

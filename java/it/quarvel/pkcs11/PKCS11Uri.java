@@ -7,6 +7,7 @@ import java.io.ByteArrayOutputStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
+import java.util.Arrays;
 import java.util.HashMap;
 import java.util.Map;
 import java.util.Set;
@@ -202,6 +203,12 @@ public final class PKCS11Uri {
 
   private void check() {
     objectClass();
+    for (String name : QUERY) {
+      byte[] value = attributes.get(name);
+      if (value != null && !Arrays.equals(value, text(name).getBytes(StandardCharsets.UTF_8))) {
+        throw bad("has bytes in " + name + " that are no UTF-8");
+      }
+    }
     if (text("x-writable") != null && !text("x-writable").matches("yes|no")) {
       throw bad("has an x-writable that is neither yes nor no");
     }
@@ -219,9 +226,18 @@ public final class PKCS11Uri {
     }
   }
 
+  /** Compares bytes, since more than one sequence of them may be read as one text. */
   private boolean same(String name, String found) {
-    String wanted = text(name);
-    return wanted == null || wanted.stripTrailing().equals(found.stripTrailing());
+    byte[] wanted = attributes.get(name);
+    if (wanted == null) {
+      return true;
+    }
+    int length = wanted.length;
+    while (length > 0 && wanted[length - 1] == ' ') {
+      length--;
+    }
+    return Arrays.equals(Arrays.copyOf(wanted, length),
+        found.stripTrailing().getBytes(StandardCharsets.UTF_8));
   }
 
   private String text(String name) {

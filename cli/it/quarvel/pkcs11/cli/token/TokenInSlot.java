@@ -38,13 +38,14 @@ public record TokenInSlot(NativePKCS11Slot slot, PKCS11TokenInfo info) {
         + ";token=" + escape(info.trimmedLabel());
   }
 
+  /** An empty id counts: without it, the URI would name others with the same label too. */
   public String uri(NativePKCS11Object object) {
     Attributes attributes = new Attributes(object);
-    byte[] id = attributes.bytesOrEmpty(CKA_ID);
+    Object id = attributes.bytes(CKA_ID);
     Object label = attributes.bytes(CKA_LABEL);
     Object objectClass = attributes.number(CKA_CLASS);
     String type = objectClass instanceof Integer known ? PKCS11Uri.type(known) : null;
-    return uri() + (id.length == 0 ? "" : ";id=" + ALL_ESCAPED.formatHex(id))
+    return uri() + (id instanceof byte[] bytes ? ";id=" + ALL_ESCAPED.formatHex(bytes) : "")
         + (label instanceof byte[] bytes ? ";object=" + escape(bytes) : "")
         + (type == null ? "" : ";type=" + type);
   }
