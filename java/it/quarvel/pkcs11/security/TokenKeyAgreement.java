@@ -2,6 +2,7 @@
 package it.quarvel.pkcs11.security;
 
 import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.internal.Hash;
 import java.math.BigInteger;
 import java.nio.ByteBuffer;
 import java.security.InvalidAlgorithmParameterException;
