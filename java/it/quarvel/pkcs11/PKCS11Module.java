@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11;
 
+import static it.quarvel.pkcs11.PKCS11Constants.CKR_CRYPTOKI_NOT_INITIALIZED;
+
 import it.quarvel.pkcs11.nat.NativePKCS11;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.util.ArrayList;
@@ -37,15 +39,23 @@ public final class PKCS11Module implements AutoCloseable {
     void load(String path) throws PKCS11Exception;
   }
 
+  /** Stands for all slots: the adapter ends its module when the sessions of all are closed. */
+  private static final int EVERY_SLOT = -1;
+
   /** The one that is open in this process, null when none is; guarded by the class. */
   private static PKCS11Module current;
 
+  /** The module whose end failed at last, null when there is none; guarded by the class. */
+  private static String unended;
+
   private final NativePKCS11 module;
   private final String path;
+  private final boolean isDirect;
 
-  private PKCS11Module(NativePKCS11 module, String path) {
+  private PKCS11Module(NativePKCS11 module, String path, boolean isDirect) {
     this.module = module;
     this.path = path;
+    this.isDirect = isDirect;
   }
 
   /**
@@ -59,8 +69,9 @@ public final class PKCS11Module implements AutoCloseable {
 
   /**
    * Loads and initialises a module behind the adapter ({@code C_GetFunctionList}, {@code
-   * C_Initialize} with {@code CKF_OS_LOCKING_OK}). One that another part of the process has
-   * initialised is used as it is, and not finalised.
+   * C_Initialize} with {@code CKF_OS_LOCKING_OK}). A module that these classes have opened in another
+   * class loader is shared with it. One that another part of the process has initialised, the JDK's
+   * provider for instance, is used as it is, one call at a time, and not finalised.
    *
    * @param path file of the module; a name without a folder is looked up by the dynamic linker
    * @return the module, which the caller closes
@@ -70,7 +81,7 @@ public final class PKCS11Module implements AutoCloseable {
    * @throws UnsatisfiedLinkError when the native library or the adapter cannot be loaded
    */
   public static PKCS11Module open(String path) throws PKCS11Exception {
-    return open(path, ModuleFile::loadAdapted);
+    return open(path, false, ModuleFile::loadAdapted);
   }
 
   /**
@@ -85,20 +96,29 @@ public final class PKCS11Module implements AutoCloseable {
    * @throws UnsatisfiedLinkError when the native library cannot be loaded
    */
   public static PKCS11Module openDirect(String path) throws PKCS11Exception {
-    return open(path, ModuleFile::load);
+    return open(path, true, ModuleFile::load);
   }
 
-  private static synchronized PKCS11Module open(String path, Load load) throws PKCS11Exception {
+  private static synchronized PKCS11Module open(String path, boolean isDirect, Load load)
+      throws PKCS11Exception {
     if (current != null) {
-      throw new IllegalStateException(
-          "there is one module at a time, and " + current.path + " is open: close it first");
+      throw new IllegalStateException("there is one module at a time, and " + current.path
+          + " is open: close it first, or open p11-kit-proxy.so, which shows several as one");
     }
     NativePKCS11 module = new NativePKCS11();
     load.load(Objects.requireNonNull(path, "no path of a module"));
+    if (path.equals(unended)) {
+      warn(path + " was not ended when it was closed before, and may be as it was left");
+    }
     // One that refuses is left alone: another part of the process may be using it.
     module.libInitialize();
-    current = new PKCS11Module(module, path);
+    unended = null;
+    current = new PKCS11Module(module, path, isDirect);
     return current;
+  }
+
+  private static void warn(String text) {
+    System.getLogger(PKCS11Module.class.getPackageName()).log(System.Logger.Level.WARNING, text);
   }
 
   /**
@@ -164,13 +184,35 @@ public final class PKCS11Module implements AutoCloseable {
    * use, and this object's other methods raise {@code IllegalStateException}. Behind the adapter it
    * waits for calls that are under way, and later ones raise {@link PKCS11Exception}; used directly,
    * none may be under way. Once is enough, and another thread may do the same.
+   *
+   * <p>Behind the adapter, a module that other class loaders have opened as well loses the sessions of
+   * this one alone, and is finalised with the last that closes it. One that was initialised before
+   * this one opened it, by the JDK's provider for instance, stays so. But whoever initialises it later
+   * and takes it as it is cannot be seen, and loses it here: have that part of the program start first.
+   * A module that fails to end is told of to the {@link System.Logger} of this package.
    */
   @Override
   public void close() {
     synchronized (PKCS11Module.class) {
       if (current == this) {
         current = null;
+        if (!isDirect) {
+          end();
+        }
         module.libFinalize();
+      }
+    }
+  }
+
+  /** Ends the module behind the adapter, since {@code libFinalize} does not tell whether that fails. */
+  private void end() {
+    try {
+      new NativePKCS11Slot(module, EVERY_SLOT).closeAllSessions();
+    } catch (PKCS11Exception e) {
+      // Somebody else may have ended it before.
+      if (e.errorCode() != CKR_CRYPTOKI_NOT_INITIALIZED) {
+        unended = path;
+        warn(path + " is closed, but was not ended: " + e.getMessage());
       }
     }
   }

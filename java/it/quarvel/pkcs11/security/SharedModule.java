@@ -40,8 +40,8 @@ final class SharedModule {
         open = load(wanted);
         path = wanted;
       } else if (!path.equals(wanted)) {
-        throw new PKCS11Exception("there is one module at a time: %s is in use, %s cannot be opened"
-            .formatted(path, wanted));
+        throw new PKCS11Exception("there is one module at a time: " + path + " is in use, " + wanted
+            + " cannot be opened; p11-kit-proxy.so shows several as one");
       }
       USERS.add(user);
       return open;
