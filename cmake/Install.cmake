@@ -1,42 +1,64 @@
 # SPDX-License-Identifier: Apache-2.0
-# What cmake --install puts into a prefix; packaging/package.sh makes the Debian packages and the
-# tarball of it.
+# What cmake --install puts into a prefix, by component: runtime, java, cli, doc.
 
 include(GNUInstallDirs)
+set(jni_dir ${CMAKE_INSTALL_LIBDIR}/jni)
 set(java_dir ${CMAKE_INSTALL_DATADIR}/java)
-set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/quarvel-pkcs11)
 
-# Whatever the builder's umask.
+# Modes are the same whatever the umask, which CMake lets take away from those of the folders above.
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
                                                 GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+# quarvel_folders(COMPONENT FOLDER...)
+function(quarvel_folders component)
+  install(CODE "set(folders \"${ARGN}\")" COMPONENT ${component})
+  install(CODE [[
+    foreach(folder IN LISTS folders)
+      cmake_path(ABSOLUTE_PATH folder BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}")
+      execute_process(COMMAND sh -c "umask 022 && mkdir -p \"$0\"" "$ENV{DESTDIR}${folder}"
+                      COMMAND_ERROR_IS_FATAL ANY)
+    endforeach()]] COMPONENT ${component})
+endfunction()
 
-# The manual page describes commands and options by what the inspector's classes say of them.
-set(manual ${CMAKE_BINARY_DIR}/quarvel-pkcs11.1)
-configure_file(packaging/quarvel-pkcs11.1.in ${manual}.in @ONLY)
-add_custom_command(
-  OUTPUT ${manual}
-  COMMAND ${Java_JAVA_EXECUTABLE} -cp ${QUARVEL_CLASSES}:${QUARVEL_CLI_CLASSES}:${QUARVEL_PICOCLI}
-          ${CMAKE_SOURCE_DIR}/packaging/ManualPage.java ${manual}.in > ${manual}
-  DEPENDS packaging/ManualPage.java ${manual}.in ${QUARVEL_CLI_STAMP}
-  VERBATIM)
-add_custom_target(manual ALL DEPENDS ${manual})
-install(TARGETS ${QUARVEL_NATIVE_TARGETS} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/jni)
-install(FILES ${QUARVEL_JAR} ${CMAKE_BINARY_DIR}/quarvel-pkcs11-cli.jar DESTINATION ${java_dir})
-install(PROGRAMS packaging/quarvel-pkcs11 DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES ${QUARVEL_COMPLETION}
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME quarvel-pkcs11)
+quarvel_folders(runtime ${jni_dir})
+quarvel_folders(java ${java_dir})
+quarvel_folders(doc ${CMAKE_INSTALL_DOCDIR})
+install(TARGETS ${QUARVEL_NATIVE_TARGETS} LIBRARY DESTINATION ${jni_dir} COMPONENT runtime)
+install(FILES ${QUARVEL_JAR} DESTINATION ${java_dir} COMPONENT java)
 install(FILES README.md CHANGELOG.md SECURITY.md CONTRIBUTING.md LICENSE NOTICE
-        DESTINATION ${doc_dir})
-install(DIRECTORY docs DESTINATION ${doc_dir})
-install(DIRECTORY ${QUARVEL_JAVADOC}/ DESTINATION ${doc_dir}/api)
+        DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+if(QUARVEL_JAVADOC)
+  install(DIRECTORY ${QUARVEL_JAVADOC_PAGES}/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/api COMPONENT doc)
+endif()
 
-add_custom_target(
-  packages
-  COMMAND ${CMAKE_SOURCE_DIR}/packaging/package.sh ${CMAKE_BINARY_DIR} ${PROJECT_VERSION}
-          ${QUARVEL_DATE} ${QUARVEL_POM} ${QUARVEL_VARIANTS}
-  DEPENDS packaging/package.sh
-  VERBATIM USES_TERMINAL)
-add_dependencies(packages ${QUARVEL_NATIVE_TARGETS} completion manual quarvel-pkcs11-jar
-                 quarvel-pkcs11-pure-jar quarvel-pkcs11-cli-jar quarvel-pkcs11-javadoc-jar
-                 quarvel-pkcs11-sources-jar)
+if(QUARVEL_CLI)
+  # The launcher finds its folders from its own where it can, so that a prefix may be moved, and names
+  # no processor, so that it is the same on each.
+  foreach(dir jni_dir java_dir)
+    if(IS_ABSOLUTE "${${dir}}" OR IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}")
+      cmake_path(ABSOLUTE_PATH ${dir} BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE path)
+    else()
+      file(RELATIVE_PATH path /${CMAKE_INSTALL_BINDIR} /${${dir}})
+      string(PREPEND path "$bin/")
+    endif()
+    string(REPLACE "/${CMAKE_SYSTEM_PROCESSOR}-linux-gnu/" "/$(uname -m)-linux-gnu/" launcher_${dir} ${path})
+  endforeach()
+  configure_file(packaging/quarvel-pkcs11.in quarvel-pkcs11 @ONLY)
+  set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  quarvel_folders(cli ${java_dir} ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_MANDIR}/man1 ${completions})
+  install(FILES ${CMAKE_BINARY_DIR}/quarvel-pkcs11-cli.jar DESTINATION ${java_dir} COMPONENT cli)
+  install(PROGRAMS ${CMAKE_BINARY_DIR}/quarvel-pkcs11 DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT cli)
+  install(FILES ${QUARVEL_MANUAL} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT cli)
+  install(FILES ${QUARVEL_COMPLETION} COMPONENT cli RENAME quarvel-pkcs11
+          DESTINATION ${completions})
+endif()
+
+if(QUARVEL_CLI AND QUARVEL_JAVADOC)
+  add_custom_target(
+    packages
+    COMMAND ${CMAKE_SOURCE_DIR}/packaging/package.sh ${CMAKE_BINARY_DIR} ${PROJECT_VERSION}
+            ${QUARVEL_DATE} ${QUARVEL_VARIANTS}
+    VERBATIM USES_TERMINAL)
+  add_dependencies(packages ${QUARVEL_NATIVE_TARGETS} inspector quarvel-pkcs11-jar quarvel-pkcs11-cli-jar
+                   quarvel-pkcs11-javadoc-jar quarvel-pkcs11-sources-jar)
+endif()

@@ -5,12 +5,20 @@
 file(REAL_PATH ${Java_JAVAC_EXECUTABLE} javac)
 cmake_path(GET javac PARENT_PATH QUARVEL_JDK)
 cmake_path(GET QUARVEL_JDK PARENT_PATH QUARVEL_JDK)
+# Nothing of the builder's environment gets into a class or a page, and a folder may have any letter.
+set(in_java ${CMAKE_COMMAND} -E env --unset=CLASSPATH --unset=JDK_JAVA_OPTIONS
+            --unset=JAVA_TOOL_OPTIONS LC_ALL=C.UTF-8)
 # A compiler in Java ends before a thorough translation of itself pays.
-set(QUARVEL_QUICK -J-XX:TieredStopAtLevel=1)
-# Nothing of the builder's environment gets into a class or a page. Texts are put together by plain
-# code: what javac does else loads classes at each start. A javac without the option ignores it.
-set(java_options ${QUARVEL_QUICK} -encoding UTF-8 -Xlint:all -Werror --release 17
-    -XDstringConcat=inline)
+set(quick -J-XX:TieredStopAtLevel=1)
+if(CMAKE_COMPILE_WARNING_AS_ERROR)
+  set(java_warnings -Xlint:all -Werror)
+  set(javadoc_warnings -Werror)
+endif()
+set(QUARVEL_JAVAC ${in_java} ${Java_JAVAC_EXECUTABLE} ${quick} -encoding UTF-8 --release 17
+                  ${java_warnings})
+# Texts are put together by plain code: what javac does else loads classes at each start. A javac
+# without the option ignores it.
+set(javac_inline ${QUARVEL_JAVAC} -XDstringConcat=inline)
 
 file(GLOB_RECURSE QUARVEL_JAVA_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/java/*.java)
 set(generated ${CMAKE_BINARY_DIR}/generated)
@@ -40,7 +48,7 @@ add_custom_command(
   OUTPUT ${QUARVEL_CLASSES_STAMP}
   BYPRODUCTS ${QUARVEL_JNI_HEADER_FILES}
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_CLASSES}
-  COMMAND ${Java_JAVAC_EXECUTABLE} ${java_options} -Xdoclint:all/protected,-missing -d ${QUARVEL_CLASSES}
+  COMMAND ${javac_inline} -Xdoclint:all/protected,-missing -d ${QUARVEL_CLASSES}
           -h ${QUARVEL_JNI_HEADERS} ${QUARVEL_JAVA_SOURCES}
   COMMAND ${QUARVEL_PERL} -0777 -pi -e "s/\\x01\\0.17\\.[0-9.]+/\\x01\\0\\x0217/s"
           ${QUARVEL_CLASSES}/module-info.class
@@ -58,75 +66,83 @@ Implementation-Vendor: the quarvel-pkcs11 authors
 set(legal ${CMAKE_BINARY_DIR}/legal)
 file(COPY LICENSE NOTICE DESTINATION ${legal}/META-INF)
 
-# quarvel_jar(NAME [MANIFEST text] [DEPENDS files...] CONTENTS jar arguments...): a target NAME-jar
-# that writes NAME.jar, licence included.
+# quarvel_jar(NAME [MANIFEST text] [DEPENDS files...] [AFTER targets...] CONTENTS jar arguments...): a
+# target NAME-jar that writes NAME.jar, licence included. AFTER keeps parallel makes from making what
+# several targets depend on several times at once.
 function(quarvel_jar name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "MANIFEST" "DEPENDS;CONTENTS")
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "MANIFEST" "DEPENDS;AFTER;CONTENTS")
   set(jar ${CMAKE_BINARY_DIR}/${name}.jar)
   set(manifest ${CMAKE_BINARY_DIR}/${name}.mf)
   file(CONFIGURE OUTPUT ${manifest} CONTENT "${manifest_lines}${ARG_MANIFEST}" @ONLY)
   add_custom_command(
     OUTPUT ${jar}
-    COMMAND ${Java_JAR_EXECUTABLE} --create --file ${jar} --date=${QUARVEL_DATE}T00:00:00Z
+    COMMAND ${in_java} ${Java_JAR_EXECUTABLE} --create --file ${jar} --date=${QUARVEL_DATE}T00:00:00Z
             --manifest ${manifest} ${ARG_CONTENTS} -C ${legal} META-INF
     DEPENDS ${ARG_DEPENDS} ${manifest}
     VERBATIM)
   add_custom_target(${name}-jar ALL DEPENDS ${jar})
+  add_dependencies(${name}-jar quarvel_classes ${ARG_AFTER})
 endfunction()
 
 # ---- The library's jar: classes, the native files, what Maven and native-image want to know ----
 
-# os.arch of the Java virtual machine names the folder of the native files.
-if(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
-  set(arch amd64)
-else()
-  set(arch ${CMAKE_SYSTEM_PROCESSOR})
-endif()
 set(resources ${CMAKE_BINARY_DIR}/resources)
-set(nat it/quarvel/pkcs11/nat)
-foreach(target ${QUARVEL_NATIVE_TARGETS})
-  set(folder ${nat}/linux-${arch})
-  set(native ${folder}/lib${target}.so)
-  add_custom_command(
-    OUTPUT ${resources}/${native}
-    COMMAND ${CMAKE_COMMAND} -E make_directory ${resources}/${folder}
-    COMMAND ${CMAKE_STRIP} --remove-section=.comment -o ${resources}/${native}
-            $<TARGET_FILE:${target}>
-    DEPENDS ${target}
-    VERBATIM)
-  list(APPEND native_files ${resources}/${native})
-  list(APPEND natives -C ${resources} ${native})
-endforeach()
-add_custom_target(natives DEPENDS ${native_files})
-set(index ${resources}/${nat}/INDEX)
-set(sums ${native_files})
-list(TRANSFORM sums REPLACE ".*/${nat}/" "")
-set(sum ${CMAKE_SOURCE_DIR}/cmake/index.sh)
-set(write_index COMMAND ${sum} ${resources}/${nat} ${sums} > ${index})
-# Those of other presets, each configured afresh, as it may have another compiler by now.
-foreach(variant ${QUARVEL_VARIANTS})
-  set(folder ${CMAKE_BINARY_DIR}/${variant})
-  set(variant_files)
+if(QUARVEL_NATIVES_IN_JAR)
+  if(NOT CMAKE_STRIP)
+    message(FATAL_ERROR "strip is missing")
+  endif()
+  # os.arch of the Java virtual machine names the folder of the native files.
+  if(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
+    set(arch amd64)
+  else()
+    set(arch ${CMAKE_SYSTEM_PROCESSOR})
+  endif()
+  set(nat it/quarvel/pkcs11/nat)
   foreach(target ${QUARVEL_NATIVE_TARGETS})
-    set(native ${nat}/${variant}/lib${target}.so)
-    list(APPEND variant_files ${folder}/resources/${native})
-    list(APPEND natives -C ${folder}/resources ${native})
+    set(folder ${nat}/linux-${arch})
+    set(native ${folder}/lib${target}.so)
+    add_custom_command(
+      OUTPUT ${resources}/${native}
+      COMMAND ${CMAKE_COMMAND} -E make_directory ${resources}/${folder}
+      COMMAND ${CMAKE_STRIP} --remove-section=.comment -o ${resources}/${native}
+              $<TARGET_FILE:${target}>
+      DEPENDS ${target}
+      VERBATIM)
+    list(APPEND native_files ${resources}/${native})
+    list(APPEND natives -C ${resources} ${native})
   endforeach()
-  add_custom_target(
-    variant-${variant}
-    COMMAND ${CMAKE_COMMAND} --fresh --log-level=WARNING --preset ${variant} -B ${folder}
-    COMMAND ${CMAKE_COMMAND} --build ${folder} --target natives
-    WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}
-    BYPRODUCTS ${variant_files}
-    VERBATIM USES_TERMINAL)
-  list(APPEND native_files ${variant_files})
-  list(TRANSFORM variant_files REPLACE ".*/${nat}/" "")
-  list(APPEND write_index COMMAND ${sum} ${folder}/resources/${nat} ${variant_files} >> ${index})
-endforeach()
-# Tells Java what the jar carries, and whether it is whole.
-add_custom_command(OUTPUT ${index} ${write_index} DEPENDS ${native_files} ${sum} VERBATIM)
-list(APPEND native_files ${index})
-list(APPEND natives -C ${resources} ${nat}/INDEX)
+  add_custom_target(natives DEPENDS ${native_files})
+  set(natives_target natives)
+  set(index ${resources}/${nat}/INDEX)
+  set(sums ${native_files})
+  list(TRANSFORM sums REPLACE ".*/${nat}/" "")
+  set(sum ${CMAKE_SOURCE_DIR}/cmake/index.sh)
+  set(write_index COMMAND ${sum} ${resources}/${nat} ${sums} > ${index})
+  # Those of other presets, each configured afresh, as it may have another compiler by now.
+  foreach(variant ${QUARVEL_VARIANTS})
+    set(folder ${CMAKE_BINARY_DIR}/${variant})
+    set(variant_files)
+    foreach(target ${QUARVEL_NATIVE_TARGETS})
+      set(native ${nat}/${variant}/lib${target}.so)
+      list(APPEND variant_files ${folder}/resources/${native})
+      list(APPEND natives -C ${folder}/resources ${native})
+    endforeach()
+    add_custom_target(
+      variant-${variant}
+      COMMAND ${CMAKE_COMMAND} --fresh --log-level=WARNING --preset ${variant} -B ${folder}
+      COMMAND ${CMAKE_COMMAND} --build ${folder} --target natives
+      WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}
+      BYPRODUCTS ${variant_files}
+      VERBATIM USES_TERMINAL)
+    list(APPEND native_files ${variant_files})
+    list(TRANSFORM variant_files REPLACE ".*/${nat}/" "")
+    list(APPEND write_index COMMAND ${sum} ${folder}/resources/${nat} ${variant_files} >> ${index})
+  endforeach()
+  # Tells Java what the jar carries, and whether it is whole.
+  add_custom_command(OUTPUT ${index} ${write_index} DEPENDS ${native_files} ${sum} VERBATIM)
+  list(APPEND native_files ${index})
+  list(APPEND natives -C ${resources} ${nat}/INDEX)
+endif()
 
 set(pom META-INF/maven/it.quarvel/quarvel-pkcs11)
 set(QUARVEL_POM ${resources}/${pom}/pom.xml)
@@ -170,13 +186,43 @@ Export-Package: ${exports};version=\"${PROJECT_VERSION}\"
 Require-Capability: osgi.ee;filter:=\"(&(osgi.ee=JavaSE)(version=17))\"
 ")
 quarvel_jar(quarvel-pkcs11 MANIFEST "${bundle}" CONTENTS ${contents} ${natives}
-            DEPENDS ${QUARVEL_CLASSES_STAMP} ${native_files} ${QUARVEL_POM} ${graal_files})
-# For a package that has another one for its native files.
-quarvel_jar(quarvel-pkcs11-pure MANIFEST "${bundle}" CONTENTS ${contents}
-            DEPENDS ${QUARVEL_CLASSES_STAMP} ${QUARVEL_POM} ${graal_files})
+            DEPENDS ${QUARVEL_CLASSES_STAMP} ${native_files} ${QUARVEL_POM} ${graal_files}
+            AFTER ${natives_target})
 set(QUARVEL_JAR ${CMAKE_BINARY_DIR}/quarvel-pkcs11.jar)
 
-# ---- The inspector's jar ----
+# ---- Sources and Javadoc, for development environments ----
+
+quarvel_jar(quarvel-pkcs11-sources CONTENTS -C ${CMAKE_SOURCE_DIR}/java . -C ${generated} .
+            DEPENDS ${QUARVEL_JAVA_SOURCES})
+
+if(QUARVEL_JAVADOC)
+  set(QUARVEL_JAVADOC_PAGES ${CMAKE_BINARY_DIR}/javadoc)
+  set(title "${PROJECT_NAME} ${PROJECT_VERSION}")
+  # Without its index, a page that brings a JavaScript library with a licence of its own, and without
+  # fonts, which newer versions of Java bring.
+  set(plain -noindex)
+  if(Java_VERSION_MAJOR GREATER_EQUAL 23)
+    list(APPEND plain --no-fonts)
+  endif()
+  add_custom_command(
+    OUTPUT ${QUARVEL_JAVADOC_PAGES}.stamp
+    COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_JAVADOC_PAGES}
+    COMMAND ${in_java} ${Java_JAVADOC_EXECUTABLE} ${quick} -J-Duser.language=en -quiet -notimestamp
+            ${plain} -locale en -encoding UTF-8 -docencoding UTF-8 -Xdoclint:all,-missing
+            ${javadoc_warnings} -windowtitle ${title} -doctitle ${title} -header ${title} -d ${QUARVEL_JAVADOC_PAGES}
+            ${QUARVEL_JAVA_SOURCES}
+    COMMAND ${CMAKE_COMMAND} -E touch ${QUARVEL_JAVADOC_PAGES}.stamp
+    DEPENDS ${QUARVEL_JAVA_SOURCES}
+    VERBATIM)
+  quarvel_jar(quarvel-pkcs11-javadoc CONTENTS -C ${QUARVEL_JAVADOC_PAGES} .
+              DEPENDS ${QUARVEL_JAVADOC_PAGES}.stamp)
+endif()
+
+if(NOT QUARVEL_CLI)
+  return()
+endif()
+
+# ---- The inspector, with its completion and its manual page, which describe what its classes say ----
 
 file(GLOB_RECURSE cli_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/cli/*.java)
 find_file(QUARVEL_PICOCLI picocli.jar PATHS /usr/share/java NO_DEFAULT_PATH REQUIRED)
@@ -185,11 +231,13 @@ set(QUARVEL_CLI_STAMP ${QUARVEL_CLI_CLASSES}.stamp)
 add_custom_command(
   OUTPUT ${QUARVEL_CLI_STAMP}
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_CLI_CLASSES}
-  COMMAND ${Java_JAVAC_EXECUTABLE} ${java_options} -Xlint:-processing
+  COMMAND ${javac_inline} -Xlint:-processing
           -cp ${QUARVEL_CLASSES}:${QUARVEL_PICOCLI} -d ${QUARVEL_CLI_CLASSES} ${cli_sources}
   COMMAND ${CMAKE_COMMAND} -E touch ${QUARVEL_CLI_STAMP}
   DEPENDS ${cli_sources} ${QUARVEL_CLASSES_STAMP}
   VERBATIM)
+add_custom_target(quarvel_cli_classes DEPENDS ${QUARVEL_CLI_STAMP})
+add_dependencies(quarvel_cli_classes quarvel_classes)
 quarvel_jar(
   quarvel-pkcs11-cli
   MANIFEST "Main-Class: it.quarvel.pkcs11.cli.Launcher
@@ -197,33 +245,25 @@ Class-Path: quarvel-pkcs11.jar picocli.jar ${QUARVEL_PICOCLI}
 Enable-Native-Access: ALL-UNNAMED
 "
   CONTENTS -C ${QUARVEL_CLI_CLASSES} .
-  DEPENDS ${QUARVEL_CLI_STAMP})
+  DEPENDS ${QUARVEL_CLI_STAMP}
+  AFTER quarvel_cli_classes)
 
+set(cli_java ${in_java} ${Java_JAVA_EXECUTABLE} -cp
+             ${QUARVEL_CLASSES}:${QUARVEL_CLI_CLASSES}:${QUARVEL_PICOCLI})
 set(QUARVEL_COMPLETION ${CMAKE_BINARY_DIR}/quarvel-pkcs11.bash)
 add_custom_command(
   OUTPUT ${QUARVEL_COMPLETION}
-  COMMAND ${Java_JAVA_EXECUTABLE} -cp ${QUARVEL_CLASSES}:${QUARVEL_CLI_CLASSES}:${QUARVEL_PICOCLI}
-          it.quarvel.pkcs11.cli.Main generate-completion > ${QUARVEL_COMPLETION}
+  COMMAND ${cli_java} it.quarvel.pkcs11.cli.Main generate-completion > ${QUARVEL_COMPLETION}
   COMMAND sed -i "/^#!/d" ${QUARVEL_COMPLETION} # it is read, not run
   DEPENDS ${QUARVEL_CLI_STAMP}
   VERBATIM)
-add_custom_target(completion ALL DEPENDS ${QUARVEL_COMPLETION})
-
-# ---- Sources and Javadoc, for development environments ----
-
-set(QUARVEL_JAVADOC ${CMAKE_BINARY_DIR}/javadoc)
-set(title "${PROJECT_NAME} ${PROJECT_VERSION}")
-# Without its index, a page that brings a JavaScript library with a licence of its own.
+set(QUARVEL_MANUAL ${CMAKE_BINARY_DIR}/quarvel-pkcs11.1)
+configure_file(packaging/quarvel-pkcs11.1.in ${QUARVEL_MANUAL}.in @ONLY)
 add_custom_command(
-  OUTPUT ${QUARVEL_JAVADOC}.stamp
-  COMMAND ${CMAKE_COMMAND} -E rm -rf ${QUARVEL_JAVADOC}
-  COMMAND ${Java_JAVADOC_EXECUTABLE} ${QUARVEL_QUICK} -J-Duser.language=en -quiet -notimestamp -noindex -locale en
-          -encoding UTF-8 -docencoding UTF-8 -Xdoclint:all,-missing -Werror
-          -windowtitle ${title} -doctitle ${title} -header ${title} -d ${QUARVEL_JAVADOC}
-          ${QUARVEL_JAVA_SOURCES}
-  COMMAND ${CMAKE_COMMAND} -E touch ${QUARVEL_JAVADOC}.stamp
-  DEPENDS ${QUARVEL_JAVA_SOURCES}
+  OUTPUT ${QUARVEL_MANUAL}
+  COMMAND ${cli_java} ${CMAKE_SOURCE_DIR}/packaging/ManualPage.java ${QUARVEL_MANUAL}.in
+          > ${QUARVEL_MANUAL}
+  DEPENDS packaging/ManualPage.java ${QUARVEL_MANUAL}.in ${QUARVEL_CLI_STAMP}
   VERBATIM)
-quarvel_jar(quarvel-pkcs11-javadoc CONTENTS -C ${QUARVEL_JAVADOC} . DEPENDS ${QUARVEL_JAVADOC}.stamp)
-quarvel_jar(quarvel-pkcs11-sources CONTENTS -C ${CMAKE_SOURCE_DIR}/java . -C ${generated} .
-            DEPENDS ${QUARVEL_JAVA_SOURCES})
+add_custom_target(inspector ALL DEPENDS ${QUARVEL_COMPLETION} ${QUARVEL_MANUAL})
+add_dependencies(inspector quarvel_cli_classes)

@@ -6,7 +6,7 @@
 root=$cache/arm64 build=$cache/arm64.build
 unpack "$root" "$(. /etc/os-release && echo "$VERSION_CODENAME")" arm64 default-jre-headless softhsm2 libgtest-dev
 cd "$tests/.."
-cmake --fresh --preset linux-aarch64 -B "$build" -DQUARVEL_TESTS=ON \
+cmake --fresh --preset linux-aarch64 -B "$build" -DBUILD_TESTING=ON \
   -DGTest_DIR="$root/usr/lib/aarch64-linux-gnu/cmake/GTest" >"$build.log"
 cmake --build "$build" --target native_tests adapter_tests >>"$build.log" || { cat "$build.log"; exit 1; }
 

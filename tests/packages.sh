@@ -22,11 +22,11 @@ use_installed() {
   cd "$tests"
   local packages=(libquarvel-pkcs11-jni libquarvel-pkcs11-java libquarvel-pkcs11-java-doc quarvel-pkcs11)
   local jar=/usr/share/java/quarvel-pkcs11.jar cli=/usr/share/java/quarvel-pkcs11-cli.jar
-  (umask 000 && dpkg --install ./*_{all,"$(dpkg --print-architecture)"}.deb >/dev/null)
+  (umask 000 && apt-get install -qq --no-download "./deb/$(dpkg --print-architecture)"/*.deb >/dev/null)
   dpkg --verify "${packages[@]}"
   dpkg --listfiles "${packages[@]}" | grep . | sort -u |
     xargs -I{} find {} -maxdepth 0 ! -type l -perm /022 ! -path /tmp | diff /dev/null -
-  lintian --allow-root --pedantic ./*.deb | diff /dev/null -
+  lintian --allow-root --pedantic ./deb/*/*.{deb,dsc} | diff /dev/null -
 
   local pkcs11_tool=(pkcs11-tool --module "$QUARVEL_PKCS11_MODULE" --login --pin "$QUARVEL_PIN")
   "${pkcs11_tool[@]}" --keypairgen --key-type rsa:2048 --label signing >/dev/null 2>&1
@@ -103,8 +103,10 @@ build_elsewhere() {
   cd "$tests/.."
   cmake --preset package
   cmake --build build/package --target packages
-  cmake --install build/package --prefix "$PWD/installed" >/dev/null
-  find installed ! -type l -perm /022 | diff /dev/null -
+  for mask in 000 077; do
+    (umask $mask && cmake --install build/package --prefix "$PWD/installed$mask" >/dev/null)
+  done
+  find installed* ! -type l \( -perm /022 -o ! -perm -044 \) | diff /dev/null -
 }
 
 case $1 in
@@ -133,7 +135,7 @@ chown -R nobody '/mnt/a folder'
 setpriv --reuid=nobody --regid=nogroup --clear-groups env HOME=/mnt TZ=Asia/Tokyo LC_ALL=C \
   JAVA_TOOL_OPTIONS='-Duser.language=tr -Duser.timezone=Asia/Tokyo' \
   "$other/tests/packages.sh" --elsewhere 2>&1
-for file in "$folder"/*.deb "$folder"/*.tar.gz "$folder/maven"; do
+for file in "$folder"/{deb,maven,*.tar.gz}; do
   diff --recursive "$file" "$other/build/package/$(basename "$file")"
 done
 echo 'packages: the same bytes from another user, folder, umask, language and time zone'
@@ -149,7 +151,7 @@ mount -t overlay overlay -o lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work $vi
 mount --bind /proc $view/proc
 mount --bind /dev $view/dev
 mkdir $view/tmp/packages
-cp -r "$folder"/{*.deb,maven} "$0" "$tests/token.sh" "$tests/../README.md" "$tests/../docs/"{install,instead-of}.md \
+cp -r "$folder"/{deb,maven} "$0" "$tests/token.sh" "$tests/../README.md" "$tests/../docs/"{install,instead-of}.md \
   $view/tmp/packages/
 chroot $view /tmp/packages/packages.sh --installed
 echo 'packages: installed; the examples of the README and of docs/ run from them, and as a Maven project'
