@@ -156,6 +156,10 @@ endif()
 configure_file(packaging/pom.xml.in ${QUARVEL_POM} @ONLY)
 string(REPLACE "-" "" updated "${QUARVEL_DATE}000000")
 configure_file(packaging/maven-metadata.xml.in maven-metadata.xml @ONLY)
+# The jar needs Java and the C library alone: the list of what is in it besides itself is empty.
+set(purl "pkg:maven/it.quarvel/quarvel-pkcs11@${PROJECT_VERSION}?type=jar")
+string(UUID serial NAMESPACE 6ba7b811-9dad-11d1-80b4-00c04fd430c8 NAME ${purl} TYPE SHA1)
+configure_file(packaging/sbom.cdx.json.in sbom.cdx.json @ONLY)
 file(CONFIGURE OUTPUT ${resources}/${pom}/pom.properties
      CONTENT "groupId=it.quarvel\nartifactId=quarvel-pkcs11\nversion=${PROJECT_VERSION}\n")
 # What `provides` in the module says, for the class path.

@@ -24,6 +24,8 @@ install -D -m 644 "$build/resources/META-INF/maven/it.quarvel/quarvel-pkcs11/pom
 for kind in '' -sources -javadoc; do
   install -m 644 "$build/quarvel-pkcs11$kind.jar" "$repository/$version/$name$kind.jar"
 done
+sha256=$(sha256sum <"$build/quarvel-pkcs11.jar")
+sed "s/SHA256/${sha256%% *}/" "$build/sbom.cdx.json" >"$repository/$version/$name-cyclonedx.json"
 for file in "$repository"/{*.xml,*/*}; do
   for sum in md5 sha1 sha256 sha512; do
     "${sum}sum" <"$file" | cut -d ' ' -f 1 >"$file.$sum"
