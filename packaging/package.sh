@@ -62,3 +62,5 @@ cp ../*.{dsc,tar.xz} "$build/deb/source/"
 for variant in "${variants[@]}"; do
   build_packages "$(dpkg-architecture "-t${variant#linux-}-linux-gnu" -qDEB_HOST_ARCH)" any
 done
+cd "$build"
+rm -r "$work"
