@@ -22,7 +22,7 @@ use_installed() {
   cd "$tests"
   local packages=(libquarvel-pkcs11-jni libquarvel-pkcs11-java libquarvel-pkcs11-java-doc quarvel-pkcs11)
   local jar=/usr/share/java/quarvel-pkcs11.jar cli=/usr/share/java/quarvel-pkcs11-cli.jar
-  (umask 000 && apt-get install -qq --no-download "./deb/$(dpkg --print-architecture)"/*.deb >/dev/null)
+  (umask 000 && apt-get install -qq -o Dpkg::Use-Pty=0 "./deb/$(dpkg --print-architecture)"/*.deb >/dev/null)
   dpkg --verify "${packages[@]}"
   dpkg --listfiles "${packages[@]}" | grep . | sort -u |
     xargs -I{} find {} -maxdepth 0 ! -type l -perm /022 ! -path /tmp | diff /dev/null -
