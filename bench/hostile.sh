@@ -26,7 +26,7 @@ ulimit -v 12582912
 # outcome SUBJECT OPERATION
 outcome() {
   local status=0 signal
-  (timeout -k 5 20 "${java[@]}" "$1" build/tests/libscripted.so "$2" >"$out/$1.out" 2>&1) \
+  { timeout -k 5 20 "${java[@]}" "$1" build/tests/libscripted.so "$2" >"$out/$1.out" 2>&1; } \
     2>/dev/null || status=$?
   case $status in
     0) tail -n 1 "$out/$1.out" | sed 's/^outcome: //' ;;
