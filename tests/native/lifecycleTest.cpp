@@ -43,6 +43,7 @@ std::string run(const std::string& steps, const std::string& path = kLoad) {
     const Outcome outcome = call(methods.at(step), step == 'l' ? path : "");
     debug = 0;
     EXPECT_TRUE(outcome.exception != "Internal error" || throws(outcome, code)) << outcome.did;
+    EXPECT_TRUE(step == 'f' || outcome.did.find("<dlclose>") == std::string::npos);
     EXPECT_TRUE(step != 'f' || bridge::finalizeLib() == bridge::CKR_ZOV_NOFUNCPTR);
     results.push_back(outcome.result);
   }
