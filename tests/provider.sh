@@ -38,11 +38,12 @@ need /usr/share/java/bcpkix.jar /usr/share/java/pdfbox2.jar # CMS and PDF
 "$jdk/bin/keytool" "${token[@]}" -exportcert -alias agreeing -file agreeing.der >log 2>&1
 encrypt() { openssl cms -encrypt -binary -outform DER -in text -out "$1.cms" "${@:2}"; }
 encrypt rsa2048 -aes256 rsa2048.der
+encrypt rsa2048-oaep -aes256 -recip rsa2048.der -keyopt rsa_padding_mode:oaep
 encrypt agreeing -aes192 -recip agreeing.der -keyopt ecdh_kdf_md:sha256
 encrypt agreeing-1 -des3 agreeing.der
 "$jdk/bin/java" -cp "$jar$documents" "$here/provider/Documents.java" "$uri" "$QUARVEL_PIN" >log 2>&1 ||
   { cat log; exit 1; }
-for name in rsa2048 agreeing agreeing-1; do same "CMS decrypted: $name" text <$name.decrypted; done
+for name in rsa2048 rsa2048-oaep agreeing agreeing-1; do same "CMS decrypted: $name" text <$name.decrypted; done
 for name in SHA256withRSA SHA256withRSAandMGF1 SHA384withECDSA pdf; do
   content=text
   [ $name != pdf ] || content=pdf

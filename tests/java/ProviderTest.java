@@ -7,6 +7,7 @@ import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.nat.*;
 import it.quarvel.pkcs11.security.QuarvelProvider;
 import java.io.*;
+import java.math.BigInteger;
 import java.net.*;
 import java.nio.file.*;
 import java.security.*;
@@ -18,7 +19,7 @@ import java.util.concurrent.*;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.logging.*;
 import javax.crypto.*;
-import javax.crypto.spec.SecretKeySpec;
+import javax.crypto.spec.*;
 import javax.net.ssl.*;
 import javax.security.auth.callback.*;
 import javax.security.auth.login.FailedLoginException;
@@ -230,21 +231,22 @@ class ProviderTest {
 
   // ---- Decryption ----
 
-  @Test
-  void decryptsAndUnwrapsWhatTheJdkEncrypts() throws Exception {
+  @ParameterizedTest
+  @ValueSource(strings = {"RSA", "RSA/ECB/OAEPPadding", "RSA/ECB/OAEPWithSHA1AndMGF1Padding"})
+  void decryptsAndUnwrapsWhatTheJdkEncrypts(String transformation) throws Exception {
     PublicKey publicKey = publicKey("rsa2048");
     SecretKeySpec secret = new SecretKeySpec(new byte[16], "AES");
     // Wrong padding would not do: a token may answer with other bytes rather than tell of it.
     byte[] beyondModulus = new byte[256];
     Arrays.fill(beyondModulus, (byte) 0xFF);
     for (PrivateKey key : List.of(key("rsa2048"), software.get("rsa2048"))) {
-      Cipher cipher = Cipher.getInstance("RSA/ECB/PKCS1Padding", provider);
+      Cipher cipher = Cipher.getInstance(transformation, provider);
       cipher.init(Cipher.WRAP_MODE, publicKey);
       byte[] wrapped = cipher.wrap(secret);
       cipher.init(Cipher.ENCRYPT_MODE, publicKey);
       byte[] encrypted = cipher.doFinal(DATA);
-      Cipher own = Cipher.getInstance("RSA");
-      own.init(Cipher.DECRYPT_MODE, key);
+      Cipher own = Cipher.getInstance(transformation);
+      own.init(Cipher.DECRYPT_MODE, key, cipher.getParameters());
       assertEquals(0, own.update(encrypted, 0, 99).length);
       assertArrayEquals(DATA, own.doFinal(encrypted, 99, encrypted.length - 99));
       byte[] room = new byte[own.getOutputSize(encrypted.length)];
@@ -255,6 +257,11 @@ class ProviderTest {
       assertThrows(InvalidKeyException.class,
           () -> own.unwrap(beyondModulus, "AES", Cipher.SECRET_KEY));
     }
+    Cipher cipher = Cipher.getInstance("RSA/ECB/NoPadding");
+    cipher.init(Cipher.DECRYPT_MODE, key("rsa2048"));
+    byte[] raw = cipher.doFinal(DATA);
+    cipher.init(Cipher.ENCRYPT_MODE, publicKey);
+    assertEquals(new BigInteger(1, DATA), new BigInteger(1, cipher.doFinal(raw)));
   }
 
   // ---- The key store ----
@@ -624,6 +631,12 @@ class ProviderTest {
       raw.update(new byte[246]);
       assertThrows(SignatureException.class, raw::sign);
     }
+    Cipher oaep = Cipher.getInstance("RSA/ECB/OAEPWithSHA-256AndMGF1Padding", provider);
+    assertThrows(InvalidAlgorithmParameterException.class, () -> oaep.init(Cipher.DECRYPT_MODE,
+        key("rsa2048"), new OAEPParameterSpec("SHA-1", "MGF1", MGF1ParameterSpec.SHA1,
+            new PSource.PSpecified(new byte[1]))));
+    oaep.init(Cipher.DECRYPT_MODE, key("rsa2048")); // which SoftHSM2 has not
+    assertThrows(ProviderException.class, () -> oaep.doFinal(new byte[256]));
     Cipher cipher = Cipher.getInstance("RSA", provider);
     assertThrows(InvalidKeyException.class, () -> cipher.init(Cipher.DECRYPT_MODE, key("pss")));
     assertThrows(UnsupportedOperationException.class,

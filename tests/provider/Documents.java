@@ -28,7 +28,7 @@ class Documents {
     write("SHA384withECDSA.cms", sign(store, "prime256v1", "SHA384withECDSA", text));
     // Java's own keys of EC have no object identifier, by which CMS asks for them.
     Security.addProvider(new BouncyCastleProvider());
-    for (String name : List.of("rsa2048", "agreeing", "agreeing-1")) {
+    for (String name : List.of("rsa2048", "rsa2048-oaep", "agreeing", "agreeing-1")) {
       decrypt(store, name);
     }
     signPdf(store);

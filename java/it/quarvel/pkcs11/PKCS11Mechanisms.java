@@ -7,6 +7,7 @@ import java.security.spec.AlgorithmParameterSpec;
 import java.security.spec.MGF1ParameterSpec;
 import java.security.spec.PSSParameterSpec;
 import java.util.List;
+import java.util.Locale;
 import javax.crypto.spec.OAEPParameterSpec;
 import javax.crypto.spec.PSource.PSpecified;
 
@@ -85,10 +86,15 @@ public final class PKCS11Mechanisms {
       AlgorithmParameterSpec generator, int salt) {
     String mask = generation.equals("MGF1") && generator instanceof MGF1ParameterSpec mgf1
         ? mgf1.getDigestAlgorithm() : "";
-    if (!HASHES.contains(hash) || !HASHES.contains(mask) || salt < 0 || salt > MOST_SALT) {
+    if (indexOf(hash) < 0 || indexOf(mask) < 0 || salt < 0 || salt > MOST_SALT) {
       throw new IllegalArgumentException("parameters that no mechanism number stands for: " + hash
           + ", " + generation + " " + generator);
     }
-    return kind | HASHES.indexOf(hash) << 13 | HASHES.indexOf(mask) << 10 | salt;
+    return kind | indexOf(hash) << 13 | indexOf(mask) << 10 | salt;
+  }
+
+  /** Java has two names for each. */
+  private static int indexOf(String hash) {
+    return HASHES.indexOf(hash.toUpperCase(Locale.ROOT).replaceFirst("^SHA(?=\\d)", "SHA-"));
   }
 }

@@ -80,7 +80,10 @@ public final class QuarvelProvider extends AuthProvider {
     putService(new TokenService(this, "KeyStore", "PKCS11", TokenKeyStore.class, List.of(),
         () -> new TokenKeyStore(this, token), any -> true));
     putService(new TokenService(this, "Cipher", TokenCipher.NAME, TokenCipher.class, List.of("RSA"),
-        () -> new TokenCipher(this), TokenKey::decrypts));
+        () -> new TokenCipher(this, "PKCS1Padding"), TokenKey::decrypts));
+    putService(new TokenService(this, "Cipher", TokenCipher.OAEP_NAME, TokenCipher.class,
+        List.of("1.2.840.113549.1.1.7", "OID.1.2.840.113549.1.1.7"),
+        () -> new TokenCipher(this, "OAEPPadding"), TokenKey::decrypts));
     putAgreement("ECDH", null);
     putAgreement("1.3.133.16.840.63.0.2", Hash.SHA1);
     putAgreement("1.3.132.1.11.0", Hash.SHA224);

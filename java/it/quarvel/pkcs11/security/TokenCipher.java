@@ -4,9 +4,11 @@ package it.quarvel.pkcs11.security;
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.PKCS11Mechanisms;
 import java.io.ByteArrayOutputStream;
 import java.security.AlgorithmParameters;
 import java.security.GeneralSecurityException;
+import java.security.InvalidAlgorithmParameterException;
 import java.security.InvalidKeyException;
 import java.security.Key;
 import java.security.NoSuchAlgorithmException;
@@ -14,13 +16,19 @@ import java.security.Provider;
 import java.security.ProviderException;
 import java.security.SecureRandom;
 import java.security.spec.AlgorithmParameterSpec;
+import java.security.spec.InvalidParameterSpecException;
+import java.security.spec.MGF1ParameterSpec;
 import java.util.Arrays;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
 import javax.crypto.BadPaddingException;
 import javax.crypto.Cipher;
 import javax.crypto.CipherSpi;
 import javax.crypto.IllegalBlockSizeException;
 import javax.crypto.NoSuchPaddingException;
 import javax.crypto.ShortBufferException;
+import javax.crypto.spec.OAEPParameterSpec;
+import javax.crypto.spec.PSource;
 import javax.crypto.spec.SecretKeySpec;
 import javax.security.auth.login.LoginException;
 
@@ -30,6 +38,10 @@ import javax.security.auth.login.LoginException;
  */
 final class TokenCipher extends CipherSpi {
   static final String NAME = "RSA/ECB/PKCS1Padding";
+  static final String OAEP_NAME = "RSA/ECB/OAEPPadding";
+
+  private static final Pattern OAEP =
+      Pattern.compile("OAEP(With(.+)AndMGF1)?Padding", Pattern.CASE_INSENSITIVE);
 
   private interface Start {
     void start(Cipher cipher) throws GeneralSecurityException;
@@ -38,12 +50,28 @@ final class TokenCipher extends CipherSpi {
   private final Provider provider;
   private final ByteArrayOutputStream data = new ByteArrayOutputStream();
   private TokenKey.Rsa key;
+  private String padding;
+
+  /** {@code CKM_RSA_X_509} for no padding; that of OAEP has its parameters in it. */
+  private int mechanism = CKM_RSA_PKCS;
+
+  /** What the name of the padding says; null where it is not OAEP. */
+  private OAEPParameterSpec standard;
+
+  /** What holds instead, as the caller wants it. */
+  private OAEPParameterSpec oaep;
 
   /** The other provider's, null unless it has been handed the key. */
   private Cipher other;
 
-  TokenCipher(Provider provider) {
+  /** Makes a cipher without a key; {@code OAEPPadding} is that with SHA-1. */
+  TokenCipher(Provider provider, String padding) {
     this.provider = provider;
+    try {
+      engineSetPadding(padding);
+    } catch (NoSuchPaddingException e) {
+      throw new IllegalArgumentException(e);
+    }
   }
 
   @Override
@@ -54,34 +82,72 @@ final class TokenCipher extends CipherSpi {
   }
 
   @Override
-  protected void engineSetPadding(String padding) throws NoSuchPaddingException {
-    if (!padding.equalsIgnoreCase("PKCS1Padding")) {
-      throw new NoSuchPaddingException("the padding is PKCS1Padding, not " + padding);
+  protected void engineSetPadding(String wanted) throws NoSuchPaddingException {
+    Matcher name = OAEP.matcher(wanted);
+    if (name.matches()) {
+      // Whose mask is made with SHA-1, as Java's own has it.
+      String digest = name.group(2) == null ? "SHA-1" : name.group(2);
+      standard = new OAEPParameterSpec(
+          digest, "MGF1", MGF1ParameterSpec.SHA1, PSource.PSpecified.DEFAULT);
+      try {
+        take(standard);
+      } catch (InvalidAlgorithmParameterException e) {
+        throw (NoSuchPaddingException) new NoSuchPaddingException(e.getMessage()).initCause(e);
+      }
+    } else if (wanted.equalsIgnoreCase("NoPadding")) {
+      mechanism = CKM_RSA_X_509;
+    } else if (!wanted.equalsIgnoreCase("PKCS1Padding")) {
+      throw new NoSuchPaddingException("the padding is PKCS1Padding, OAEPPadding,"
+          + " OAEPWith<digest>AndMGF1Padding or NoPadding, not " + wanted);
     }
+    padding = wanted;
   }
 
   @Override
   protected void engineInit(int mode, Key wanted, SecureRandom random) throws InvalidKeyException {
-    init(mode, wanted, null, cipher -> cipher.init(mode, wanted, random));
+    init(mode, wanted, cipher -> cipher.init(mode, wanted, random));
   }
 
   @Override
   protected void engineInit(int mode, Key wanted, AlgorithmParameterSpec parameters,
-      SecureRandom random) throws InvalidKeyException {
-    init(mode, wanted, parameters, cipher -> cipher.init(mode, wanted, parameters, random));
+      SecureRandom random) throws InvalidKeyException, InvalidAlgorithmParameterException {
+    init(mode, wanted, cipher -> cipher.init(mode, wanted, parameters, random));
+    if (other == null && parameters != null) {
+      take(parameters);
+    }
   }
 
   @Override
   protected void engineInit(int mode, Key wanted, AlgorithmParameters parameters,
-      SecureRandom random) throws InvalidKeyException {
-    init(mode, wanted, parameters, cipher -> cipher.init(mode, wanted, parameters, random));
+      SecureRandom random) throws InvalidKeyException, InvalidAlgorithmParameterException {
+    init(mode, wanted, cipher -> cipher.init(mode, wanted, parameters, random));
+    if (other == null && parameters != null) {
+      try {
+        take(parameters.getParameterSpec(OAEPParameterSpec.class));
+      } catch (InvalidParameterSpecException e) {
+        throw new InvalidAlgorithmParameterException(e.getMessage(), e);
+      }
+    }
   }
 
-  private void init(int mode, Key wanted, Object parameters, Start start)
-      throws InvalidKeyException {
+  private void take(AlgorithmParameterSpec parameters) throws InvalidAlgorithmParameterException {
+    if (standard == null) {
+      // JSSE does without its parameters when, and only when, it sees this exception.
+      throw new UnsupportedOperationException("a key on a token takes no parameters but OAEP's");
+    }
+    try {
+      mechanism = PKCS11Mechanisms.oaep((OAEPParameterSpec) parameters);
+    } catch (IllegalArgumentException | ClassCastException e) {
+      throw new InvalidAlgorithmParameterException("OAEP is wanted without a label: "
+          + e.getMessage(), e);
+    }
+    oaep = (OAEPParameterSpec) parameters;
+  }
+
+  private void init(int mode, Key wanted, Start start) throws InvalidKeyException {
     if (!(wanted instanceof TokenKey)) {
       other = OtherProviders.first(provider, candidate -> {
-        Cipher cipher = Cipher.getInstance(NAME, candidate);
+        Cipher cipher = Cipher.getInstance("RSA/ECB/" + padding, candidate);
         start.start(cipher);
         return cipher;
       });
@@ -94,9 +160,9 @@ final class TokenCipher extends CipherSpi {
     if (mode != Cipher.DECRYPT_MODE && mode != Cipher.UNWRAP_MODE) {
       throw new InvalidKeyException("a private key on a token decrypts and unwraps only");
     }
-    if (parameters != null) {
-      // JSSE does without its parameters when, and only when, it sees this exception.
-      throw new UnsupportedOperationException("a key on a token takes no parameters");
+    if (standard != null) {
+      oaep = standard;
+      mechanism = PKCS11Mechanisms.oaep(standard);
     }
     key = (TokenKey.Rsa) wanted;
     other = null;
@@ -120,7 +186,16 @@ final class TokenCipher extends CipherSpi {
 
   @Override
   protected AlgorithmParameters engineGetParameters() {
-    return other == null ? null : other.getParameters();
+    if (other != null || oaep == null) {
+      return other == null ? null : other.getParameters();
+    }
+    try {
+      AlgorithmParameters encoded = AlgorithmParameters.getInstance("OAEP");
+      encoded.init(oaep);
+      return encoded;
+    } catch (GeneralSecurityException e) {
+      throw new ProviderException(e.getMessage(), e);
+    }
   }
 
   @Override
@@ -185,8 +260,9 @@ final class TokenCipher extends CipherSpi {
    */
   private byte[] decrypt(byte[] encrypted) throws BadPaddingException {
     try {
-      return key.decrypt(CKM_RSA_PKCS, encrypted);
-    } catch (LoginException e) {
+      return mechanism == CKM_RSA_X_509 ? block(key.decrypt(mechanism, block(encrypted)))
+          : key.decrypt(mechanism, encrypted);
+    } catch (LoginException | InvalidKeyException e) {
       throw new ProviderException(e.getMessage(), e);
     } catch (PKCS11Exception e) {
       if (Token.isGone(e)) {
@@ -194,6 +270,13 @@ final class TokenCipher extends CipherSpi {
       }
       throw new BadPaddingException("the token cannot decrypt this");
     }
+  }
+
+  /** Puts zeros in front of what is shorter than the modulus. */
+  private byte[] block(byte[] bytes) {
+    byte[] block = new byte[key.size()];
+    System.arraycopy(bytes, 0, block, block.length - bytes.length, bytes.length);
+    return block;
   }
 
   @Override

@@ -84,21 +84,37 @@ abstract class TokenKey implements PrivateKey {
    * @throws LoginException when a PIN is needed and cannot be had
    */
   byte[] sign(int mechanism, byte[] data) throws PKCS11Exception, LoginException {
-    return operate(false, mechanism, data);
+    return operate(false, mechanism, data, () -> { });
   }
 
-  /** Decrypts ({@code C_DecryptInit}, {@code C_Decrypt}), as {@link #sign} signs. */
-  byte[] decrypt(int mechanism, byte[] data) throws PKCS11Exception, LoginException {
-    return operate(true, mechanism, data);
+  /**
+   * Decrypts ({@code C_DecryptInit}, {@code C_Decrypt}), as {@link #sign} signs.
+   *
+   * @throws InvalidKeyException when the token does not begin to, whatever the data
+   */
+  byte[] decrypt(int mechanism, byte[] data)
+      throws PKCS11Exception, LoginException, InvalidKeyException {
+    boolean[] begun = {false};
+    try {
+      return operate(true, mechanism, data, () -> begun[0] = true);
+    } catch (PKCS11Exception e) {
+      if (begun[0] || Token.isGone(e)) {
+        throw e;
+      }
+      throw new InvalidKeyException("the token does not decrypt in this way: " + e.getMessage(), e);
+    }
   }
 
-  private byte[] operate(boolean decrypts, int mechanism, byte[] data)
-      throws PKCS11Exception, LoginException {
+  private byte[] operate(boolean decrypts, int mechanism, byte[] data,
+      NativePKCS11Session.Login begun) throws PKCS11Exception, LoginException {
     return found.alwaysAuthenticate()
         ? token.runWithPin((session, connection, login) ->
-            operate(decrypts, mechanism, data, session, in(session, connection), login))
+            operate(decrypts, mechanism, data, session, in(session, connection), () -> {
+              begun.run();
+              login.run();
+            }))
         : token.run((session, connection) ->
-            operate(decrypts, mechanism, data, session, in(session, connection), null));
+            operate(decrypts, mechanism, data, session, in(session, connection), begun));
   }
 
   private static byte[] operate(boolean decrypts, int mechanism, byte[] data,
