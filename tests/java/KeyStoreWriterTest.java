@@ -173,6 +173,8 @@ class KeyStoreWriterTest {
       assertThrows(InvalidAlgorithmParameterException.class,
           () -> generated("RSA", new RSAKeyGenParameterSpec(bits, RSAKeyGenParameterSpec.F4)));
     }
+    byte[] digest = MessageDigest.getInstance("SHA-256", provider).digest(EndToEndTest.DATA);
+    assertArrayEquals(MessageDigest.getInstance("SHA-256").digest(EndToEndTest.DATA), digest);
     open(ProviderTest.URI);
     assertThrows(NoSuchAlgorithmException.class, () -> generated("RSA", null));
   }

@@ -137,7 +137,7 @@ class ProviderTest {
     return new PSSParameterSpec(digest, "MGF1", new MGF1ParameterSpec(mask), salt, 1);
   }
 
-  static List<Arguments> signatures() {
+  static List<Arguments> signatures() throws Exception {
     List<Arguments> all = new ArrayList<>(List.of(
         Arguments.of("rsa2048", "1.2.840.113549.1.1.11", "SHA256withRSA", null),
         Arguments.of("secp521r1", "1.2.840.10045.4.3.4", "SHA512withECDSA", null),
@@ -148,15 +148,19 @@ class ProviderTest {
         Arguments.of("rsa2048", "RSASSA-PSS", "RSASSA-PSS", pss("SHA-256", "SHA-1", 222)),
         Arguments.of("rsa1025", "RSASSA-PSS", "RSASSA-PSS", pss("SHA-256", "SHA-1", 94)),
         Arguments.of("rsa1025", "RSASSA-PSS", "RSASSA-PSS", pss("SHA-512/256", "SHA-384", 0))));
-    for (String hash : List.of("NONE", "SHA1", "SHA224", "SHA256", "SHA384", "SHA512")) {
+    for (String name : List.of("SHA512/224withRSA", "SHA512/256withRSA")) {
+      all.add(Arguments.of("rsa1025", name, name, null));
+    }
+    for (String hash : List.of("NONE", "SHA1", "SHA224", "SHA256", "SHA384", "SHA512", "SHA3-224",
+        "SHA3-256", "SHA3-384", "SHA3-512")) {
       for (String each : List.of("rsa1025 withRSA", "prime256v1 withECDSA", "secp521r1 withECDSA",
           "prime256v1 withECDSAinP1363Format")) {
         String algorithm = hash + each.split(" ")[1];
         all.add(Arguments.of(each.split(" ")[0], algorithm, algorithm, null));
       }
       if (!hash.equals("NONE")) {
-        String digest = hash.replace("SHA", "SHA-");
-        int salt = hash.equals("SHA1") ? 20 : Integer.parseInt(hash.substring(3)) / 8;
+        String digest = hash.replaceFirst("SHA(?!3-)", "SHA-");
+        int salt = MessageDigest.getInstance(digest).getDigestLength();
         all.add(Arguments.of(
             "rsa2048", hash + "withRSASSA-PSS", "RSASSA-PSS", pss(digest, digest, salt)));
       }

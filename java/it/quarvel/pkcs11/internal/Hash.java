@@ -26,9 +26,31 @@ public enum Hash {
       CKM_ECDSA_SHA384, CKM_SHA384_RSA_PKCS_PSS),
   SHA512("SHA-512", 64, "3051300d060960864801650304020305000440", "1.2.840.113549.1.1.13",
       "1.2.840.10045.4.3.4", CKM_SHA512_RSA_PKCS,
-      CKM_ECDSA_SHA512, CKM_SHA512_RSA_PKCS_PSS);
+      CKM_ECDSA_SHA512, CKM_SHA512_RSA_PKCS_PSS),
+  SHA3_224("SHA3-224", 28, "302d300d06096086480165030402070500041c", "2.16.840.1.101.3.4.3.13",
+      "2.16.840.1.101.3.4.3.9", CKM_SHA3_224_RSA_PKCS,
+      CKM_ECDSA_SHA3_224, CKM_SHA3_224_RSA_PKCS_PSS),
+  SHA3_256("SHA3-256", 32, "3031300d060960864801650304020805000420", "2.16.840.1.101.3.4.3.14",
+      "2.16.840.1.101.3.4.3.10", CKM_SHA3_256_RSA_PKCS,
+      CKM_ECDSA_SHA3_256, CKM_SHA3_256_RSA_PKCS_PSS),
+  SHA3_384("SHA3-384", 48, "3041300d060960864801650304020905000430", "2.16.840.1.101.3.4.3.15",
+      "2.16.840.1.101.3.4.3.11", CKM_SHA3_384_RSA_PKCS,
+      CKM_ECDSA_SHA3_384, CKM_SHA3_384_RSA_PKCS_PSS),
+  SHA3_512("SHA3-512", 64, "3051300d060960864801650304020a05000440", "2.16.840.1.101.3.4.3.16",
+      "2.16.840.1.101.3.4.3.12", CKM_SHA3_512_RSA_PKCS,
+      CKM_ECDSA_SHA3_512, CKM_SHA3_512_RSA_PKCS_PSS),
+  /** With PKCS #1 alone, as in Java; no mechanism hashes so. */
+  SHA512_224("SHA-512/224", 28, "302d300d06096086480165030402050500041c", "1.2.840.113549.1.1.15",
+      null, -1, -1, -1),
+  SHA512_256("SHA-512/256", 32, "3031300d060960864801650304020605000420", "1.2.840.113549.1.1.16",
+      null, -1, -1, -1);
 
-  /** Object identifiers of the signature with RSA and with ECDSA. */
+  /** What Java calls the digest, and what the names of signatures call it. */
+  public final String algorithm;
+
+  public final String shortName;
+
+  /** Object identifiers of the signature with RSA and with ECDSA, null where there is none. */
   public final String rsaId;
 
   public final String ecdsaId;
@@ -44,12 +66,12 @@ public enum Hash {
   /** The {@code CKM_} that hashes and signs with these parameters. */
   public final int pssMechanism;
 
-  private final String algorithm;
   private final byte[] digestInfo;
 
   Hash(String algorithm, int length, String digestInfo, String rsaId, String ecdsaId,
       int rsaMechanism, int ecdsaMechanism, int pssMechanism) {
     this.algorithm = algorithm;
+    shortName = algorithm.startsWith("SHA-") ? "SHA" + algorithm.substring(4) : algorithm;
     this.digestInfo = HexFormat.of().parseHex(digestInfo);
     this.rsaId = rsaId;
     this.ecdsaId = ecdsaId;

@@ -9,8 +9,11 @@ import it.quarvel.pkcs11.internal.Hash;
 import it.quarvel.pkcs11.nat.NativePKCS11;
 import it.quarvel.pkcs11.security.TokenSignature.Scheme;
 import java.security.AuthProvider;
+import java.security.InvalidKeyException;
 import java.security.InvalidParameterException;
+import java.security.MessageDigest;
 import java.security.Provider;
+import java.security.ProviderException;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Map;
@@ -97,12 +100,16 @@ public final class QuarvelProvider extends AuthProvider {
     put("Ed25519", Scheme.EDDSA, null, "1.3.101.112");
     put("EdDSA", Scheme.EDDSA, null);
     for (Hash hash : Hash.values()) {
-      put(hash + "withRSA", Scheme.PKCS1, hash, hash.rsaId);
-      put(hash + "withECDSA", Scheme.ECDSA_DER, hash, hash.ecdsaId);
-      put(hash + "withECDSAinP1363Format", Scheme.ECDSA_P1363, hash);
+      String digest = hash.shortName;
+      put(digest + "withRSA", Scheme.PKCS1, hash, hash.rsaId);
+      if (hash.ecdsaId == null) {
+        continue;
+      }
+      put(digest + "withECDSA", Scheme.ECDSA_DER, hash, hash.ecdsaId);
+      put(digest + "withECDSAinP1363Format", Scheme.ECDSA_P1363, hash);
       // No other provider of the JDK has these, so that they come here whatever the key is.
-      putService(new TokenService(this, "Signature", hash + "withRSASSA-PSS", TokenSignature.class,
-          List.of(hash + "withRSAandMGF1"),
+      putService(new TokenService(this, "Signature", digest + "withRSASSA-PSS", TokenSignature.class,
+          List.of(digest + "withRSAandMGF1"),
           () -> new TokenSignature(this, "RSASSA-PSS", Scheme.PSS, hash), any -> true));
     }
     if (uri != null && uri.isWritable()) {
@@ -110,6 +117,9 @@ public final class QuarvelProvider extends AuthProvider {
       putGenerator("EC", TokenKeyPairGenerator.Kind.EC);
       putGenerator("Ed25519", TokenKeyPairGenerator.Kind.ED25519);
       putGenerator("EdDSA", TokenKeyPairGenerator.Kind.ED25519);
+      for (Hash hash : Hash.values()) {
+        putDigest(hash.algorithm, hash.shortName);
+      }
     }
   }
 
@@ -121,6 +131,18 @@ public final class QuarvelProvider extends AuthProvider {
     }
     putService(new TokenService(this, "Signature", name, TokenSignature.class, aliases,
         () -> new TokenSignature(this, name, scheme, hash), scheme::takes));
+  }
+
+  /** Hands on: it is there for those who name one provider for all that they do. */
+  private void putDigest(String name, String otherName) {
+    putService(new TokenService(this, "MessageDigest", name, MessageDigest.class,
+        name.equals(otherName) ? List.of() : List.of(otherName), () -> {
+          try {
+            return OtherProviders.first(this, other -> MessageDigest.getInstance(name, other));
+          } catch (InvalidKeyException e) {
+            throw new ProviderException(e);
+          }
+        }, any -> false));
   }
 
   private void putAgreement(String name, Hash hash) {
