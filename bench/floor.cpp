@@ -395,6 +395,8 @@ void JNICALL Java_Bare_open(JNIEnv* env, jclass cl, jstring module) {
 
 void JNICALL Java_Bare_transform(JNIEnv* env, jclass, jchar kind, jlong session, jlong key,
                                  jlong mechanismType, jbyteArray data, jint room, jint calls) {
+  for (jint i = 0; kind == 'L' && i < calls; ++i) require(p11->C_Logout(session));
+  if (kind == 'L') return;
   std::vector<jbyte> in(env->GetArrayLength(data));
   env->GetByteArrayRegion(data, 0, env->GetArrayLength(data), in.data());
   auto* input = reinterpret_cast<CK_BYTE*>(in.data());

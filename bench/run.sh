@@ -71,8 +71,8 @@ keepingMemory() {
 }
 
 adapter() {
-  echo '| Nanoseconds a call | directly | through the adapter |'
-  echo '|---|---:|---:|'
+  echo '| Nanoseconds a call | directly | through the adapter | of two threads, directly | through the adapter |'
+  echo '|---|---:|---:|---:|---:|'
   export QUARVEL_PKCS11_ADAPTED_MODULE=$out/instantModule.so
   "${table[@]}" "-Dbench.handles=handles that pass" Table adapter
   INSTANT_HANDLE=0x700000007 "${table[@]}" "-Dbench.handles=handles with a number" Table adapter

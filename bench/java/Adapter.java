@@ -13,10 +13,11 @@ final class Adapter {
   private static final int ROUNDS = 21;
   private static final long WINDOW = 400_000_000; // nanoseconds
   private static final int STEP = 10; // calls between two looks at the clock
+  private static final int LONG_STEP = 10_000;
 
   private Adapter() {}
 
-  /** Prints what C_SignInit and C_Sign take a C program, directly and through the adapter. */
+  /** Prints what calls take a C program, directly and through the adapter, from one thread and two. */
   static void onInstantModule(Rounds rounds) throws Exception {
     String module = Table.BENCH + "instantModule.so";
     Subject library = Subject.library(Table.LIBRARY, FILE);
@@ -24,13 +25,26 @@ final class Adapter {
     int session = (int) Subject.KEPT[0];
     library.loop(Operation.of("", Operation.Kind.GENERATE_KEY, 0).in(session)).run(1);
     int key = (int) Subject.KEPT[0];
-    Operation sign =
-        new Operation("", Operation.Kind.SIGN, session, key, 0, new byte[32], 256);
-    Subject direct = new Bare(Table.BENCH + "libfloor.so", module);
-    Subject through = new Bare(Table.BENCH + "libfloor.so", FILE);
-    Rounds.Times[] times = rounds.measure(sign, direct, through);
-    System.out.printf("| %s | %.1f | %.1f |%n", System.getProperty("bench.handles"),
-        times[0].median() / 2, times[1].median() / 2);
+    print(rounds, 1, Operation.of("C_Logout", Operation.Kind.LOGIN, 0).in(session), module);
+    print(rounds, 2, new Operation(
+        "C_SignInit and C_Sign", Operation.Kind.SIGN, session, key, 0, new byte[32], 256), module);
+  }
+
+  private static void print(Rounds rounds, int calls, Operation op, String module) throws Exception {
+    Subject[] subjects = {
+      new Bare(Table.BENCH + "libfloor.so", module), new Bare(Table.BENCH + "libfloor.so", FILE)
+    };
+    Rounds.Times[] times = rounds.measure(op, subjects);
+    double[][] rates = new double[2][ROUNDS];
+    for (int round = 0; round < ROUNDS; round++) {
+      for (int i = 0; i < subjects.length; i++) {
+        rates[i][round] = rate(subjects[i], op, new int[] {op.session(), op.session()}, LONG_STEP);
+      }
+    }
+    Stream.of(rates).forEach(Arrays::sort);
+    System.out.printf("| %s, %s | %.1f | %.1f | %.1f | %.1f |%n", op.label(),
+        System.getProperty("bench.handles"), times[0].median() / calls, times[1].median() / calls,
+        2e9 / rates[0][ROUNDS / 2] / calls, 2e9 / rates[1][ROUNDS / 2] / calls);
   }
 
   /** Prints signatures a second, medians of rounds in which the subjects take turns. */
@@ -46,7 +60,7 @@ final class Adapter {
         for (int round = -1; round < ROUNDS; round++) { // one more, to warm up
           int i = 0;
           for (Subject subject : List.of(through, Subject.of(jdk), bare)) {
-            rates[i++][Math.max(round, 0)] = rate(subject, op, Arrays.copyOf(sessions, threads));
+            rates[i++][Math.max(round, 0)] = rate(subject, op, Arrays.copyOf(sessions, threads), STEP);
           }
         }
         Stream.of(rates).forEach(Arrays::sort);
@@ -57,7 +71,8 @@ final class Adapter {
   }
 
   /** Runs an operation for a while in as many threads as there are sessions. */
-  private static double rate(Subject subject, Operation op, int[] sessions) throws Exception {
+  private static double rate(Subject subject, Operation op, int[] sessions, int step)
+      throws Exception {
     ExecutorService pool = Executors.newFixedThreadPool(sessions.length);
     long start = System.nanoTime();
     List<Future<Integer>> threads = new ArrayList<>();
@@ -65,8 +80,8 @@ final class Adapter {
       Subject.Loop loop = subject.loop(op.in(session));
       threads.add(pool.submit(() -> {
         int calls = 0;
-        for (; System.nanoTime() - start < WINDOW; calls += STEP) {
-          loop.run(STEP);
+        for (; System.nanoTime() - start < WINDOW; calls += step) {
+          loop.run(step);
         }
         return calls;
       }));

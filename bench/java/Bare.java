@@ -11,7 +11,7 @@ final class Bare implements Subject {
 
   @Override
   public Loop loop(Operation op) {
-    char kind = op.kind().name().charAt(0); // the floor knows S, E and, for all others, D
+    char kind = op.kind().name().charAt(0); // the floor knows L, S, E and, for all others, D
     return n -> {
       open(module); // anew, since there is but one at a time
       if (op.kind() == Operation.Kind.SEARCH) {
@@ -24,7 +24,7 @@ final class Bare implements Subject {
 
   private static native void open(String module);
 
-  /** Signs, encrypts or decrypts, by the first letter. */
+  /** Logs out, signs, encrypts or decrypts, by the first letter. */
   private static native void transform(
       char kind, long session, long key, long mechanism, byte[] in, int room, int calls);
 
