@@ -6,7 +6,7 @@
 # QUARVEL_PKCS11_MODULE is the module's file, QUARVEL_TOKEN the token's label, QUARVEL_PIN and
 # QUARVEL_SO_PIN are its PINs (empty: it has none), TOKEN_DIR is a folder that goes when the script
 # ends. A module that cannot be had here ends the script with status 77.
-# MODULE: softhsm2 spy opencryptoki nss tpm2 trust server opensc; the last is whatever card is in the
+# MODULE: softhsm2 spy opencryptoki nss proxy tpm2 trust server opensc; the last is whatever card is in the
 # reader, and QUARVEL_CARD_PIN its PIN.
 # shellcheck disable=SC2317  # what a trap calls
 set -euo pipefail
@@ -98,6 +98,17 @@ END
   only_modules_of "$TOKEN_DIR/modules"
   end_module() { umount /usr/share/p11-kit/modules; }
   is_module "$token_libraries/p11-kit-proxy.so" generic '' ''
+}
+
+# Both of them as one module, each with a key and its certificate on a token of its name.
+start_proxy() {
+  start_nss
+  sed -i "s/'demo'/'nss'/" "$TOKEN_DIR/modules/nss.module"
+  certutil -S -x -d "sql:$TOKEN_DIR/nss" -f "$TOKEN_DIR/pin" -n key -s CN=Demo -t ,, -z "$0" >/dev/null 2>&1
+  start_softhsm2
+  fill_token
+  echo "module: $QUARVEL_PKCS11_MODULE" >"$TOKEN_DIR/modules/softhsm2.module"
+  is_module "$token_libraries/p11-kit-proxy.so" demo 1234 12345678
 }
 
 start_tpm2() {
