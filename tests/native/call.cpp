@@ -63,10 +63,6 @@ Outcome call(const std::string& name, const std::string& arguments, hooks::Run r
   return outcome;
 }
 
-Outcome call(const Method& method, hooks::Run run, const std::string& receiver) {
-  return call(method.name, join(goodArguments(method)), std::move(run), receiver);
-}
-
 Outcome callFresh(const std::string& name, const std::string& arguments, const hooks::Run& run,
                   const std::function<void()>& prepare, const std::string& receiver) {
   const auto callOnce = [&](int tracing) {

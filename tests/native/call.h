@@ -30,9 +30,6 @@ std::string printedOf(std::string did);
 Outcome call(const std::string& name, const std::string& arguments, hooks::Run run = {},
              std::string receiver = "");
 
-/// The same with arguments with which the method succeeds.
-Outcome call(const Method& method, hooks::Run run = {}, const std::string& receiver = "");
-
 /// A call on a fresh module each, untraced and traced: expects that all but what is printed agrees.
 /// @param prepare what each module and its script are to be like
 /// @return the traced one
