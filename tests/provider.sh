@@ -11,7 +11,7 @@ cd "$TOKEN_DIR"
 "$here/provider/keys.sh" >log 2>&1 || { cat log; exit 1; }
 uri="pkcs11:token=$QUARVEL_TOKEN?module-path=$QUARVEL_PKCS11_MODULE"
 token=(-J-cp "-J$jar" -addprovider Quarvel -providerArg "$uri" -keystore NONE -storetype PKCS11
-  -storepass "$QUARVEL_PIN")
+  -storepass:env QUARVEL_PIN)
 
 # same NAME FILE: what comes in is the file
 same() { diff - "$2" >&2 && echo "$1: works"; }

@@ -601,6 +601,8 @@ class ProviderTest {
 
   @Test
   void saysWhatIsWrongWithAToken() throws Throwable {
+    String told = provider.toString();
+    assertTrue(told.endsWith("token \"demo\" behind the module " + EndToEndTest.SHIM), told);
     assertNotLoaded("pkcs11:token=demo?module-path=/other.so", "there is one module at a time");
     provider.logout();
     assertNotLoaded(URI.replace("token=", "token=no"), "there are: \"demo\"");

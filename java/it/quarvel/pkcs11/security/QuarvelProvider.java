@@ -74,11 +74,11 @@ public final class QuarvelProvider extends AuthProvider {
 
   /** Makes a provider that names no token yet; {@link #configure} makes one that does. */
   public QuarvelProvider() {
-    this(NAME, null);
+    this(NAME, null, "Keys of PKCS#11 tokens");
   }
 
-  private QuarvelProvider(String name, PKCS11Uri uri) {
-    super(name, NativePKCS11.BRIDGE_VERSION, "Keys of PKCS#11 tokens");
+  private QuarvelProvider(String name, PKCS11Uri uri, String info) {
+    super(name, NativePKCS11.BRIDGE_VERSION, info);
     token = uri == null ? null : new Token(uri);
     putService(new TokenService(this, "KeyStore", "PKCS11", TokenKeyStore.class, List.of(),
         () -> new TokenKeyStore(this, token), any -> true));
@@ -184,7 +184,7 @@ public final class QuarvelProvider extends AuthProvider {
    *
    * @param uri a PKCS#11 URI with {@code module-path}, and as much of {@code token}, {@code serial}
    *     and {@code slot-id} as it takes to name one token; {@code object} and {@code id} limit
-   *     which keys are offered; {@code pin-source} names a file with the PIN
+   *     which keys are offered; {@code pin-source} names a file with the PIN in its first line
    * @return a new provider, named "Quarvel-" and the token, the serial number or the slot. Java
    *     keeps one provider of a name
    * @throws InvalidParameterException for a text that is no such URI, with the reason
@@ -209,7 +209,17 @@ public final class QuarvelProvider extends AuthProvider {
     Object named = parsed.token() != null ? parsed.token()
         : parsed.serial() != null ? parsed.serial()
         : parsed.slotID() != null ? parsed.slotID() : "token";
-    return new QuarvelProvider(NAME + "-" + named, parsed);
+    return new QuarvelProvider(NAME + "-" + named, parsed, "Keys of the token"
+        + (parsed.token() == null ? "" : " \"" + parsed.token() + "\"")
+        + (parsed.serial() == null ? "" : " with the serial number " + parsed.serial())
+        + (parsed.slotID() == null ? "" : " in slot " + parsed.slotID())
+        + " behind the module " + parsed.modulePath());
+  }
+
+  /** Names the token and the module too, which are the same for many a provider of this class. */
+  @Override
+  public String toString() {
+    return super.toString() + ": " + getInfo();
   }
 
   /**
