@@ -20,7 +20,7 @@ for header in 'p11-kit-1 p11-kit/pkcs11.h _NSS' \
     printf '#include <%s>\n#include <stdio.h>\nint main() {\n' "$2"
     # shellcheck disable=SC2046  # options
     echo "#include <$2>" | gcc -E -dM $(pkg-config --cflags "$1") - |
-      sed -nE 's/^#define (CK[MAOKCFRSU]_\w+) .*/  printf("%s %d\\n", "\1", (int)(\1));/p' |
+      sed -nE 's/^#define (CK[MAOKCFRSUP]_\w+) .*/  printf("%s %d\\n", "\1", (int)(\1));/p' |
       grep -vE "$3"
     echo 'return 100 * CRYPTOKI_VERSION_MAJOR + CRYPTOKI_VERSION_MINOR > 300; }'
   } >"$work/header.c"

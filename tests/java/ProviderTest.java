@@ -607,7 +607,7 @@ class ProviderTest {
     provider.logout();
     assertNotLoaded(URI.replace("token=", "token=no"), "there are: \"demo\"");
     EndToEndTest.calls("C_Login", "label=\uFFFD",
-        () -> assertNotLoaded(URI.replace("token=demo", "token=%FF"), "no token that"));
+        () -> assertNotLoaded(URI.replace("token=demo", "token=%FF"), "no token found"));
     assertNotLoaded(URI.replace("token=demo", "") + "-none", "-none");
     assertThrows(IOException.class, () -> load(new QuarvelProvider(), PIN));
   }

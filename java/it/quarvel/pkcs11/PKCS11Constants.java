@@ -25,6 +25,11 @@ public final class PKCS11Constants {
       CKO_SECRET_KEY = 0x4, CKO_DOMAIN_PARAMETERS = 0x6, CKO_HW_FEATURE = 0x5, CKO_MECHANISM = 0x7,
       CKO_OTP_KEY = 0x8, CKO_PROFILE = 0x9, CKO_VENDOR_DEFINED = 0x80000000;
 
+  /** Profiles. */
+  public static final int
+      CKP_INVALID_ID = 0x0, CKP_BASELINE_PROVIDER = 0x1, CKP_EXTENDED_PROVIDER = 0x2,
+      CKP_AUTHENTICATION_TOKEN = 0x3, CKP_PUBLIC_CERTIFICATES_TOKEN = 0x4;
+
   /** Certificate types. */
   public static final int
       CKC_X_509 = 0x0, CKC_X_509_ATTR_CERT = 0x1, CKC_WTLS = 0x2, CKC_VENDOR_DEFINED = 0x80000000;
@@ -404,6 +409,16 @@ public final class PKCS11Constants {
   private PKCS11Constants() {}
 
   /**
+   * Returns the value of a constant.
+   *
+   * @param name "CKM_RSA_PKCS" for instance
+   * @return the value, null when there is no constant of that name
+   */
+  public static Integer value(String name) {
+    return VALUES.get(name);
+  }
+
+  /**
    * Names a return value.
    *
    * @param value the value
@@ -461,6 +476,16 @@ public final class PKCS11Constants {
    */
   public static String certificateTypeName(int value) {
     return name("CKC_", value);
+  }
+
+  /**
+   * Names a profile.
+   *
+   * @param value the profile's number, {@code CKA_PROFILE_ID}
+   * @return its {@code CKP_} constant, or the number as "0x%08X" writes it
+   */
+  public static String profileName(int value) {
+    return name("CKP_", value);
   }
 
   /**

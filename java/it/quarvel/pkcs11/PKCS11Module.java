@@ -149,7 +149,13 @@ public final class PKCS11Module implements AutoCloseable {
    * @throws PKCS11Exception when the module refuses
    */
   public List<NativePKCS11Slot> tokens() throws PKCS11Exception {
-    return List.copyOf(infos(new ArrayList<>()).keySet());
+    List<NativePKCS11Slot> tokens = new ArrayList<>();
+    for (Map.Entry<NativePKCS11Slot, PKCS11TokenInfo> each : infos(new ArrayList<>()).entrySet()) {
+      if (each.getValue().isInitialised()) {
+        tokens.add(each.getKey());
+      }
+    }
+    return tokens;
   }
 
   /**
@@ -167,7 +173,8 @@ public final class PKCS11Module implements AutoCloseable {
   }
 
   /**
-   * Finds the token that a URI names.
+   * Finds the token that a URI names. One that is not initialised counts where the URI has its
+   * slot-id.
    *
    * @param uri the URI; {@link PKCS11Uri#ANY} names the only token there is
    * @return the slot that holds the token
@@ -175,8 +182,8 @@ public final class PKCS11Module implements AutoCloseable {
    *     when the module refuses
    */
   public NativePKCS11Slot token(PKCS11Uri uri) throws PKCS11Exception {
-    return token("that the PKCS#11 URI names", (slot, token) ->
-        uri.matches(token, Integer.toUnsignedLong(slot.slotID())));
+    return token("found", (slot, token) -> (token.isInitialised() || uri.slotID() != null)
+        && uri.matches(token, Integer.toUnsignedLong(slot.slotID())));
   }
 
   /**
@@ -248,15 +255,15 @@ public final class PKCS11Module implements AutoCloseable {
     return found.get(0);
   }
 
-  /** Reads the initialised tokens; {@code told} gets a text of each, and why others cannot be read. */
+  /** Reads all tokens; {@code told} gets a text of those to choose from, and of unreadable ones. */
   private Map<NativePKCS11Slot, PKCS11TokenInfo> infos(List<String> told) throws PKCS11Exception {
     Map<NativePKCS11Slot, PKCS11TokenInfo> infos = new LinkedHashMap<>();
     for (NativePKCS11Slot slot : opened().slots(true)) {
       String number = "slot " + Integer.toUnsignedString(slot.slotID());
       try {
         PKCS11TokenInfo info = slot.getTokenInfo();
+        infos.put(slot, info);
         if (info.isInitialised()) {
-          infos.put(slot, info);
           told.add("\"" + info.trimmedLabel() + "\" (serial number "
               + info.serialNumber().strip() + ", " + number + ")");
         }

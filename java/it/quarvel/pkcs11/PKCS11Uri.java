@@ -4,13 +4,17 @@ package it.quarvel.pkcs11;
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import java.io.ByteArrayOutputStream;
+import java.net.URLEncoder;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.HashMap;
+import java.util.HexFormat;
+import java.util.List;
 import java.util.Map;
 import java.util.Set;
+import java.util.StringJoiner;
 
 /**
  * A PKCS#11 URI as RFC 7512 defines it, for instance {@code pkcs11:token=demo;object=signing}. It
@@ -27,9 +31,9 @@ public final class PKCS11Uri {
   private static final String SCHEME = "pkcs11:";
   private static final String FILE_SCHEME = "^file:(//(localhost)?)?(?=/)";
   private static final String OTHER_HOST = "file://(?!localhost/|/).*";
-  private static final Set<String> PATH =
-      Set.of("token", "manufacturer", "model", "serial", "slot-id", "object", "id", "type");
-  private static final Set<String> QUERY = Set.of("pin-source", "module-path", "x-writable");
+  private static final List<String> PATH = List.of(
+      "model", "manufacturer", "serial", "token", "slot-id", "id", "object", "type");
+  private static final List<String> QUERY = List.of("pin-source", "module-path", "x-writable");
   private static final Set<String> REFUSED = Set.of(
       "library-manufacturer", "library-description", "library-version", "slot-manufacturer",
       "slot-description", "module-name");
@@ -61,6 +65,80 @@ public final class PKCS11Uri {
     PKCS11Uri parsed = new PKCS11Uri(attributes);
     parsed.check();
     return parsed;
+  }
+
+  /**
+   * Makes the URI of a token.
+   *
+   * @param token what the token says of itself
+   * @return a URI of its model, manufacturer, serial number and label
+   */
+  public static PKCS11Uri of(PKCS11TokenInfo token) {
+    return ANY.with("model", token.model()).with("manufacturer", token.manufacturerID())
+        .with("serial", token.serialNumber()).with("token", token.trimmedLabel());
+  }
+
+  /**
+   * Adds an attribute, in place of one of the same name.
+   *
+   * @param name "token" or "slot-id" for instance
+   * @param value the text, whose trailing blanks do not count
+   * @return the longer URI
+   * @throws IllegalArgumentException for an attribute that names neither a token nor an object, or
+   *     for a value that is none
+   */
+  public PKCS11Uri with(String name, String value) {
+    return with(name, value.stripTrailing().getBytes(StandardCharsets.UTF_8));
+  }
+
+  /**
+   * Adds an attribute, in place of one of the same name.
+   *
+   * @param name "object" or "id" for instance
+   * @param value its bytes
+   * @return the longer URI
+   * @throws IllegalArgumentException as {@link #with(String, String)}
+   */
+  public PKCS11Uri with(String name, byte[] value) {
+    if (!PATH.contains(name)) {
+      throw bad("names no token and no object by " + name);
+    }
+    Map<String, byte[]> all = new HashMap<>(attributes);
+    all.put(name, value.clone());
+    PKCS11Uri uri = new PKCS11Uri(all);
+    uri.check();
+    return uri;
+  }
+
+  /**
+   * Adds all that another URI names, in place of attributes of the same name.
+   *
+   * @param other the other URI
+   * @return a URI that names what both do
+   */
+  public PKCS11Uri with(PKCS11Uri other) {
+    Map<String, byte[]> all = new HashMap<>(attributes);
+    all.putAll(other.attributes);
+    return new PKCS11Uri(all);
+  }
+
+  /**
+   * Returns what to search for on the token.
+   *
+   * @return the label, the id and the class of the objects that the URI names
+   */
+  public PKCS11Template template() {
+    PKCS11Template template = new PKCS11Template();
+    if (object() != null) {
+      template.put(CKA_LABEL, object());
+    }
+    if (id() != null) {
+      template.put(CKA_ID, id());
+    }
+    if (objectClass() != null) {
+      template.put(CKA_CLASS, objectClass());
+    }
+    return template;
   }
 
   /**
@@ -201,6 +279,37 @@ public final class PKCS11Uri {
     return "yes".equals(text("x-writable"));
   }
 
+  /**
+   * Writes the URI as {@link #parse} reads it.
+   *
+   * @return the text
+   */
+  @Override
+  public String toString() {
+    String query = join(QUERY, "&");
+    return SCHEME + join(PATH, ";") + (query.isEmpty() ? "" : "?" + query);
+  }
+
+  private String join(List<String> names, String separator) {
+    StringJoiner joined = new StringJoiner(separator);
+    for (String name : names) {
+      if (attributes.containsKey(name)) {
+        joined.add(name + "=" + encode(name, attributes.get(name)));
+      }
+    }
+    return joined.toString();
+  }
+
+  /** Escapes all bytes of an id, which is no text, and of others those that a URI has for itself. */
+  private static String encode(String name, byte[] value) {
+    if (name.equals("id")) {
+      return HexFormat.of().withUpperCase().withPrefix("%").formatHex(value);
+    }
+    String bytes = new String(value, StandardCharsets.ISO_8859_1);
+    // A form of the web writes a blank otherwise.
+    return URLEncoder.encode(bytes, StandardCharsets.ISO_8859_1).replace("+", "%20");
+  }
+
   private void check() {
     objectClass();
     for (String name : QUERY) {
@@ -251,7 +360,7 @@ public final class PKCS11Uri {
   }
 
   private static void add(
-      Map<String, byte[]> attributes, String part, String separator, Set<String> known) {
+      Map<String, byte[]> attributes, String part, String separator, List<String> known) {
     for (String attribute : part.isEmpty() ? new String[0] : part.split(separator, -1)) {
       String[] pair = attribute.split("=", 2);
       if (pair[0].equals("pin-value")) {

@@ -93,6 +93,28 @@ public enum Hash {
     return null;
   }
 
+  /**
+   * Returns the mechanism that signs what {@link #input} makes, for tokens that do not hash.
+   *
+   * @param mechanism the {@code CKM_} that hashes and signs
+   * @return CKM_RSA_PKCS or CKM_ECDSA; the mechanism itself where there is nothing else
+   */
+  public static int rest(int mechanism) {
+    Hash hash = of(mechanism);
+    return hash == null || mechanism == hash.pssMechanism ? mechanism
+        : mechanism == hash.rsaMechanism ? CKM_RSA_PKCS : CKM_ECDSA;
+  }
+
+  /** Makes of data what is left to be signed by {@link #rest}. */
+  public static byte[] input(int mechanism, byte[] data) {
+    if (rest(mechanism) == mechanism) {
+      return data;
+    }
+    Hash hash = of(mechanism);
+    byte[] digest = hash.digest().digest(data);
+    return mechanism == hash.rsaMechanism ? hash.digestInfo(digest) : digest;
+  }
+
   public MessageDigest digest() {
     return digest(algorithm);
   }
