@@ -2,33 +2,14 @@
 package it.quarvel.pkcs11.cli;
 
 import it.quarvel.pkcs11.PKCS11Module;
-import it.quarvel.pkcs11.cli.command.CheckCommand;
-import it.quarvel.pkcs11.cli.command.DecryptCommand;
-import it.quarvel.pkcs11.cli.command.InfoCommand;
-import it.quarvel.pkcs11.cli.command.MechanismsCommand;
-import it.quarvel.pkcs11.cli.command.ObjectsCommand;
-import it.quarvel.pkcs11.cli.command.Program;
-import it.quarvel.pkcs11.cli.command.SignCommand;
-import it.quarvel.pkcs11.cli.command.SlotsCommand;
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Text;
-import java.io.FileDescriptor;
-import java.io.FileOutputStream;
-import java.io.OutputStream;
-import java.io.PrintStream;
-import java.io.PrintWriter;
-import java.io.StringWriter;
-import java.util.Arrays;
-import java.util.List;
-import java.util.Map;
+import it.quarvel.pkcs11.cli.command.*;
+import it.quarvel.pkcs11.cli.console.*;
+import java.io.*;
+import java.util.*;
 import java.util.stream.Collectors;
 import picocli.AutoComplete.GenerateCompletion;
 import picocli.CommandLine;
-import picocli.CommandLine.Command;
-import picocli.CommandLine.IVersionProvider;
-import picocli.CommandLine.ParameterException;
-import picocli.CommandLine.ScopeType;
-import picocli.CommandLine.UnmatchedArgumentException;
+import picocli.CommandLine.*;
 
 /** The command line: data goes to standard output, messages to standard error. */
 @Command(
@@ -36,7 +17,8 @@ import picocli.CommandLine.UnmatchedArgumentException;
     description = "Inspects PKCS#11 tokens and uses their keys.",
     subcommands = {
       InfoCommand.class, SlotsCommand.class, MechanismsCommand.class, ObjectsCommand.class,
-      SignCommand.class, DecryptCommand.class, CheckCommand.class, GenerateCompletion.class
+      SignCommand.class, VerifyCommand.class, DecryptCommand.class, ExportCommand.class,
+      PinCommand.class, CheckCommand.class, GenerateCompletion.class
     },
     mixinStandardHelpOptions = true,
     scope = ScopeType.INHERIT,
@@ -110,7 +92,9 @@ public final class Main extends Program {
     CommandLine command = failure.getCommandLine();
     boolean top = !command.getSubcommands().isEmpty();
     String text = failure instanceof UnmatchedArgumentException unmatched
-        ? unmatched(unmatched.getUnmatched(), top) : failure.getMessage().replaceFirst("^Error: ", "");
+        ? unmatched(unmatched.getUnmatched(), top)
+        : failure.getCause() instanceof IllegalArgumentException wrong ? wrong.getMessage()
+        : failure.getMessage().replaceFirst("^Error: ", "");
     String commands = top ? command.getSubcommands().entrySet().stream()
         .filter(entry -> !entry.getValue().getCommandSpec().usageMessage().hidden())
         .map(Map.Entry::getKey).collect(Collectors.joining(", ", "the commands are ", "; ")) : "";

@@ -1,23 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli.check;
 
-import static it.quarvel.pkcs11.PKCS11Constants.CKR_FUNCTION_NOT_SUPPORTED;
+import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Stdout;
-import it.quarvel.pkcs11.cli.console.Terminal;
-import it.quarvel.pkcs11.cli.console.Text;
-import it.quarvel.pkcs11.cli.option.Output;
-import it.quarvel.pkcs11.cli.token.Step;
-import it.quarvel.pkcs11.cli.token.Steps;
-import java.util.ArrayList;
-import java.util.Arrays;
-import java.util.EnumMap;
-import java.util.LinkedHashMap;
-import java.util.List;
-import java.util.Map;
-import java.util.Set;
+import it.quarvel.pkcs11.cli.console.*;
+import it.quarvel.pkcs11.cli.token.*;
+import java.util.*;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.locks.ReentrantLock;
 import java.util.stream.Collectors;
@@ -29,29 +18,16 @@ import java.util.stream.Collectors;
 public final class CheckTable extends Steps {
   /** What becomes of a step; in a row of several calls the last of these counts. */
   public enum Result {
-    WORKS("works"),
-    NOTHING("nothing to try"),
-    NOT_VERIFIED("answered, not verified"),
-    NOT_ASKED("not asked"),
-    NO_MECHANISM("no mechanism"),
-    NOT_IN_MODULE("not offered by the module"),
-    UNREADABLE("not readable"),
-    FAILED("failed"),
-    REFUSED("refused");
-
-    private final String text;
-
-    Result(String text) {
-      this.text = text;
-    }
+    WORKS, NOTHING_TO_TRY, NOT_VERIFIED, NOT_ASKED, NO_MECHANISM, NOT_MADE,
+    NOT_OFFERED_BY_THE_MODULE, NOT_READABLE, FAILED, REFUSED;
 
     private boolean isFinding() {
-      return compareTo(UNREADABLE) >= 0;
+      return compareTo(NOT_READABLE) >= 0;
     }
 
     @Override
     public String toString() {
-      return text;
+      return name().toLowerCase(Locale.ROOT).replace('_', ' ');
     }
   }
 
@@ -63,7 +39,7 @@ public final class CheckTable extends Steps {
   private static final class Row {
     private final Step step;
     private final long start = System.nanoTime();
-    private Result result = Result.NOTHING;
+    private Result result = Result.NOTHING_TO_TRY;
     private String detail = "";
     private int calls;
     private int alike;
@@ -75,7 +51,7 @@ public final class CheckTable extends Steps {
     /** Things without anything to try count only where there are no others. */
     private void add(Result found, String why) {
       calls++;
-      if (result == Result.NOTHING || found != Result.NOTHING && found.compareTo(result) > 0) {
+      if (result == Result.NOTHING_TO_TRY || found != Result.NOTHING_TO_TRY && found.compareTo(result) > 0) {
         result = found;
         detail = why.isEmpty() ? detail : why;
         alike = 0;
@@ -89,7 +65,9 @@ public final class CheckTable extends Steps {
     }
   }
 
-  private static final int[] WIDTHS = {18, Result.NOT_IN_MODULE.text.length(), 5, 0};
+  private static final int[] WIDTHS = {18, Result.NOT_OFFERED_BY_THE_MODULE.toString().length(), 5, 0};
+  private static final Set<Step> MAKING = EnumSet.of(
+      Step.CREATE_OBJECT, Step.GENERATE_KEY, Step.GENERATE_KEY_PAIR, Step.UNWRAP);
   private static final int PATIENCE_SECONDS = 30;
 
   private final Stdout out;
@@ -102,8 +80,9 @@ public final class CheckTable extends Steps {
   private final ReentrantLock lock = new ReentrantLock();
 
   private final Map<Result, Integer> counts = new EnumMap<>(Result.class);
-  /** What failed, by kind. */
-  private final Map<String, List<String>> findings = new LinkedHashMap<>();
+
+  /** The steps that failed, by what went wrong and the advice on it. */
+  private final Map<List<String>, Set<String>> findings = new LinkedHashMap<>();
   private Row row;
 
   public CheckTable(Stdout out, Output output) throws Failure {
@@ -135,44 +114,46 @@ public final class CheckTable extends Steps {
   }
 
   /** Makes a call whose failure ends nothing. */
-  public Result attempt(Step step, Call<Result> call) throws Failure {
-    begin(step);
-    try {
-      row.add(super.call(step, call), "");
-    } catch (Failure e) {
-      add(e, Result.FAILED);
-    }
-    return end();
+  void attempt(Step step, Call<Result> call) throws Failure {
+    attempt(step, List.of(step), Result.FAILED, once -> call.call());
+  }
+
+  /** Makes a call that works unless it fails, which ends nothing. */
+  public void works(Step step, Action action) throws Failure {
+    attempt(step, () -> {
+      action.run();
+      return Result.WORKS;
+    });
   }
 
   /**
    * Makes the same call on each of several things, in one row. A failure that is no return value of
    * the module is a value that cannot be read.
    */
-  <T> void each(Step step, List<T> things, String nothing, Trial<T> trial) throws Failure {
+  <T> void each(Step step, List<T> things, Trial<T> trial) throws Failure {
+    attempt(step, things, Result.NOT_READABLE, trial);
+  }
+
+  private <T> void attempt(Step step, List<T> things, Result other, Trial<T> trial)
+      throws Failure {
     begin(step);
     for (T thing : things) {
       try {
         row.add(super.call(step, () -> trial.apply(thing)), "");
       } catch (Failure e) {
-        add(e, Result.UNREADABLE);
+        add(e, other);
       }
     }
-    if (row.result == Result.NOTHING) {
-      row.detail = nothing;
+    if (row.result == Result.NOTHING_TO_TRY && row.detail.isEmpty()) {
+      row.detail = things.isEmpty() ? "there is none" : "none of " + things.size() + " tried";
     }
     end();
   }
 
-  /** Says something of a step that is not tried. */
-  public Result note(Step step, Result result, String detail) throws Failure {
-    return show(step, result, null, detail);
-  }
-
-  /** Says why operations are not tried. */
-  public void skip(String why, Step... steps) throws Failure {
+  /** Says why steps are not tried. */
+  public void skip(Result result, String why, Step... steps) throws Failure {
     for (Step step : steps) {
-      note(step, Result.NOT_ASKED, why);
+      show(step, result, null, why);
     }
   }
 
@@ -184,7 +165,7 @@ public final class CheckTable extends Steps {
   /** Has the row under way say why there is nothing to try. */
   Result nothing(String why) {
     tell(why);
-    return Result.NOTHING;
+    return Result.NOTHING_TO_TRY;
   }
 
   /** Tells whether all that was tried works. */
@@ -200,21 +181,20 @@ public final class CheckTable extends Steps {
    */
   boolean close(Runnable last) {
     try {
-      if (!lock.tryLock(PATIENCE_SECONDS, TimeUnit.SECONDS)) {
-        return false;
+      boolean ended = lock.tryLock(PATIENCE_SECONDS, TimeUnit.SECONDS);
+      if (ended) {
+        last.run();
       }
+      return ended;
     } catch (InterruptedException e) {
       return false;
     }
-    last.run();
-    return true;
   }
 
   /** Ends the table with what there is to say of all rows, and of the failure that ended them. */
   public void finish(Failure failure) throws Failure {
-    // One line for each kind of failure, however many there are.
-    List<String> found = findings.values().stream().map(alike -> alike.size() == 1 ? alike.get(0)
-        : "%s (%s times)".formatted(alike.get(0), alike.size())).toList();
+    List<String> found = findings.entrySet().stream().map(kind -> kind.getKey().get(0) + ": "
+        + String.join(", ", kind.getValue()) + kind.getKey().get(1)).toList();
     if (output.isJson()) {
       Map<String, Object> rest = new LinkedHashMap<>();
       rest.put("findings", found);
@@ -240,20 +220,19 @@ public final class CheckTable extends Steps {
     }
   }
 
-  private Result end() throws Failure {
+  private void end() throws Failure {
     Row ended = row;
     row = null;
     try {
-      boolean tried = ended.result != Result.NOTHING && ended.result != Result.NO_MECHANISM;
+      boolean tried = ended.result != Result.NOTHING_TO_TRY && ended.result != Result.NO_MECHANISM;
       double tenths = Math.round((System.nanoTime() - ended.start) / 1e5);
-      return show(
-          ended.step, ended.result, tried ? tenths / 10 : null, ended.summary());
+      show(ended.step, ended.result, tried ? tenths / 10 : null, ended.summary());
     } finally {
       lock.unlock();
     }
   }
 
-  private Result show(Step step, Result result, Double milliseconds, String detail)
+  private void show(Step step, Result result, Double milliseconds, String detail)
       throws Failure {
     counts.merge(result, 1, Integer::sum);
     if (output.isJson()) {
@@ -266,7 +245,6 @@ public final class CheckTable extends Steps {
     } else {
       out.write((marks ? "\r" : "") + line(step, result, milliseconds, detail));
     }
-    return result;
   }
 
   private String line(Object... cells) {
@@ -274,13 +252,25 @@ public final class CheckTable extends Steps {
   }
 
   private void add(Failure failure, Result other) {
-    Result result = !(failure.getCause() instanceof PKCS11Exception cause) || cause.errorCode() == 0
-        ? other : cause.errorCode() == CKR_FUNCTION_NOT_SUPPORTED
-            ? Result.NOT_IN_MODULE : Result.REFUSED;
+    Result result = failure.getCause() instanceof PKCS11Exception cause && cause.errorCode() != 0
+        ? result(cause.errorCode()) : other;
     row.add(result, failure.reason());
     if (result.isFinding()) {
-      findings.computeIfAbsent(failure.reason(), kind -> new ArrayList<>()).add(
-          (failure.getCause() == null ? row.step + ": " : "") + failure.getMessage());
+      findings.computeIfAbsent(List.of(failure.reason(), failure.advice()),
+          kind -> new LinkedHashSet<>()).add(row.step.toString());
     }
+  }
+
+  /** A token that makes no such object for a session, or not for its user, is as good as others. */
+  private Result result(int code) {
+    return switch (code) {
+      case CKR_FUNCTION_NOT_SUPPORTED -> Result.NOT_OFFERED_BY_THE_MODULE;
+      case CKR_ARGUMENTS_BAD, CKR_ATTRIBUTE_READ_ONLY, CKR_ATTRIBUTE_TYPE_INVALID,
+          CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCOMPLETE, CKR_TEMPLATE_INCONSISTENT,
+          CKR_KEY_SIZE_RANGE, CKR_ACTION_PROHIBITED, CKR_TOKEN_WRITE_PROTECTED,
+          CKR_USER_NOT_LOGGED_IN, CKR_USER_TYPE_INVALID ->
+          MAKING.contains(row.step) ? Result.NOT_MADE : Result.REFUSED;
+      default -> Result.REFUSED;
+    };
   }
 }

@@ -3,23 +3,13 @@ package it.quarvel.pkcs11.cli.check;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.PKCS11MechanismInfo;
-import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.cli.check.CheckTable.Result;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.token.Attributes;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Step;
-import it.quarvel.pkcs11.cli.token.Steps;
-import it.quarvel.pkcs11.cli.token.TokenInSlot;
-import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import it.quarvel.pkcs11.nat.NativePKCS11Slot;
+import it.quarvel.pkcs11.cli.token.*;
+import it.quarvel.pkcs11.nat.*;
 import java.text.ParseException;
-import java.util.ArrayList;
-import java.util.LinkedHashMap;
-import java.util.List;
-import java.util.Map;
+import java.util.*;
 import java.util.stream.IntStream;
 
 /** The operations of a check-up that leave the token as it is. */
@@ -47,30 +37,30 @@ public final class Checkup {
 
   public void describe() throws Failure {
     NativePKCS11Slot slot = token.slot();
-    works(Step.SLOT_INFO, slot::getInfo);
-    works(Step.SERIAL_NUMBER, () -> {
+    table.works(Step.SLOT_INFO, slot::getInfo);
+    table.works(Step.SERIAL_NUMBER, () -> {
       if (!token.info().serialNumber().equals(slot.getTokenSN())) {
         throw new Failure("not the serial number of the token info");
       }
     });
     List<Integer> listed = new ArrayList<>();
-    works(Step.MECHANISMS, () -> IntStream.of(slot.getMechanismList())
+    table.works(Step.MECHANISMS, () -> IntStream.of(slot.getMechanismList())
         .filter(connection::canName).forEach(listed::add));
-    table.each(Step.MECHANISM_INFO, listed, "no mechanisms", mechanism -> {
+    table.each(Step.MECHANISM_INFO, listed, mechanism -> {
       mechanisms.put(mechanism, slot.getMechanismInfo(mechanism));
       return Result.WORKS;
     });
   }
 
   public void describeSession() throws Failure {
-    works(Step.SESSION_INFO, connection.session()::getInfo);
+    table.works(Step.SESSION_INFO, connection.session()::getInfo);
   }
 
-  /** Reads an attribute of each Java type, of the first object of each class and those given. */
+  /** Reads an attribute of each Java type, of a sample of the objects and of those given. */
   public void read(List<NativePKCS11Object> more) throws Failure {
     List<NativePKCS11Object> samples = new ArrayList<>(more);
     table.attempt(Step.SEARCH, () -> sample(samples));
-    table.each(Step.OBJECT_SIZE, samples, "no object", object -> {
+    table.each(Step.OBJECT_SIZE, samples, object -> {
       object.size();
       return Result.WORKS;
     });
@@ -85,51 +75,51 @@ public final class Checkup {
 
   public void close() throws Failure {
     if (!connection.isLoggedIn()) {
-      table.note(Step.LOGOUT, Result.NOT_ASKED, "no login");
+      table.skip(Result.NOT_ASKED, "no login", Step.LOGOUT);
     }
     connection.closeSession();
-    works(Step.CLOSE_ALL_SESSIONS, token.slot()::closeAllSessions);
-  }
-
-  private void works(Step step, Steps.Action action) throws Failure {
-    table.attempt(step, () -> {
-      action.run();
-      return Result.WORKS;
-    });
+    table.works(Step.CLOSE_ALL_SESSIONS, token.slot()::closeAllSessions);
   }
 
   /**
-   * What a search that fails has found until then serves as well. Objects whose class cannot be read
-   * are a class: a sample of them is read again, in its row.
+   * Takes one object of each class and type of key. What a search that fails has found until then
+   * serves as well. Objects whose class cannot be read are a class: a sample of them is read again,
+   * in its row.
    */
   private Result sample(List<NativePKCS11Object> samples) throws Failure {
-    Map<String, NativePKCS11Object> byClass = new LinkedHashMap<>();
+    Map<String, NativePKCS11Object> byKind = new LinkedHashMap<>();
     int[] count = {0};
     try {
       connection.search(new PKCS11Template(), object -> {
         count[0]++;
         if (!samples.contains(object)) {
-          byClass.putIfAbsent("" + new Attributes(object).number(CKA_CLASS), object);
+          Attributes attributes = new Attributes(object);
+          byKind.putIfAbsent(
+              attributes.number(CKA_CLASS) + " " + attributes.number(CKA_KEY_TYPE), object);
         }
         return true;
       });
       table.tell(count[0] + " objects");
       return Result.WORKS;
     } finally {
-      samples.addAll(byClass.values());
+      samples.addAll(byKind.values());
     }
   }
 
   /** Objects without the attribute say nothing about the operation. */
   private void read(Step step, List<NativePKCS11Object> samples, int type, Reader reader)
       throws Failure {
-    table.each(step, samples, "no object has such a value", object -> {
+    table.each(step, samples, object -> {
       try {
         reader.read(object, type);
         return Result.WORKS;
       } catch (PKCS11Exception e) {
-        if (Attributes.isAbsent(e) || e.errorCode() == CKR_ATTRIBUTE_SENSITIVE) {
-          return Result.NOTHING;
+        Attributes attributes = new Attributes(object);
+        if (attributes.isWithoutLength(e)) {
+          throw new Failure("the module gives a value the length -1, and no return value for it");
+        }
+        if (attributes.isAbsent(e) || e.errorCode() == CKR_ATTRIBUTE_SENSITIVE) {
+          return Result.NOTHING_TO_TRY;
         }
         throw e;
       }

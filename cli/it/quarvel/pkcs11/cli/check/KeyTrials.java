@@ -3,37 +3,26 @@ package it.quarvel.pkcs11.cli.check;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Constants;
-import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.PKCS11MechanismInfo;
-import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.cli.check.CheckTable.Result;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.token.Attributes;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.SoftHash;
-import it.quarvel.pkcs11.cli.token.Step;
-import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import it.quarvel.pkcs11.nat.NativePKCS11Session;
+import it.quarvel.pkcs11.cli.token.*;
+import it.quarvel.pkcs11.internal.Hash;
+import it.quarvel.pkcs11.nat.*;
 import java.nio.charset.StandardCharsets;
-import java.security.GeneralSecurityException;
 import java.security.PublicKey;
-import java.security.Signature;
 import java.security.spec.RSAKeyGenParameterSpec;
-import java.util.Arrays;
-import java.util.Collections;
-import java.util.HexFormat;
-import java.util.LinkedHashMap;
-import java.util.List;
-import java.util.Map;
-import java.util.TreeSet;
-import java.util.stream.Collectors;
-import java.util.stream.IntStream;
+import java.util.*;
+import java.util.stream.*;
 import javax.crypto.Cipher;
 
 /** The operations of a check-up that use keys, or that make objects and remove them again. */
 public final class KeyTrials {
-  private static final String LABEL = "quarvel-pkcs11 check";
+  /** The labels of what a check-up makes. */
+  public static final List<String> LABELS =
+      List.of("quarvel-pkcs11 check", "quarvel-pkcs11 check, changed");
+
+  private static final String LABEL = LABELS.get(0);
   private static final int RSA_BITS = 2048;
   private static final int AES_BYTES = 16;
   private static final byte[] P_256 = HexFormat.of().parseHex("06082a8648ce3d030107");
@@ -42,9 +31,14 @@ public final class KeyTrials {
   private static final byte[] DATA =
       "Nobody needs what a check signs.".getBytes(StandardCharsets.US_ASCII);
 
-  /** A call with a key of some type, or by some mechanism. */
+  /** A call by some mechanism. */
   private interface Trial {
-    Result apply(int type) throws Exception;
+    Result apply(int mechanism) throws Exception;
+  }
+
+  /** A call with a key of some type. */
+  private interface KeyTrial {
+    Result apply(NativePKCS11Object key, int type) throws Exception;
   }
 
   private final Connection connection;
@@ -52,8 +46,8 @@ public final class KeyTrials {
   private final Map<Integer, PKCS11MechanismInfo> mechanisms;
   private final NativePKCS11Session session;
 
-  /** What has been made and is still there, and what it is. */
-  private final Map<NativePKCS11Object, String> made = new LinkedHashMap<>();
+  /** What has been made and is still there. */
+  private final Set<NativePKCS11Object> made = new LinkedHashSet<>();
 
   private String doubt = "it cannot be told whether this token removes what is made for a session";
   private NativePKCS11Object aes;
@@ -69,12 +63,7 @@ public final class KeyTrials {
   }
 
   public List<NativePKCS11Object> made() {
-    return List.copyOf(made.keySet());
-  }
-
-  /** Returns the private key that was made, null when there is none. */
-  public NativePKCS11Object privateKey() {
-    return pair == null ? null : pair.privateKey();
+    return List.copyOf(made);
   }
 
   /**
@@ -84,14 +73,14 @@ public final class KeyTrials {
    */
   public String createObject() throws Failure {
     table.attempt(Step.CREATE_OBJECT, () -> {
-      NativePKCS11Object probe = keep(session.createObject(data()), "data");
+      NativePKCS11Object probe = keep(session.createObject(data()));
       boolean kept = probe.getBoolAttributeValue(CKA_TOKEN);
       doubt = kept ? "this token keeps what is made for a session"
           : "this token does not let what is made be removed";
       if (!kept) {
         remove(probe);
         doubt = "";
-        keep(session.createObject(data()), "data");
+        keep(session.createObject(data()));
       }
       return Result.WORKS;
     });
@@ -100,56 +89,59 @@ public final class KeyTrials {
 
   public void createKeys() throws Failure {
     with(Step.GENERATE_KEY, CKF_GENERATE, mechanism -> {
-      aes = keep(
-          session.generateKey(mechanism, secretKey().put(CKA_VALUE_LEN, AES_BYTES)), "secret key");
+      aes = keep(session.generateKey(mechanism, secretKey().put(CKA_VALUE_LEN, AES_BYTES)));
       return Result.WORKS;
     }, CKM_AES_KEY_GEN);
     with(Step.GENERATE_KEY_PAIR, CKF_GENERATE_KEY_PAIR, mechanism -> {
       pair = session.generateKeyPair(mechanism, publicKey(mechanism), privateKey(mechanism));
-      keep(pair.publicKey(), "public key");
-      keep(pair.privateKey(), "private key");
+      keep(pair.publicKey());
+      keep(pair.privateKey());
       return Result.WORKS;
     }, CKM_RSA_PKCS_KEY_PAIR_GEN, CKM_EC_KEY_PAIR_GEN);
   }
 
   public void setAttribute() throws Failure {
-    table.each(Step.SET_ATTRIBUTE, made().subList(0, Math.min(1, made.size())), "no object was made",
-        object -> {
-          String changed = LABEL + ", changed";
-          object.setAttributeValue(CKA_LABEL, changed);
-          return expect(changed.equals(object.getStringAttributeValue(CKA_LABEL)));
-        });
-  }
-
-  /** Signs, and has Java verify it where the public key can be had. */
-  public void sign(NativePKCS11Object key) throws Failure {
-    use(Step.SIGN, key, CKA_SIGN, type -> switch (type) {
-      case CKK_RSA -> sign(key, "SHA256withRSA", CKM_SHA256_RSA_PKCS, CKM_RSA_PKCS);
-      case CKK_EC -> sign(key, "NONEwithECDSAinP1363Format", CKM_ECDSA);
-      default -> sign(key, "EdDSA", CKM_EDDSA);
+    table.each(Step.SET_ATTRIBUTE, made().subList(0, Math.min(1, made.size())), object -> {
+      object.setAttributeValue(CKA_LABEL, LABELS.get(1));
+      return expect(LABELS.get(1).equals(object.getStringAttributeValue(CKA_LABEL)));
     });
   }
 
-  private Result sign(NativePKCS11Object key, String algorithm, int... mechanisms)
-      throws Exception {
+  /** Signs, and has Java verify it where the public key can be had. */
+  public void sign(NativePKCS11Object named) throws Failure {
+    use(Step.SIGN, named, CKA_SIGN, (key, type) -> switch (type) {
+      case CKK_RSA -> sign(key, CKM_SHA256_RSA_PKCS, CKM_RSA_PKCS);
+      case CKK_EC -> sign(key, CKM_ECDSA);
+      default -> sign(key, CKM_EDDSA);
+    });
+  }
+
+  /** Signs by the first of the mechanisms that there is, which all make the same signatures. */
+  private Result sign(NativePKCS11Object key, int... candidates) throws Exception {
     return with(CKF_SIGN, mechanism -> {
-      byte[] data = mechanism == CKM_RSA_PKCS ? SoftHash.of(CKM_SHA256_RSA_PKCS).apply(DATA) : DATA;
-      return verify(algorithm, halves(key), connection.sign(mechanism, key, data));
-    }, mechanisms);
+      byte[] data = mechanism == CKM_RSA_PKCS ? Hash.input(candidates[0], DATA) : DATA;
+      byte[] signature = connection.sign(mechanism, key, data);
+      boolean right = false;
+      Set<PublicKey> halves = connection.publicKeys(key);
+      for (PublicKey half : halves) {
+        right |= JavaSignature.verifies(half, candidates[0], false, DATA, signature);
+      }
+      return halves.isEmpty() && signature.length > 0 ? Result.NOT_VERIFIED : expect(right);
+    }, candidates);
   }
 
   /** Decrypts what Java has encrypted. */
-  public void decrypt(NativePKCS11Object key) throws Failure {
-    use(Step.DECRYPT, key, CKA_DECRYPT, type -> {
+  public void decrypt(NativePKCS11Object named) throws Failure {
+    use(Step.DECRYPT, named, CKA_DECRYPT, (key, type) -> {
       if (type != CKK_RSA) {
         return table.nothing("EC keys do not decrypt");
       }
-      List<PublicKey> halves = halves(key);
+      Set<PublicKey> halves = connection.publicKeys(key);
       if (halves.isEmpty()) {
         return table.nothing("no public key to encrypt with");
       }
       Cipher java = Cipher.getInstance("RSA/ECB/PKCS1Padding");
-      java.init(Cipher.ENCRYPT_MODE, halves.get(0));
+      java.init(Cipher.ENCRYPT_MODE, halves.iterator().next());
       return with(CKF_DECRYPT, mechanism -> expect(Arrays.equals(
           DATA, connection.decrypt(mechanism, key, java.doFinal(DATA)))), CKM_RSA_PKCS);
     });
@@ -157,9 +149,7 @@ public final class KeyTrials {
 
   public void useSecretKey() throws Failure {
     if (aes == null) {
-      for (Step step : List.of(Step.ENCRYPT, Step.WRAP, Step.UNWRAP)) {
-        table.note(step, Result.NOTHING, "no key was made");
-      }
+      table.skip(Result.NOTHING_TO_TRY, "no key was made", Step.ENCRYPT, Step.WRAP, Step.UNWRAP);
       return;
     }
     with(Step.ENCRYPT, CKF_ENCRYPT, mechanism -> {
@@ -173,12 +163,11 @@ public final class KeyTrials {
       return Result.WORKS;
     }, candidates);
     if (wrapped == null) {
-      table.note(Step.UNWRAP, Result.NOTHING, "no wrapped key");
+      table.skip(Result.NOTHING_TO_TRY, "no wrapped key", Step.UNWRAP);
       return;
     }
     with(Step.UNWRAP, CKF_UNWRAP, mechanism -> {
-      NativePKCS11Object key =
-          keep(session.unwrapKey(mechanism, aes, wrapped, unwrappedKey()), "secret key");
+      NativePKCS11Object key = keep(session.unwrapKey(mechanism, aes, wrapped, unwrappedKey()));
       return expect(!mechanisms.containsKey(CKM_AES_ECB) || Arrays.equals(
           session.encrypt(CKM_AES_ECB, aes, DATA), session.encrypt(CKM_AES_ECB, key, DATA)));
     }, candidates);
@@ -186,7 +175,7 @@ public final class KeyTrials {
 
   public void destroy() throws Failure {
     List<NativePKCS11Object> objects = made();
-    table.each(Step.DESTROY, objects, "no object was made", object -> {
+    table.each(Step.DESTROY, objects, object -> {
       remove(object);
       return Result.WORKS;
     });
@@ -205,24 +194,27 @@ public final class KeyTrials {
     }
   }
 
-  /** Names what has been made and could not be removed, empty when nothing is left. */
+  /** Tells of what has been made and could not be removed, empty when nothing is left. */
   public String left() {
-    return made.isEmpty() ? "" : "left behind, with the label \"%s\": %s; pkcs11-tool can delete it"
-        .formatted(LABEL, new TreeSet<>(made.values()).stream().collect(Collectors.joining(", ")));
+    return made.isEmpty() ? "" : "objects left behind, with the label \"%s\": %s; \"check --clean\""
+        .formatted(LABEL, made.size()) + " removes them";
   }
 
-  /** Uses a key of a known type that may be used like this. */
-  private void use(Step step, NativePKCS11Object key, int use, Trial trial) throws Failure {
+  /** Uses the key that is named, else the one that was made, else one that is on the token. */
+  private void use(Step step, NativePKCS11Object named, int use, KeyTrial trial) throws Failure {
     table.attempt(step, () -> {
+      NativePKCS11Object key = named != null ? named : pair != null ? pair.privateKey()
+          : connection.find(new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY).put(use, true), 1)
+              .stream().findFirst().orElse(null);
       if (key == null) {
-        return table.nothing("no key was made");
+        return table.nothing("no key was made, and the token has none for it: --label names one");
       }
       Attributes attributes = new Attributes(key);
       Object type = attributes.number(CKA_KEY_TYPE);
       if (!List.<Object>of(CKK_RSA, CKK_EC, CKK_EC_EDWARDS).contains(type)) {
         return table.nothing("no trial for this type of key");
       }
-      return Boolean.TRUE.equals(attributes.truth(use)) ? trial.apply((int) type)
+      return Boolean.TRUE.equals(attributes.truth(use)) ? trial.apply(key, (int) type)
           : table.nothing("the key is not made for it");
     });
   }
@@ -245,17 +237,8 @@ public final class KeyTrials {
     return Result.NO_MECHANISM;
   }
 
-  private List<PublicKey> halves(NativePKCS11Object key) throws Failure {
-    try {
-      return pair != null && key == pair.privateKey()
-          ? List.of(pair.publicKey().publicKey()) : connection.publicKeys(key);
-    } catch (PKCS11Exception | GeneralSecurityException e) {
-      return List.of();
-    }
-  }
-
-  private NativePKCS11Object keep(NativePKCS11Object object, String what) {
-    made.put(object, what);
+  private NativePKCS11Object keep(NativePKCS11Object object) {
+    made.add(object);
     return object;
   }
 
@@ -293,18 +276,6 @@ public final class KeyTrials {
   private PKCS11Template privateKey(int mechanism) {
     PKCS11Template template = template().put(CKA_SIGN, true);
     return mechanism == CKM_EC_KEY_PAIR_GEN ? template : template.put(CKA_DECRYPT, true);
-  }
-
-  private static Result verify(String algorithm, List<PublicKey> keys, byte[] signature)
-      throws GeneralSecurityException, Failure {
-    boolean right = false;
-    for (PublicKey key : keys) {
-      Signature java = Signature.getInstance(algorithm);
-      java.initVerify(key);
-      java.update(DATA);
-      right |= java.verify(signature);
-    }
-    return keys.isEmpty() && signature.length > 0 ? Result.NOT_VERIFIED : expect(right);
   }
 
   private static Result expect(boolean right) throws Failure {

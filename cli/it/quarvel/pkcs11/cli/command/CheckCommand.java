@@ -1,24 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli.command;
 
-import static it.quarvel.pkcs11.PKCS11Constants.CKF_RW_SESSION;
+import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.cli.check.CheckTable;
-import it.quarvel.pkcs11.cli.check.Checkup;
-import it.quarvel.pkcs11.cli.check.KeyTrials;
-import it.quarvel.pkcs11.cli.check.Leftovers;
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Terminal;
-import it.quarvel.pkcs11.cli.option.ObjectFilter;
-import it.quarvel.pkcs11.cli.option.Output;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Step;
-import it.quarvel.pkcs11.cli.token.TokenInSlot;
+import it.quarvel.pkcs11.*;
+import it.quarvel.pkcs11.cli.check.*;
+import it.quarvel.pkcs11.cli.console.*;
+import it.quarvel.pkcs11.cli.token.*;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import picocli.CommandLine.Command;
-import picocli.CommandLine.Mixin;
-import picocli.CommandLine.Option;
+import java.util.*;
+import picocli.CommandLine.*;
 
 /** Tries every operation of the library on a token and says which work. */
 @Command(
@@ -29,23 +20,27 @@ import picocli.CommandLine.Option;
           + " removed again. Some tokens keep what is made for a session: this is tried on something"
           + " small, and then keys are made only after a question, or with --yes. What is removed at"
           + " an interruption, too, stays behind after a kill -9; it is labelled \"quarvel-pkcs11"
-          + " check\".",
-      "A key that is named by --label, --id or --uri is used to sign and decrypt, else one that was"
-          + " made.",
+          + " check\", and --clean removes it.",
+      "A key that is named by --label, --id or --uri is used to sign and decrypt, else with --write"
+          + " one that was made, or one that is there where the token makes none.",
       "The status is 0 when nothing failed and nothing was refused. What was not asked for does not"
-          + " count, nor what the module or the token does not have.",
+          + " count, nor what the module or the token does not have, nor what it does not make for a"
+          + " session.",
       "Never tried: changes of PINs, the methods that always fail, and those for particular cards,"
           + " which print on standard output."
     })
-public final class CheckCommand extends TokenCommand {
-  @Mixin private ObjectFilter filter;
+public final class CheckCommand extends ObjectCommand {
   @Mixin private Output output;
 
   @Option(names = "--write", description = "Create objects in the session and remove them again.")
   private boolean write;
 
-  @Option(names = "--yes",
-      description = "With --write: make keys also on a token that may keep them.")
+  @Option(names = "--clean",
+      description = "Remove what an earlier check-up had to leave behind, and try nothing.")
+  private boolean clean;
+
+  @Option(names = "--yes", description = "With --write: make keys also on a token that may keep"
+      + " them. With --clean: remove without a question.")
   private boolean yes;
 
   private CheckTable table;
@@ -55,9 +50,14 @@ public final class CheckCommand extends TokenCommand {
 
   @Override
   public Integer call() throws Failure {
-    boolean named = filter.isNamed(uri());
-    if (filter.isTyped() && !named) {
-      throw Failure.usage("which key? Name it by --label, --id or --uri");
+    if (uri().objectClass() != null) {
+      requireName();
+    }
+    if (clean) {
+      try (Connection connection = open(new Steps())) {
+        clean(connection);
+      }
+      return 0;
     }
     program().module(); // refused before the table has begun
     table = new CheckTable(program().out(), output);
@@ -72,51 +72,49 @@ public final class CheckCommand extends TokenCommand {
 
   @Override
   void run(Connection connection) throws Failure {
-    table.attempt(Step.INFO, () -> {
-      connection.module().getInfo();
-      return CheckTable.Result.WORKS;
-    });
+    table.works(Step.INFO, connection.opened()::info);
     TokenInSlot chosen = choose(connection);
     Checkup checkup = new Checkup(connection, table, chosen);
     checkup.describe();
     connection.openSession(chosen.slot(), write ? CKF_RW_SESSION : 0);
     checkup.describeSession();
     tryLogin(connection, chosen);
-    NativePKCS11Object named =
-        filter.isNamed(uri()) ? filter.key(connection, uri()) : null;
+    NativePKCS11Object named = isNamed() ? key(connection) : null;
     KeyTrials trials = new KeyTrials(connection, table, checkup.mechanisms());
-    boolean makes = false;
     Leftovers leftovers = new Leftovers(table, trials, program()::message);
     try {
-      if (write) {
-        makes = makesKeys(trials);
-      } else {
-        table.skip("--write", Step.CREATE_OBJECT, Step.GENERATE_KEY, Step.GENERATE_KEY_PAIR);
-      }
-      checkup.read(trials.made());
-      NativePKCS11Object key = named != null ? named : trials.privateKey();
-      String option = write ? "--yes" : "--write";
-      if (key == null && !makes) {
-        table.skip(option + ", or a key by --label", Step.SIGN, Step.DECRYPT);
-      } else {
-        trials.sign(key);
-        trials.decrypt(key);
-      }
-      if (makes) {
-        trials.useSecretKey();
-      } else {
-        table.skip(option, Step.ENCRYPT, Step.WRAP, Step.UNWRAP);
-      }
-      if (write) {
-        trials.setAttribute();
-        trials.destroy();
-      } else {
-        table.skip(option, Step.SET_ATTRIBUTE, Step.DESTROY, Step.SEARCH_AFTER);
-      }
+      tryObjects(checkup, trials, named);
     } finally {
       leftovers.remove();
     }
     checkup.close();
+  }
+
+  private void tryObjects(Checkup checkup, KeyTrials trials, NativePKCS11Object named)
+      throws Failure {
+    boolean makes = write && makesKeys(trials);
+    String option = write ? "--yes" : "--write";
+    if (!write) {
+      skip(option, Step.CREATE_OBJECT, Step.GENERATE_KEY, Step.GENERATE_KEY_PAIR);
+    }
+    checkup.read(trials.made());
+    if (named == null && !write) {
+      skip(option + ", or a key by --label", Step.SIGN, Step.DECRYPT);
+    } else {
+      trials.sign(named);
+      trials.decrypt(named);
+    }
+    if (makes) {
+      trials.useSecretKey();
+    } else {
+      skip(option, Step.ENCRYPT, Step.WRAP, Step.UNWRAP);
+    }
+    if (write) {
+      trials.setAttribute();
+      trials.destroy();
+    } else {
+      skip(option, Step.SET_ATTRIBUTE, Step.DESTROY, Step.SEARCH_AFTER);
+    }
   }
 
   /** Makes an object, and tells whether keys are made too, which the token may keep. */
@@ -127,24 +125,48 @@ public final class CheckCommand extends TokenCommand {
       trials.createKeys();
       return true;
     }
-    table.skip("--yes", Step.GENERATE_KEY, Step.GENERATE_KEY_PAIR);
-    fail(new Failure(doubt + ", so that no keys were made: --yes makes them all the same"));
+    skip("--yes", Step.GENERATE_KEY, Step.GENERATE_KEY_PAIR);
+    program().message(doubt + ", so that no keys were made: --yes makes them all the same");
     return false;
+  }
+
+  /** Removes what an earlier check-up has left. */
+  private void clean(Connection connection) throws Failure {
+    TokenInSlot chosen = openSession(connection, CKF_RW_SESSION, true);
+    List<NativePKCS11Object> left = new ArrayList<>();
+    for (String label : KeyTrials.LABELS) {
+      left.addAll(connection.find(new PKCS11Template().put(CKA_LABEL, label), Integer.MAX_VALUE));
+    }
+    for (NativePKCS11Object object : left) {
+      program().out().write(chosen.uri(object) + "\n");
+    }
+    if (left.isEmpty()) {
+      program().message("no check-up has left anything on %s".formatted(chosen));
+    } else if (!yes && !Terminal.agrees("Remove this from %s?".formatted(chosen))) {
+      throw new Failure("nothing was removed; --yes removes it without a question");
+    }
+    for (NativePKCS11Object object : left) {
+      connection.run(Step.DESTROY, object::destroy);
+    }
   }
 
   private void tryLogin(Connection connection, TokenInSlot chosen) throws Failure {
     if (!isLoginAsked()) {
-      table.note(Step.LOGIN, CheckTable.Result.NOT_ASKED, "--login or a PIN");
+      skip("--login or a PIN", Step.LOGIN);
       return;
     }
     try {
-      logIn(connection, chosen);
+      connection.login(false, askPin(chosen, false));
     } catch (Failure e) {
       fail(e);
       if (!(e.getCause() instanceof PKCS11Exception)) {
         throw e;
       }
     }
+  }
+
+  private void skip(String why, Step... steps) throws Failure {
+    table.skip(CheckTable.Result.NOT_ASKED, why, steps);
   }
 
   private void fail(Failure found) {

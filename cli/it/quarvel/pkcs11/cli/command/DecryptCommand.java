@@ -3,11 +3,11 @@ package it.quarvel.pkcs11.cli.command;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Step;
+import it.quarvel.pkcs11.cli.console.Failure;
+import it.quarvel.pkcs11.cli.token.*;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import picocli.CommandLine.Command;
+import java.util.Map;
+import picocli.CommandLine.*;
 
 /** Decrypts with a key of the token. */
 @Command(
@@ -20,25 +20,14 @@ import picocli.CommandLine.Command;
           + " in CBC or GCM mode) cannot be used."
     })
 public final class DecryptCommand extends KeyCommand {
-  @Override
-  Step step() {
-    return Step.DECRYPT;
-  }
+  @Mixin private ResultOutput output;
 
   @Override
-  Integer defaultMechanism(int keyType) {
-    return keyType == CKK_RSA ? CKM_RSA_PKCS : null;
-  }
-
-  @Override
-  boolean mayBeText() {
-    return true;
-  }
-
-  @Override
-  byte[] apply(
-      Connection connection, int mechanism, NativePKCS11Object key, int keyType, byte[] data)
-      throws PKCS11Exception {
-    return connection.decrypt(mechanism, key, data);
+  void run(Connection connection, byte[] data) throws Failure {
+    openSession(connection, 0, true);
+    NativePKCS11Object key = key(connection);
+    int used = mechanism(Map.of(CKK_RSA, CKM_RSA_PKCS), keyType(key));
+    output.write(program().out(),
+        connection.call(Step.DECRYPT, () -> connection.decrypt(used, key, data)));
   }
 }

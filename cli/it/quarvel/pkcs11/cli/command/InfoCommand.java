@@ -2,15 +2,11 @@
 package it.quarvel.pkcs11.cli.command;
 
 import it.quarvel.pkcs11.PKCS11Info;
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.option.Output;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Step;
+import it.quarvel.pkcs11.cli.console.*;
+import it.quarvel.pkcs11.cli.token.*;
 import it.quarvel.pkcs11.nat.NativePKCS11;
-import java.util.LinkedHashMap;
-import java.util.Map;
-import picocli.CommandLine.Command;
-import picocli.CommandLine.Mixin;
+import java.util.*;
+import picocli.CommandLine.*;
 
 /** Shows what the module says of itself. */
 @Command(name = "info", description = "Show what the module says of itself.")
@@ -19,14 +15,13 @@ public final class InfoCommand extends ModuleCommand {
 
   @Override
   void run(Connection connection) throws Failure {
-    NativePKCS11 module = connection.module();
-    PKCS11Info info = connection.call(Step.INFO, module::getInfo);
+    PKCS11Info info = connection.call(Step.INFO, connection.opened()::info);
     Map<String, Object> values = new LinkedHashMap<>();
     values.put("cryptokiVersion", PKCS11Info.versionText(info.cryptokiVersion()));
     values.put("manufacturer", info.manufacturerID().strip());
     values.put("library", info.libraryDescription().strip());
     values.put("libraryVersion", PKCS11Info.versionText(info.libraryVersion()));
-    values.put("bridgeVersion", module.getBridgeVersion());
+    values.put("bridgeVersion", new NativePKCS11().getBridgeVersion());
     output.object(program().out(), program().module(), values);
   }
 }

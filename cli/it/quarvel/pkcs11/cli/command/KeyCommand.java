@@ -3,62 +3,35 @@ package it.quarvel.pkcs11.cli.command;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Constants;
-import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Terminal;
-import it.quarvel.pkcs11.cli.console.Text;
-import it.quarvel.pkcs11.cli.option.Names;
-import it.quarvel.pkcs11.cli.option.ObjectFilter;
-import it.quarvel.pkcs11.cli.token.Attributes;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Step;
+import it.quarvel.pkcs11.cli.console.*;
+import it.quarvel.pkcs11.cli.token.*;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import java.io.IOException;
-import java.nio.file.Files;
-import java.nio.file.Path;
-import picocli.CommandLine.Mixin;
-import picocli.CommandLine.Option;
-import picocli.CommandLine.Parameters;
+import java.nio.file.*;
+import java.util.Map;
+import picocli.CommandLine.*;
 
-/** A command that makes other data of data with one key. */
-public abstract class KeyCommand extends TokenCommand {
+/** A command on data with one key. */
+abstract class KeyCommand extends ObjectCommand {
   private static final Path STANDARD = Path.of("-");
 
-  @Mixin private ObjectFilter filter;
-
-  @Option(names = "--mechanism", paramLabel = "NAME", converter = Names.Mechanism.class,
-      description = "The mechanism; see above for what it is otherwise.")
   private Integer mechanism;
-
-  @Option(names = {"-o", "--output"}, paramLabel = "FILE",
-      description = "Where the result goes; else to standard output.")
-  private Path output;
 
   @Parameters(arity = "0..1", paramLabel = "FILE",
       description = "The data; without it, or with \"-\", standard input.")
   private Path input = STANDARD;
 
-  abstract Step step();
+  @Option(names = "--mechanism", paramLabel = "NAME",
+      description = "The mechanism; see above for what it is otherwise.")
+  void mechanism(String name) {
+    mechanism = Names.mechanism(name);
+  }
 
-  /** Returns the mechanism for who names none, null when there is no sensible one. */
-  abstract Integer defaultMechanism(int keyType);
-
-  /** Tells whether the result is for people to read, if it happens to be text. */
-  abstract boolean mayBeText();
-
-  abstract byte[] apply(
-      Connection connection, int mechanism, NativePKCS11Object key, int keyType, byte[] data)
-      throws PKCS11Exception, Failure;
+  abstract void run(Connection connection, byte[] data) throws Failure;
 
   @Override
-  public final Integer call() throws Failure {
-    if (!filter.isNamed(uri())) {
-      throw Failure.usage("which key? Name it by --label, --id or --uri");
-    }
-    if (!mayBeText()) {
-      refuseTerminal();
-    }
+  public Integer call() throws Failure {
+    requireName();
     return super.call();
   }
 
@@ -68,19 +41,19 @@ public abstract class KeyCommand extends TokenCommand {
     if (mechanism != null) {
       connection.requireName(mechanism);
     }
-    byte[] data = read();
-    openSession(connection, true);
-    NativePKCS11Object key = filter.key(connection, uri());
-    int keyType = keyType(key);
-    Integer used = mechanism != null ? mechanism : defaultMechanism(keyType);
-    if (used == null) {
-      throw Failure.usage("no usual mechanism for a key of type %s: name one by --mechanism"
-          .formatted(PKCS11Constants.keyTypeName(keyType)));
-    }
-    write(connection.call(step(), () -> apply(connection, used, key, keyType, data)));
+    run(connection, read());
   }
 
-  private static int keyType(NativePKCS11Object key) throws Failure {
+  /** Returns the mechanism that is named, else the usual one for a key of a type. */
+  final int mechanism(Map<Integer, Integer> usual, int keyType) throws Failure {
+    if (mechanism == null && !usual.containsKey(keyType)) {
+      throw Failure.usage("no usual mechanism for a key of type %s: name one by --mechanism"
+          .formatted(keyTypeName(keyType)));
+    }
+    return mechanism != null ? mechanism : usual.get(keyType);
+  }
+
+  static int keyType(NativePKCS11Object key) throws Failure {
     Object keyType = new Attributes(key).number(CKA_KEY_TYPE);
     if (keyType == null) {
       throw Failure.usage("this object is no key: --type is private, public or secret-key");
@@ -91,37 +64,25 @@ public abstract class KeyCommand extends TokenCommand {
     throw new Failure("the type of the key cannot be read " + keyType);
   }
 
-  private void refuseTerminal() throws Failure {
-    if (output == null && Terminal.is(Terminal.OUT)) {
-      throw Failure.usage("the result is no text for a terminal: name a file by -o");
-    }
-  }
-
   private byte[] read() throws Failure {
-    boolean standard = input.equals(STANDARD);
-    if (standard && Terminal.isClosed(Terminal.IN)) {
+    if (!input.equals(STANDARD)) {
+      return read(input);
+    }
+    if (Terminal.isClosed(Terminal.IN)) {
       throw new Failure("standard input is closed: name the file with the data");
     }
     try {
-      // Standard input stays open: it may be the terminal that the PIN comes from.
-      return standard ? System.in.readAllBytes() : Files.readAllBytes(input);
+      return System.in.readAllBytes(); // not closed: the PIN may come from it
     } catch (IOException e) {
-      throw Failure.file((standard ? "standard input" : input) + " cannot be read", e);
+      throw Failure.file("standard input cannot be read", e);
     }
   }
 
-  private void write(byte[] result) throws Failure {
-    if (output == null) {
-      if (!Text.isText(result)) {
-        refuseTerminal();
-      }
-      program().out().write(result);
-      return;
-    }
+  static byte[] read(Path file) throws Failure {
     try {
-      Files.write(output, result);
+      return Files.readAllBytes(file);
     } catch (IOException e) {
-      throw Failure.file(output + " cannot be written", e);
+      throw Failure.file(file + " cannot be read", e);
     }
   }
 }

@@ -1,21 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli.command;
 
-import it.quarvel.pkcs11.PKCS11Constants;
-import it.quarvel.pkcs11.PKCS11MechanismInfo;
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Unread;
-import it.quarvel.pkcs11.cli.option.Output;
-import it.quarvel.pkcs11.cli.option.TokenOptions;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Step;
+import it.quarvel.pkcs11.*;
+import it.quarvel.pkcs11.cli.console.*;
+import it.quarvel.pkcs11.cli.token.*;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
-import java.util.ArrayList;
-import java.util.LinkedHashMap;
-import java.util.List;
-import java.util.Map;
-import picocli.CommandLine.Command;
-import picocli.CommandLine.Mixin;
+import java.util.*;
+import picocli.CommandLine.*;
 
 /** Lists the mechanisms of a token. */
 @Command(name = "mechanisms",

@@ -2,8 +2,7 @@
 package it.quarvel.pkcs11.cli.command;
 
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Steps;
+import it.quarvel.pkcs11.cli.token.*;
 import java.util.concurrent.Callable;
 import picocli.CommandLine.ParentCommand;
 

@@ -3,22 +3,12 @@ package it.quarvel.pkcs11.cli.command;
 
 import static it.quarvel.pkcs11.PKCS11Constants.CKF_LOGIN_REQUIRED;
 
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.option.Names;
-import it.quarvel.pkcs11.cli.option.ObjectFilter;
-import it.quarvel.pkcs11.cli.option.UriOutput;
-import it.quarvel.pkcs11.cli.token.Attributes;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.TokenInSlot;
+import it.quarvel.pkcs11.cli.console.*;
+import it.quarvel.pkcs11.cli.token.*;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import java.util.List;
-import java.util.Map;
-import java.util.Objects;
-import java.util.Set;
+import java.util.*;
 import java.util.stream.Collectors;
-import picocli.CommandLine.Command;
-import picocli.CommandLine.Mixin;
-import picocli.CommandLine.Option;
+import picocli.CommandLine.*;
 
 /** Lists the objects of a token, each as the search yields it. */
 @Command(name = "objects",
@@ -27,8 +17,7 @@ import picocli.CommandLine.Option;
       "A value that an object does not have is \"-\" where it was asked for; one that cannot be had"
           + " is shown as the reason in brackets, \"(sensitive)\" for instance."
     })
-public final class ObjectsCommand extends TokenCommand {
-  @Mixin private ObjectFilter filter;
+public final class ObjectsCommand extends ObjectCommand {
   @Mixin private UriOutput output;
 
   @Option(names = "--attribute", paramLabel = "NAME", converter = Names.Attribute.class,
@@ -40,8 +29,8 @@ public final class ObjectsCommand extends TokenCommand {
     for (int attribute : attributes) {
       connection.requireName(attribute);
     }
-    TokenInSlot chosen = openSession(connection, false);
-    connection.search(filter.template(uri()), object -> {
+    TokenInSlot chosen = openSession(connection, 0, false);
+    connection.search(uri().template(), object -> {
       show(chosen, object);
       return true;
     });
@@ -52,10 +41,10 @@ public final class ObjectsCommand extends TokenCommand {
   }
 
   private void show(TokenInSlot chosen, NativePKCS11Object object) throws Failure {
-    String uri = output.needsUri() ? chosen.uri(object) : "";
+    String uri = output.needsUri() ? chosen.uri(object).toString() : "";
     Map<String, Object> values =
         output.isUriOnly() ? Map.of() : new Attributes(object).describe(attributes);
-    List<String> inTitle = List.of("class", "keyType", "certificateType");
+    List<String> inTitle = List.of("class", "keyType", "certificateType", "profile");
     String title = inTitle.stream().map(values::get).filter(Objects::nonNull).map(Object::toString)
         .collect(Collectors.joining(", "));
     output.item(program().out(), title, uri, values, Set.copyOf(inTitle));

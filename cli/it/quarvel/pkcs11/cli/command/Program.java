@@ -1,16 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli.command;
 
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Stdout;
-import it.quarvel.pkcs11.cli.console.Terminal;
-import it.quarvel.pkcs11.cli.console.Text;
-import java.io.OutputStream;
-import java.io.PrintStream;
-import java.io.PrintWriter;
-import java.io.StringWriter;
-import picocli.CommandLine.Option;
-import picocli.CommandLine.ScopeType;
+import it.quarvel.pkcs11.cli.console.*;
+import java.io.*;
+import picocli.CommandLine.*;
 
 /** What all commands share: three options, and where their data and their messages go. */
 public class Program {

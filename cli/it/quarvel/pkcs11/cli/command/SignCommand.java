@@ -3,18 +3,12 @@ package it.quarvel.pkcs11.cli.command;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.SoftHash;
-import it.quarvel.pkcs11.cli.token.Step;
+import it.quarvel.pkcs11.cli.token.*;
+import it.quarvel.pkcs11.internal.*;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import java.io.ByteArrayOutputStream;
-import java.math.BigInteger;
-import java.util.Arrays;
-import java.util.stream.IntStream;
-import picocli.CommandLine.Command;
-import picocli.CommandLine.Option;
+import java.util.Map;
+import picocli.CommandLine.*;
 
 /** Signs with a key of the token. */
 @Command(
@@ -26,74 +20,29 @@ import picocli.CommandLine.Option;
           + " CKM_ECDSA, if named, sign the file as it is."
     })
 public final class SignCommand extends KeyCommand {
-  /** How the two numbers of an EC signature are written. */
-  private enum Format { der, raw }
+  static final Map<Integer, Integer> USUAL = Map.of(
+      CKK_RSA, CKM_SHA256_RSA_PKCS, CKK_EC, CKM_ECDSA_SHA256, CKK_EC_EDWARDS, CKM_EDDSA);
 
-  /** DER's tags, and the bit of a first byte of length that says how many more there are. */
-  private static final int INTEGER = 2;
-  private static final int SEQUENCE = 0x30;
-  private static final int LONG_LENGTH = 0x80;
-
-  @Option(names = "--signature-format", paramLabel = "der|raw",
-      description = "For EC keys: r and s in DER, or one after the other, as else.")
-  private Format format;
+  @Mixin private SignatureFormat format;
+  @Mixin private ResultOutput output;
 
   @Override
-  Step step() {
-    return Step.SIGN;
+  public Integer call() throws Failure {
+    output.refuseTerminal();
+    return super.call();
   }
 
   @Override
-  Integer defaultMechanism(int keyType) {
-    return switch (keyType) {
-      case CKK_RSA -> CKM_SHA256_RSA_PKCS;
-      case CKK_EC -> CKM_ECDSA_SHA256;
-      case CKK_EC_EDWARDS -> CKM_EDDSA;
-      default -> null;
-    };
-  }
-
-  @Override
-  boolean mayBeText() {
-    return false;
-  }
-
-  @Override
-  byte[] apply(
-      Connection connection, int mechanism, NativePKCS11Object key, int keyType, byte[] data)
-      throws PKCS11Exception, Failure {
-    if (format != null && keyType != CKK_EC) {
-      throw Failure.usage("--signature-format is for EC keys");
-    }
-    SoftHash hash = SoftHash.of(mechanism);
-    byte[] signature = hash == null || hashes(connection, mechanism)
-        ? connection.sign(mechanism, key, data)
-        : connection.sign(hash.rest(), key, hash.apply(data));
-    return format == Format.der ? der(signature) : signature;
-  }
-
-  private static boolean hashes(Connection connection, int mechanism) throws PKCS11Exception {
-    return IntStream.of(connection.session().slot().getMechanismList())
-        .anyMatch(listed -> listed == mechanism);
-  }
-
-  /** Writes the two halves of a signature as a sequence of two integers. */
-  private static byte[] der(byte[] signature) {
-    int half = signature.length / 2;
-    byte[] r = new BigInteger(1, Arrays.copyOf(signature, half)).toByteArray();
-    byte[] s = new BigInteger(1, signature, half, signature.length - half).toByteArray();
-    int length = r.length + s.length + 4;
-    ByteArrayOutputStream der = new ByteArrayOutputStream();
-    der.write(SEQUENCE);
-    if (length >= LONG_LENGTH) {
-      der.write(LONG_LENGTH + 1);
-    }
-    der.write(length);
-    for (byte[] number : new byte[][] {r, s}) {
-      der.write(INTEGER);
-      der.write(number.length);
-      der.writeBytes(number);
-    }
-    return der.toByteArray();
+  void run(Connection connection, byte[] data) throws Failure {
+    openSession(connection, 0, true);
+    NativePKCS11Object key = key(connection);
+    int keyType = keyType(key);
+    int used = mechanism(USUAL, keyType);
+    boolean der = format.isDer(keyType == CKK_EC);
+    int rest = Hash.rest(used);
+    byte[] signature = connection.call(Step.SIGN, () ->
+        rest == used || connection.hasMechanism(used) ? connection.sign(used, key, data)
+            : connection.sign(rest, key, Hash.input(used, data)));
+    output.write(program().out(), der ? Encodings.derSignature(signature) : signature);
   }
 }

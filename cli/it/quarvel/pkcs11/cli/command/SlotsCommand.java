@@ -3,21 +3,12 @@ package it.quarvel.pkcs11.cli.command;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Info;
-import it.quarvel.pkcs11.PKCS11SlotInfo;
-import it.quarvel.pkcs11.PKCS11TokenInfo;
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.option.TokenOptions;
-import it.quarvel.pkcs11.cli.option.UriOutput;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.Step;
-import it.quarvel.pkcs11.cli.token.TokenInSlot;
+import it.quarvel.pkcs11.*;
+import it.quarvel.pkcs11.cli.console.*;
+import it.quarvel.pkcs11.cli.token.*;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
-import java.util.LinkedHashMap;
-import java.util.Map;
-import java.util.Set;
-import picocli.CommandLine.Command;
-import picocli.CommandLine.Mixin;
+import java.util.*;
+import picocli.CommandLine.*;
 
 /** Lists the slots and their tokens. */
 @Command(name = "slots", description = "List the slots and their tokens, or those asked for.")
@@ -27,16 +18,21 @@ public final class SlotsCommand extends ModuleCommand {
 
   @Override
   void run(Connection connection) throws Failure {
-    for (NativePKCS11Slot slot : connection.call(Step.SLOTS, () -> connection.module().slots(false))) {
+    boolean found = false;
+    for (NativePKCS11Slot slot : connection.call(Step.SLOTS, connection.opened()::slots)) {
       Map<String, Object> values = new LinkedHashMap<>();
       values.put("slot", TokenInSlot.number(slot));
       TokenInSlot token = describe(values, connection, slot);
       if (!wanted.matches(slot, token) || output.isUriOnly() && token == null) {
         continue;
       }
+      found = true;
       Object description = values.getOrDefault("description", "not readable");
       output.item(program().out(), "Slot " + TokenInSlot.number(slot) + ": " + description,
-          token == null ? "" : token.uri(), values, Set.of("slot", "description"));
+          token == null ? "" : token.uri().toString(), values, Set.of("slot", "description"));
+    }
+    if (!found && wanted.uri() != PKCS11Uri.ANY) {
+      wanted.choose(connection); // says why there is none
     }
     output.end(program().out());
   }

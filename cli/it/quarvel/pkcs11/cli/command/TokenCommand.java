@@ -5,10 +5,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.option.PinOptions;
-import it.quarvel.pkcs11.cli.option.TokenOptions;
-import it.quarvel.pkcs11.cli.token.Connection;
-import it.quarvel.pkcs11.cli.token.TokenInSlot;
+import it.quarvel.pkcs11.cli.token.*;
 import picocli.CommandLine.Mixin;
 
 /** A command in one session with one token. */
@@ -16,7 +13,8 @@ abstract class TokenCommand extends ModuleCommand {
   @Mixin private TokenOptions token;
   @Mixin private PinOptions pin;
 
-  final PKCS11Uri uri() {
+  /** Returns what is meant, a URI that matches everything when nothing is named. */
+  PKCS11Uri uri() {
     return token.uri();
   }
 
@@ -29,19 +27,21 @@ abstract class TokenCommand extends ModuleCommand {
   }
 
   /** Opens the session, and logs in where the user asks for it or the token wants it for keys. */
-  final TokenInSlot openSession(Connection connection, boolean forKeys) throws Failure {
+  final TokenInSlot openSession(Connection connection, int flags, boolean forKeys)
+      throws Failure {
     TokenInSlot chosen = choose(connection);
-    connection.openSession(chosen.slot(), 0);
+    connection.openSession(chosen.slot(), flags);
     if (isLoginAsked() || forKeys && chosen.info().hasFlag(CKF_LOGIN_REQUIRED)) {
-      logIn(connection, chosen);
+      connection.login(false, askPin(chosen, false));
     }
     return chosen;
   }
 
-  final void logIn(Connection connection, TokenInSlot chosen) throws Failure {
-    if (chosen.info().hasFlag(CKF_USER_PIN_FINAL_TRY)) {
+  /** Returns the PIN of the user or the security officer; null when the token asks for it itself. */
+  final byte[] askPin(TokenInSlot chosen, boolean officer) throws Failure {
+    if (chosen.info().hasFlag(officer ? CKF_SO_PIN_FINAL_TRY : CKF_USER_PIN_FINAL_TRY)) {
       program().message("this is the last try: another wrong PIN locks the token");
     }
-    connection.login(pin.ask(chosen, uri()));
+    return pin.ask(chosen, uri(), officer ? "Security officer's PIN" : "PIN");
   }
 }

@@ -2,9 +2,7 @@
 package it.quarvel.pkcs11.cli.console;
 
 import java.io.IOException;
-import java.nio.file.AccessDeniedException;
-import java.nio.file.FileSystemException;
-import java.nio.file.NoSuchFileException;
+import java.nio.file.*;
 
 /** What ends a command: one line for the user and the exit status. */
 public final class Failure extends Exception {
@@ -17,28 +15,32 @@ public final class Failure extends Exception {
   private static final long serialVersionUID = 1L;
 
   private final int status;
-
   private final String reason;
+  private final String advice;
 
-  private Failure(int status, String reason, String message, Throwable cause) {
-    super(message, cause);
+  private Failure(int status, String message) {
+    super(message);
     this.status = status;
-    this.reason = reason;
+    reason = message;
+    advice = "";
   }
 
   /** Makes a failure that says itself what is wrong and what to do. */
   public Failure(String message) {
-    this(FAILED, message, message, null);
+    this(FAILED, message);
   }
 
-  /** Makes a failure whose message says more than what went wrong, the reason. */
-  public Failure(String reason, String message, Throwable cause) {
-    this(FAILED, reason, message, cause);
+  /** Makes a failure of one step; advice begins with a semicolon, or is empty. */
+  public Failure(String reason, Object step, String advice, Throwable cause) {
+    super(reason + ": " + step + advice, cause);
+    status = FAILED;
+    this.reason = reason;
+    this.advice = advice;
   }
 
   /** Makes a failure that the command line is to blame for. */
   public static Failure usage(String message) {
-    return new Failure(USAGE, message, message, null);
+    return new Failure(USAGE, message);
   }
 
   /** Makes a failure of a file, whose exception often says no more than its name. */
@@ -53,15 +55,19 @@ public final class Failure extends Exception {
 
   /** Makes a failure that nobody is left to read about. */
   public static Failure silent(int status) {
-    return new Failure(status, "", "", null);
+    return new Failure(status, "");
   }
 
   public int status() {
     return status;
   }
 
-  /** Returns what went wrong without operation and advice, for a table that shows these itself. */
+  /** Returns what went wrong without step and advice, for a table that shows these itself. */
   public String reason() {
     return reason;
+  }
+
+  public String advice() {
+    return advice;
   }
 }

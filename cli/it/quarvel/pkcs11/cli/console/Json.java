@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli.console;
 
-import java.util.HexFormat;
-import java.util.List;
-import java.util.Map;
+import java.util.*;
 import java.util.stream.Collectors;
 
 /** Data for programs: JSON as RFC 8259 has it. Bytes become hexadecimal text. */

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli.console;
 
-import java.io.IOException;
-import java.io.OutputStream;
+import java.io.*;
 import java.nio.charset.StandardCharsets;
 
 /** Standard output, which says when it cannot be written. Text is UTF-8, as on the token. */

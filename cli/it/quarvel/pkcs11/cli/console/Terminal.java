@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli.console;
 
-import java.io.Console;
-import java.io.IOException;
-import java.nio.file.Files;
-import java.nio.file.Path;
+import java.io.*;
+import java.nio.file.*;
 import picocli.CommandLine.Model.UsageMessageSpec;
 
 /** Which of the standard streams is a terminal; Java itself tells only of all of them. */

@@ -2,14 +2,8 @@
 package it.quarvel.pkcs11.cli.console;
 
 import java.nio.charset.StandardCharsets;
-import java.util.HexFormat;
-import java.util.List;
-import java.util.Locale;
-import java.util.Map;
-import java.util.Set;
-import java.util.stream.Collectors;
-import java.util.stream.IntStream;
-import java.util.stream.Stream;
+import java.util.*;
+import java.util.stream.*;
 
 /** Data for people: blocks of named values, and tables. */
 public final class Text {

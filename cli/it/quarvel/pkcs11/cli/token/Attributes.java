@@ -3,26 +3,19 @@ package it.quarvel.pkcs11.cli.token;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Exception;
+import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.cli.console.Unread;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import java.math.BigInteger;
 import java.nio.ByteBuffer;
-import java.nio.charset.CharacterCodingException;
-import java.nio.charset.StandardCharsets;
-import java.security.cert.CertificateException;
-import java.security.cert.X509Certificate;
+import java.nio.charset.*;
+import java.security.cert.*;
 import java.text.ParseException;
-import java.time.LocalDate;
-import java.time.ZoneId;
-import java.util.ArrayList;
-import java.util.LinkedHashMap;
-import java.util.List;
-import java.util.Locale;
-import java.util.Map;
+import java.time.*;
+import java.util.*;
+import java.util.function.IntFunction;
 import javax.security.auth.x500.X500Principal;
-import org.ietf.jgss.GSSException;
-import org.ietf.jgss.Oid;
+import org.ietf.jgss.*;
 
 /**
  * The attributes of an object.
@@ -79,6 +72,7 @@ public record Attributes(NativePKCS11Object object) {
       case CKO_PUBLIC_KEY, CKO_PRIVATE_KEY, CKO_SECRET_KEY -> addKey(values, objectClass);
       case CKO_CERTIFICATE -> addCertificate(values);
       case CKO_DATA -> addText(values, "application", CKA_APPLICATION);
+      case CKO_PROFILE -> values.put("profile", named(CKA_PROFILE_ID, PKCS11Constants::profileName));
       default -> { }
     }
     addText(values, "label", CKA_LABEL);
@@ -92,9 +86,27 @@ public record Attributes(NativePKCS11Object object) {
   }
 
   /** Tells whether a failure says that the object has no such value. */
-  public static boolean isAbsent(PKCS11Exception e) {
+  public boolean isAbsent(PKCS11Exception e) {
     return e.errorCode() == CKR_ATTRIBUTE_TYPE_INVALID
-        || e.reason() == PKCS11Exception.Reason.EMPTY_VALUE;
+        || e.reason() == PKCS11Exception.Reason.EMPTY_VALUE || isWithoutLength(e);
+  }
+
+  /**
+   * Tells whether a failure comes of the length -1, by which some modules say that there is no such
+   * value: they answer the same question about a value that every object has.
+   */
+  public boolean isWithoutLength(PKCS11Exception e) {
+    try {
+      return e.reason() == PKCS11Exception.Reason.INTERNAL
+          && object.getByteArrayAttributeValue(CKA_CLASS).length > 0;
+    } catch (PKCS11Exception other) {
+      return false;
+    }
+  }
+
+  /** Tells whether the object is of a class, a {@code CKO_} value. */
+  public boolean isOf(int objectClass) {
+    return Integer.valueOf(objectClass).equals(number(CKA_CLASS));
   }
 
   /** Reads an Integer, null when the object lacks it, {@link Unread} when it cannot be had. */
@@ -117,7 +129,7 @@ public record Attributes(NativePKCS11Object object) {
     return bytes(type) instanceof byte[] bytes ? bytes : new byte[0];
   }
 
-  private static Object value(int type, Getter getter) {
+  private Object value(int type, Getter getter) {
     try {
       return getter.get(type);
     } catch (PKCS11Exception e) {
@@ -130,7 +142,7 @@ public record Attributes(NativePKCS11Object object) {
 
   private void addKey(Map<String, Object> values, int objectClass) {
     Object keyType = number(CKA_KEY_TYPE);
-    values.put("keyType", keyType instanceof Integer type ? keyTypeName(type) : keyType);
+    values.put("keyType", named(CKA_KEY_TYPE, PKCS11Constants::keyTypeName));
     if (objectClass == CKO_SECRET_KEY) {
       values.put("bytes", number(CKA_VALUE_LEN));
     } else if (Integer.valueOf(CKK_RSA).equals(keyType)) {
@@ -149,9 +161,8 @@ public record Attributes(NativePKCS11Object object) {
 
   /** What the certificate itself says counts more than the attributes beside it. */
   private void addCertificate(Map<String, Object> values) {
-    Object type = number(CKA_CERTIFICATE_TYPE);
     values.put("certificateType",
-        type instanceof Integer number ? certificateTypeName(number) : type);
+        named(CKA_CERTIFICATE_TYPE, PKCS11Constants::certificateTypeName));
     values.put("id", bytes(CKA_ID));
     try {
       X509Certificate certificate = object.certificate();
@@ -164,6 +175,11 @@ public record Attributes(NativePKCS11Object object) {
       values.put("issuer", name(bytes(CKA_ISSUER)));
       values.put("serialNumber", bytes(CKA_SERIAL_NUMBER));
     }
+  }
+
+  private Object named(int type, IntFunction<String> name) {
+    Object value = number(type);
+    return value instanceof Integer number ? name.apply(number) : value;
   }
 
   private Object date(int type) {
@@ -226,17 +242,20 @@ public record Attributes(NativePKCS11Object object) {
     }
   }
 
+  /** Names those that are set, and once each reason why others cannot be had. */
   private List<Object> flags(int... types) {
     List<Object> set = new ArrayList<>();
+    Map<String, String> unread = new LinkedHashMap<>();
     for (int type : types) {
       String name = attributeName(type).substring(4).toLowerCase(Locale.ROOT);
       Object value = truth(type);
-      if (value instanceof Unread unread) {
-        set.add(new Unread(name + ": " + unread.reason()));
+      if (value instanceof Unread why) {
+        unread.merge(why.reason(), name, (names, more) -> names + " " + more);
       } else if (Boolean.TRUE.equals(value)) {
         set.add(name);
       }
     }
+    unread.forEach((reason, names) -> set.add(new Unread(names + ": " + reason)));
     return set;
   }
 }

@@ -3,18 +3,12 @@ package it.quarvel.pkcs11.cli.token;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
-import it.quarvel.pkcs11.PKCS11Exception;
-import it.quarvel.pkcs11.PKCS11Module;
-import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.nat.NativePKCS11;
-import it.quarvel.pkcs11.nat.NativePKCS11Object;
-import it.quarvel.pkcs11.nat.NativePKCS11Session;
-import it.quarvel.pkcs11.nat.NativePKCS11Slot;
-import java.security.PublicKey;
-import java.util.ArrayList;
-import java.util.Arrays;
-import java.util.List;
+import it.quarvel.pkcs11.nat.*;
+import java.security.*;
+import java.util.*;
+import java.util.stream.IntStream;
 
 /**
  * The loaded module with the one session that a command needs. Closing it undoes what was done, in
@@ -26,7 +20,6 @@ public final class Connection implements AutoCloseable {
   private final Steps steps;
   private final PKCS11Module opened;
   private final boolean direct;
-  private final NativePKCS11 module = new NativePKCS11();
   private NativePKCS11Session session;
   private boolean loggedIn;
 
@@ -66,8 +59,17 @@ public final class Connection implements AutoCloseable {
     return steps.call(step, call);
   }
 
-  public NativePKCS11 module() {
-    return module;
+  public void run(Step step, Steps.Action action) throws Failure {
+    steps.run(step, action);
+  }
+
+  /** Tells whether the token lists a mechanism. */
+  public boolean hasMechanism(int mechanism) throws PKCS11Exception {
+    return IntStream.of(session.slot().getMechanismList()).anyMatch(each -> each == mechanism);
+  }
+
+  public PKCS11Module opened() {
+    return opened;
   }
 
   public NativePKCS11Session session() {
@@ -98,18 +100,18 @@ public final class Connection implements AutoCloseable {
     session = steps.call(Step.OPEN_SESSION, () -> slot.openSession(CKF_SERIAL_SESSION | flags));
   }
 
-  /** Logs in once; without a PIN the token's own PIN pad asks for it. Closing wipes the PIN. */
-  public void login(byte[] given) throws Failure {
+  /** Logs in once; without a PIN the reader's PIN pad asks for it. Closing wipes the PIN. */
+  public void login(boolean officer, byte[] given) throws Failure {
     pin = given;
-    steps.run(Step.LOGIN, this::login);
+    steps.run(Step.LOGIN, () -> login(officer));
     loggedIn = true;
   }
 
-  private void login() throws PKCS11Exception {
+  private void login(boolean officer) throws PKCS11Exception {
     if (pin == null) {
-      session.loginAuthPath(false);
+      session.loginAuthPath(officer);
     } else {
-      session.loginellips(false, pin);
+      session.loginellips(officer, pin);
     }
   }
 
@@ -123,54 +125,56 @@ public final class Connection implements AutoCloseable {
     return session.decrypt(mechanism, key, data, loginFor(key));
   }
 
-  /** Returns what gives a key the PIN that it asks for each time, null for other keys. */
+  /**
+   * Returns what gives a key the PIN that it asks for each time, null for other keys. A module that
+   * is used directly finds a second login superfluous, and may well sign without.
+   */
   private NativePKCS11Session.Login loginFor(NativePKCS11Object key) throws PKCS11Exception {
-    if (!asksEachTime(key)) {
+    if (!loggedIn || direct
+        || !Boolean.TRUE.equals(new Attributes(key).truth(CKA_ALWAYS_AUTHENTICATE))) {
       return null;
     }
     if (refused != null) {
       throw refused;
     }
-    return this::loginOnce;
-  }
-
-  private void loginOnce() throws PKCS11Exception {
-    try {
-      login();
-    } catch (PKCS11Exception e) {
-      refused = e;
-      throw e;
-    }
-  }
-
-  /** A module that is used directly finds a second login superfluous, and may well sign without. */
-  private boolean asksEachTime(NativePKCS11Object key) {
-    return loggedIn && !direct
-        && Boolean.TRUE.equals(new Attributes(key).truth(CKA_ALWAYS_AUTHENTICATE));
-  }
-
-  /** Returns the public keys that a private key, or what has the same id, tells Java. */
-  public List<PublicKey> publicKeys(NativePKCS11Object key) throws Failure {
-    List<PublicKey> found = new ArrayList<>();
-    addTo(found, key::publicKey);
-    byte[] id = new Attributes(key).bytesOrEmpty(CKA_ID);
-    if (found.isEmpty() && id.length > 0) {
-      PKCS11Template same = new PKCS11Template().put(CKA_ID, id);
-      for (NativePKCS11Object half : find(same.put(CKA_CLASS, CKO_PUBLIC_KEY), MOST_HALVES)) {
-        addTo(found, half::publicKey);
+    return () -> {
+      try {
+        login(false);
+      } catch (PKCS11Exception e) {
+        refused = e;
+        throw e;
       }
-      for (NativePKCS11Object half : find(same.put(CKA_CLASS, CKO_CERTIFICATE), MOST_HALVES)) {
-        addTo(found, () -> half.certificate().getPublicKey());
+    };
+  }
+
+  /** Returns the public halves of the objects that match, each once, as Java's own keys. */
+  public Set<PublicKey> publicKeys(PKCS11Template template) throws Failure {
+    Set<PublicKey> keys = new LinkedHashSet<>();
+    for (NativePKCS11Object object : find(template, MOST_HALVES)) {
+      keys.addAll(publicKeys(object));
+    }
+    return keys;
+  }
+
+  /** Returns the public half of an object, else those of all that have the same id. */
+  public Set<PublicKey> publicKeys(NativePKCS11Object object) throws Failure {
+    Set<PublicKey> keys = new LinkedHashSet<>(publicKey(object));
+    byte[] id = new Attributes(object).bytesOrEmpty(CKA_ID);
+    if (keys.isEmpty() && id.length > 0) {
+      for (NativePKCS11Object half : find(new PKCS11Template().put(CKA_ID, id), MOST_HALVES)) {
+        keys.addAll(publicKey(half));
       }
     }
-    return found;
+    return keys;
   }
 
-  private static void addTo(List<PublicKey> found, Steps.Call<PublicKey> half) {
+  /** Returns none where the object tells Java none. */
+  private static Set<PublicKey> publicKey(NativePKCS11Object object) {
     try {
-      found.add(half.call());
-    } catch (Exception e) {
-      // It tells Java none.
+      return Set.of(new Attributes(object).isOf(CKO_CERTIFICATE)
+          ? object.certificate().getPublicKey() : object.publicKey());
+    } catch (PKCS11Exception | GeneralSecurityException e) {
+      return Set.of();
     }
   }
 

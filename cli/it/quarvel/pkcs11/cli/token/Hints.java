@@ -26,10 +26,10 @@ public final class Hints {
     return switch (code) {
       case CKR_PIN_INCORRECT ->
           "check the PIN; it was tried once, and most tokens lock after a few wrong ones";
-      case CKR_PIN_LOCKED -> "have the security officer set a new PIN";
-      case CKR_PIN_EXPIRED -> "the PIN has to be changed first";
+      case CKR_PIN_LOCKED -> "\"pin --unblock\" sets a new one with the security officer's PIN";
+      case CKR_PIN_EXPIRED -> "change it first, by \"pin\"";
       case CKR_PIN_LEN_RANGE, CKR_PIN_INVALID -> "\"slots\" shows how long a PIN is";
-      case CKR_USER_PIN_NOT_INITIALIZED -> "the token has no user PIN yet";
+      case CKR_USER_PIN_NOT_INITIALIZED -> "the token has no user PIN yet; \"pin --unblock\" sets one";
       case CKR_USER_NOT_LOGGED_IN ->
           "log in with --login, and not --direct where the key wants the PIN each time";
       case CKR_TOKEN_NOT_RECOGNIZED -> "initialise the token with the tools of its module";
@@ -40,12 +40,11 @@ public final class Hints {
       case CKR_MECHANISM_PARAM_INVALID -> PARAMETER;
       case CKR_ARGUMENTS_BAD -> switch (step) {
         case OPEN -> "the module needs arguments: load it through p11-kit-proxy.so";
-        case LOGIN -> "\"slots\" shows how long a PIN is";
+        case LOGIN, SET_PIN -> "\"slots\" shows how long a PIN is";
         case SIGN, DECRYPT -> PARAMETER;
         default -> "";
       };
-      case CKR_KEY_TYPE_INCONSISTENT -> "the mechanism is for keys of another type";
-      case CKR_KEY_FUNCTION_NOT_PERMITTED -> "\"objects\" shows what the key may be used for";
+      case CKR_KEY_TYPE_INCONSISTENT, CKR_KEY_FUNCTION_NOT_PERMITTED -> "\"objects\" shows the type of the key and what it may be used for";
       case CKR_DATA_LEN_RANGE ->
           "the data is too long for the mechanism; one that hashes takes any length";
       case CKR_ENCRYPTED_DATA_LEN_RANGE, CKR_ENCRYPTED_DATA_INVALID ->

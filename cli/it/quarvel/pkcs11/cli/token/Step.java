@@ -9,10 +9,10 @@ public enum Step {
   SESSION_INFO, LOGIN, CREATE_OBJECT, GENERATE_KEY, GENERATE_KEY_PAIR, SEARCH, OBJECT_SIZE,
   READ_NUMBER, READ_TRUTH_VALUE, READ_TEXT, READ_BYTES, READ_BIG_NUMBER, READ_DATE, READ_ANY_TYPE,
   SIGN, DECRYPT, ENCRYPT, WRAP, UNWRAP, SET_ATTRIBUTE, DESTROY, SEARCH_AFTER, LOGOUT, CLOSE_SESSION,
-  CLOSE_ALL_SESSIONS, FINALISE;
+  CLOSE_ALL_SESSIONS, FINALISE, EXPORT, VERIFY, SET_PIN;
 
   @Override
   public String toString() {
-    return name().toLowerCase(Locale.ROOT).replace('_', ' ');
+    return name().toLowerCase(Locale.ROOT).replace('_', ' ').replace("pin", "PIN");
   }
 }

@@ -22,10 +22,9 @@ public class Steps {
     } catch (Failure | RuntimeException e) {
       throw e;
     } catch (PKCS11Exception e) {
-      throw failure(step, e);
+      throw new Failure(e.getMessage(), step, Hints.of(step, e), e);
     } catch (Exception e) {
-      String reason = "Java cannot use the result: " + e.getMessage();
-      throw new Failure(reason, step + ": " + reason, e);
+      throw new Failure("Java cannot use the result, " + e.getMessage(), step, "", e);
     }
   }
 
@@ -34,11 +33,5 @@ public class Steps {
       action.run();
       return null;
     });
-  }
-
-  /** Makes a failure of a step of the module, with advice where there is any. */
-  static Failure failure(Step step, PKCS11Exception cause) {
-    String reason = cause.getMessage();
-    return new Failure(reason, reason + ": " + step + Hints.of(step, cause), cause);
   }
 }

@@ -1,13 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-package it.quarvel.pkcs11.cli.option;
+package it.quarvel.pkcs11.cli.console;
 
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Json;
-import it.quarvel.pkcs11.cli.console.Stdout;
-import it.quarvel.pkcs11.cli.console.Text;
-import java.util.List;
-import java.util.Map;
-import java.util.Set;
+import java.util.*;
 import picocli.CommandLine.Option;
 
 /** The choice between data for people and for programs, and the one place that acts on it. */

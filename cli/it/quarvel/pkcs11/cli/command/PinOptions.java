@@ -1,50 +1,36 @@
 // SPDX-License-Identifier: Apache-2.0
-package it.quarvel.pkcs11.cli.option;
+package it.quarvel.pkcs11.cli.command;
 
-import static it.quarvel.pkcs11.PKCS11Constants.*;
+import static it.quarvel.pkcs11.PKCS11Constants.CKF_PROTECTED_AUTHENTICATION_PATH;
 
 import it.quarvel.pkcs11.PKCS11Uri;
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Terminal;
-import it.quarvel.pkcs11.cli.console.Text;
+import it.quarvel.pkcs11.cli.console.*;
 import it.quarvel.pkcs11.cli.token.TokenInSlot;
 import it.quarvel.pkcs11.internal.Pin;
 import java.io.IOException;
 import java.nio.CharBuffer;
-import java.nio.charset.CharacterCodingException;
-import java.nio.charset.StandardCharsets;
+import java.nio.charset.*;
 import java.nio.file.Path;
 import java.util.Arrays;
-import picocli.CommandLine.ArgGroup;
-import picocli.CommandLine.ITypeConverter;
-import picocli.CommandLine.Option;
-import picocli.CommandLine.TypeConversionException;
+import picocli.CommandLine.*;
 
 /** How to log in. The PIN is asked for without echo unless one of the options says otherwise. */
-public final class PinOptions {
+final class PinOptions {
   private static final class Source {
-    @Option(names = "--pin", paramLabel = "env:NAME", converter = VariableConverter.class,
+    private String variable;
+
+    @Option(names = "--pin", paramLabel = "env:NAME",
         description = "Log in with the PIN in this environment variable.")
-    String variable;
+    void variable(String value) {
+      variable = PinOptions.variable(value);
+    }
 
     @Option(names = "--pin-source", paramLabel = "FILE",
         description = "Log in with the PIN that is the first line of this file.")
-    Path file;
+    private Path file;
 
     @Option(names = "--pinpad", description = "Log in with the PIN pad of the reader.")
-    boolean pinpad;
-  }
-
-  private static final class VariableConverter implements ITypeConverter<String> {
-    @Override
-    public String convert(String value) {
-      if (!value.matches("env:.+")) {
-        throw new TypeConversionException(
-            "a PIN on the command line can be read by other users in the list of processes: write"
-                + " env:NAME, use --pin-source, or leave it out and be asked");
-      }
-      return value.substring("env:".length());
-    }
+    private boolean pinpad;
   }
 
   @ArgGroup(exclusive = true)
@@ -54,21 +40,44 @@ public final class PinOptions {
   private boolean login;
 
   /** Tells whether the user wants a login, whatever the command needs. */
-  public boolean isAsked(PKCS11Uri uri) {
+  boolean isAsked(PKCS11Uri uri) {
     return login || source.variable != null || source.file != null || source.pinpad
         || uri.pinFile() != null;
   }
 
-  /** Returns the PIN, which the caller wipes; null when the token asks for it itself. */
-  public byte[] ask(TokenInSlot token, PKCS11Uri uri) throws Failure {
-    if (source.pinpad && !token.info().hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH)) {
+  /**
+   * Returns the PIN, which the caller wipes; null when the token asks for it itself.
+   *
+   * @param whose what the PIN is called where a person is asked
+   */
+  byte[] ask(TokenInSlot token, PKCS11Uri uri, String whose) throws Failure {
+    boolean pad = token.info().hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH);
+    if (source.pinpad && !pad) {
       throw new Failure("token %s has no PIN pad, or does not tell of it".formatted(token));
     }
     Path file = source.file != null ? source.file : uri.pinFile();
-    byte[] pin = source.variable != null ? ofVariable(source.variable)
-        : source.pinpad ? null : file != null ? ofFile(file)
-        : token.info().hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH) ? null : ofTerminal(token);
-    if (pin != null && pin.length == 0) {
+    return source.pinpad || pad && source.variable == null && file == null ? null
+        : read(source.variable, file, whose, token);
+  }
+
+  /** Returns the name of an environment variable, and refuses what may be the PIN itself. */
+  static String variable(String value) {
+    if (!value.matches("env:.+")) {
+      throw new IllegalArgumentException("a PIN on the command line can be read by other users in"
+          + " the list of processes: write env:NAME, name a file, or leave it out and be asked");
+    }
+    return value.substring("env:".length());
+  }
+
+  /**
+   * Reads a PIN from an environment variable, else a file, else, where both are null, a person.
+   *
+   * @return the PIN, which the caller wipes
+   */
+  static byte[] read(String variable, Path file, String whose, TokenInSlot token) throws Failure {
+    byte[] pin = variable != null ? ofVariable(variable) : file != null ? ofFile(file)
+        : ofTerminal(whose, token);
+    if (pin.length == 0) {
       throw new Failure("the PIN is empty");
     }
     return pin;
@@ -77,7 +86,7 @@ public final class PinOptions {
   private static byte[] ofVariable(String name) throws Failure {
     String value = System.getenv(name);
     if (value == null) {
-      throw new Failure("no environment variable " + name + ", which --pin says has the PIN");
+      throw new Failure("no environment variable " + name + ", which is said to have the PIN");
     }
     if (Text.isGarbled(value)) {
       throw new Failure("the PIN in " + name + Text.GARBLED);
@@ -94,14 +103,13 @@ public final class PinOptions {
     }
   }
 
-  private static byte[] ofTerminal(TokenInSlot token) throws Failure {
+  private static byte[] ofTerminal(String whose, TokenInSlot token) throws Failure {
     if (Terminal.console() == null) {
-      throw new Failure(
-          "no terminal to ask for the PIN, or standard input or output is redirected: use"
-              + " --pin env:NAME, --pin-source or --pinpad");
+      throw new Failure("no terminal to ask for the PIN, or standard input or output is redirected:"
+          + " an option names an environment variable, a file or the PIN pad instead");
     }
-    char[] typed = Terminal.console()
-        .readPassword("PIN of token \"%s\": ", Text.printable(token.info().trimmedLabel()));
+    char[] typed = Terminal.console().readPassword(
+        "%s of token \"%s\": ", whose, Text.printable(token.info().trimmedLabel()));
     if (typed == null) {
       throw new Failure("no PIN");
     }

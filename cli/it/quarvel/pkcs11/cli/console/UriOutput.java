@@ -1,11 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-package it.quarvel.pkcs11.cli.option;
+package it.quarvel.pkcs11.cli.console;
 
-import it.quarvel.pkcs11.cli.console.Failure;
-import it.quarvel.pkcs11.cli.console.Stdout;
-import java.util.LinkedHashMap;
-import java.util.Map;
-import java.util.Set;
+import java.util.*;
 import picocli.CommandLine.Option;
 
 /** As {@link Output}, for things that have a PKCS#11 URI. */

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+package it.quarvel.pkcs11.cli.command;
+
+import it.quarvel.pkcs11.cli.console.*;
+import java.io.IOException;
+import java.nio.file.*;
+import picocli.CommandLine.Option;
+
+/** Where a result goes that is one piece of bytes. */
+public final class ResultOutput {
+  @Option(names = {"-o", "--output"}, paramLabel = "FILE",
+      description = "Where the result goes; else to standard output.")
+  private Path file;
+
+  /** Refuses to show what is no text, before any work has been done for it. */
+  public void refuseTerminal() throws Failure {
+    if (file == null && Terminal.is(Terminal.OUT)) {
+      throw Failure.usage("the result is no text for a terminal: name a file by -o");
+    }
+  }
+
+  public void write(Stdout out, byte[] result) throws Failure {
+    if (file == null) {
+      if (!Text.isText(result)) {
+        refuseTerminal();
+      }
+      out.write(result);
+      return;
+    }
+    try {
+      Files.write(file, result);
+    } catch (IOException e) {
+      throw Failure.file(file + " cannot be written", e);
+    }
+  }
+}
