@@ -6,12 +6,12 @@ set -euo pipefail
 cd "$TOKEN_DIR"
 : >issued
 printf '%s\n' '[one]' 'database = issued' 'new_certs_dir = .' 'default_md = sha256' 'unique_subject = no' \
-  'policy = names' '[names]' 'commonName = supplied' >ca.cnf
+  'rand_serial = yes' 'policy = names' '[names]' 'commonName = supplied' >ca.cnf
 
 # signed NAME KEY SUBJECT FROM TO SIGNER...: FROM and TO are years
 signed() {
   openssl req -new -key "$2.key" -subj "/CN=$3" -out csr
-  openssl ca -batch -notext -rand_serial -config ca.cnf -name one -in csr -startdate "${4}0101000000Z" -enddate "${5}0101000000Z" \
+  openssl ca -batch -notext -config ca.cnf -name one -in csr -startdate "${4}0101000000Z" -enddate "${5}0101000000Z" \
     -out "$1.pem" "${@:6}"
   openssl x509 -in "$1.pem" -outform DER -out "$1.der"
 }
