@@ -268,6 +268,17 @@ class ProviderTest {
     assertEquals(new BigInteger(1, DATA), new BigInteger(1, cipher.doFinal(raw)));
   }
 
+  /** Whatever the module answers. */
+  @ParameterizedTest
+  @ValueSource(strings = {"C_Decrypt=0x5", "C_Decrypt=0x30", "C_Decrypt=0x60", "C_Decrypt=0x101", ""})
+  void decryptsBadPaddingOnce(String answer) throws Throwable {
+    Cipher cipher = Cipher.getInstance("RSA");
+    cipher.init(Cipher.DECRYPT_MODE, key("rsa2048"));
+    assertEquals(1, EndToEndTest.calls("C_Decrypt", answer, () -> assertEquals(
+        "javax.crypto.BadPaddingException: the token cannot decrypt this", assertThrows(
+            Exception.class, () -> cipher.doFinal(new byte[256])).toString())));
+  }
+
   // ---- The key store ----
 
   @Test

@@ -298,11 +298,24 @@ final class Token {
     return signing;
   }
 
+  /** Tells whether a connection is of use, whatever has failed in it. */
+  boolean isLoggedIn(Connection connection) {
+    try {
+      return isLoggedIn(connection.sessions);
+    } catch (PKCS11Exception e) {
+      return false;
+    }
+  }
+
+  private boolean isLoggedIn(Sessions sessions) throws PKCS11Exception {
+    int state = sessions.runLasting(NativePKCS11Session::getInfo).state();
+    return !info.hasFlag(CKF_LOGIN_REQUIRED) || state == CKS_RO_USER_FUNCTIONS
+        || state == CKS_RW_USER_FUNCTIONS;
+  }
+
   private void logIn(Sessions sessions, Asker asker, int begun)
       throws PKCS11Exception, LoginException {
-    int state = sessions.runLasting(NativePKCS11Session::getInfo).state();
-    if (!info.hasFlag(CKF_LOGIN_REQUIRED) || state == CKS_RO_USER_FUNCTIONS
-        || state == CKS_RW_USER_FUNCTIONS) {
+    if (isLoggedIn(sessions)) {
       return;
     }
     byte[] pin = asker.ask(info, begun);

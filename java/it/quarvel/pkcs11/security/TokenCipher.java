@@ -254,21 +254,12 @@ final class TokenCipher extends CipherSpi {
     return result.length;
   }
 
-  /**
-   * Modules answer bad padding in many ways, and who sends it must not learn which: one exception,
-   * without a cause. What a token without its card or its user answers is another matter.
-   */
   private byte[] decrypt(byte[] encrypted) throws BadPaddingException {
     try {
       return mechanism == CKM_RSA_X_509 ? block(key.decrypt(mechanism, block(encrypted)))
           : key.decrypt(mechanism, encrypted);
-    } catch (LoginException | InvalidKeyException e) {
-      throw new ProviderException(e.getMessage(), e);
-    } catch (PKCS11Exception e) {
-      if (Token.isGone(e)) {
-        throw new ProviderException(e.getMessage(), e);
-      }
-      throw new BadPaddingException("the token cannot decrypt this");
+    } catch (PKCS11Exception | LoginException e) {
+      throw new ProviderException("the token does not decrypt in this way: " + e.getMessage(), e);
     }
   }
 

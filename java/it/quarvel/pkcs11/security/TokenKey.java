@@ -23,6 +23,7 @@ import java.security.spec.NamedParameterSpec;
 import java.security.spec.PSSParameterSpec;
 import java.util.Arrays;
 import java.util.Optional;
+import javax.crypto.BadPaddingException;
 import javax.security.auth.login.LoginException;
 
 /**
@@ -84,44 +85,56 @@ abstract class TokenKey implements PrivateKey {
    * @throws LoginException when a PIN is needed and cannot be had
    */
   byte[] sign(int mechanism, byte[] data) throws PKCS11Exception, LoginException {
-    return operate(false, mechanism, data, () -> { });
+    return operate(null, mechanism, data);
   }
 
   /**
-   * Decrypts ({@code C_DecryptInit}, {@code C_Decrypt}), as {@link #sign} signs.
+   * Decrypts ({@code C_DecryptInit}, {@code C_Decrypt}), as {@link #sign} signs. Modules answer bad
+   * padding in many ways, and who sends it must not learn which: {@code C_Decrypt} is not tried again
+   * unless the connection is seen to be gone.
    *
-   * @throws InvalidKeyException when the token does not begin to, whatever the data
+   * @throws BadPaddingException when {@code C_Decrypt} was called, without a cause
    */
   byte[] decrypt(int mechanism, byte[] data)
-      throws PKCS11Exception, LoginException, InvalidKeyException {
+      throws PKCS11Exception, LoginException, BadPaddingException {
     boolean[] begun = {false};
     try {
-      return operate(true, mechanism, data, () -> begun[0] = true);
-    } catch (PKCS11Exception e) {
-      if (begun[0] || Token.isGone(e)) {
-        throw e;
+      return operate(begun, mechanism, data);
+    } catch (PKCS11Exception | LoginException e) {
+      if (begun[0]) {
+        throw new BadPaddingException("the token cannot decrypt this");
       }
-      throw new InvalidKeyException("the token does not decrypt in this way: " + e.getMessage(), e);
+      throw e;
     }
   }
 
-  private byte[] operate(boolean decrypts, int mechanism, byte[] data,
-      NativePKCS11Session.Login begun) throws PKCS11Exception, LoginException {
+  /** Decrypts, and notes when it has begun to; signs where {@code begun} is null. */
+  private byte[] operate(boolean[] begun, int mechanism, byte[] data)
+      throws PKCS11Exception, LoginException {
     return found.alwaysAuthenticate()
         ? token.runWithPin((session, connection, login) ->
-            operate(decrypts, mechanism, data, session, in(session, connection), () -> {
-              begun.run();
-              login.run();
-            }))
+            operate(begun, mechanism, data, session, connection, login))
         : token.run((session, connection) ->
-            operate(decrypts, mechanism, data, session, in(session, connection), begun));
+            operate(begun, mechanism, data, session, connection, null));
   }
 
-  private static byte[] operate(boolean decrypts, int mechanism, byte[] data,
-      NativePKCS11Session session, NativePKCS11Object key, NativePKCS11Session.Login login)
-      throws PKCS11Exception {
-    return decrypts ? session.decrypt(mechanism, key, data, login)
-        : session.sign(mechanism, key, data, login);
+  private byte[] operate(boolean[] begun, int mechanism, byte[] data, NativePKCS11Session session,
+      Token.Connection connection, NativePKCS11Session.Login login) throws PKCS11Exception {
+    NativePKCS11Object key = in(session, connection);
+    if (begun == null) {
+      return session.sign(mechanism, key, data, login);
+    }
+    try {
+      return session.decrypt(mechanism, key, data, () -> {
+        if (login != null) {
+          login.run();
+        }
+        begun[0] = true;
+      });
+    } catch (PKCS11Exception e) {
+      throw begun[0] && token.isLoggedIn(connection)
+          ? new PKCS11Exception("the decryption has failed") : e;
+    }
   }
 
   NativePKCS11Object in(NativePKCS11Session session, Token.Connection connection)

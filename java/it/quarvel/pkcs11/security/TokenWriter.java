@@ -16,6 +16,7 @@ import java.security.InvalidKeyException;
 import java.security.KeyStoreException;
 import java.security.PrivateKey;
 import java.security.Provider;
+import java.security.ProviderException;
 import java.security.PublicKey;
 import java.security.Signature;
 import java.security.SignatureException;
@@ -76,7 +77,7 @@ final class TokenWriter {
       if (!signs(provider, key, certificate.getPublicKey())) {
         throw new SignatureException("the certificate is another one's");
       }
-    } catch (GeneralSecurityException e) {
+    } catch (GeneralSecurityException | ProviderException e) {
       throw new KeyStoreException("the key is not proved to be the certificate's: "
           + e.getMessage(), e);
     }
