@@ -37,8 +37,9 @@ Shared* find(const CK_FUNCTION_LIST* list) {
 }
 
 void freeLocks() {
-  for (Shared& place : quarvel_pkcs11_adapter_copies_1.places)
+  for (Shared& place : quarvel_pkcs11_adapter_copies_1.places) {
     pthread_mutex_init(&place.turns, nullptr);
+  }
   pthread_mutex_init(&alone.turns, nullptr);
 }
 
