@@ -6,8 +6,8 @@
 # QUARVEL_PKCS11_MODULE is the module's file, QUARVEL_TOKEN the token's label, QUARVEL_PIN and
 # QUARVEL_SO_PIN are its PINs (empty: it has none), TOKEN_DIR is a folder that goes when the script
 # ends. A module that cannot be had here ends the script with status 77.
-# MODULE: softhsm2 spy opencryptoki nss proxy tpm2 trust server opensc; the last is whatever card is in the
-# reader, and QUARVEL_CARD_PIN its PIN.
+# MODULE: softhsm2 spy opencryptoki nss proxy tpm2 trust server opensc; proxy is softhsm2 and nss, opensc
+# whatever card is in the reader, and QUARVEL_CARD_PIN its PIN.
 # shellcheck disable=SC2317  # what a trap calls
 set -euo pipefail
 
@@ -170,7 +170,7 @@ fill_token() {
 
 if [ "$0" = "${BASH_SOURCE[0]}" ]; then
   if [ $# -lt 2 ] || ! declare -F "start_$1" >/dev/null; then
-    sed -n '2,9s/^# //p' "$0" >&2
+    sed -n '2,10s/^# //p' "$0" >&2
     exit 2
   fi
   start_module "$1"

@@ -384,7 +384,6 @@ TEST_F(Adapter, NarrowsTypesAndCompletesMechanisms) {
            {0xF5A20C00, {CKM_SHA1_RSA_PKCS_PSS, CKM_SHA_1, CKG_MGF1_SHA384, 0}},
            // No hash of that number, nor kind, nor has OAEP a salt.
            {0xF5A1A000, {0xF5A1A000}},
-           {0xF5A11400, {0xF5A11400}},
            {0xF5A30000, {0xF5A30000}},
            {0xF5A00001, {0xF5A00001}}}) {
     mechanism = {asked, nullptr, 0};
@@ -400,15 +399,6 @@ TEST_F(Adapter, NarrowsTypesAndCompletesMechanisms) {
   mechanism = {0xF5A04400, nullptr, 0};
   EXPECT_EQ(p11->C_DecryptInit(session, &mechanism, key), CKR_OK);
   EXPECT_EQ(given, Handles{0xF5A04400}) << "the module has one of this number";
-
-  module.C_DeriveKey = [](H, CK_MECHANISM* mechanism, H, CK_ATTRIBUTE*, CK_ULONG, H*) {
-    const auto* agreed = static_cast<CK_ECDH1_DERIVE_PARAMS*>(mechanism->pParameter);
-    given = {mechanism->mechanism, agreed->kdf, agreed->ulPublicDataLen, *agreed->pPublicData};
-    return kOk;
-  };
-  mechanism = {CKM_ECDH1_COFACTOR_DERIVE, nullptr, 0};
-  EXPECT_EQ(p11->C_UnwrapKey(session, &mechanism, key, bytes, 8, nullptr, 0, &made), CKR_OK);
-  EXPECT_EQ(given, (Handles{CKM_ECDH1_COFACTOR_DERIVE, CKD_NULL, 8, bytes[0]}));
 }
 
 TEST_F(Adapter, LogsInForAnOperation) {
