@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What each native method returns, asks of the module and prints, as contract.txt states it.
+// What each native method returns and does, as contract.txt states it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
