@@ -7,11 +7,12 @@ jdk=$1 jar=$(readlink -f "$2") module=${3-softhsm2}
 . "$(dirname "$(readlink -f "$0")")/token.sh"
 quick_java
 start_module "$module"
+[ "$module" != nss ] || QUARVEL_TOKEN=demo QUARVEL_PIN=1234 # the other slot keeps nothing
 cd "$TOKEN_DIR"
 
-uri="pkcs11:token=$QUARVEL_TOKEN?module-path=$QUARVEL_PKCS11_MODULE&x-writable=yes"
+uri="pkcs11:${QUARVEL_TOKEN:+token=$QUARVEL_TOKEN}?module-path=$QUARVEL_PKCS11_MODULE&x-writable=yes"
 try() { "$jdk/bin/keytool" -J-cp "-J$jar" -addprovider Quarvel -providerArg "$uri" "$@" >log 2>&1; }
-store=(-storetype PKCS11 -keystore NONE -storepass "$QUARVEL_PIN" -providerName "Quarvel-$QUARVEL_TOKEN")
+store=(-storetype PKCS11 -keystore NONE -storepass "$QUARVEL_PIN" -providerName "Quarvel-${QUARVEL_TOKEN:-token}")
 die() { echo "$1:" && cat log && exit 1; }
 does() { try "$1" "${store[@]}" "${@:2}" || die "keytool $*"; }
 refuses() { { ! try "${@:2}" && grep -q "$1" log; } || die "no refusal: keytool ${*:2}"; }
@@ -19,7 +20,7 @@ refuses() { { ! try "${@:2}" && grep -q "$1" log; } || die "no refusal: keytool 
 # holds STEP ENTRY...: the token holds these and nothing else, NAME a key pair with its certificate,
 # k:NAME the private key of one, p:NAME the public one, c:NAME a certificate
 holds() {
-  pkcs11-tool --module "$QUARVEL_PKCS11_MODULE" --login --pin "$QUARVEL_PIN" --list-objects 2>log |
+  pkcs11-tool --module "$QUARVEL_PKCS11_MODULE" ${QUARVEL_TOKEN:+--token-label "$QUARVEL_TOKEN"} --login --pin "$QUARVEL_PIN" --list-objects 2>log |
     awk '/ Object;/ { kind = $1 == "Certificate" ? "c" : $1 == "Private" ? "k" : "p" }
       $1 == "label:" { print kind ":" $2 }' | sort >objects
   printf '%s\n' "${@:2}" | sed -E '/^$/d; s/^[^:]+$/k:&\np:&\nc:&/' | sort | diff - objects >&2 || die "$1"

@@ -122,6 +122,9 @@ final class Token {
         if (!isGone(e) || failures == MOST_ATTEMPTS) {
           throw e;
         }
+        if (e.errorCode() == CKR_DEVICE_REMOVED) {
+          current.sessions.close(); // some modules go on to tell of a session with what has gone
+        }
       }
     }
   }

@@ -32,6 +32,7 @@ import java.util.HashSet;
 import java.util.Iterator;
 import java.util.List;
 import java.util.Map;
+import java.util.Objects;
 import java.util.Set;
 import javax.crypto.Cipher;
 import javax.security.auth.login.LoginException;
@@ -53,6 +54,7 @@ final class TokenWriter {
 
   private final Token token;
   private final NativePKCS11Session session;
+  private final Token.Connection connection;
   private final TokenContents contents;
   private final Map<String, Entry> named;
   private final Deque<Step> undoing = new ArrayDeque<>();
@@ -61,6 +63,7 @@ final class TokenWriter {
       throws PKCS11Exception {
     this.token = token;
     this.session = session;
+    this.connection = connection;
     contents = new TokenContents(token, session, connection);
     named = contents.named(token.uri);
   }
@@ -145,6 +148,7 @@ final class TokenWriter {
       } else {
         writer.certify(alias, entry.found(), chain);
       }
+      writer.checkShown(alias, chain.get(0).getPublicKey(), chain.get(0));
     });
   }
 
@@ -155,6 +159,7 @@ final class TokenWriter {
       Entry entry = writer.entry(alias, key, null);
       writer.checkAlias(alias, entry);
       writer.label(entry.found(), alias);
+      writer.checkShown(alias, entry.found().publicKey(), null);
     });
   }
 
@@ -226,6 +231,18 @@ final class TokenWriter {
     if (limit != null && !Arrays.equals(limit, bytes(alias))
         || own == null && token.uri.id() != null) {
       throw new PKCS11Exception("the URI names other keys: it would not show this one");
+    }
+  }
+
+  /** Some tokens cut labels off, or keep less than they say where there is no room. */
+  private void checkShown(String alias, PublicKey key, X509Certificate certificate)
+      throws PKCS11Exception {
+    Entry shown =
+        new TokenContents(token, session, connection).named(token.uri).get(alias);
+    X509Certificate own = shown == null || shown.own() == null ? null : shown.own().certificate();
+    if (shown == null || shown.key() == null || !KeyObject.same(shown.found().publicKey(), key)
+        || !Objects.equals(own, certificate)) {
+      throw new PKCS11Exception("the token does not show what it was given to store");
     }
   }
 
