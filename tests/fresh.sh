@@ -1,13 +1,13 @@
 #!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
 # What `./dev fresh` runs for each suite: fresh.sh SUITE. A Debian with nothing but git and
-# ca-certificates, made in build/fresh by debootstrap with the mirrors and certificates of this
+# ca-certificates, made in build/fresh/SUITE by debootstrap with the mirrors and certificates of this
 # machine; in it a clone of the last commit, then the README's commands as root and as a user with
-# sudo. Leaves the suite's part of docs/fresh.md in build/fresh.
+# sudo. Leaves the suite's part of docs/fresh.md there.
 set -euo pipefail
 suite=$1
 project=$(dirname "$(dirname "$(readlink -f "$0")")")
-work=$project/build/fresh
+work=$project/build/fresh/$suite
 root=$work/root
 
 give_up() {
@@ -82,7 +82,7 @@ row() {
     $(((SECONDS - began) / 60)) $(((SECONDS - began) % 60)) $(($(packages) - packages_before)) \
     "$(sed -n 's/^Need to get \(.*B\) of archives.*/\1/p' "$log")" $(($(megabytes) - megabytes_before)) |
     tee -a "$work/table"
-  [ "$result" = passes ] || { tail -n 30 "$log"; return 1; }
+  [ "$result" = passes ] || give_up "see $log"
 }
 
 sums() ( # CLONE: of what it has packaged
@@ -94,7 +94,7 @@ sums() ( # CLONE: of what it has packaged
 
 begin
 bare="$(packages) packages, $(megabytes) MB"
-inside root git clone --quiet -c advice.detachedHead=false /tmp/quarvel.bundle quarvel
+inside root git clone --quiet -c advice.detachedHead=false -c init.defaultBranch=main /tmp/quarvel.bundle quarvel
 row root './dev demo'
 row root './dev test'
 row root './dev package'
@@ -102,7 +102,7 @@ sums "$root/root/quarvel" >"$work/sums"
 grep -q "deb$" "$work/sums"
 . /etc/os-release
 if [ "$suite" = "$VERSION_CODENAME" ]; then
-  git clone --quiet -c advice.detachedHead=false "$work/quarvel.bundle" "$work/here"
+  git clone --quiet -c advice.detachedHead=false -c init.defaultBranch=main "$work/quarvel.bundle" "$work/here"
   "$work/here/dev" package >"$work/here.log" 2>&1
   sums "$work/here" | diff "$work/sums" -
   echo "fresh: the packages have the bytes that this machine makes"
@@ -113,7 +113,7 @@ end
 
 begin
 chroot "$root" useradd --create-home --shell /bin/bash user
-inside user git clone --quiet -c advice.detachedHead=false /tmp/quarvel.bundle quarvel
+inside user git clone --quiet -c advice.detachedHead=false -c init.defaultBranch=main /tmp/quarvel.bundle quarvel
 if inside user 'quarvel/dev demo' >"$work/refusal" 2>&1 || [ "$(wc -l <"$work/refusal")" -ne 1 ]; then
   give_up "without sudo: $(cat "$work/refusal")"
 fi

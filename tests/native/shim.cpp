@@ -5,10 +5,12 @@
 //   C_Decrypt=0x30    what this function answers; C_Login:2 is the login for one operation alone
 //   model=other       a text of the token info, as are label, manufacturerID, serialNumber
 //   slots=both        each slot has the token of the first one; "second": the first one has none
+//   pause=1           how many seconds it takes before it answers
 //   after=C_Login     tokens are the true ones, but for the time just after this call
 // The file "failing" counts down to a change of the token that fails. Of a creation SoftHSM2 leaves
 // a part behind then.
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -39,6 +41,7 @@ template <typename Call>
 CK_RV answer(const std::string& name, Call call) {
   last = name;
   std::ofstream(path("calls"), std::ios::app) << name << '\n';
+  sleep(std::atoi(said("pause").c_str()));
   const std::string code = said(name);
   return code.empty() ? call() : std::stoul(code, nullptr, 0);
 }
