@@ -35,22 +35,32 @@ import javax.security.auth.login.LoginException;
  * PrivateKey key = (PrivateKey) keys.getKey("signing", null);
  * }</pre>
  *
- * <p><b>Key store</b> {@code PKCS11}, read-only: what the token holds at each {@code load}. A key's
+ * <p><b>Key store</b> {@code PKCS11}, read-only unless the URI says otherwise: what the token holds at each {@code load}. A key's
  * alias is the label of its certificate, else its own; those that share one have their id behind
  * it. A certificate belongs to a key when both have one {@code CKA_ID} and one public key; the
  * newest valid one counts, and its chain is made of the token's certificates. Trusted are those
  * with {@code CKA_TRUSTED} only. A PIN is tried once.
  *
+ * <p><b>With {@code x-writable=yes}</b> in the URI the key store stores keys of the token and of
+ * software with their certificates, renames and deletes them, and there is a <b>KeyPairGenerator</b>
+ * for {@code RSA}, {@code EC} and {@code Ed25519} (or {@code EdDSA}), whose keys are on the token at
+ * once. Such a provider must not stand first: TLS would make its passing keys there. A <b>
+ * MessageDigest</b> hands on to another provider.
+ *
  * <p><b>Signatures</b> {@code NONEwithRSA}, {@code SHA1withRSA}, {@code RSASSA-PSS}, {@code
  * SHA1withRSASSA-PSS} (or {@code SHA1withRSAandMGF1}), {@code NONEwithECDSA} and {@code
  * SHA1withECDSA}, both also {@code inP1363Format}; with {@code SHA224}, {@code SHA256}, {@code
- * SHA384} and {@code SHA512} alike; and {@code Ed25519} (or {@code EdDSA}). PSS takes any
+ * SHA384}, {@code SHA512} and {@code SHA3-224} to {@code SHA3-512} alike; {@code
+ * SHA512/224withRSA} and {@code SHA512/256withRSA}; and {@code Ed25519} (or {@code EdDSA}). PSS takes any
  * parameters where the token has {@code CKM_RSA_X_509}, else those of the token's own {@code
  * CKM_SHA256_RSA_PKCS_PSS} and its like: a salt as long as the digest.
  *
- * <p><b>Cipher</b> {@code RSA/ECB/PKCS1Padding}, to decrypt and to unwrap secret keys. OAEP is not
- * offered: the binding passes no parameters to the token's own, and to take the padding off outside
- * the token would let others watch it being done.
+ * <p><b>Cipher</b> {@code RSA/ECB/PKCS1Padding}, {@code OAEPPadding}, {@code
+ * OAEPWithSHA-256AndMGF1Padding} and its like, and {@code NoPadding}, to decrypt and to unwrap secret
+ * keys: by the token's own mechanisms, so that nobody can watch a padding being taken off.
+ *
+ * <p><b>KeyAgreement</b> {@code ECDH}, and by their object identifiers those of CMS, which derive a
+ * key of the secret (RFC 5753, {@code dhSinglePass-stdDH}). The token has to give the secret away.
  *
  * <p>Whatever is to be verified or encrypted, and every key that is not a token's, goes on to
  * another provider, so that this one can stand first. It should: libraries that set parameters

@@ -2,6 +2,6 @@
 /**
  * A token's keys for every Java library: {@link
  * it.quarvel.pkcs11.security.QuarvelProvider} is a provider of {@code java.security} with a key
- * store, signatures and a cipher whose private keys stay on the token.
+ * store, signatures, ciphers and key agreements whose private keys stay on the token.
  */
 package it.quarvel.pkcs11.security;
