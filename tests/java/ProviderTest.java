@@ -300,6 +300,7 @@ class ProviderTest {
     assertNull(store.getKey("none", null));
     assertEquals(key("rsa2048"), load(provider, PIN).getKey("rsa2048", null));
     assertEquals(1, told.stream().filter(text -> text.contains("ed448-key")).count(), told::toString);
+    assertTrue(key("rsa512").toString().contains("\"pay\\u0000B\""), key("rsa512")::toString);
     assertNotEquals(key("rsa2048"), key("bare-key 05"));
     assertNull(key("bare-key 05").getEncoded());
     assertThrows(NotSerializableException.class,
@@ -618,8 +619,8 @@ class ProviderTest {
     assertNotLoaded("pkcs11:token=demo?module-path=/other.so", "there is one module at a time");
     provider.logout();
     assertNotLoaded(URI.replace("token=", "token=no"), "there are: \"demo\"");
-    EndToEndTest.calls("C_Login", "label=\uFFFD",
-        () -> assertNotLoaded(URI.replace("token=demo", "token=%FF"), "no token found"));
+    EndToEndTest.calls("C_Login", "label=\uFFFD\u001B", () -> assertNotLoaded(
+        URI.replace("=demo", "=%FF%1B"), "no token found; there are: \"\uFFFD\\u001B\""));
     assertNotLoaded(URI.replace("token=demo", "") + "-none", "-none");
     assertThrows(IOException.class, () -> load(new QuarvelProvider(), PIN));
   }

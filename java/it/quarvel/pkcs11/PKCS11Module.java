@@ -3,6 +3,7 @@ package it.quarvel.pkcs11;
 
 import static it.quarvel.pkcs11.PKCS11Constants.CKR_CRYPTOKI_NOT_INITIALIZED;
 
+import it.quarvel.pkcs11.internal.Printable;
 import it.quarvel.pkcs11.nat.NativePKCS11;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.util.ArrayList;
@@ -264,8 +265,8 @@ public final class PKCS11Module implements AutoCloseable {
         PKCS11TokenInfo info = slot.getTokenInfo();
         infos.put(slot, info);
         if (info.isInitialised()) {
-          told.add("\"" + info.trimmedLabel() + "\" (serial number "
-              + info.serialNumber().strip() + ", " + number + ")");
+          told.add("\"" + Printable.of(info.trimmedLabel()) + "\" (serial number "
+              + Printable.of(info.serialNumber().strip()) + ", " + number + ")");
         }
       } catch (PKCS11Exception e) {
         told.add(number + " (" + e.getMessage() + ")");

@@ -5,6 +5,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.CKF_PROTECTED_AUTHENTICATION_PAT
 
 import it.quarvel.pkcs11.PKCS11TokenInfo;
 import it.quarvel.pkcs11.internal.Pin;
+import it.quarvel.pkcs11.internal.Printable;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Arrays;
@@ -77,14 +78,14 @@ final class Asker {
           : "the PIN cannot be asked for: ") + e).initCause(e);
     }
     if (pin == null && !token.hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH)) {
-      throw new LoginException("the token \"" + token.trimmedLabel() + "\" wants a PIN, and none is"
+      throw new LoginException("the token \"" + Printable.of(token.trimmedLabel()) + "\" wants a PIN, and none is"
           + " given: not by load, not by a callback handler, not by a pin-source in the URI");
     }
     return pin;
   }
 
   private byte[] answer(String label) throws IOException, UnsupportedCallbackException {
-    PasswordCallback question = new PasswordCallback("PIN of \"" + label + "\": ", false);
+    PasswordCallback question = new PasswordCallback("PIN of \"" + Printable.of(label) + "\": ", false);
     char[] typed = {};
     try {
       handler.handle(new Callback[] {question});

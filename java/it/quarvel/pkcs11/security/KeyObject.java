@@ -6,6 +6,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Exception.Reason;
 import it.quarvel.pkcs11.PKCS11Template;
+import it.quarvel.pkcs11.internal.Printable;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import java.nio.charset.StandardCharsets;
@@ -87,7 +88,7 @@ record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey p
 
   /** Names an object for people. */
   static String name(byte[] label, byte[] id) {
-    return "\"" + text(label) + "\" (id " + HexFormat.of().formatHex(id) + ")";
+    return "\"" + Printable.of(text(label)) + "\" (id " + HexFormat.of().formatHex(id) + ")";
   }
 
   static boolean isSet(Map<Integer, Object> attributes, int type) {

@@ -8,6 +8,7 @@ import it.quarvel.pkcs11.PKCS11Module;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
 import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.internal.Pin;
+import it.quarvel.pkcs11.internal.Printable;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import java.util.HashSet;
@@ -66,9 +67,9 @@ final class Token {
     return connection != null;
   }
 
-  /** Returns the label, for people; null before the token has been seen. */
+  /** Returns the label as people may see it, null before the token has been seen. */
   String label() {
-    return info == null ? null : info.trimmedLabel();
+    return info == null ? null : Printable.of(info.trimmedLabel());
   }
 
   /** Tells whether the token signs with raw RSA or with a PSS of its own ({@code CKF_SIGN}). */
@@ -282,7 +283,7 @@ final class Token {
         throw e;
       }
       throw new PKCS11Exception("the token \"" + label() + "\" of before (serial number "
-          + info.serialNumber().strip() + ") is not found: " + e.getMessage());
+          + Printable.of(info.serialNumber().strip()) + ") is not found: " + e.getMessage());
     }
   }
 

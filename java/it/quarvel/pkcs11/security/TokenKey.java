@@ -68,7 +68,7 @@ abstract class TokenKey implements PrivateKey {
       return new Ed25519(token, found, publicKey, connection);
     }
     if (!(publicKey instanceof RSAPublicKey rsa)) {
-      throw new InvalidKeyException("keys of this kind are not offered: " + publicKey);
+      throw new InvalidKeyException("it is of none of the kinds RSA, EC and Ed25519");
     }
     return new Rsa(kind, token, found, rsa, connection);
   }

@@ -6,6 +6,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Template;
 import it.quarvel.pkcs11.internal.Hash;
+import it.quarvel.pkcs11.internal.Printable;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import it.quarvel.pkcs11.security.TokenContents.Entry;
@@ -90,7 +91,7 @@ final class TokenWriter {
       throws GeneralSecurityException {
     KeyKind kind = KeyKind.of(publicKey);
     if (kind == null) {
-      throw new InvalidKeyException("keys of this kind are not offered: " + publicKey);
+      throw new InvalidKeyException("it is of none of the kinds RSA, EC and Ed25519");
     }
     String algorithm = switch (kind) {
       case RSA -> "SHA256withRSA";
@@ -223,7 +224,7 @@ final class TokenWriter {
     }
     for (Entry other : contents.entries) {
       if (other != own && (alias.equals(other.label()) || other == named.get(alias))) {
-        throw new PKCS11Exception("the alias \"" + alias + "\" is that of another "
+        throw new PKCS11Exception("the alias \"" + Printable.of(alias) + "\" is that of another "
             + (other.key() == null ? "entry, a trusted certificate" : "key"));
       }
     }

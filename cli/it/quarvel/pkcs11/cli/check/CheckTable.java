@@ -6,6 +6,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.console.*;
 import it.quarvel.pkcs11.cli.token.*;
+import it.quarvel.pkcs11.internal.Printable;
 import java.util.*;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.locks.ReentrantLock;
@@ -205,7 +206,7 @@ public final class CheckTable extends Steps {
     }
     out.write("\n");
     for (String finding : found) {
-      out.write(Text.wrap("", Text.printable(finding), out.columns()) + "\n");
+      out.write(Text.wrap("", Printable.of(finding), out.columns()) + "\n");
     }
     out.write(Text.wrap("", counts.entrySet().stream()
         .map(count -> count.getValue() + " " + count.getKey())

@@ -7,6 +7,7 @@ import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.cli.console.*;
 import it.quarvel.pkcs11.cli.token.TokenInSlot;
 import it.quarvel.pkcs11.internal.Pin;
+import it.quarvel.pkcs11.internal.Printable;
 import java.io.IOException;
 import java.nio.CharBuffer;
 import java.nio.charset.*;
@@ -109,7 +110,7 @@ final class PinOptions {
           + " an option names an environment variable, a file or the PIN pad instead");
     }
     char[] typed = Terminal.console().readPassword(
-        "%s of token \"%s\": ", whose, Text.printable(token.info().trimmedLabel()));
+        "%s of token \"%s\": ", whose, Printable.of(token.info().trimmedLabel()));
     if (typed == null) {
       throw new Failure("no PIN");
     }

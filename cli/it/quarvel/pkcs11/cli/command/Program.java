@@ -2,6 +2,7 @@
 package it.quarvel.pkcs11.cli.command;
 
 import it.quarvel.pkcs11.cli.console.*;
+import it.quarvel.pkcs11.internal.Printable;
 import java.io.*;
 import picocli.CommandLine.*;
 
@@ -61,7 +62,7 @@ public class Program {
 
   /** Tells the user something, in one line where it fits. */
   public void message(String text) {
-    err.println(Text.wrap(NAME + ": ", Text.printable(text.replaceAll("\\R", "; ")),
+    err.println(Text.wrap(NAME + ": ", Printable.of(text.replaceAll("\\R", "; ")),
         Terminal.columns(Terminal.ERR)));
   }
 
@@ -75,7 +76,7 @@ public class Program {
     if (verbose) {
       StringWriter trace = new StringWriter();
       failure.printStackTrace(new PrintWriter(trace));
-      trace.toString().lines().map(line -> line.replace("\t", "  ")).map(Text::printable)
+      trace.toString().lines().map(line -> line.replace("\t", "  ")).map(Printable::of)
           .forEach(err::println);
     }
     return failure instanceof Failure known ? known.status() : Failure.FAILED;

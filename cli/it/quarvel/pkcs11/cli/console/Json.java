@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli.console;
 
+import it.quarvel.pkcs11.internal.Printable;
 import java.util.*;
 import java.util.stream.Collectors;
 
@@ -33,7 +34,7 @@ public final class Json {
 
   /** What must not reach a terminal raw has an escape, and so has a surrogate that stands alone. */
   private static String escape(int c) {
-    return Text.steers(c) ? Text.escape(c)
+    return Printable.steers(c) ? Printable.escape(c)
         : c == '"' || c == '\\' ? "\\" + (char) c : Character.toString(c);
   }
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli.console;
 
+import it.quarvel.pkcs11.internal.Printable;
 import java.io.*;
 import java.nio.file.*;
 import picocli.CommandLine.Model.UsageMessageSpec;
@@ -41,7 +42,7 @@ public final class Terminal {
   /** Asks for a yes. */
   public static boolean agrees(String question) {
     String answer = console() == null ? null : console().readLine(
-        "%s ", Text.wrap("", Text.printable(question + " [y/N]"), columns(OUT)));
+        "%s ", Text.wrap("", Printable.of(question + " [y/N]"), columns(OUT)));
     return answer != null && answer.strip().matches("(?i)y(es)?");
   }
 

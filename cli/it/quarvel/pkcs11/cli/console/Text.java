@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 package it.quarvel.pkcs11.cli.console;
 
+import it.quarvel.pkcs11.internal.Printable;
 import java.nio.charset.StandardCharsets;
 import java.util.*;
 import java.util.stream.*;
@@ -30,7 +31,7 @@ public final class Text {
     int width = shown.stream().mapToInt(entry -> words(entry.getKey()).length()).max().orElse(0);
     return shown.stream()
         .map(entry -> wrap("  " + pad(words(entry.getKey()), width) + "  ", shown(entry), columns))
-        .map(line -> line + "\n").collect(Collectors.joining("", printable(title) + "\n", ""));
+        .map(line -> line + "\n").collect(Collectors.joining("", Printable.of(title) + "\n", ""));
   }
 
   /** Writes rows of the same keys under a heading that names them. */
@@ -82,27 +83,7 @@ public final class Text {
   /** Tells whether bytes are text that does nothing to a terminal but begin new lines. */
   public static boolean isText(byte[] bytes) {
     return new String(bytes, StandardCharsets.UTF_8).codePoints()
-        .allMatch(c -> c == '\n' || c == '\t' || c != '\uFFFD' && !steers(c));
-  }
-
-  /** Shows what could steer a terminal, or turn its text around, as an escape. */
-  public static String printable(String text) {
-    return text.codePoints().mapToObj(c -> steers(c) ? escape(c) : Character.toString(c))
-        .collect(Collectors.joining());
-  }
-
-  static boolean steers(int c) {
-    return switch (Character.getType(c)) {
-      case Character.CONTROL, Character.FORMAT, Character.SURROGATE,
-          Character.LINE_SEPARATOR, Character.PARAGRAPH_SEPARATOR -> true;
-      default -> false;
-    };
-  }
-
-  /** Writes the code units of a character as Java and JSON do. */
-  static String escape(int c) {
-    return Character.toString(c).chars().mapToObj("\\u%04X"::formatted)
-        .collect(Collectors.joining());
+        .allMatch(c -> c == '\n' || c == '\t' || c != '\uFFFD' && !Printable.steers(c));
   }
 
   private static boolean isShown(Map.Entry<String, Object> entry) {
@@ -129,7 +110,7 @@ public final class Text {
     if (value instanceof byte[] bytes) {
       return HexFormat.of().formatHex(bytes);
     }
-    return value == null ? "" : printable(value.toString());
+    return value == null ? "" : Printable.of(value.toString());
   }
 
   /** Turns the name of a member, "minKeySize", into words. */
