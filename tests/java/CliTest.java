@@ -110,9 +110,8 @@ class CliTest {
         new X509EncodedKeySpec(Files.readAllBytes(dir.resolve("ec"))));
     EndToEndTest.assertVerifies(
         "SHA256withECDSA", key, Files.readAllBytes(dir.resolve("signature")));
-    String verify = "verify --id ec --signature DIR/signature DIR/data";
-    assertEquals(1, run(verify).status);
-    assertEquals(0, run(verify + " --signature-format der").status);
+    String verify = "verify --id ec --signature DIR/signature --signature-format ";
+    assertEquals(List.of(0, 1), List.of(run(verify + "der DIR/data").status, run(verify + "raw DIR/data").status));
     String ec = run("check --id ec --pin-source DIR/pin").out;
     assertTrue(ec.matches("(?s).*\nsign  *works .*\ndecrypt  *nothing to try .*"), ec);
     assertTrue(run("objects --id ec").out.contains("  curve   P-256\n"));
@@ -126,7 +125,6 @@ class CliTest {
   void changesPinsAndRemovesWhatWasLeft() throws Exception {
     Files.writeString(dir.resolve("so"), EndToEndTest.SO_PIN);
     run("pin --pin-source DIR/pin --new-pin-source DIR/wrong");
-    assertEquals(1, run("objects --pin-source DIR/pin").status);
     assertEquals(0, run("objects --pin-source DIR/wrong").status);
     run("pin --unblock --pin-source DIR/so --new-pin-source DIR/pin");
     String clean = "check --clean --pin-source DIR/pin";
