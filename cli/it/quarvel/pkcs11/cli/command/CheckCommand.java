@@ -54,6 +54,9 @@ public final class CheckCommand extends ObjectCommand {
       requireName();
     }
     if (clean) {
+      if (write || output.isJson()) {
+        throw Failure.usage("--clean goes with neither --write nor --json");
+      }
       try (Connection connection = open(new Steps())) {
         clean(connection);
       }

@@ -49,7 +49,7 @@ public final class Hints {
           "the data is too long for the mechanism; one that hashes takes any length";
       case CKR_ENCRYPTED_DATA_LEN_RANGE, CKR_ENCRYPTED_DATA_INVALID ->
           "the data does not suit the key and the mechanism";
-      case CKR_TOKEN_WRITE_PROTECTED -> "leave --write out";
+      case CKR_TOKEN_WRITE_PROTECTED -> "nothing can be changed there: --write, if given, has no use";
       default -> step == Step.OPEN
           ? "the module may not find its configuration or its daemon" : "";
     };
