@@ -193,8 +193,8 @@ public final class QuarvelProvider extends AuthProvider {
    * loaded.
    *
    * @param uri a PKCS#11 URI with {@code module-path}, and as much of {@code token}, {@code serial}
-   *     and {@code slot-id} as it takes to name one token; {@code object} and {@code id} limit
-   *     which keys are offered; {@code pin-source} names a file with the PIN in its first line
+   *     and {@code slot-id} as it takes to name one token; {@code object}, {@code id} and {@code
+   *     type} limit which keys are offered; {@code pin-source} names a file with the PIN in its first line
    * @return a new provider, named "Quarvel-" and the token, the serial number or the slot. Java
    *     keeps one provider of a name
    * @throws InvalidParameterException for a text that is no such URI, with the reason
