@@ -229,7 +229,10 @@ endif()
 # ---- The inspector, with its completion and its manual page, which describe what its classes say ----
 
 file(GLOB_RECURSE cli_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/cli/*.java)
-find_file(QUARVEL_PICOCLI picocli.jar PATHS /usr/share/java NO_DEFAULT_PATH REQUIRED)
+find_file(QUARVEL_PICOCLI picocli.jar PATHS /usr/share/java NO_DEFAULT_PATH)
+if(NOT QUARVEL_PICOCLI)
+  message(FATAL_ERROR "picocli.jar is missing: QUARVEL_PICOCLI names it, QUARVEL_CLI=OFF does without")
+endif()
 set(QUARVEL_CLI_CLASSES ${CMAKE_BINARY_DIR}/cli-classes)
 set(QUARVEL_CLI_STAMP ${QUARVEL_CLI_CLASSES}.stamp)
 add_custom_command(

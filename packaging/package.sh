@@ -44,7 +44,9 @@ tar --create --directory "$work" --sort=name --owner=root:0 --group=root:0 --num
 
 rm -r "${work:?}/$name"
 mkdir "$work/$name"
-tar --create --directory "$tree" --exclude=./build --exclude=./.git . | tar --extract --directory "$work/$name"
+tar --create --directory "$tree" --mode=go+rX,go-w --mtime="@$SOURCE_DATE_EPOCH" --exclude=./build \
+  --exclude=./.git . |
+  tar --extract --directory "$work/$name"
 cd "$work/$name"
 packaging/changelog.sh >debian/changelog
 export DEB_BUILD_PROFILES=pkg.quarvel-pkcs11.release DEB_BUILD_OPTIONS="noautodbgsym terse"
