@@ -63,6 +63,10 @@ END
   signs -cp $jar SignWithProvider.java
   local dependency
   dependency=$(blocks xml install.md | grep -v '<repository>')
+  # The goal by its version: that of the life cycle need not be the one that Debian has.
+  local compiler
+  compiler=$(printf '%s\n' /usr/share/maven-repo/org/apache/maven/plugins/maven-compiler-plugin/* | sort -V | tail -n 1)
+  compiler=org.apache.maven.plugins:maven-compiler-plugin:${compiler##*/}:compile
   # From the package, then from the folder of packages, by the page's range and as the latest.
   for version in "$(dpkg-query --show --showformat '${Version}' quarvel-pkcs11)" '[1.16,1.17)' LATEST; do
     cat >pom.xml <<END
@@ -75,7 +79,7 @@ END
 </project>
 END
     mvn --quiet --batch-mode --offline --strict-checksums -Daether.offline.protocols=file \
-      -Dmaven.repo.local=/usr/share/maven-repo compile >log 2>&1 || { cat log; return 1; }
+      -Dmaven.repo.local=/usr/share/maven-repo "$compiler" >log 2>&1 || { cat log; return 1; }
     signs -cp "target/classes:$(echo /usr/share/maven-repo/it/quarvel/quarvel-pkcs11/*/*.jar)" Sign
     rm -r /usr/share/maven-repo/it target
   done

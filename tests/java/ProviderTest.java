@@ -44,6 +44,8 @@ class ProviderTest {
   static final char[] PIN = EndToEndTest.PIN.toCharArray();
   static final char[] PASSWORD = "changeit".toCharArray();
   static final byte[] DATA = EndToEndTest.DATA;
+  // Wrong padding would not do: a token may answer with other bytes rather than tell of it.
+  static final byte[] BEYOND_MODULUS = HexFormat.of().parseHex("ff".repeat(256));
 
   static final Map<String, PrivateKey> software = new HashMap<>();
   static final Map<String, X509Certificate> certificates = new HashMap<>();
@@ -240,9 +242,6 @@ class ProviderTest {
   void decryptsAndUnwrapsWhatTheJdkEncrypts(String transformation) throws Exception {
     PublicKey publicKey = publicKey("rsa2048");
     SecretKeySpec secret = new SecretKeySpec(new byte[16], "AES");
-    // Wrong padding would not do: a token may answer with other bytes rather than tell of it.
-    byte[] beyondModulus = new byte[256];
-    Arrays.fill(beyondModulus, (byte) 0xFF);
     for (PrivateKey key : List.of(key("rsa2048"), software.get("rsa2048"))) {
       Cipher cipher = Cipher.getInstance(transformation, provider);
       cipher.init(Cipher.WRAP_MODE, publicKey);
@@ -255,11 +254,11 @@ class ProviderTest {
       assertArrayEquals(DATA, own.doFinal(encrypted, 99, encrypted.length - 99));
       byte[] room = new byte[own.getOutputSize(encrypted.length)];
       assertEquals(DATA.length, own.doFinal(encrypted, 0, encrypted.length, room, 0));
-      assertThrows(BadPaddingException.class, () -> own.doFinal(beyondModulus));
+      assertThrows(BadPaddingException.class, () -> own.doFinal(BEYOND_MODULUS));
       own.init(Cipher.UNWRAP_MODE, key);
       assertEquals(secret, own.unwrap(wrapped, "AES", Cipher.SECRET_KEY));
       assertThrows(InvalidKeyException.class,
-          () -> own.unwrap(beyondModulus, "AES", Cipher.SECRET_KEY));
+          () -> own.unwrap(BEYOND_MODULUS, "AES", Cipher.SECRET_KEY));
     }
     Cipher cipher = Cipher.getInstance("RSA/ECB/NoPadding");
     cipher.init(Cipher.DECRYPT_MODE, key("rsa2048"));
@@ -271,12 +270,12 @@ class ProviderTest {
   /** Whatever the module answers. */
   @ParameterizedTest
   @ValueSource(strings = {"C_Decrypt=0x5", "C_Decrypt=0x30", "C_Decrypt=0x60", "C_Decrypt=0x101", ""})
-  void decryptsBadPaddingOnce(String answer) throws Throwable {
+  void decryptsOnceWhatFails(String answer) throws Throwable {
     Cipher cipher = Cipher.getInstance("RSA");
     cipher.init(Cipher.DECRYPT_MODE, key("rsa2048"));
     assertEquals(1, EndToEndTest.calls("C_Decrypt", answer, () -> assertEquals(
         "javax.crypto.BadPaddingException: the token cannot decrypt this", assertThrows(
-            Exception.class, () -> cipher.doFinal(new byte[256])).toString())));
+            Exception.class, () -> cipher.doFinal(BEYOND_MODULUS)).toString())));
   }
 
   // ---- The key store ----
