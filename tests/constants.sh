@@ -12,7 +12,7 @@ trap 'rm -rf "$work"' EXIT
   sed -n 's/.* int \(CK[A-Z]_[^ ]*\) = \(.*\);/\1 \2/p' | sort >"$work/ours"
 # NSS has other numbers for five return values than the standard.
 own='_NSS|NETSCAPE|FLAGS_ONLY|CKM_NULL|CKP_(PKCS5|VENDOR)'
-for header in 'p11-kit-1 p11-kit/pkcs11.h _NSS' \
+for header in 'p11-kit-1 p11-kit/pkcs11.h _NSS|CKP_VENDOR' \
   "nss pkcs11t.h $own|CKR_(EXCEEDED_MAX|FIPS_SELF|LIBRARY_LOAD|PIN_TOO_W|PUBLIC_KEY_INV)"; do
   # shellcheck disable=SC2086  # its words
   set -- $header
