@@ -139,6 +139,7 @@ class ProviderTest {
     return new PSSParameterSpec(digest, "MGF1", new MGF1ParameterSpec(mask), salt, 1);
   }
 
+  /** All that the provider or the JDK has with a hash, and some more. */
   static List<Arguments> signatures() throws Exception {
     List<Arguments> all = new ArrayList<>(List.of(
         Arguments.of("rsa2048", "1.2.840.113549.1.1.11", "SHA256withRSA", null),
@@ -150,21 +151,22 @@ class ProviderTest {
         Arguments.of("rsa2048", "RSASSA-PSS", "RSASSA-PSS", pss("SHA-256", "SHA-1", 222)),
         Arguments.of("rsa1025", "RSASSA-PSS", "RSASSA-PSS", pss("SHA-256", "SHA-1", 94)),
         Arguments.of("rsa1025", "RSASSA-PSS", "RSASSA-PSS", pss("SHA-512/256", "SHA-384", 0))));
-    for (String name : List.of("SHA512/224withRSA", "SHA512/256withRSA")) {
-      all.add(Arguments.of("rsa1025", name, name, null));
+    Set<String> names = new TreeSet<>();
+    for (Provider each : List.of(copy, Security.getProvider("SunRsaSign"), Security.getProvider("SunEC"))) {
+      each.getServices().stream().map(Provider.Service::getAlgorithm)
+          .filter(name -> name.matches("(SHA|NONE).*with.*")).forEach(names::add);
     }
-    for (String hash : List.of("NONE", "SHA1", "SHA224", "SHA256", "SHA384", "SHA512", "SHA3-224",
-        "SHA3-256", "SHA3-384", "SHA3-512")) {
-      for (String each : List.of("rsa1025 withRSA", "prime256v1 withECDSA", "secp521r1 withECDSA",
-          "prime256v1 withECDSAinP1363Format")) {
-        String algorithm = hash + each.split(" ")[1];
-        all.add(Arguments.of(each.split(" ")[0], algorithm, algorithm, null));
-      }
-      if (!hash.equals("NONE")) {
+    for (String ours : names) {
+      String hash = ours.split("with")[0];
+      if (ours.endsWith("withRSA")) {
+        all.add(Arguments.of("rsa1025", ours, ours, null));
+      } else if (ours.contains("withECDSA")) {
+        all.add(Arguments.of("prime256v1", ours, ours, null));
+        all.add(Arguments.of("secp521r1", ours, ours, null));
+      } else {
         String digest = hash.replaceFirst("SHA(?!3-)", "SHA-");
         int salt = MessageDigest.getInstance(digest).getDigestLength();
-        all.add(Arguments.of(
-            "rsa2048", hash + "withRSASSA-PSS", "RSASSA-PSS", pss(digest, digest, salt)));
+        all.add(Arguments.of("rsa2048", ours, "RSASSA-PSS", pss(digest, digest, salt)));
       }
     }
     return all;

@@ -13,37 +13,37 @@ import java.util.HexFormat;
 /** What a signature hashes with. */
 public enum Hash {
   SHA1("SHA-1", 20, "3021300906052b0e03021a05000414", "1.2.840.113549.1.1.5",
-      "1.2.840.10045.4.1", CKM_SHA1_RSA_PKCS,
+      "1.2.840.10045.4.1", "1.3.133.16.840.63.0.2", CKM_SHA1_RSA_PKCS,
       CKM_ECDSA_SHA1, CKM_SHA1_RSA_PKCS_PSS),
   SHA224("SHA-224", 28, "302d300d06096086480165030402040500041c", "1.2.840.113549.1.1.14",
-      "1.2.840.10045.4.3.1", CKM_SHA224_RSA_PKCS,
+      "1.2.840.10045.4.3.1", "1.3.132.1.11.0", CKM_SHA224_RSA_PKCS,
       CKM_ECDSA_SHA224, CKM_SHA224_RSA_PKCS_PSS),
   SHA256("SHA-256", 32, "3031300d060960864801650304020105000420", "1.2.840.113549.1.1.11",
-      "1.2.840.10045.4.3.2", CKM_SHA256_RSA_PKCS,
+      "1.2.840.10045.4.3.2", "1.3.132.1.11.1", CKM_SHA256_RSA_PKCS,
       CKM_ECDSA_SHA256, CKM_SHA256_RSA_PKCS_PSS),
   SHA384("SHA-384", 48, "3041300d060960864801650304020205000430", "1.2.840.113549.1.1.12",
-      "1.2.840.10045.4.3.3", CKM_SHA384_RSA_PKCS,
+      "1.2.840.10045.4.3.3", "1.3.132.1.11.2", CKM_SHA384_RSA_PKCS,
       CKM_ECDSA_SHA384, CKM_SHA384_RSA_PKCS_PSS),
   SHA512("SHA-512", 64, "3051300d060960864801650304020305000440", "1.2.840.113549.1.1.13",
-      "1.2.840.10045.4.3.4", CKM_SHA512_RSA_PKCS,
+      "1.2.840.10045.4.3.4", "1.3.132.1.11.3", CKM_SHA512_RSA_PKCS,
       CKM_ECDSA_SHA512, CKM_SHA512_RSA_PKCS_PSS),
   SHA3_224("SHA3-224", 28, "302d300d06096086480165030402070500041c", "2.16.840.1.101.3.4.3.13",
-      "2.16.840.1.101.3.4.3.9", CKM_SHA3_224_RSA_PKCS,
+      "2.16.840.1.101.3.4.3.9", null, CKM_SHA3_224_RSA_PKCS,
       CKM_ECDSA_SHA3_224, CKM_SHA3_224_RSA_PKCS_PSS),
   SHA3_256("SHA3-256", 32, "3031300d060960864801650304020805000420", "2.16.840.1.101.3.4.3.14",
-      "2.16.840.1.101.3.4.3.10", CKM_SHA3_256_RSA_PKCS,
+      "2.16.840.1.101.3.4.3.10", null, CKM_SHA3_256_RSA_PKCS,
       CKM_ECDSA_SHA3_256, CKM_SHA3_256_RSA_PKCS_PSS),
   SHA3_384("SHA3-384", 48, "3041300d060960864801650304020905000430", "2.16.840.1.101.3.4.3.15",
-      "2.16.840.1.101.3.4.3.11", CKM_SHA3_384_RSA_PKCS,
+      "2.16.840.1.101.3.4.3.11", null, CKM_SHA3_384_RSA_PKCS,
       CKM_ECDSA_SHA3_384, CKM_SHA3_384_RSA_PKCS_PSS),
   SHA3_512("SHA3-512", 64, "3051300d060960864801650304020a05000440", "2.16.840.1.101.3.4.3.16",
-      "2.16.840.1.101.3.4.3.12", CKM_SHA3_512_RSA_PKCS,
+      "2.16.840.1.101.3.4.3.12", null, CKM_SHA3_512_RSA_PKCS,
       CKM_ECDSA_SHA3_512, CKM_SHA3_512_RSA_PKCS_PSS),
   /** With PKCS #1 alone, as in Java; no mechanism hashes so. */
   SHA512_224("SHA-512/224", 28, "302d300d06096086480165030402050500041c", "1.2.840.113549.1.1.15",
-      null, -1, -1, -1),
+      null, null, -1, -1, -1),
   SHA512_256("SHA-512/256", 32, "3031300d060960864801650304020605000420", "1.2.840.113549.1.1.16",
-      null, -1, -1, -1);
+      null, null, -1, -1, -1);
 
   /** What Java calls the digest, and what the names of signatures call it. */
   public final String algorithm;
@@ -55,7 +55,10 @@ public enum Hash {
 
   public final String ecdsaId;
 
-  /** The {@code CKM_} that hash and sign, with PKCS #1 and with ECDSA. */
+  /** That of a key agreement of CMS that derives keys with it, null where there is none. */
+  public final String agreementId;
+
+  /** The {@code CKM_} that hash and sign, with PKCS #1 and with ECDSA, -1 where there is none. */
   public final int rsaMechanism;
 
   public final int ecdsaMechanism;
@@ -63,18 +66,19 @@ public enum Hash {
   /** A salt as long as the hash, and its own mask generation. */
   public final PSSParameterSpec pss;
 
-  /** The {@code CKM_} that hashes and signs with these parameters. */
+  /** The {@code CKM_} that hashes and signs with these parameters, -1 where there is none. */
   public final int pssMechanism;
 
   private final byte[] digestInfo;
 
   Hash(String algorithm, int length, String digestInfo, String rsaId, String ecdsaId,
-      int rsaMechanism, int ecdsaMechanism, int pssMechanism) {
+      String agreementId, int rsaMechanism, int ecdsaMechanism, int pssMechanism) {
     this.algorithm = algorithm;
     shortName = algorithm.startsWith("SHA-") ? "SHA" + algorithm.substring(4) : algorithm;
     this.digestInfo = HexFormat.of().parseHex(digestInfo);
     this.rsaId = rsaId;
     this.ecdsaId = ecdsaId;
+    this.agreementId = agreementId;
     this.rsaMechanism = rsaMechanism;
     this.ecdsaMechanism = ecdsaMechanism;
     pss = new PSSParameterSpec(algorithm, "MGF1", new MGF1ParameterSpec(algorithm), length,
@@ -85,8 +89,8 @@ public enum Hash {
   /** Returns the hash of a mechanism that hashes and signs, null for another mechanism. */
   public static Hash of(int mechanism) {
     for (Hash hash : values()) {
-      if (mechanism == hash.rsaMechanism || mechanism == hash.ecdsaMechanism
-          || mechanism == hash.pssMechanism) {
+      if (mechanism != -1 && (mechanism == hash.rsaMechanism || mechanism == hash.ecdsaMechanism
+          || mechanism == hash.pssMechanism)) {
         return hash;
       }
     }

@@ -98,11 +98,6 @@ public final class QuarvelProvider extends AuthProvider {
         List.of("1.2.840.113549.1.1.7", "OID.1.2.840.113549.1.1.7"),
         () -> new TokenCipher(this, "OAEPPadding"), TokenKey::decrypts));
     putAgreement("ECDH", null);
-    putAgreement("1.3.133.16.840.63.0.2", Hash.SHA1);
-    putAgreement("1.3.132.1.11.0", Hash.SHA224);
-    putAgreement("1.3.132.1.11.1", Hash.SHA256);
-    putAgreement("1.3.132.1.11.2", Hash.SHA384);
-    putAgreement("1.3.132.1.11.3", Hash.SHA512);
     put("NONEwithRSA", Scheme.PKCS1, null);
     put("RSASSA-PSS", Scheme.PSS, null, "1.2.840.113549.1.1.10");
     put("NONEwithECDSA", Scheme.ECDSA_DER, null);
@@ -112,6 +107,9 @@ public final class QuarvelProvider extends AuthProvider {
     for (Hash hash : Hash.values()) {
       String digest = hash.shortName;
       put(digest + "withRSA", Scheme.PKCS1, hash, hash.rsaId);
+      if (hash.agreementId != null) {
+        putAgreement(hash.agreementId, hash);
+      }
       if (hash.ecdsaId == null) {
         continue;
       }

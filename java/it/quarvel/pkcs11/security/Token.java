@@ -7,6 +7,7 @@ import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11Module;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
 import it.quarvel.pkcs11.PKCS11Uri;
+import it.quarvel.pkcs11.internal.Hash;
 import it.quarvel.pkcs11.internal.Pin;
 import it.quarvel.pkcs11.internal.Printable;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
@@ -32,11 +33,6 @@ final class Token {
     T in(NativePKCS11Session session, Connection connection, NativePKCS11Session.Login login)
         throws PKCS11Exception;
   }
-
-  /** Those that not every token with RSA has. */
-  private static final Set<Integer> MECHANISMS = Set.of(CKM_RSA_X_509, CKM_SHA1_RSA_PKCS_PSS,
-      CKM_SHA224_RSA_PKCS_PSS, CKM_SHA256_RSA_PKCS_PSS, CKM_SHA384_RSA_PKCS_PSS,
-      CKM_SHA512_RSA_PKCS_PSS);
 
   /** The time for which object handles are good, from one login to the next. */
   record Connection(Sessions sessions, Object start) {}
@@ -292,10 +288,13 @@ final class Token {
     return info == null ? uri : uri.with(info);
   }
 
+  /** Only those that not every token with RSA has. */
   private static Set<Integer> signing(NativePKCS11Slot slot) throws PKCS11Exception {
     Set<Integer> signing = new HashSet<>();
     for (int mechanism : slot.getMechanismList()) {
-      if (MECHANISMS.contains(mechanism) && slot.getMechanismInfo(mechanism).hasFlag(CKF_SIGN)) {
+      Hash hash = Hash.of(mechanism);
+      if ((mechanism == CKM_RSA_X_509 || hash != null && mechanism == hash.pssMechanism)
+          && slot.getMechanismInfo(mechanism).hasFlag(CKF_SIGN)) {
         signing.add(mechanism);
       }
     }
