@@ -15,8 +15,9 @@ jobject checked(jobject result) {
 
 /// Calls a method of Values.java.
 jobject call(const char* name, const char* signature, auto... args) {
-  const jclass values = java()->FindClass("Values");
+  const auto values = static_cast<jclass>(checked(java()->FindClass("Values")));
   const jmethodID method = java()->GetStaticMethodID(values, name, signature);
+  checked(nullptr);
   return checked(java()->CallStaticObjectMethod(values, method, args...));
 }
 

@@ -86,13 +86,19 @@ public final class PrivateFolder implements AutoCloseable {
     }
   }
 
-  /** Who owns a folder, or may write to it, can exchange what is in it. */
+  /**
+   * Who owns a folder, or may write to it, can exchange what is in it. The owner of the root folder
+   * can do so anyway; in a user namespace without root that is not 0.
+   */
   private void checkParents() throws IOException {
-    Object self = Files.getAttribute(path, "unix:uid", LinkOption.NOFOLLOW_LINKS);
+    Set<Object> trusted = new HashSet<>();
+    trusted.add(0);
+    trusted.add(Files.getAttribute(path.getRoot(), "unix:uid"));
+    trusted.add(Files.getAttribute(path, "unix:uid", LinkOption.NOFOLLOW_LINKS));
     for (Path at = path.getParent(); at != null; at = at.getParent()) {
       Map<String, Object> is = Files.readAttributes(at, "unix:uid,mode", LinkOption.NOFOLLOW_LINKS);
       int mode = (int) is.get("mode");
-      if (!is.get("uid").equals(0) && !is.get("uid").equals(self)) {
+      if (!trusted.contains(is.get("uid"))) {
         throw new IOException(at + " belongs to another user");
       }
       if ((mode & WRITABLE) != 0 && (mode & STICKY) == 0) {
