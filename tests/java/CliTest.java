@@ -5,54 +5,53 @@ import static org.junit.jupiter.api.Assertions.*;
 
 import it.quarvel.pkcs11.PKCS11Template;
 import it.quarvel.pkcs11.cli.Main;
+import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import java.io.*;
 import java.nio.file.*;
 import java.security.*;
-import java.security.cert.CertificateFactory;
+import java.security.cert.*;
 import java.security.spec.X509EncodedKeySpec;
 import java.util.*;
 import java.util.regex.Pattern;
 import javax.crypto.Cipher;
 import org.junit.jupiter.api.*;
+import org.junit.jupiter.api.extension.RegisterExtension;
 import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 
-/** Runs the inspector on the token of {@link EndToEndTest}, and leaves it as empty as it was. */
+/** Runs the inspector on {@link TestToken}. */
 class CliTest {
-  static final EndToEndTest TOKEN = new EndToEndTest();
+  @RegisterExtension static final TestToken token = new TestToken();
 
   record Run(int status, String out, String err) {}
 
   @TempDir static Path dir;
+  static X509Certificate certificate;
 
   @BeforeAll
   static void fillToken() throws Exception {
-    Files.writeString(dir.resolve("pin"), EndToEndTest.PIN + "\n");
+    Files.writeString(dir.resolve("pin"), TestToken.PIN + "\n");
     Files.writeString(dir.resolve("wrong"), "98765");
-    Files.write(dir.resolve("data"), EndToEndTest.DATA);
-    EndToEndTest.makeKeyAndCertificate(dir);
-    TOKEN.logInWithKeys();
-    TOKEN.session.createObject(EndToEndTest.privateKey.put(CKA_TOKEN, true));
-    TOKEN.session.createObject(EndToEndTest.x509);
+    Files.write(dir.resolve("data"), TestToken.DATA);
+    TestToken.Pair pair = TestToken.pair();
+    certificate = pair.certificate();
+    NativePKCS11Session session = token.logIn();
+    session.createObject(pair.privateKey().put(CKA_TOKEN, true));
+    session.createObject(pair.x509());
     byte[] label = ("\"\\\n\u202e\ud83d\ude00" + "*".repeat(900)).getBytes(UTF_8);
     for (int i = 0; i < 300; i++) {
-      TOKEN.session.createObject(new PKCS11Template().put(CKA_CLASS, CKO_DATA)
+      session.createObject(new PKCS11Template().put(CKA_CLASS, CKO_DATA)
           .put(CKA_TOKEN, true).put(CKA_PRIVATE, i == 0)
           .put(CKA_LABEL, i == 0 ? "quarvel-pkcs11 check".getBytes(UTF_8) : label));
     }
-    TOKEN.stop();
-  }
-
-  @AfterAll
-  static void emptyToken() throws Exception {
-    EndToEndTest.emptyToken();
+    session.slot().module().libFinalize();
   }
 
   @Test
   void listsWhatOpenScLists() throws Exception {
     // The newest OpenSC reads an id as a number, too, and parts its bytes.
-    String theirs = EndToEndTest.openSc("--list-objects --login --pin " + EndToEndTest.PIN)
+    String theirs = TestToken.openSc("--list-objects --login --pin " + TestToken.PIN)
         .replaceAll("\\d+ \\(0x(..):(..):(..)\\)", "$1$2$3");
     String ours = run("objects --pin-source DIR/pin").out;
     assertEquals(found("(?m)^(Data|Cert|Private K)\\w* [Oo]bject", theirs),
@@ -61,12 +60,12 @@ class CliTest {
         found("  (?:label|id) +((?=cl|00).+)", ours));
     assertTrue(ours.contains("  \"\\\\u000A\\u202E\ud83d\ude00*"), ours);
     assertTrue(ours.matches("(?s).*\n  subject +CN=Test\n  issuer +CN=Test\n.*"), ours);
-    String slots = EndToEndTest.openSc("--show-info --list-slots");
+    String slots = TestToken.openSc("--show-info --list-slots");
     assertEquals(found("(?:\\(ver |serial num +: |Slot 0 .*: )([^)\n]+)", slots),
         found("(?:library version|serial number|Slot \\d+:) +(.+)",
             run("info").out + run("slots --token demo").out));
     // OpenSC has other names for two of them.
-    assertEquals(found("(?m)^  ([^,]+)", EndToEndTest.openSc("--list-mechanisms")
+    assertEquals(found("(?m)^  ([^,]+)", TestToken.openSc("--list-mechanisms")
         .replace("mechtype-0x210A", "AES-KEY-WRAP-PAD").replace("ECDSA-KEY", "EC-KEY")),
         found("CKM_(\\S+)", run("mechanisms").out));
     assertTrue(run("objects --attribute 0x12F").out.contains("\n  0x0000012F  -\n"));
@@ -88,42 +87,42 @@ class CliTest {
   @Test
   void signsAndDecryptsForTheJdk() throws Exception {
     run("sign --id 00:69:ff --pin-source DIR/pin -o DIR/signature DIR/data");
-    EndToEndTest.assertVerifies("SHA256withRSA", EndToEndTest.certificate.getPublicKey(),
+    TestToken.assertVerifies("SHA256withRSA", certificate.getPublicKey(),
         Files.readAllBytes(dir.resolve("signature")));
     Cipher jdk = Cipher.getInstance("RSA/ECB/PKCS1Padding");
-    jdk.init(Cipher.ENCRYPT_MODE, EndToEndTest.certificate.getPublicKey());
-    Files.write(dir.resolve("hidden"), jdk.doFinal(EndToEndTest.DATA));
+    jdk.init(Cipher.ENCRYPT_MODE, certificate.getPublicKey());
+    Files.write(dir.resolve("hidden"), jdk.doFinal(TestToken.DATA));
     String key = "pkcs11:token=demo;object=cl%c3%a9%20priv%C3%A9e?pin-source=file:DIR/pin";
-    assertEquals(new Run(0, new String(EndToEndTest.DATA, UTF_8), ""),
+    assertEquals(new Run(0, new String(TestToken.DATA, UTF_8), ""),
         run("decrypt DIR/hidden --uri " + key));
     String pem = run("export --uri pkcs11:object=;type=cert").out;
-    assertEquals(EndToEndTest.certificate, CertificateFactory.getInstance("X.509")
+    assertEquals(certificate, CertificateFactory.getInstance("X.509")
         .generateCertificate(new ByteArrayInputStream(pem.getBytes(UTF_8))));
   }
 
   @Test
   void signsWithEcKeys() throws Exception {
-    EndToEndTest.openSc("--login --pin 1234 --keypairgen --key-type EC:prime256v1 --id ec --label ec");
+    TestToken.openSc("--login --pin 1234 --keypairgen --key-type EC:prime256v1 --id ec --label ec");
     run("sign --id ec --pin-source DIR/pin --signature-format der -o DIR/signature DIR/data");
     run("export --id ec --der -o DIR/ec");
     PublicKey key = KeyFactory.getInstance("EC").generatePublic(
         new X509EncodedKeySpec(Files.readAllBytes(dir.resolve("ec"))));
-    EndToEndTest.assertVerifies(
+    TestToken.assertVerifies(
         "SHA256withECDSA", key, Files.readAllBytes(dir.resolve("signature")));
     String verify = "verify --id ec --signature DIR/signature --signature-format ";
     assertEquals(List.of(0, 1), List.of(run(verify + "der DIR/data").status, run(verify + "raw DIR/data").status));
     String ec = run("check --id ec --pin-source DIR/pin").out;
     assertTrue(ec.matches("(?s).*\nsign  *works .*\ndecrypt  *nothing to try .*"), ec);
     assertTrue(run("objects --id ec").out.contains("  curve   P-256\n"));
-    EndToEndTest.openSc("--delete-object --type pubkey --id ec");
+    TestToken.openSc("--delete-object --type pubkey --id ec");
     ec = run("check --id ec --pin-source DIR/pin").out;
     assertTrue(ec.contains("\nsign                not verified"), ec);
-    EndToEndTest.openSc("--login --pin 1234 --delete-object --type privkey --id ec");
+    TestToken.openSc("--login --pin 1234 --delete-object --type privkey --id ec");
   }
 
   @Test
   void changesPinsAndRemovesWhatWasLeft() throws Exception {
-    Files.writeString(dir.resolve("so"), EndToEndTest.SO_PIN);
+    Files.writeString(dir.resolve("so"), TestToken.SO_PIN);
     run("pin --pin-source DIR/pin --new-pin-source DIR/wrong");
     assertEquals(0, run("objects --pin-source DIR/wrong").status);
     run("pin --unblock --pin-source DIR/so --new-pin-source DIR/pin");
@@ -164,17 +163,17 @@ class CliTest {
   /** See native/odd.cpp. */
   @Test
   void showsTheRestOfWhatIsOdd() throws Exception {
-    String module = " --module " + EndToEndTest.CLASSES.resolveSibling("libodd.so");
-    String mechanisms = EndToEndTest.output(0, start("odd", "mechanisms" + module));
+    String module = " --module " + TestToken.CLASSES.resolveSibling("libodd.so");
+    String mechanisms = TestToken.output(0, start("odd", "mechanisms" + module));
     assertTrue(mechanisms.matches(
         "(?s).*0x80000001 +1 +2147483648 +CKF_SIGN\nCKM_AES_ECB +\\(CKR_DEVICE_ERROR \\(0x30\\)\\)\n"),
         mechanisms);
-    String slots = EndToEndTest.output(0, start("odd", "slots" + module));
+    String slots = TestToken.output(0, start("odd", "slots" + module));
     assertTrue(slots.contains("  token label             odd\\u001B[31m\n"), slots);
-    String objects = EndToEndTest.output(0, start("odd", "objects" + module));
+    String objects = TestToken.output(0, start("odd", "objects" + module));
     assertEquals(List.of("30E930", "30E931", "30E932"), found("label bytes +(\\S+)", objects));
     assertFalse(objects.contains("Internal error"), objects);
-    String rows = EndToEndTest.output(134, start("odd", "check" + module));
+    String rows = TestToken.output(134, start("odd", "check" + module));
     assertTrue(rows.matches(
         "(?s).*\nread bytes .* the length -1.*\nread date  *not readable .*\nclose session  *works[^\n]*\n"), rows);
   }
@@ -216,14 +215,14 @@ class CliTest {
 
   @Test
   void triesAPinOnce() throws Throwable {
-    EndToEndTest.openSc("--login --pin 1234 --keypairgen --key-type RSA:1024 --id aa --always-auth");
+    TestToken.openSc("--login --pin 1234 --keypairgen --key-type RSA:1024 --id aa --always-auth");
     for (String pin : List.of("wrong", "pin")) {
       String login = pin.equals("pin") ? "C_Login:2" : "C_Login:1";
-      assertEquals(1, EndToEndTest.calls(login, "C_Login:2=0xA0 C_DecryptInit=0", () -> run(
-          "check --id aa --pin-source DIR/" + pin + " --module " + EndToEndTest.SHIM)), login);
+      assertEquals(1, TestToken.calls(login, "C_Login:2=0xA0 C_DecryptInit=0", () -> run(
+          "check --id aa --pin-source DIR/" + pin + " --module " + TestToken.SHIM)), login);
     }
-    EndToEndTest.openSc("--delete-object --type pubkey --id aa");
-    EndToEndTest.openSc("--login --pin 1234 --delete-object --type privkey --id aa");
+    TestToken.openSc("--delete-object --type pubkey --id aa");
+    TestToken.openSc("--login --pin 1234 --delete-object --type privkey --id aa");
   }
 
   @Test
@@ -241,7 +240,7 @@ class CliTest {
   static Run run(String arguments) {
     ByteArrayOutputStream out = new ByteArrayOutputStream();
     ByteArrayOutputStream err = new ByteArrayOutputStream();
-    String module = arguments.contains("--module") ? "" : " --module " + EndToEndTest.MODULE;
+    String module = arguments.contains("--module") ? "" : " --module " + TestToken.MODULE;
     int status = Main.run(out, new PrintStream(err, true, UTF_8),
         (arguments + module).replace("DIR", "" + dir).split(" "));
     return new Run(status, out.toString(UTF_8), err.toString(UTF_8));
@@ -254,7 +253,7 @@ class CliTest {
         "exec \"$0\" -cp \"$1\" it.quarvel.pkcs11.cli.Main " + arguments + module,
         System.getProperty("java.home") + "/bin/java", System.getProperty("java.class.path"));
     builder.environment().putAll(Map.of("QUARVEL_MISBEHAVIOUR", "1", "PKCS11SPY",
-        EndToEndTest.MODULE, "PKCS11SPY_OUTPUT", dir.resolve(log + ".log").toString()));
+        TestToken.MODULE, "PKCS11SPY_OUTPUT", dir.resolve(log + ".log").toString()));
     return builder.redirectError(ProcessBuilder.Redirect.DISCARD).start();
   }
 

@@ -5,86 +5,45 @@ import static org.junit.jupiter.api.Assertions.*;
 
 import it.quarvel.pkcs11.*;
 import it.quarvel.pkcs11.nat.*;
-import java.math.BigInteger;
-import java.nio.file.*;
 import java.security.*;
-import java.security.cert.X509Certificate;
-import java.security.interfaces.RSAPrivateCrtKey;
 import java.text.ParseException;
 import java.util.*;
-import java.util.concurrent.*;
 import javax.crypto.Cipher;
 import javax.crypto.spec.SecretKeySpec;
 import org.junit.jupiter.api.*;
+import org.junit.jupiter.api.extension.RegisterExtension;
 import org.junit.jupiter.api.function.Executable;
-import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.*;
 
-/**
- * Drives a SoftHSM2 token that the caller has made, and has the JDK and OpenSC judge what comes of
- * it. The environment says where that is, see run.sh.
- */
+/** Drives {@link TestToken}, and has the JDK and OpenSC judge what comes of it. */
 class EndToEndTest {
-  static final Path CLASSES = Path.of(System.getenv("QUARVEL_CLASSES"));
-  static final String MODULE = System.getenv("QUARVEL_PKCS11_MODULE");
-  static final String SHIM = CLASSES.resolveSibling("libshim.so").toString();
-  static final String PIN = System.getenv("QUARVEL_PIN");
-  static final String SO_PIN = System.getenv("QUARVEL_SO_PIN");
-
-  static final byte[] ID = {0, 'i', (byte) 0xFF};
-  static final byte[] DATA = "Whole blocks, to sign or to hide".getBytes(UTF_8);
+  static final String PIN = TestToken.PIN;
+  static final byte[] DATA = TestToken.DATA;
+  static final Date END = TestToken.END;
   static final SecretKeySpec AES = new SecretKeySpec("0123456789abcdef".getBytes(UTF_8), "AES");
-  static final Date END = new GregorianCalendar(2031, Calendar.FEBRUARY, 28).getTime();
 
-  static RSAPrivateCrtKey rsa;
-  static X509Certificate certificate;
-  static PKCS11Template privateKey;
-  static PKCS11Template x509;
+  @RegisterExtension static final TestToken token = new TestToken();
 
   final Locale locale = Locale.getDefault();
-  final NativePKCS11 module = new NativePKCS11();
+  TestToken.Pair rsa;
   NativePKCS11Session session;
   NativePKCS11Object key;
   NativePKCS11Object aes;
 
-  @BeforeAll
-  static void makeKeyAndCertificate(@TempDir Path directory) throws Exception {
-    Path file = directory.resolve("rsa.p12");
-    output(System.getProperty("java.home") + "/bin/keytool -genkeypair -alias rsa -keyalg RSA"
-        + " -keysize 2048 -dname CN=Test -storetype PKCS12 -storepass changeit -keystore " + file);
-    char[] password = "changeit".toCharArray();
-    KeyStore store = KeyStore.getInstance(file.toFile(), password);
-    rsa = (RSAPrivateCrtKey) store.getKey("rsa", password);
-    certificate = (X509Certificate) store.getCertificate("rsa");
-    // Not private, although it should be: SoftHSM2 cannot read a private object's dates back.
-    privateKey = new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY).put(CKA_KEY_TYPE, CKK_RSA)
-        .put(CKA_LABEL, "cl\u00e9 priv\u00e9e").put(CKA_ID, ID).put(CKA_END_DATE, END)
-        .put(CKA_PRIVATE, false).put(CKA_SENSITIVE, false).put(CKA_EXTRACTABLE, true)
-        .put(CKA_SIGN, true).put(CKA_DECRYPT, true).put(CKA_MODULUS, rsa.getModulus())
-        .put(CKA_PUBLIC_EXPONENT, rsa.getPublicExponent())
-        .put(CKA_PRIVATE_EXPONENT, rsa.getPrivateExponent()).put(CKA_PRIME_1, rsa.getPrimeP())
-        .put(CKA_PRIME_2, rsa.getPrimeQ()).put(CKA_EXPONENT_1, rsa.getPrimeExponentP())
-        .put(CKA_EXPONENT_2, rsa.getPrimeExponentQ()).put(CKA_COEFFICIENT, rsa.getCrtCoefficient());
-    x509 = PKCS11Template.of(certificate).put(CKA_TOKEN, true).put(CKA_LABEL, "");
-  }
-
   @BeforeEach
   void logInWithKeys() throws Exception {
-    NativePKCS11.loadPKCS11Library(MODULE);
-    module.libInitialize();
-    session = module.slots(true).get(0).openSession(true);
-    session.loginellips(false, PIN.getBytes(UTF_8));
-    key = session.createObject(privateKey);
+    rsa = TestToken.pair();
+    session = token.logIn();
+    key = session.createObject(rsa.privateKey());
     aes = session.createObject(new PKCS11Template().put(CKA_CLASS, CKO_SECRET_KEY)
         .put(CKA_KEY_TYPE, CKK_AES).put(CKA_VALUE, AES.getEncoded()).put(CKA_EXTRACTABLE, true)
         .put(CKA_ENCRYPT, true).put(CKA_DECRYPT, true).put(CKA_WRAP, true).put(CKA_UNWRAP, true));
   }
 
   @AfterEach
-  void stop() throws Exception {
+  void resetLocale() {
     Locale.setDefault(locale);
-    module.libFinalize();
   }
 
   @Test
@@ -98,11 +57,11 @@ class EndToEndTest {
     session.login(other.toCharArray());
     session.setPINellips(other.getBytes(UTF_8), PIN.getBytes(UTF_8));
     session.logout();
-    assertFails("CKR_PIN_INCORRECT (0xA0)",
+    TestToken.assertFails("CKR_PIN_INCORRECT (0xA0)",
         () -> session.loginellips(false, (PIN + "\0").getBytes(UTF_8)));
-    assertFails("CKR_ARGUMENTS_BAD (0x7)", () -> session.login(null));
-    assertFails("CKR_ARGUMENTS_BAD (0x7)", () -> session.login("12\ud83d4".toCharArray()));
-    session.login(true, SO_PIN);
+    TestToken.assertFails("CKR_ARGUMENTS_BAD (0x7)", () -> session.login(null));
+    TestToken.assertFails("CKR_ARGUMENTS_BAD (0x7)", () -> session.login("12\ud83d4".toCharArray()));
+    session.login(true, TestToken.SO_PIN);
     session.initPIN("56789");
     session.logout();
     session.login(false, "56789");
@@ -113,27 +72,29 @@ class EndToEndTest {
   void findsWhatMatches() throws Exception {
     assertEquals(List.of(), session.findAll(new PKCS11Template().put(CKA_LABEL, "cl")));
     NativePKCS11Object found = session.findFirst(new PKCS11Template()
-        .put(CKA_MODULUS, rsa.getModulus()).put(CKA_SIGN, true).put(CKA_END_DATE, END)
-        .put(CKA_ID, ID).put(CKA_CLASS, CKO_DATA).put(CKA_CLASS, CKO_PRIVATE_KEY)).orElseThrow();
+        .put(CKA_MODULUS, rsa.key().getModulus()).put(CKA_SIGN, true).put(CKA_END_DATE, END)
+        .put(CKA_ID, TestToken.ID).put(CKA_CLASS, CKO_DATA).put(CKA_CLASS, CKO_PRIVATE_KEY))
+        .orElseThrow();
     assertEquals(key, found);
-    NativePKCS11Session other = new NativePKCS11Slot(module, session.slot().slotID()).openSession();
+    NativePKCS11Session other =
+        new NativePKCS11Slot(new NativePKCS11(), session.slot().slotID()).openSession();
     assertNotEquals(session, other);
     assertEquals(Set.of(key, aes), Set.copyOf(other.findAll(null)));
-    assertFails("CKR_SESSION_READ_ONLY (0xB5)", () -> other.createObject(x509));
+    TestToken.assertFails("CKR_SESSION_READ_ONLY (0xB5)", () -> other.createObject(rsa.x509()));
   }
 
   @Test
   void readsAttributesAsTheJdkKnowsThem() throws Exception {
-    NativePKCS11Object stored = session.createObject(x509);
-    assertAttributes(stored, x509);
-    assertEquals(certificate, stored.certificate());
+    NativePKCS11Object stored = session.createObject(rsa.x509());
+    assertAttributes(stored, rsa.x509());
+    assertEquals(rsa.certificate(), stored.certificate());
     stored.destroy();
-    assertFails("CKR_OBJECT_HANDLE_INVALID (0x82)", () -> stored.attributes(CKA_CLASS));
-    assertAttributes(key, privateKey);
-    assertEquals(certificate.getPublicKey(), key.publicKey());
+    TestToken.assertFails("CKR_OBJECT_HANDLE_INVALID (0x82)", () -> stored.attributes(CKA_CLASS));
+    assertAttributes(key, rsa.privateKey());
+    assertEquals(rsa.certificate().getPublicKey(), key.publicKey());
     assertThrows(InvalidKeyException.class, aes::publicKey);
     assertThrows(IllegalArgumentException.class,
-        () -> x509.put(CKA_SERIAL_NUMBER, certificate.getSerialNumber()));
+        () -> rsa.x509().put(CKA_SERIAL_NUMBER, rsa.certificate().getSerialNumber()));
     // SoftHSM2 does not know sizes.
     assertEquals(-1, key.size());
     key.setAttributeValue(CKA_START_DATE, new byte[0]);
@@ -144,8 +105,8 @@ class EndToEndTest {
     NativePKCS11Object secret = session.generateKey(CKM_AES_KEY_GEN,
         new PKCS11Template().put(CKA_VALUE_LEN, 16).put(CKA_SENSITIVE, true));
     assertEquals(Map.of(CKA_SIGN, true), secret.attributes(CKA_VALUE, CKA_SIGN));
-    module.libFinalize();
-    assertFails("Internal error", () -> key.attributes(CKA_MODULUS_BITS));
+    new NativePKCS11().libFinalize();
+    TestToken.assertFails("Internal error", () -> key.attributes(CKA_MODULUS_BITS));
   }
 
   /** The curves as CKA_EC_PARAMS names them: P-256, P-521, edwards25519, edwards448. */
@@ -160,7 +121,7 @@ class EndToEndTest {
         new PKCS11Template().put(CKA_EC_PARAMS, HexFormat.of().parseHex(curve)),
         new PKCS11Template().put(CKA_SIGN, true));
     byte[] signature = session.sign(edwards ? CKM_EDDSA : CKM_ECDSA, pair.privateKey(), DATA);
-    assertVerifies(algorithm, pair.publicKey().publicKey(), signature);
+    TestToken.assertVerifies(algorithm, pair.publicKey().publicKey(), signature);
   }
 
   @ParameterizedTest
@@ -192,13 +153,13 @@ class EndToEndTest {
         () -> session.sign(CKM_RSA_PKCS, key, null), () -> session.decrypt(CKM_RSA_PKCS, key, null),
         () -> session.encrypt(CKM_AES_ECB, aes, null),
         () -> session.unwrapKey(CKM_AES_KEY_WRAP, aes, null, secret))) {
-      assertFails("CKR_ARGUMENTS_BAD (0x7)", call);
+      TestToken.assertFails("CKR_ARGUMENTS_BAD (0x7)", call);
     }
     // No operation was left active.
-    assertVerifies("SHA512withRSA", certificate.getPublicKey(),
+    TestToken.assertVerifies("SHA512withRSA", rsa.certificate().getPublicKey(),
         session.sign(CKM_SHA512_RSA_PKCS, key, DATA));
     Cipher jdk = Cipher.getInstance("RSA/ECB/PKCS1Padding");
-    jdk.init(Cipher.ENCRYPT_MODE, certificate.getPublicKey());
+    jdk.init(Cipher.ENCRYPT_MODE, rsa.certificate().getPublicKey());
     assertArrayEquals(DATA, session.decrypt(CKM_RSA_PKCS, key, jdk.doFinal(DATA)));
   }
 
@@ -229,70 +190,22 @@ class EndToEndTest {
     NativePKCS11Session.KeyPair pair = session.generateKeyPair(CKM_RSA_PKCS_KEY_PAIR_GEN,
         new PKCS11Template().put(CKA_TOKEN, true).put(CKA_MODULUS_BITS, 1024), token);
     // Padding makes more bytes than go in, and encrypt announces no more room than that.
-    assertFails("CKR_BUFFER_TOO_SMALL (0x150)",
+    TestToken.assertFails("CKR_BUFFER_TOO_SMALL (0x150)",
         () -> session.encrypt(CKM_RSA_PKCS, pair.publicKey(), DATA));
-    session.createObject(x509);
+    session.createObject(rsa.x509());
     session.createObject(new PKCS11Template().put(CKA_CLASS, CKO_DATA).put(CKA_TOKEN, true)
         .put(CKA_APPLICATION, "listing"));
     session.generateKey(CKM_AES_KEY_GEN, token.put(CKA_VALUE_LEN, 32));
-    String listing = openSc("--list-objects --login --pin " + PIN);
+    String listing = TestToken.openSc("--list-objects --login --pin " + PIN);
     for (String line : List.of("Public Key Object; RSA +1024 bits", "Private Key Object; RSA.*",
         "Certificate Object; type = X.509 cert", " *subject: +DN: CN=Test",
-        " *serial: +0*%X".formatted(certificate.getSerialNumber()), "Data object .*",
+        " *serial: +0*%X".formatted(rsa.certificate().getSerialNumber()), "Data object .*",
         " *application: +'listing'", "Secret Key Object; AES length 32", " *label: +\u00e9")) {
       assertTrue(listing.matches("(?s).*(?m:^%s$).*".formatted(line)), line + " in\n" + listing);
     }
-    module.libFinalize();
-    emptyToken();
-    assertFalse(openSc("--list-objects --login --pin " + PIN).contains("label"));
-  }
-
-  /** Destroys all objects; no module may be open. */
-  static void emptyToken() throws Exception {
-    try (PKCS11Module module = PKCS11Module.open(MODULE);
-        NativePKCS11Session session = module.tokens().get(0).openSession(true)) {
-      session.login(PIN.toCharArray());
-      for (NativePKCS11Object object : session.findAll(null)) {
-        object.destroy();
-      }
-    }
-  }
-
-  static <T> List<T> inEightThreads(List<Callable<T>> tasks) throws Exception {
-    ExecutorService threads = Executors.newFixedThreadPool(8);
-    List<T> results = new ArrayList<>();
-    try {
-      for (Future<T> task : threads.invokeAll(tasks)) {
-        results.add(task.get());
-      }
-    } finally {
-      threads.shutdown();
-    }
-    return results;
-  }
-
-  /** Counts the calls of a function while native/shim.cpp, which is the module, follows such words. */
-  static long calls(String name, String words, Executable use) throws Throwable {
-    Path shim = Path.of(System.getenv("TOKEN_DIR"), "shim");
-    Path calls = Files.write(shim.resolveSibling("calls"), new byte[0]);
-    Files.writeString(shim, words);
-    try {
-      use.execute();
-    } finally {
-      Files.delete(shim);
-    }
-    return Files.readAllLines(calls).stream().filter(name::equals).count();
-  }
-
-  static void assertFails(String message, Executable call) {
-    assertEquals(message, assertThrows(PKCS11Exception.class, call, message).getMessage());
-  }
-
-  static void assertVerifies(String algorithm, PublicKey key, byte[] signature) throws Exception {
-    Signature verifier = Signature.getInstance(algorithm);
-    verifier.initVerify(key);
-    verifier.update(DATA);
-    assertTrue(verifier.verify(signature), algorithm);
+    new NativePKCS11().libFinalize();
+    TestToken.empty();
+    assertFalse(TestToken.openSc("--list-objects --login --pin " + PIN).contains("label"));
   }
 
   static void assertAttributes(NativePKCS11Object object, PKCS11Template template)
@@ -300,19 +213,5 @@ class EndToEndTest {
     Object[] values = template.values();
     Arrays.asList(values).replaceAll(value -> value.equals("20310228") ? END : value);
     assertArrayEquals(values, object.attributes(template.types()).values().toArray());
-  }
-
-  static String openSc(String arguments) throws Exception {
-    return output("pkcs11-tool --module " + MODULE + " " + arguments);
-  }
-
-  static String output(String command) throws Exception {
-    return output(0, new ProcessBuilder(command.split(" ")).redirectErrorStream(true).start());
-  }
-
-  static String output(int status, Process process) throws Exception {
-    String text = new String(process.getInputStream().readAllBytes(), UTF_8);
-    assertEquals(status, process.waitFor(), text);
-    return text;
   }
 }

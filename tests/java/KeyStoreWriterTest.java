@@ -13,6 +13,7 @@ import java.util.*;
 import javax.crypto.KeyAgreement;
 import javax.crypto.spec.SecretKeySpec;
 import org.junit.jupiter.api.*;
+import org.junit.jupiter.api.extension.RegisterExtension;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.ValueSource;
 
@@ -22,6 +23,8 @@ class KeyStoreWriterTest {
 
   static final Path failing = ProviderTest.DIR.resolve("failing");
   static Certificate[] expired;
+
+  @RegisterExtension static final TestToken token = new TestToken();
 
   QuarvelProvider provider;
   KeyStore store;
@@ -33,7 +36,6 @@ class KeyStoreWriterTest {
   @BeforeAll
   static void makeKeys() throws Exception {
     ProviderTest.fillToken();
-    EndToEndTest.emptyToken();
     try (var file = Files.newInputStream(ProviderTest.DIR.resolve("expired.der"))) {
       expired = new Certificate[] {
           CertificateFactory.getInstance("X.509").generateCertificate(file), chain("rsa2048")[1]};
@@ -42,22 +44,17 @@ class KeyStoreWriterTest {
 
   @BeforeEach
   void fill() throws Exception {
+    TestToken.empty();
+    Files.writeString(failing, "-1");
     open(WRITABLE);
     store.setKeyEntry("rsa", software("rsa2048"), null, chain("rsa2048"));
-  }
-
-  @AfterEach
-  void empty() throws Exception {
-    Files.writeString(failing, "-1");
-    provider.logout();
-    EndToEndTest.emptyToken();
   }
 
   void open(String uri) throws Exception {
     if (provider != null) {
       provider.logout();
     }
-    provider = (QuarvelProvider) new QuarvelProvider().configure(uri);
+    provider = token.configured(uri);
     store = ProviderTest.load(provider, ProviderTest.PIN);
   }
 
@@ -78,7 +75,7 @@ class KeyStoreWriterTest {
 
   /** Returns what is on the token, whatever its order. */
   static Set<String> objects() throws Exception {
-    return Set.of(EndToEndTest.openSc("--list-objects --login --pin " + EndToEndTest.PIN)
+    return Set.of(TestToken.openSc("--list-objects --login --pin " + TestToken.PIN)
         .replace("\n  ", " ").split("\n"));
   }
 
@@ -121,7 +118,7 @@ class KeyStoreWriterTest {
     Key key = store.getKey("rsa", null);
     Certificate[] own = chain("rsa2048");
     KeyStore.TrustedCertificateEntry trusted = new KeyStore.TrustedCertificateEntry(own[1]);
-    QuarvelProvider twin = (QuarvelProvider) new QuarvelProvider().configure(WRITABLE);
+    QuarvelProvider twin = token.configured(WRITABLE);
     Key twinKey = ProviderTest.load(twin, ProviderTest.PIN).getKey("rsa", null);
     Set<String> before = objects();
     Map<Change, String> changes = new LinkedHashMap<>();
@@ -143,7 +140,6 @@ class KeyStoreWriterTest {
       String told = assertThrows(KeyStoreException.class, () -> change.to(store)).getMessage();
       assertTrue(told.contains(why), told);
     });
-    twin.logout();
     assertEquals(before, objects());
   }
 
@@ -173,8 +169,8 @@ class KeyStoreWriterTest {
       assertThrows(InvalidAlgorithmParameterException.class,
           () -> generated("RSA", new RSAKeyGenParameterSpec(bits, RSAKeyGenParameterSpec.F4)));
     }
-    byte[] digest = MessageDigest.getInstance("SHA-256", provider).digest(EndToEndTest.DATA);
-    assertArrayEquals(MessageDigest.getInstance("SHA-256").digest(EndToEndTest.DATA), digest);
+    byte[] digest = MessageDigest.getInstance("SHA-256", provider).digest(TestToken.DATA);
+    assertArrayEquals(MessageDigest.getInstance("SHA-256").digest(TestToken.DATA), digest);
     open(ProviderTest.URI);
     assertThrows(NoSuchAlgorithmException.class, () -> generated("RSA", null));
   }

@@ -12,15 +12,18 @@ import java.security.PublicKey;
 import java.util.*;
 import java.util.concurrent.*;
 import org.junit.jupiter.api.*;
+import org.junit.jupiter.api.extension.RegisterExtension;
 import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.*;
 
-/** Opens modules: the SoftHSM2 of {@link EndToEndTest} behind the adapter, and odd ones. */
+/** Opens modules: that of {@link TestToken} behind the adapter, and odd ones. */
 class PKCS11ModuleTest {
-  static final Path BUILD = EndToEndTest.CLASSES.resolve("../..").normalize();
+  static final Path BUILD = TestToken.CLASSES.resolve("../..").normalize();
   static final String ODD = BUILD.resolve("tests/libodd.so").toString();
-  static final char[] PIN = EndToEndTest.PIN.toCharArray();
+  static final char[] PIN = TestToken.PIN.toCharArray();
+
+  @RegisterExtension static final TestToken token = new TestToken();
 
   @TempDir static Path dir;
 
@@ -59,17 +62,17 @@ class PKCS11ModuleTest {
       }).getMessage();
       assertTrue(told.replace("" + dir, "DIR").replace("" + BUILD, "BUILD").matches(message), told);
     }
-    open().close();
+    token.open().close();
   }
 
   @Test
   void opensOneModuleAtATime() throws Exception {
-    PKCS11Module first = open();
-    assertEquals("there is one module at a time, and " + EndToEndTest.MODULE + " is open: close it"
+    PKCS11Module first = token.open();
+    assertEquals("there is one module at a time, and " + TestToken.MODULE + " is open: close it"
         + " first, or open p11-kit-proxy.so, which shows several as one",
-        assertThrows(IllegalStateException.class, this::open).getMessage());
+        assertThrows(IllegalStateException.class, token::open).getMessage());
     first.close();
-    try (PKCS11Module second = open()) {
+    try (PKCS11Module second = token.open()) {
       first.close();
       assertThrows(IllegalStateException.class, first::tokens);
       assertEquals(1, second.tokens().size());
@@ -80,12 +83,12 @@ class PKCS11ModuleTest {
   @Test
   void namesTheTokensThereAre() throws Exception {
     String first;
-    try (PKCS11Module module = open()) {
+    try (PKCS11Module module = token.open()) {
       first = module.token("demo").getTokenSN();
     }
-    EndToEndTest.output("softhsm2-util --init-token --free --label demo --so-pin 1234 --pin 1234");
+    TestToken.output("softhsm2-util --init-token --free --label demo --so-pin 1234 --pin 1234");
     List<String> serials = new ArrayList<>();
-    try (PKCS11Module module = open()) {
+    try (PKCS11Module module = token.open()) {
       String told = "; there are: ";
       for (NativePKCS11Slot slot : module.tokens()) {
         serials.add(slot.getTokenSN());
@@ -94,15 +97,15 @@ class PKCS11ModuleTest {
         assertEquals(slot, module.token(PKCS11Uri.parse("pkcs11:slot-id=" + slot.slotID())));
       }
       String all = told.substring(0, told.length() - 2);
-      EndToEndTest.assertFails("2 tokens labelled \"demo\"" + all, () -> module.token("demo"));
-      EndToEndTest.assertFails("2 tokens found" + all,
+      TestToken.assertFails("2 tokens labelled \"demo\"" + all, () -> module.token("demo"));
+      TestToken.assertFails("2 tokens found" + all,
           () -> module.token(PKCS11Uri.ANY));
-      EndToEndTest.assertFails("no token labelled \"x\"" + all, () -> module.token("x"));
+      TestToken.assertFails("no token labelled \"x\"" + all, () -> module.token("x"));
     } finally {
       serials.remove(first);
-      EndToEndTest.output("softhsm2-util --delete-token --serial " + serials.get(0));
+      TestToken.output("softhsm2-util --delete-token --serial " + serials.get(0));
     }
-    try (PKCS11Module module = open()) {
+    try (PKCS11Module module = token.open()) {
       assertEquals(first, module.token("demo").getTokenSN());
     }
   }
@@ -111,31 +114,27 @@ class PKCS11ModuleTest {
   @Test
   void servesEightThreads() throws Exception {
     long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(Integer.getInteger("quarvel.seconds", 0));
-    PKCS11Module module = open();
-    try {
-      NativePKCS11Session login = module.token("demo").openSession();
-      login.login(PIN);
-      NativePKCS11Session.KeyPair pair = login.generateKeyPair(CKM_RSA_PKCS_KEY_PAIR_GEN,
-          new PKCS11Template().put(CKA_MODULUS_BITS, 2048), new PKCS11Template());
-      List<Callable<Integer>> uses = new ArrayList<>();
-      List<Callable<Object>> ends = new ArrayList<>();
-      for (int i = 0; i < 8; i++) {
-        String label = "thread " + i;
-        uses.add(() -> use(login.slot(), label, pair, end));
-        ends.add(() -> assertThrows(
-            PKCS11Exception.class, () -> use(login.slot(), label, pair, Long.MAX_VALUE)));
-      }
-      System.out.println(
-          "eight threads: " + EndToEndTest.inEightThreads(uses) + " signatures verified");
-      ends.set(0, () -> {
-        Thread.sleep(100);
-        module.close();
-        return null;
-      });
-      EndToEndTest.inEightThreads(ends);
-    } finally {
-      module.close();
+    PKCS11Module module = token.open();
+    NativePKCS11Session login = module.token("demo").openSession();
+    login.login(PIN);
+    NativePKCS11Session.KeyPair pair = login.generateKeyPair(CKM_RSA_PKCS_KEY_PAIR_GEN,
+        new PKCS11Template().put(CKA_MODULUS_BITS, 2048), new PKCS11Template());
+    List<Callable<Integer>> uses = new ArrayList<>();
+    List<Callable<Object>> ends = new ArrayList<>();
+    for (int i = 0; i < 8; i++) {
+      String label = "thread " + i;
+      uses.add(() -> use(login.slot(), label, pair, end));
+      ends.add(() -> assertThrows(
+          PKCS11Exception.class, () -> use(login.slot(), label, pair, Long.MAX_VALUE)));
     }
+    System.out.println(
+        "eight threads: " + TestToken.inEightThreads(uses) + " signatures verified");
+    ends.set(0, () -> {
+      Thread.sleep(100);
+      module.close();
+      return null;
+    });
+    TestToken.inEightThreads(ends);
   }
 
   /** Private objects alone: SoftHSM2 lets a search see others when they are half made, and fail. */
@@ -144,14 +143,14 @@ class PKCS11ModuleTest {
     PublicKey key = pair.publicKey().publicKey();
     PKCS11Template mine = new PKCS11Template().put(CKA_LABEL, label);
     PKCS11Template data = new PKCS11Template().put(CKA_CLASS, CKO_DATA).put(CKA_LABEL, label)
-        .put(CKA_PRIVATE, true).put(CKA_VALUE, EndToEndTest.DATA);
+        .put(CKA_PRIVATE, true).put(CKA_VALUE, TestToken.DATA);
     int rounds = 0;
     while (rounds < 20 || System.nanoTime() < end) {
       try (NativePKCS11Session session = slot.openSession()) {
         NativePKCS11Object object = session.createObject(data);
         assertEquals(List.of(object), session.findAll(mine));
-        EndToEndTest.assertVerifies("SHA256withRSA", key, session.sign(CKM_SHA256_RSA_PKCS,
-            new NativePKCS11Object(session, pair.privateKey().objectID()), EndToEndTest.DATA));
+        TestToken.assertVerifies("SHA256withRSA", key, session.sign(CKM_SHA256_RSA_PKCS,
+            new NativePKCS11Object(session, pair.privateKey().objectID()), TestToken.DATA));
         if (rounds++ % 2 == 0) {
           object.destroy();
           assertEquals(List.of(), session.findAll(mine));
@@ -167,7 +166,7 @@ class PKCS11ModuleTest {
   void listsNoTokens() throws Exception {
     try (PKCS11Module module = PKCS11Module.openDirect(ODD)) {
       assertEquals(List.of(), module.tokens());
-      EndToEndTest.assertFails("no token labelled \"x\"; there is none", () -> module.token("x"));
+      TestToken.assertFails("no token labelled \"x\"; there is none", () -> module.token("x"));
       assertEquals(2, module.slots().size());
       module.slots().get(0).closeAllSessions();
       assertEquals(List.of(), module.slots());
@@ -199,9 +198,5 @@ class PKCS11ModuleTest {
           InvocationTargetException.class, () -> type.getMethod(method).invoke(handle)).getCause();
       assertEquals("PKCS11Exception", cause.getClass().getSimpleName(), cause::toString);
     }
-  }
-
-  private PKCS11Module open() throws PKCS11Exception {
-    return PKCS11Module.open(EndToEndTest.MODULE);
   }
 }

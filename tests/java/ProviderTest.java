@@ -28,22 +28,23 @@ import javax.xml.crypto.dsig.dom.*;
 import javax.xml.crypto.dsig.spec.*;
 import javax.xml.parsers.DocumentBuilderFactory;
 import org.junit.jupiter.api.*;
+import org.junit.jupiter.api.extension.RegisterExtension;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.*;
 import org.w3c.dom.Document;
 
 /**
- * Has the JDK judge the provider, with the keys of provider/keys.sh, which both the token of {@link
- * EndToEndTest} and software hold; it leaves that token as empty as it was.
+ * Has the JDK judge the provider, with the keys of provider/keys.sh, which both {@link
+ * TestToken} and software hold.
  */
 class ProviderTest {
-  static final Path DIR = Path.of(System.getenv("TOKEN_DIR"));
+  static final Path DIR = TestToken.DIR;
   static final String URI = "pkcs11:token=%s?module-path=%s"
-      .formatted(System.getenv("QUARVEL_TOKEN"), EndToEndTest.SHIM);
-  static final char[] PIN = EndToEndTest.PIN.toCharArray();
+      .formatted(System.getenv("QUARVEL_TOKEN"), TestToken.SHIM);
+  static final char[] PIN = TestToken.PIN.toCharArray();
   static final char[] PASSWORD = "changeit".toCharArray();
-  static final byte[] DATA = EndToEndTest.DATA;
+  static final byte[] DATA = TestToken.DATA;
   // Wrong padding would not do: a token may answer with other bytes rather than tell of it.
   static final byte[] BEYOND_MODULUS = HexFormat.of().parseHex("ff".repeat(256));
 
@@ -52,8 +53,9 @@ class ProviderTest {
   static final List<String> told = new ArrayList<>();
   static Provider copy;
 
-  final List<QuarvelProvider> configured = new ArrayList<>();
-  final QuarvelProvider provider = configured(URI);
+  @RegisterExtension static final TestToken token = new TestToken();
+
+  final QuarvelProvider provider = token.configured(URI);
   KeyStore store;
 
   // ---- The token ----
@@ -63,16 +65,16 @@ class ProviderTest {
     URL jar = QuarvelProvider.class.getProtectionDomain().getCodeSource().getLocation();
     copy = (Provider) new URLClassLoader(new URL[] {jar}, null)
         .loadClass(QuarvelProvider.class.getName()).getConstructor().newInstance();
-    EndToEndTest.output(System.getenv("QUARVEL_KEYS"));
+    TestToken.output(System.getenv("QUARVEL_KEYS"));
     for (String name : List.of("ca", "rsa2048", "rsa1025", "rsa512", "pss", "prime256v1",
         "secp521r1", "ed25519")) {
       KeyStore file = KeyStore.getInstance(DIR.resolve(name + ".p12").toFile(), PASSWORD);
       software.put(name, (PrivateKey) file.getKey("1", PASSWORD));
       certificates.put(name, (X509Certificate) file.getCertificate("1"));
     }
-    try (PKCS11Module module = PKCS11Module.open(EndToEndTest.MODULE);
+    try (PKCS11Module module = PKCS11Module.open(TestToken.MODULE);
         NativePKCS11Session session = module.tokens().get(0).openSession(true)) {
-      session.login(true, EndToEndTest.SO_PIN);
+      session.login(true, TestToken.SO_PIN);
       session.createObject(PKCS11Template.of(certificates.get("ca")).put(CKA_TOKEN, true)
           .put(CKA_PRIVATE, false).put(CKA_LABEL, "CA").put(CKA_TRUSTED, true));
       session.logout();
@@ -92,18 +94,8 @@ class ProviderTest {
     });
   }
 
-  @AfterAll
-  static void emptyToken() throws Exception {
-    EndToEndTest.emptyToken();
-  }
-
   static PublicKey publicKey(String name) {
     return certificates.get(name).getPublicKey();
-  }
-
-  QuarvelProvider configured(String uri) {
-    configured.add((QuarvelProvider) new QuarvelProvider().configure(uri));
-    return configured.get(configured.size() - 1);
   }
 
   static KeyStore load(Provider provider, char[] pin) throws Exception {
@@ -121,12 +113,9 @@ class ProviderTest {
   }
 
   @AfterEach
-  void unload() throws Exception {
+  void unload() {
     Security.removeProvider(provider.getName());
     Security.removeProvider(copy.getName());
-    for (QuarvelProvider each : configured) {
-      each.logout();
-    }
   }
 
   PrivateKey key(String name) throws Exception {
@@ -275,7 +264,7 @@ class ProviderTest {
   void decryptsOnceWhatFails(String answer) throws Throwable {
     Cipher cipher = Cipher.getInstance("RSA");
     cipher.init(Cipher.DECRYPT_MODE, key("rsa2048"));
-    assertEquals(1, EndToEndTest.calls("C_Decrypt", answer, () -> assertEquals(
+    assertEquals(1, TestToken.calls("C_Decrypt", answer, () -> assertEquals(
         "javax.crypto.BadPaddingException: the token cannot decrypt this", assertThrows(
             Exception.class, () -> cipher.doFinal(BEYOND_MODULUS)).toString())));
   }
@@ -319,7 +308,7 @@ class ProviderTest {
   /** Certificates for the key without one, those beside it, and the chain that comes of them. */
   @Test
   void choosesTheNewestValidIssuer() throws Exception {
-    EndToEndTest.output(System.getenv("QUARVEL_KEYS").replace("keys.sh", "issuers.sh"));
+    TestToken.output(System.getenv("QUARVEL_KEYS").replace("keys.sh", "issuers.sh"));
     NativePKCS11Session session = new NativePKCS11().slots(true).get(0).openSession(true);
     for (String row : List.of("ofFirst, old new, ofFirst new", "ofFirst, new old, ofFirst new",
         "ofFirst, expired old, ofFirst old", "ofFirst, expired, ofFirst expired",
@@ -353,19 +342,19 @@ class ProviderTest {
       ";object=%FF,CA", ";object=pay,CA", ";object=pay%00B,rsa512 CA", ";object=rsa2048;type=private,CA",
       ";object=rsa2048;type=cert,rsa2048 CA", ";object=rsa2048-key;type=cert,CA"})
   void offersTheKeysThatTheUriNames(String limits, String aliases) throws Exception {
-    KeyStore keys = load(configured(URI.replace("?", limits + "?")), PIN);
+    KeyStore keys = load(token.configured(URI.replace("?", limits + "?")), PIN);
     assertEquals(aliases, String.join(" ", Collections.list(keys.aliases())));
   }
 
   @Test
   void offersEachKeyThatTheInspectorNames() throws Exception {
-    Path pin = Files.writeString(DIR.resolve("pin"), EndToEndTest.PIN);
+    Path pin = Files.writeString(DIR.resolve("pin"), TestToken.PIN);
     provider.logout();
     List<String> offered = new ArrayList<>();
     for (String uri : CliTest.run("objects --type private --uri-only --uri pkcs11:token=demo?pin-source=" + pin)
         .out().split("\n")) {
       List<String> aliases = Collections.list(load(
-          configured(uri + "?module-path=" + EndToEndTest.MODULE), PIN).aliases());
+          token.configured(uri + "?module-path=" + TestToken.MODULE), PIN).aliases());
       assertTrue(aliases.size() <= 2, uri);
       offered.addAll(aliases.subList(0, aliases.size() - 1));
     }
@@ -398,9 +387,9 @@ class ProviderTest {
     assertThrows(FailedLoginException.class,
         () -> provider.login(null, answering(List.of("98765"), asked)));
     assertThrows(IOException.class,
-        () -> load(configured(URI + "&pin-source=file:/dev/zero"), null));
+        () -> load(token.configured(URI + "&pin-source=file:/dev/zero"), null));
     // Nothing was left open.
-    PKCS11Module.open(EndToEndTest.MODULE).close();
+    PKCS11Module.open(TestToken.MODULE).close();
   }
 
   static String pinSource(byte[] content) throws Exception {
@@ -409,14 +398,14 @@ class ProviderTest {
 
   static void assertLogins(int tries, String kind, String changes, Executable use)
       throws Throwable {
-    assertEquals(tries, EndToEndTest.calls("C_Login:" + kind, changes, use));
+    assertEquals(tries, TestToken.calls("C_Login:" + kind, changes, use));
   }
 
   /** Loading, of a key that logs in once, and of one that logs in each time. */
   @ParameterizedTest
   @CsvSource({"none,1", "rsa2048,1", "bare-key aa,2"})
   void eightThreadsTryAWrongPinOnce(String name, String kind) throws Throwable {
-    QuarvelProvider withFile = configured(URI + pinSource(EndToEndTest.PIN.getBytes(UTF_8)));
+    QuarvelProvider withFile = token.configured(URI + pinSource(TestToken.PIN.getBytes(UTF_8)));
     PrivateKey key = (PrivateKey) load(withFile, null).getKey(name, null);
     pinSource("98765".getBytes(UTF_8));
     if (kind.equals("1")) {
@@ -430,7 +419,7 @@ class ProviderTest {
           signed(signer);
         });
     // All have begun by the time of the answer: a load after that is a try of its own.
-    assertLogins(1, kind, "pause=1", () -> EndToEndTest.inEightThreads(Collections.nCopies(8, use)));
+    assertLogins(1, kind, "pause=1", () -> TestToken.inEightThreads(Collections.nCopies(8, use)));
   }
 
   /** The password of load, which may be a program's default, is not the PIN then. */
@@ -441,7 +430,7 @@ class ProviderTest {
     provider.logout();
     String uri = URI + pinSource(content.getBytes(ISO_8859_1));
     assertLogins(tries, "1", "", why != null ? () -> assertNotLoaded(uri, why)
-        : () -> load(configured(uri), PASSWORD));
+        : () -> load(token.configured(uri), PASSWORD));
   }
 
   /** Both when it is connected to once more and between the session and its login. */
@@ -450,9 +439,9 @@ class ProviderTest {
       "slots=second", "slots=both"})
   void givesAnotherTokenNoPin(String change) throws Throwable {
     String slot = Integer.toUnsignedString(new NativePKCS11().slots(true).get(0).slotID());
-    QuarvelProvider own = configured(
+    QuarvelProvider own = token.configured(
         change.equals("slots=second") ? URI.replace(":", ":slot-id=" + slot + ";") : URI);
-    own.setCallbackHandler(answering(List.of(EndToEndTest.PIN), new int[1]));
+    own.setCallbackHandler(answering(List.of(TestToken.PIN), new int[1]));
     Signature signer = Signature.getInstance("SHA256withRSA");
     signer.initSign((PrivateKey) load(own, null).getKey("rsa2048", null));
     provider.logout();
@@ -466,7 +455,7 @@ class ProviderTest {
   @Test
   void keysLogInAgain() throws Exception {
     int[] asked = {0};
-    provider.setCallbackHandler(answering(List.of(EndToEndTest.PIN), asked));
+    provider.setCallbackHandler(answering(List.of(TestToken.PIN), asked));
     Signature signer = Signature.getInstance("Ed25519");
     signer.initSign(key("ed25519"));
     byte[] before = signed(signer);
@@ -478,18 +467,18 @@ class ProviderTest {
     provider.setCallbackHandler(null);
     provider.logout();
     assertNotSigned(signer, "wants a PIN");
-    provider.login(null, answering(List.of(EndToEndTest.PIN), asked));
+    provider.login(null, answering(List.of(TestToken.PIN), asked));
     assertThrows(SignatureException.class, signer::sign);
     provider.logout();
     Path pin = DIR.resolve("pin");
-    Files.writeString(pin, EndToEndTest.PIN + "\n");
-    QuarvelProvider withFile = configured(URI + "&pin-source=file:" + pin);
+    Files.writeString(pin, TestToken.PIN + "\n");
+    QuarvelProvider withFile = token.configured(URI + "&pin-source=file:" + pin);
     KeyStore own = load(withFile, null);
     signer.initSign((PrivateKey) own.getKey("ed25519", null));
     withFile.logout();
     Files.writeString(pin, "98765");
     assertNotSigned(signer, "CKR_PIN_INCORRECT");
-    Files.writeString(pin, EndToEndTest.PIN);
+    Files.writeString(pin, TestToken.PIN);
     assertNotSigned(signer, "was refused");
     own.load(null, null);
     assertArrayEquals(before, signed(signer));
@@ -499,7 +488,7 @@ class ProviderTest {
   void asksForEachUseOfSomeKeys() throws Exception {
     int[] asked = {0};
     provider.setCallbackHandler(
-        answering(List.of(EndToEndTest.PIN, EndToEndTest.PIN, "98765", EndToEndTest.PIN), asked));
+        answering(List.of(TestToken.PIN, TestToken.PIN, "98765", TestToken.PIN), asked));
     Signature signer = Signature.getInstance("SHA256withRSA");
     signer.initSign(key("bare-key aa"));
     byte[] first = signed(signer);
@@ -516,7 +505,7 @@ class ProviderTest {
 
   @Test
   void manyThreadsLogInAndSign() throws Exception {
-    provider.setCallbackHandler(answering(List.of(EndToEndTest.PIN), new int[1]));
+    provider.setCallbackHandler(answering(List.of(TestToken.PIN), new int[1]));
     PrivateKey key = key("prime256v1");
     AtomicInteger uses = new AtomicInteger();
     Callable<byte[]> use = () -> {
@@ -528,8 +517,8 @@ class ProviderTest {
       signer.initSign(key);
       return signed(signer);
     };
-    for (byte[] signature : EndToEndTest.inEightThreads(Collections.nCopies(400, use))) {
-      EndToEndTest.assertVerifies("SHA256withECDSA", publicKey("prime256v1"), signature);
+    for (byte[] signature : TestToken.inEightThreads(Collections.nCopies(400, use))) {
+      TestToken.assertVerifies("SHA256withECDSA", publicKey("prime256v1"), signature);
     }
   }
 
@@ -553,7 +542,7 @@ class ProviderTest {
         Files.writeString(configuration, before + "slots.mechanisms = -CKM_MD5,CKM_"
             + lacking.replace(" ", ",CKM_"));
       }
-      keys = load(configured(URI.replace("?", ";object=" + name + "?")), PIN);
+      keys = load(token.configured(URI.replace("?", ";object=" + name + "?")), PIN);
     } finally {
       Files.writeString(configuration, before);
     }
@@ -581,7 +570,7 @@ class ProviderTest {
       try (Socket client = context.getSocketFactory().createSocket("localhost", port)) {
         assertEquals(42, client.getInputStream().read());
       }
-      EndToEndTest.output("openssl s_client -connect localhost:%d -CAstore %s/ca.der -cert %2$s/%s.der"
+      TestToken.output("openssl s_client -connect localhost:%d -CAstore %s/ca.der -cert %2$s/%s.der"
           .formatted(port, DIR, name) + " -verify_return_error -key %s/%s.key -%s".formatted(DIR, name,
               protocol.replace("TLSv1.", "tls1_")));
       assertEquals(Collections.nCopies(2, certificates.get(name)), server.get());
@@ -616,25 +605,25 @@ class ProviderTest {
   @Test
   void saysWhatIsWrongWithAToken() throws Throwable {
     String told = provider.toString();
-    assertTrue(told.endsWith("token \"demo\" behind the module " + EndToEndTest.SHIM), told);
+    assertTrue(told.endsWith("token \"demo\" behind the module " + TestToken.SHIM), told);
     assertNotLoaded("pkcs11:token=demo?module-path=/other.so", "there is one module at a time");
     provider.logout();
     assertNotLoaded(URI.replace("token=", "token=no"), "there are: \"demo\"");
-    EndToEndTest.calls("C_Login", "label=\uFFFD\u001B", () -> assertNotLoaded(
+    TestToken.calls("C_Login", "label=\uFFFD\u001B", () -> assertNotLoaded(
         URI.replace("=demo", "=%FF%1B"), "no token found; there are: \"\uFFFD\\u001B\""));
     assertNotLoaded(URI.replace("token=demo", "") + "-none", "-none");
     assertThrows(IOException.class, () -> load(new QuarvelProvider(), PIN));
   }
 
   void assertNotLoaded(String uri, String why) {
-    String told = assertThrows(IOException.class, () -> load(configured(uri), PIN)).getMessage();
+    String told = assertThrows(IOException.class, () -> load(token.configured(uri), PIN)).getMessage();
     assertTrue(told.contains(why), told);
   }
 
   @Test
   void refusesWhatCannotBe() throws Exception {
     for (String uri : List.of("/etc/pkcs11.cfg", "pkcs11:token=demo")) {
-      assertTrue(assertThrows(InvalidParameterException.class, () -> configured(uri)).getMessage()
+      assertTrue(assertThrows(InvalidParameterException.class, () -> token.configured(uri)).getMessage()
           .startsWith("wanted is"));
     }
     Signature pss = Signature.getInstance("RSASSA-PSS", provider);
