@@ -6,6 +6,7 @@ set -euo pipefail
 jdk=$1 jar=$(readlink -f "$2") module=${3-softhsm2}
 . "$(dirname "$(readlink -f "$0")")/token.sh"
 quick_java
+export LC_ALL=C.UTF-8 # for an alias beyond ASCII
 start_module "$module"
 [ "$module" != nss ] || QUARVEL_TOKEN=demo QUARVEL_PIN=1234 # the other slot keeps nothing
 cd "$TOKEN_DIR"
@@ -31,6 +32,7 @@ does -genkeypair -alias ca -keyalg RSA -keysize 2048 -dname CN=ca -ext bc:c
 does -exportcert -alias ca -rfc -file ca.pem
 kinds=("${@:4}")
 [ $# -gt 3 ] || kinds=('EC -groupname secp521r1' Ed25519)
+other=$(printf '\u20ac;?%%,\\"%.0s' {1..40})
 for kind in "${kinds[@]}"; do
   # shellcheck disable=SC2086  # several words
   does -genkeypair -alias one -keyalg $kind -dname CN=one
@@ -45,9 +47,9 @@ for kind in "${kinds[@]}"; do
     diff <(openssl x509 -in reply -text) <(openssl x509 -in stored -text) >>log || die importcert
   done
   holds "$kind: certified" ca one
-  does -changealias -alias one -destalias other
-  holds "$kind: renamed" ca other
-  does -delete -alias other
+  does -changealias -alias one -destalias "$other"
+  holds "$kind: renamed" ca "$other"
+  does -delete -alias "$other"
   holds "$kind: deleted" ca
 done
 

@@ -1,18 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // A module that misbehaves in every way that has a name here, and a random walk over all of it.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <random>
 
 #include "call.h"
-#include "pkcs11Bridge.h"
 
 namespace {
 
@@ -37,19 +34,6 @@ TEST(Hostile, EveryMisbehaviourInEveryMethod) {
     }
   }
   std::printf("hostile cases: %zu\n", cases);
-}
-
-TEST(Hostile, AModuleMayVanishFromDisk) {
-  const std::string copy = testing::TempDir() + "vanishing" + std::to_string(getpid()) + ".so";
-  std::filesystem::copy(scripted::file(), copy);
-  CK_FUNCTION_LIST_PTR list = nullptr;
-  ASSERT_EQ(bridge::loadLib(copy.c_str(), &list), CKR_OK);
-  unlink(copy.c_str());
-  for (const std::string method :
-       {"Module.libInitialize", "Session.logout", "Module.libFinalize"}) {
-    EXPECT_EQ(call(method, "").result, "void");
-  }
-  EXPECT_EQ(dlopen(copy.c_str(), RTLD_LAZY | RTLD_NOLOAD), nullptr) << "still mapped";
 }
 
 // ---- The random walk ----

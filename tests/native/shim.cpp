@@ -78,6 +78,12 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
   return rv;
 }
 
+/// The functions that the files alter, under the names of the module's.
+#define QUARVEL_NOTED(NAME) \
+  list.NAME = [](auto... args) { return answer(#NAME, [=] { return module->NAME(args...); }); }
+#define QUARVEL_FAILING(NAME) \
+  list.NAME = [](auto... args) { return fails() ? CKR_DEVICE_MEMORY : module->NAME(args...); }
+
 bool fails() {
   int left = -1;
   std::ifstream(path("failing")) >> left;
@@ -103,34 +109,19 @@ extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** given) {
   list = *module;
   last.clear();
   list.C_GetTokenInfo = tokenInfo;
-  list.C_OpenSession = [](CK_SLOT_ID slot, CK_FLAGS flags, void* application, CK_NOTIFY notify,
-                          CK_SESSION_HANDLE* session) {
-    return answer("C_OpenSession", [&] {
-      return module->C_OpenSession(
-          behind(slot).value_or(slot), flags, application, notify, session);
-    });
+  list.C_OpenSession = [](CK_SLOT_ID slot, auto... rest) {
+    return answer("C_OpenSession",
+                  [=] { return module->C_OpenSession(behind(slot).value_or(slot), rest...); });
   };
-  list.C_Login = [](CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin, CK_ULONG size) {
+  list.C_Login = [](CK_SESSION_HANDLE session, CK_USER_TYPE user, auto... pin) {
     return answer("C_Login:" + std::to_string(user),
-                  [&] { return module->C_Login(session, user, pin, size); });
+                  [=] { return module->C_Login(session, user, pin...); });
   };
-  list.C_DecryptInit = [](CK_SESSION_HANDLE session, CK_MECHANISM* mechanism,
-                          CK_OBJECT_HANDLE key) {
-    return answer("C_DecryptInit", [&] { return module->C_DecryptInit(session, mechanism, key); });
-  };
-  list.C_Decrypt = [](CK_SESSION_HANDLE session, CK_BYTE* in, CK_ULONG size, CK_BYTE* out,
-                      CK_ULONG* outSize) {
-    return answer("C_Decrypt", [&] { return module->C_Decrypt(session, in, size, out, outSize); });
-  };
+  QUARVEL_NOTED(C_DecryptInit);
+  QUARVEL_NOTED(C_Decrypt);
   list.C_CreateObject = create;
-  list.C_SetAttributeValue = [](CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
-                                CK_ATTRIBUTE* attributes, CK_ULONG count) {
-    return fails() ? CK_RV{CKR_DEVICE_MEMORY}
-                   : module->C_SetAttributeValue(session, object, attributes, count);
-  };
-  list.C_DestroyObject = [](CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
-    return fails() ? CK_RV{CKR_DEVICE_MEMORY} : module->C_DestroyObject(session, object);
-  };
+  QUARVEL_FAILING(C_SetAttributeValue);
+  QUARVEL_FAILING(C_DestroyObject);
   *given = &list;
   return CKR_OK;
 }
