@@ -344,7 +344,7 @@ TEST_F(Adapter, AnswersAListWithRoomForNone) {
 
 // ---- What it lifts ----
 
-TEST_F(Adapter, NarrowsTypesAndCompletesMechanisms) {
+TEST_F(Adapter, NarrowsTypes) {
   const H session = open(kWide), key = make(session, 0x21);
   CK_ATTRIBUTE attributes[] = {{CKA_LABEL, nullptr, 0}, {0xFFFFFFFF80000201, nullptr, 0}};
   module.C_GetAttributeValue = [](H, H, CK_ATTRIBUTE* given, CK_ULONG count) {
@@ -357,7 +357,10 @@ TEST_F(Adapter, NarrowsTypesAndCompletesMechanisms) {
   EXPECT_EQ(attributes[1].type, 0xFFFFFFFF80000201) << "the caller's own";
   EXPECT_EQ(p11->C_Login(session, 0xFFFFFFFF80000001, nullptr, 0), CKR_OK);
   EXPECT_EQ(calls.back(), "C_Login(0x7F0000000010, 0x80000001, null/0)");
+}
 
+TEST_F(Adapter, CompletesMechanisms) {
+  const H session = open(kWide), key = make(session, 0x21);
   static Handles given;  // the mechanism and the words of its parameter
   module.C_DecryptInit = [](H, CK_MECHANISM* mechanism, H) {
     const auto* words = static_cast<CK_ULONG*>(mechanism->pParameter);

@@ -162,9 +162,6 @@ std::string statedOf(std::string did, const Statement& statement) {
   return did != "<>" ? did : "";
 }
 
-/// What comes of the first row of each method in the table.
-std::map<std::string, Outcome> goodRuns;
-
 /// The size of what two texts begin with, in whole events and lines.
 std::size_t inCommon(const std::string& a, const std::string& b) {
   const std::size_t size = std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin();
@@ -206,6 +203,32 @@ std::string written(const std::string& keyword, const std::string& value, std::s
   return text + "\"";
 }
 
+// ---- Rows ----
+
+/// What a row may state of a call, by keyword.
+std::map<std::string, std::string> statementsOf(const Outcome& outcome, const std::string& name) {
+  return {{"returns", inTable(outcome.result, name)},
+          {"always", inTable(printedOf(outcome.untraced), name)},
+          {"does", inTable(outcome.did, name)},
+          {"raised", split(split(inTable(outcome.did, ""), "<raise ").back(), ">").front()}};
+}
+
+/// Expects what a statement says, or notes what it shall say.
+/// @param good what the method's first row did, of which "…" stands for the beginning
+void compare(const std::string& keyword, const Statement& statement, std::string is,
+             std::string good) {
+  if (keyword == "does") {
+    is = statedOf(is, statement);
+    good = statedOf(good, statement);
+  }
+  if (statement.text.starts_with("…")) is = "…" + is.substr(inCommon(is, good));
+  if (updating && statement.size != 0 && is != statement.text) {
+    changes[statement.at] = {statement.size, keyword, is};
+  } else {
+    EXPECT_EQ(is, statement.text) << keyword;
+  }
+}
+
 void check(const Row& row, std::size_t alternative, const std::string& method,
            const std::string& arguments) {
   SCOPED_TRACE(method + "(" + arguments + ")");
@@ -219,40 +242,20 @@ void check(const Row& row, std::size_t alternative, const std::string& method,
       given.emplace_back(name, value);
     }
   }
-  const auto prepare = [&] {
-    for (const auto& [name, value] : given) apply(name, value);
-  };
   const std::string passed = replaced(arguments, {{"MODULE", scripted::file()}});
-  const Outcome outcome = callFresh(method, passed, run, prepare);
+  const Outcome outcome = callFresh(method, passed, run, [&] {
+    for (const auto& [name, value] : given) apply(name, value);
+  });
   const std::string name =
       row.calls.front().first == row.calls.back().first ? "" : method.substr(method.find('.') + 1);
-  std::map<std::string, std::string> actual = {
-      {"returns", inTable(outcome.result, name)},
-      {"always", inTable(printedOf(outcome.untraced), name)},
-      {"does", inTable(outcome.did, name)},
-      {"raised", split(split(inTable(outcome.did, ""), "<raise ").back(), ">").front()}};
-  std::map<std::string, std::string> good;
-  if (goodRuns.contains(method)) {
-    good["does"] = inTable(goodRuns[method].did, name);
-    good["always"] = inTable(printedOf(goodRuns[method].untraced), name);
-  }
-  goodRuns.try_emplace(method, outcome);
+  static std::map<std::string, Outcome> firstRuns;  // by method
+  const auto [first, isFirst] = firstRuns.try_emplace(method);
+  auto good = statementsOf(first->second, name), actual = statementsOf(outcome, name);
+  if (isFirst) first->second = outcome;
   std::map<std::string, Statement> expected = row.expected;
   expected["always"];  // nothing, unless the row says otherwise
   for (const auto& [keyword, statement] : expected) {
-    std::string is = actual[keyword];
-    std::string beginning = good[keyword];
-    if (keyword == "does") {
-      is = statedOf(is, statement);
-      beginning = statedOf(beginning, statement);
-    }
-    if (statement.text.starts_with("…")) is = "…" + is.substr(inCommon(is, beginning));
-    if (is == statement.text) continue;
-    if (updating && statement.size != 0) {
-      changes[statement.at] = {statement.size, keyword, is};
-    } else {
-      EXPECT_EQ(is, statement.text) << keyword;
-    }
+    compare(keyword, statement, actual[keyword], good[keyword]);
   }
 }
 

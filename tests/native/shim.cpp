@@ -114,8 +114,8 @@ extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** given) {
                   [=] { return module->C_OpenSession(behind(slot).value_or(slot), rest...); });
   };
   list.C_Login = [](CK_SESSION_HANDLE session, CK_USER_TYPE user, auto... pin) {
-    return answer("C_Login:" + std::to_string(user),
-                  [=] { return module->C_Login(session, user, pin...); });
+    return answer(
+        "C_Login:" + std::to_string(user), [=] { return module->C_Login(session, user, pin...); });
   };
   QUARVEL_NOTED(C_DecryptInit);
   QUARVEL_NOTED(C_Decrypt);

@@ -73,54 +73,76 @@ std::string restOfFailure(const Method& method, const std::string& goodRest) {
   return line + (raiseFirst.contains(method.name) ? raised + givenBack : givenBack + raised);
 }
 
-TEST(Sweep, EveryStepFailsOnce) {
-  const std::map<CK_RV, std::string> answers = {
+/// A step of a good run.
+struct Step {
+  const Method& method;
+  const Outcome& good;
+  std::string event;
+  std::size_t number;       // from 1
+  std::size_t made, calls;  // of the module, up to here and in all
+  std::size_t end;          // in what the good run did
+};
+
+/// Has the module fail from the step on, in each way. @return how many there are
+std::size_t failModule(const Step& step) {
+  static const std::map<CK_RV, std::string> answers = {
       {CKR_DEVICE_ERROR, "CKR_DEVICE_ERROR (0x30)"},
       {0x7FFFFFFF, "CKR 0x7FFFFFFF"},
       {0x80000000, "Internal error"},
       {0x100000030, "Internal error"}};
   // These report a failure of the module in their own way, which contract.txt states.
-  const std::set<std::string> particular = {"Module.libFinalize", "Session.getIdentrusObject"};
+  static const std::set<std::string> particular = {
+      "Module.libFinalize", "Session.getIdentrusObject"};
+  for (const auto& [answer, message] : answers) {
+    const Outcome outcome = callFresh(step.method, {}, [&] {
+      script.failFrom = step.made;
+      script.failWith = answer;
+    });
+    expectBeginning(step.method, step.good, outcome, step.end);
+    const std::string rest = restOfFailure(step.method, step.good.did.substr(step.end));
+    if (step.made == step.calls && answer == CKR_DEVICE_ERROR && !rest.empty()) {
+      EXPECT_EQ(outcome.did.substr(step.end), rest);
+    }
+    const bool ignored = step.event.starts_with("C_FindObjectsFinal");
+    EXPECT_TRUE(ignored || particular.contains(step.method.name) || outcome.exception == message)
+        << outcome.result;
+  }
+  return answers.size();
+}
+
+/// Has a JNI function or an allocation fail.
+void failStep(const Step& step) {
+  const Outcome outcome = callFresh(step.method, {.failing = step.number});
+  expectBeginning(step.method, step.good, outcome, step.end);
+  EXPECT_EQ(outcome.value, failureValue(step.method));
+  if (step.event.starts_with("allocate")) {
+    const bool isAnswer = step.made != 0 && step.made < step.calls;
+    const bool isValue = step.made == 0 && step.event == "allocate";
+    EXPECT_EQ(outcome.exception, isAnswer ? "Internal error" : isValue ? "" : kOutOfMemory);
+  } else {
+    EXPECT_NE(outcome.exception, "");
+    EXPECT_EQ(step.event.ends_with("ArrayElements"), outcome.exception == kOutOfMemory);
+  }
+}
+
+TEST(Sweep, EveryStepFailsOnce) {
   std::size_t jniFaults = 0, heapFaults = 0, moduleFaults = 0;
   for (const Method& method : methods()) {
     const Outcome good = callFresh(method);
     const std::vector<std::string> events = eventsOf(good.did);
     const std::size_t calls = std::ranges::count_if(events, isModuleCall);
-    std::size_t made = 0, end = 0;
-    for (std::size_t i = 0; i < events.size(); ++i) {
-      SCOPED_TRACE(method.name + ", event " + std::to_string(i + 1) + ": " + events[i]);
-      end = endOfEvent(good.did, end);
-      if (isModuleCall(events[i])) {
-        ++made;
-        for (const auto& [answer, message] : answers) {
-          ++moduleFaults;
-          const Outcome outcome = callFresh(method, {}, [&] {
-            script.failFrom = made;
-            script.failWith = answer;
-          });
-          expectBeginning(method, good, outcome, end);
-          const std::string rest = restOfFailure(method, good.did.substr(end));
-          if (made == calls && answer == CKR_DEVICE_ERROR && !rest.empty()) {
-            EXPECT_EQ(outcome.did.substr(end), rest);
-          }
-          const bool ignored = events[i].starts_with("C_FindObjectsFinal");
-          EXPECT_TRUE(ignored || particular.contains(method.name) || outcome.exception == message)
-              << outcome.result;
-        }
-      }
-      if (!hooks::canFail(events[i])) continue;
-      const Outcome outcome = callFresh(method, {.failing = i + 1});
-      expectBeginning(method, good, outcome, end);
-      const bool heap = events[i].starts_with("allocate");
-      ++(heap ? heapFaults : jniFaults);
-      EXPECT_EQ(outcome.value, failureValue(method));
-      const bool isAnswer = made != 0 && made < calls;
-      const bool isValue = made == 0 && events[i] == "allocate";
-      if (heap) {
-        EXPECT_EQ(outcome.exception, isAnswer ? "Internal error" : isValue ? "" : kOutOfMemory);
-      } else {
-        EXPECT_NE(outcome.exception, "");
-        EXPECT_EQ(events[i].ends_with("ArrayElements"), outcome.exception == kOutOfMemory);
+    Step step = {method, good, "", 0, 0, calls, 0};
+    for (const std::string& event : events) {
+      step.event = event;
+      ++step.number;
+      step.end = endOfEvent(good.did, step.end);
+      SCOPED_TRACE(method.name + ", event " + std::to_string(step.number) + ": " + event);
+      if (isModuleCall(event)) {
+        ++step.made;
+        moduleFaults += failModule(step);
+      } else if (hooks::canFail(event)) {
+        ++(event.starts_with("allocate") ? heapFaults : jniFaults);
+        failStep(step);
       }
     }
   }
