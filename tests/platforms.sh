@@ -12,8 +12,7 @@ work=$TOKEN_DIR main=it.quarvel.pkcs11.cli.Main
 
 # runs NAME ARGUMENTS...
 runs() {
-  "$java" "${@:2}" "$main" objects --pin env:QUARVEL_PIN >"$work/out" 2>&1 ||
-    { echo "$1 failed:"; cat "$work/out"; exit 1; }
+  quietly "$java" "${@:2}" "$main" objects --pin env:QUARVEL_PIN
   echo "$1: works"
 }
 

@@ -8,7 +8,7 @@ here=$(dirname "$(readlink -f "$0")")
 . "$here/token.sh"
 start_module softhsm2
 cd "$TOKEN_DIR"
-"$here/provider/keys.sh" >log 2>&1 || { cat log; exit 1; }
+quietly "$here/provider/keys.sh"
 uri="pkcs11:token=$QUARVEL_TOKEN?module-path=$QUARVEL_PKCS11_MODULE"
 token=(-J-cp "-J$jar" -addprovider Quarvel -providerArg "$uri" -keystore NONE -storetype PKCS11
   -storepass:env QUARVEL_PIN)
@@ -23,26 +23,24 @@ printf '%s, PrivateKeyEntry\n' 'bare-key 05' 'bare-key aa' ed25519 prime256v1 ps
 echo text >text
 "$jdk/bin/jar" --create --file plain.jar text
 for name in rsa2048 prime256v1 ed25519; do
-  "$jdk/bin/jarsigner" "${token[@]}" -signedjar $name.jar plain.jar $name >log 2>&1 || { cat log; exit 1; }
+  quietly "$jdk/bin/jarsigner" "${token[@]}" -signedjar $name.jar plain.jar $name
   for other in $(readlink -f /usr/lib/jvm/*/bin/jarsigner | sort -u); do
-    "$other" -verify -strict -keystore ca.p12 -storepass changeit $name.jar >log 2>&1 ||
-      { echo "$other:"; cat log; exit 1; }
+    quietly "$other" -verify -strict -keystore ca.p12 -storepass changeit $name.jar
   done
   echo "jarsigner with $name: works"
 done
 
 documents=$(printf ':%s' /usr/share/java/{bcpkix,bcprov,bcutil,pdfbox2,fontbox2,commons-logging}.jar)
 need /usr/share/java/bcpkix.jar /usr/share/java/pdfbox2.jar # CMS and PDF
-"$jdk/bin/keytool" "${token[@]/%$uri/$uri\&x-writable=yes}" -providerName "Quarvel-$QUARVEL_TOKEN" \
-  -genkeypair -keyalg EC -groupname secp384r1 -alias agreeing -dname CN=agreeing >log 2>&1 || { cat log; exit 1; }
-"$jdk/bin/keytool" "${token[@]}" -exportcert -alias agreeing -file agreeing.der >log 2>&1
+quietly "$jdk/bin/keytool" "${token[@]/%$uri/$uri\&x-writable=yes}" -providerName "Quarvel-$QUARVEL_TOKEN" \
+  -genkeypair -keyalg EC -groupname secp384r1 -alias agreeing -dname CN=agreeing
+quietly "$jdk/bin/keytool" "${token[@]}" -exportcert -alias agreeing -file agreeing.der
 encrypt() { openssl cms -encrypt -binary -outform DER -in text -out "$1.cms" "${@:2}"; }
 encrypt rsa2048 -aes256 rsa2048.der
 encrypt rsa2048-oaep -aes256 -recip rsa2048.der -keyopt rsa_padding_mode:oaep
 encrypt agreeing -aes192 -recip agreeing.der -keyopt ecdh_kdf_md:sha256
 encrypt agreeing-1 -des3 agreeing.der
-"$jdk/bin/java" -cp "$jar$documents" "$here/provider/Documents.java" "$uri" "$QUARVEL_PIN" >log 2>&1 ||
-  { cat log; exit 1; }
+quietly "$jdk/bin/java" -cp "$jar$documents" "$here/provider/Documents.java" "$uri" "$QUARVEL_PIN"
 for name in rsa2048 rsa2048-oaep agreeing agreeing-1; do same "CMS decrypted: $name" text <$name.decrypted; done
 for name in SHA256withRSA SHA256withRSAandMGF1 SHA384withECDSA pdf; do
   content=text

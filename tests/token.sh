@@ -144,6 +144,9 @@ start_opensc() {
   [ -n "${QUARVEL_CARD_PIN-}" ] || skip 'no QUARVEL_CARD_PIN, so perhaps no card'
   is_module "$token_libraries/opensc-pkcs11.so" '' "$QUARVEL_CARD_PIN" ''
 }
+# quietly COMMAND...: shows what the command prints only where it fails
+quietly() { "$@" >"$TOKEN_DIR/log" 2>&1 || { cat "$TOKEN_DIR/log" >&2; return 1; }; }
+
 # Each Java of a script then starts soon, and leaves the other processors alone.
 quick_java() { export JDK_JAVA_OPTIONS='-XX:TieredStopAtLevel=1 -XX:+UseSerialGC'; }
 
@@ -162,9 +165,8 @@ fill_token() {
   openssl pkey -in "$TOKEN_DIR/privkey.pem" -pubout -out "$TOKEN_DIR/pubkey.pem"
   local type
   for type in privkey pubkey cert; do
-    pkcs11-tool --module "$QUARVEL_PKCS11_MODULE" --login --pin "$QUARVEL_PIN" --id 01 \
-      --label demo-key --write-object "$TOKEN_DIR/$type.pem" --type $type >"$TOKEN_DIR/log" 2>&1 ||
-      { cat "$TOKEN_DIR/log" >&2; return 1; }
+    quietly pkcs11-tool --module "$QUARVEL_PKCS11_MODULE" --login --pin "$QUARVEL_PIN" --id 01 \
+      --label demo-key --write-object "$TOKEN_DIR/$type.pem" --type $type
   done
 }
 

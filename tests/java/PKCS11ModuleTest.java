@@ -8,7 +8,6 @@ import it.quarvel.pkcs11.nat.*;
 import java.lang.reflect.InvocationTargetException;
 import java.net.*;
 import java.nio.file.*;
-import java.security.PublicKey;
 import java.util.*;
 import java.util.concurrent.*;
 import org.junit.jupiter.api.*;
@@ -110,54 +109,52 @@ class PKCS11ModuleTest {
     }
   }
 
-  /** For 20 rounds, or as many seconds as the system property quarvel.seconds says; and at the end. */
   @Test
-  void servesEightThreads() throws Exception {
-    long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(Integer.getInteger("quarvel.seconds", 0));
+  void servesThreadsUntilItIsClosed() throws Exception {
     PKCS11Module module = token.open();
     NativePKCS11Session login = module.token("demo").openSession();
     login.login(PIN);
     NativePKCS11Session.KeyPair pair = login.generateKeyPair(CKM_RSA_PKCS_KEY_PAIR_GEN,
         new PKCS11Template().put(CKA_MODULUS_BITS, 2048), new PKCS11Template());
-    List<Callable<Integer>> uses = new ArrayList<>();
-    List<Callable<Object>> ends = new ArrayList<>();
+    CountDownLatch rounds = new CountDownLatch(160);
+    List<Callable<Object>> threads = new ArrayList<>();
     for (int i = 0; i < 8; i++) {
       String label = "thread " + i;
-      uses.add(() -> use(login.slot(), label, pair, end));
-      ends.add(() -> assertThrows(
-          PKCS11Exception.class, () -> use(login.slot(), label, pair, Long.MAX_VALUE)));
+      threads.add(() -> {
+        assertThrows(PKCS11Exception.class, () -> {
+          for (int round = 0;; round++) {
+            use(login.slot(), label, pair, round % 2 == 0);
+            rounds.countDown();
+          }
+        });
+        assertEquals(0, rounds.getCount());
+        return null;
+      });
     }
-    System.out.println(
-        "eight threads: " + TestToken.inEightThreads(uses) + " signatures verified");
-    ends.set(0, () -> {
-      Thread.sleep(100);
+    threads.set(0, () -> {
+      assertTrue(rounds.await(60, TimeUnit.SECONDS));
       module.close();
       return null;
     });
-    TestToken.inEightThreads(ends);
+    TestToken.inEightThreads(threads);
   }
 
-  /** Private objects alone: SoftHSM2 lets a search see others when they are half made, and fail. */
-  private static int use(NativePKCS11Slot slot, String label, NativePKCS11Session.KeyPair pair,
-      long end) throws Exception {
-    PublicKey key = pair.publicKey().publicKey();
+  /** The object is private: SoftHSM2 lets a search see others when they are half made, and fail. */
+  private static void use(NativePKCS11Slot slot, String label, NativePKCS11Session.KeyPair pair,
+      boolean isToDestroy) throws Exception {
     PKCS11Template mine = new PKCS11Template().put(CKA_LABEL, label);
-    PKCS11Template data = new PKCS11Template().put(CKA_CLASS, CKO_DATA).put(CKA_LABEL, label)
-        .put(CKA_PRIVATE, true).put(CKA_VALUE, TestToken.DATA);
-    int rounds = 0;
-    while (rounds < 20 || System.nanoTime() < end) {
-      try (NativePKCS11Session session = slot.openSession()) {
-        NativePKCS11Object object = session.createObject(data);
-        assertEquals(List.of(object), session.findAll(mine));
-        TestToken.assertVerifies("SHA256withRSA", key, session.sign(CKM_SHA256_RSA_PKCS,
-            new NativePKCS11Object(session, pair.privateKey().objectID()), TestToken.DATA));
-        if (rounds++ % 2 == 0) {
-          object.destroy();
-          assertEquals(List.of(), session.findAll(mine));
-        }
+    try (NativePKCS11Session session = slot.openSession()) {
+      NativePKCS11Object object = session.createObject(new PKCS11Template()
+          .put(CKA_CLASS, CKO_DATA).put(CKA_LABEL, label).put(CKA_PRIVATE, true));
+      assertEquals(List.of(object), session.findAll(mine));
+      TestToken.assertVerifies("SHA256withRSA", pair.publicKey().publicKey(),
+          session.sign(CKM_SHA256_RSA_PKCS,
+              new NativePKCS11Object(session, pair.privateKey().objectID()), TestToken.DATA));
+      if (isToDestroy) {
+        object.destroy();
+        assertEquals(List.of(), session.findAll(mine));
       }
     }
-    return rounds;
   }
 
   // ---- Modules with ways that real ones have, see native/odd.cpp ----
