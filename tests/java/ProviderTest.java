@@ -401,18 +401,20 @@ class ProviderTest {
     assertEquals(tries, TestToken.calls("C_Login:" + kind, changes, use));
   }
 
-  /** Loading, of a key that logs in once, and of one that logs in each time. */
+  /** Loading, by a provider each, with a password, of a key that logs in once, of one that does each time. */
   @ParameterizedTest
-  @CsvSource({"none,1", "rsa2048,1", "bare-key aa,2"})
+  @CsvSource({"file,1", "password,1", "rsa2048,1", "bare-key aa,2"})
   void eightThreadsTryAWrongPinOnce(String name, String kind) throws Throwable {
-    QuarvelProvider withFile = token.configured(URI + pinSource(TestToken.PIN.getBytes(UTF_8)));
+    String uri = URI + pinSource(TestToken.PIN.getBytes(UTF_8));
+    QuarvelProvider withFile = token.configured(uri);
     PrivateKey key = (PrivateKey) load(withFile, null).getKey(name, null);
     pinSource("98765".getBytes(UTF_8));
     if (kind.equals("1")) {
       provider.logout();
       withFile.logout();
     }
-    Callable<Exception> use = key == null ? () -> assertThrows(Exception.class, () -> load(withFile, null))
+    Callable<Exception> use = key == null ? () -> assertThrows(IOException.class, () ->
+        load(name.equals("file") ? token.configured(uri) : provider, "98765".toCharArray()))
         : () -> assertThrows(SignatureException.class, () -> {
           Signature signer = Signature.getInstance("SHA256withRSA");
           signer.initSign(key);
@@ -453,7 +455,7 @@ class ProviderTest {
   }
 
   @Test
-  void keysLogInAgain() throws Exception {
+  void keysLogInAgain() throws Throwable {
     int[] asked = {0};
     provider.setCallbackHandler(answering(List.of(TestToken.PIN), asked));
     Signature signer = Signature.getInstance("Ed25519");
@@ -467,6 +469,11 @@ class ProviderTest {
     provider.setCallbackHandler(null);
     provider.logout();
     assertNotSigned(signer, "wants a PIN");
+    provider.setCallbackHandler(answering(List.of(""), asked));
+    assertNotSigned(signer, "wants a PIN");
+    provider.setCallbackHandler(callbacks -> { throw new IllegalStateException("no window"); });
+    assertNotSigned(signer, "no window");
+    provider.setCallbackHandler(null);
     provider.login(null, answering(List.of(TestToken.PIN), asked));
     assertThrows(SignatureException.class, signer::sign);
     provider.logout();
@@ -478,8 +485,15 @@ class ProviderTest {
     withFile.logout();
     Files.writeString(pin, "98765");
     assertNotSigned(signer, "CKR_PIN_INCORRECT");
+    assertLogins(0, "1", "", () -> {
+      assertNotSigned(signer, "was refused");
+      assertThrows(IOException.class, () -> own.load(null, null));
+    });
     Files.writeString(pin, TestToken.PIN);
-    assertNotSigned(signer, "was refused");
+    assertLogins(1, "1", "C_Login:1=0x30", () -> {
+      assertNotSigned(signer, "CKR_DEVICE_ERROR");
+      assertNotSigned(signer, "has failed: CKR_DEVICE_ERROR");
+    });
     own.load(null, null);
     assertArrayEquals(before, signed(signer));
   }

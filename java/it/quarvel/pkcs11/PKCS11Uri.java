@@ -29,8 +29,8 @@ public final class PKCS11Uri {
   public static final PKCS11Uri ANY = new PKCS11Uri(Map.of());
 
   private static final String SCHEME = "pkcs11:";
-  private static final String FILE_SCHEME = "^file:(//(localhost)?)?(?=/)";
-  private static final String OTHER_HOST = "file://(?!localhost/|/).*";
+  private static final String FILE_SCHEME = "^(?i:file:(//(localhost)?)?)(?=/)";
+  private static final String OTHER_HOST = "(?i:file://(?!localhost/|/)).*";
   private static final List<String> PATH = List.of(
       "model", "manufacturer", "serial", "token", "slot-id", "id", "object", "type");
   private static final List<String> QUERY = List.of("pin-source", "module-path", "x-writable");

@@ -26,7 +26,7 @@ import picocli.CommandLine.*;
     exitCodeListHeading = "Exit status:%n",
     exitCodeList = {
       "0:It worked.", "1:It did not.", "2:The command line is wrong.",
-      "141:The reader of standard output has gone."
+      "130:It was interrupted.", "141:The reader of standard output has gone."
     })
 public final class Main extends Program {
   /** What {@code --version} tells. */

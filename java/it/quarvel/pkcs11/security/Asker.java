@@ -3,12 +3,17 @@ package it.quarvel.pkcs11.security;
 
 import static it.quarvel.pkcs11.PKCS11Constants.CKF_PROTECTED_AUTHENTICATION_PATH;
 
+import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
+import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.internal.Pin;
 import it.quarvel.pkcs11.internal.Printable;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Arrays;
+import java.util.List;
+import java.util.Map;
+import java.util.concurrent.ConcurrentHashMap;
 import javax.security.auth.callback.Callback;
 import javax.security.auth.callback.CallbackHandler;
 import javax.security.auth.callback.PasswordCallback;
@@ -17,44 +22,89 @@ import javax.security.auth.login.LoginException;
 
 /**
  * Where the PIN of a token comes from: a callback handler, a file, or nowhere, for a reader with a
- * PIN pad. What was refused is not tried again for those who began before that. A file is not read
- * again at all until it is pardoned: it would say the same, and use up the token's tries. Whoever
- * asks holds the token's lock until it has answered the login.
+ * PIN pad. Each wrong try brings a token nearer to its lock, so that nobody tries what has just failed
+ * for somebody else. Whoever asks holds the token's lock, and that of {@link #turn}, until the token
+ * has answered the login.
  */
 final class Asker {
+  /** Logins that have failed, with a PIN from one source. */
+  static final class Failures {
+    private volatile int count;
+    private volatile int pardoned;
+    private volatile String last;
+  }
+
+  /** The PIN in a file at one token, for all providers of the process. */
+  private static final class FilePin {
+    /** Why the token has refused it, null if it has not. */
+    private String refusal;
+
+    /** The file's time and length when the token refused it. */
+    private long modified;
+    private long length;
+  }
+
+  private static final Map<List<Object>, FilePin> FILE_PINS = new ConcurrentHashMap<>();
+
   private final CallbackHandler handler;
+  private final String module;
   private final Path file;
-  private volatile int refusals;
-  private volatile int pardoned;
+  private final Failures failures;
 
-  private Asker(CallbackHandler handler, Path file) {
+  private Asker(CallbackHandler handler, String module, Path file, Failures failures) {
     this.handler = handler;
+    this.module = module;
     this.file = file;
+    this.failures = failures;
   }
 
-  /** Makes one that asks a handler; null asks nobody. */
-  static Asker of(CallbackHandler handler) {
-    return new Asker(handler, null);
+  /**
+   * Makes one that asks a handler.
+   *
+   * @param handler null asks nobody
+   * @param failures those of all handlers of the token
+   */
+  static Asker of(CallbackHandler handler, Failures failures) {
+    return new Asker(handler, null, null, failures);
   }
 
-  /** Makes one that reads the first line of a file. */
-  static Asker of(Path file) {
-    return new Asker(null, file);
+  /** Makes one that reads the first line of the URI's {@code pin-source}. */
+  static Asker of(PKCS11Uri uri) {
+    return new Asker(null, uri.modulePath(), uri.pinFile(), new Failures());
   }
 
   /** Returns what {@link #ask} takes, before the token's lock is waited for. */
   int begin() {
-    return file == null ? refusals : pardoned;
+    return file == null ? failures.count : failures.pardoned;
   }
 
-  /** Lets a file that was refused be read again by those who begin from now on. */
+  /** Lets those who begin from now on read a file again after a login has failed. */
   void pardon() {
-    pardoned = refusals;
+    failures.pardoned = failures.count;
   }
 
-  /** Notes that the token did not take the PIN. */
-  void refuse() {
-    refusals++;
+  /** Returns the lock of all who log in to a token with the PIN of one file. */
+  Object turn(PKCS11TokenInfo token) {
+    return file == null ? this : filePin(token);
+  }
+
+  private FilePin filePin(PKCS11TokenInfo token) {
+    return FILE_PINS.computeIfAbsent(List.of(module, token.label(), token.manufacturerID(),
+        token.model(), token.serialNumber(), file), key -> new FilePin());
+  }
+
+  /**
+   * Notes that a login has failed, which may have cost a try whatever the module calls it.
+   *
+   * @param refused the token has named the PIN as the reason
+   */
+  void failed(PKCS11TokenInfo token, PKCS11Exception failure, boolean refused) {
+    if (file != null && refused) {
+      filePin(token).refusal = failure.getMessage();
+    } else {
+      failures.last = failure.getMessage();
+      failures.count++;
+    }
   }
 
   /**
@@ -63,17 +113,19 @@ final class Asker {
    * @param token whose PIN it is
    * @param begun what {@link #begin} has returned
    * @return its bytes, which the caller wipes; null when the token has a path of its own for it
-   * @throws LoginException when there is none, or when it was refused since
+   * @throws LoginException when there is none, or when a login with it has failed since
    */
   byte[] ask(PKCS11TokenInfo token, int begun) throws LoginException {
-    if (begun != refusals) {
-      throw new LoginException(file == null ? "the PIN was refused while others waited to log in"
-          : "the PIN of " + file + " was refused: it is tried again when a key store is loaded");
+    if (begun != failures.count) {
+      throw new LoginException(file == null
+          ? "another login failed while this one waited: " + failures.last
+          : "the login with the PIN of " + file + " has failed: " + failures.last
+              + ": it is tried again by the next load of a key store");
     }
     byte[] pin;
     try {
-      pin = file != null ? Pin.ofFile(file) : handler != null ? answer(token.trimmedLabel()) : null;
-    } catch (IOException | UnsupportedCallbackException e) {
+      pin = file != null ? read(filePin(token)) : handler != null ? answer(token.trimmedLabel()) : null;
+    } catch (IOException | UnsupportedCallbackException | RuntimeException e) {
       throw (LoginException) new LoginException((file != null ? "the pin-source cannot be used: "
           : "the PIN cannot be asked for: ") + e).initCause(e);
     }
@@ -84,13 +136,28 @@ final class Asker {
     return pin;
   }
 
+  /** A PIN that was refused is not read again from the same file: it would use up the token's tries. */
+  private byte[] read(FilePin known) throws IOException, LoginException {
+    long modified = file.toFile().lastModified();
+    long length = file.toFile().length();
+    if (known.refusal != null && modified == known.modified && length == known.length) {
+      throw new LoginException("the PIN of " + file + " was refused: " + known.refusal
+          + ": it is tried again when the file has changed");
+    }
+    known.refusal = null;
+    known.modified = modified;
+    known.length = length;
+    return Pin.ofFile(file);
+  }
+
+  /** Returns null for no answer and for an empty one, which no token has for a PIN. */
   private byte[] answer(String label) throws IOException, UnsupportedCallbackException {
     PasswordCallback question = new PasswordCallback("PIN of \"" + Printable.of(label) + "\": ", false);
     char[] typed = {};
     try {
       handler.handle(new Callback[] {question});
       typed = question.getPassword();
-      return typed == null ? null : Pin.of(typed);
+      return typed == null || typed.length == 0 ? null : Pin.of(typed);
     } finally {
       question.clearPassword();
       if (typed != null) {

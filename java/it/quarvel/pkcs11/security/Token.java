@@ -41,9 +41,10 @@ final class Token {
 
   private static final int MOST_ATTEMPTS = 3;
 
+  private final Asker.Failures failuresOfHandlers = new Asker.Failures();
   private volatile Asker asker;
 
-  /** Whom the URI has turned out to name. */
+  /** The token that the URI named first, as it said then. */
   private volatile PKCS11TokenInfo info;
 
   private volatile Set<Integer> mechanisms;
@@ -56,7 +57,8 @@ final class Token {
 
   /** Sets who asks for the PIN; null: what the URI says. */
   void setHandler(CallbackHandler handler) {
-    asker = handler == null && uri.pinFile() != null ? Asker.of(uri.pinFile()) : Asker.of(handler);
+    asker = handler == null && uri.pinFile() != null ? Asker.of(uri)
+        : Asker.of(handler, failuresOfHandlers);
   }
 
   boolean isOpen() {
@@ -87,7 +89,7 @@ final class Token {
   }
 
   private Asker asker(CallbackHandler once) {
-    return once == null ? asker : Asker.of(once);
+    return once == null ? asker : Asker.of(once, failuresOfHandlers);
   }
 
   /** Logs out, and closes the module unless another token needs it. */
@@ -134,22 +136,24 @@ final class Token {
     Asker chosen = asker;
     int begun = chosen.begin();
     synchronized (this) {
-      byte[] pin = chosen.ask(info, begun);
-      PKCS11Exception[] refused = {null};
-      try {
-        return run((session, connection) -> work.in(session, connection, () -> {
-          if (refused[0] != null) {
-            throw refused[0]; // and the PIN is not sent again, however often the work is
-          }
-          try {
-            authenticate(connection.sessions, session, pin, chosen);
-          } catch (PKCS11Exception e) {
-            refused[0] = e;
-            throw e;
-          }
-        }));
-      } finally {
-        Pin.wipe(pin);
+      synchronized (chosen.turn(info)) {
+        byte[] pin = chosen.ask(info, begun);
+        PKCS11Exception[] refused = {null};
+        try {
+          return run((session, connection) -> work.in(session, connection, () -> {
+            if (refused[0] != null) {
+              throw refused[0]; // and the PIN is not sent again, however often the work is
+            }
+            try {
+              authenticate(connection.sessions, session, pin, chosen);
+            } catch (PKCS11Exception e) {
+              refused[0] = e;
+              throw e;
+            }
+          }));
+        } finally {
+          Pin.wipe(pin);
+        }
       }
     }
   }
@@ -196,13 +200,20 @@ final class Token {
         session.loginellips(false, pin);
       }
     } catch (PKCS11Exception e) {
-      // Any other failure may have cost a try, whatever it is called.
       if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN
           && (!isGone(e) || e.errorCode() == CKR_DEVICE_ERROR)) {
-        asked.refuse();
+        asked.failed(info, e, namesThePin(e));
       }
       throw e;
     }
+  }
+
+  private static boolean namesThePin(PKCS11Exception failure) {
+    return switch (failure.errorCode()) {
+      case CKR_PIN_INCORRECT, CKR_PIN_INVALID, CKR_PIN_LEN_RANGE, CKR_PIN_EXPIRED, CKR_PIN_LOCKED ->
+          true;
+      default -> false;
+    };
   }
 
   /** Connects anew, unless another thread has done so since the connection was seen to fail. */
@@ -321,23 +332,25 @@ final class Token {
     if (isLoggedIn(sessions)) {
       return;
     }
-    byte[] pin = asker.ask(info, begun);
-    try {
-      sessions.runLasting(session -> {
-        authenticate(sessions, session, pin, asker);
-        return null;
-      });
-    } catch (PKCS11Exception e) {
-      switch (e.errorCode()) {
+    synchronized (asker.turn(info)) {
+      byte[] pin = asker.ask(info, begun);
+      try {
+        sessions.runLasting(session -> {
+          authenticate(sessions, session, pin, asker);
+          return null;
+        });
+      } catch (PKCS11Exception e) {
+        if (namesThePin(e)) {
+          throw (LoginException) new FailedLoginException("the token \"" + label()
+              + "\" refuses the login: " + e.getMessage()).initCause(e);
+        }
         // Somebody else in this process may have been quicker.
-        case CKR_USER_ALREADY_LOGGED_IN -> { }
-        case CKR_PIN_INCORRECT, CKR_PIN_INVALID, CKR_PIN_LEN_RANGE, CKR_PIN_EXPIRED, CKR_PIN_LOCKED ->
-            throw (LoginException) new FailedLoginException("the token \"%s\" refuses the login: %s"
-                .formatted(label(), e.getMessage())).initCause(e);
-        default -> throw e;
+        if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN) {
+          throw e;
+        }
+      } finally {
+        Pin.wipe(pin);
       }
-    } finally {
-      Pin.wipe(pin);
     }
   }
 }

@@ -147,7 +147,7 @@ abstract class TokenKey implements PrivateKey {
           return key.object();
         }
       }
-      throw new PKCS11Exception(CKR_KEY_HANDLE_INVALID);
+      throw new Gone(this);
     }
     return last.object;
   }
@@ -191,6 +191,23 @@ abstract class TokenKey implements PrivateKey {
   public String toString() {
     return getAlgorithm() + " key " + KeyObject.name(found.label(), found.id()) + " of the token \""
         + token.label() + "\"";
+  }
+
+  /** The token that has come back may be another, which says the same of itself. */
+  private static final class Gone extends PKCS11Exception {
+    private static final long serialVersionUID = 1L;
+
+    private final String key;
+
+    Gone(TokenKey key) {
+      super(CKR_KEY_HANDLE_INVALID);
+      this.key = key.toString();
+    }
+
+    @Override
+    public String getMessage() {
+      return "there is no such key any more: " + key;
+    }
   }
 
   static final class Rsa extends TokenKey implements RSAKey {

@@ -8,6 +8,7 @@ import it.quarvel.pkcs11.cli.console.*;
 import it.quarvel.pkcs11.cli.token.*;
 import it.quarvel.pkcs11.internal.Printable;
 import java.util.*;
+import java.util.concurrent.Callable;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.locks.ReentrantLock;
 import java.util.stream.Collectors;
@@ -97,7 +98,7 @@ public final class CheckTable extends Steps {
   }
 
   @Override
-  public <T> T call(Step step, Call<T> call) throws Failure {
+  public <T> T call(Step step, Callable<T> call) throws Failure {
     if (row != null) {
       return super.call(step, call);
     }
@@ -115,7 +116,7 @@ public final class CheckTable extends Steps {
   }
 
   /** Makes a call whose failure ends nothing. */
-  void attempt(Step step, Call<Result> call) throws Failure {
+  void attempt(Step step, Callable<Result> call) throws Failure {
     attempt(step, List.of(step), Result.FAILED, once -> call.call());
   }
 

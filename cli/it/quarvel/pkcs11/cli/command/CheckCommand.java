@@ -79,7 +79,7 @@ public final class CheckCommand extends ObjectCommand {
     TokenInSlot chosen = choose(connection);
     Checkup checkup = new Checkup(connection, table, chosen);
     checkup.describe();
-    connection.openSession(chosen.slot(), write ? CKF_RW_SESSION : 0);
+    connection.openSession(chosen, write ? CKF_RW_SESSION : 0);
     checkup.describeSession();
     tryLogin(connection, chosen);
     NativePKCS11Object named = isNamed() ? key(connection) : null;

@@ -58,7 +58,7 @@ public final class PinCommand extends TokenCommand {
             + " --pin-source and by --new-pin or --new-pin-source");
       }
       next = newPin(chosen);
-      connection.openSession(chosen.slot(), CKF_RW_SESSION);
+      connection.openSession(chosen, CKF_RW_SESSION);
       if (officer) {
         connection.login(true, old);
       }

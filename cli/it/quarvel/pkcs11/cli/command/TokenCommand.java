@@ -30,7 +30,7 @@ abstract class TokenCommand extends ModuleCommand {
   final TokenInSlot openSession(Connection connection, int flags, boolean forKeys)
       throws Failure {
     TokenInSlot chosen = choose(connection);
-    connection.openSession(chosen.slot(), flags);
+    connection.openSession(chosen, flags);
     if (isLoginAsked() || forKeys && chosen.info().hasFlag(CKF_LOGIN_REQUIRED)) {
       connection.login(false, askPin(chosen, false));
     }

@@ -8,6 +8,7 @@ import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.nat.*;
 import java.security.*;
 import java.util.*;
+import java.util.concurrent.Callable;
 import java.util.stream.IntStream;
 
 /**
@@ -55,7 +56,7 @@ public final class Connection implements AutoCloseable {
   }
 
   /** Makes a call on the module under the name of its step. */
-  public <T> T call(Step step, Steps.Call<T> call) throws Failure {
+  public <T> T call(Step step, Callable<T> call) throws Failure {
     return steps.call(step, call);
   }
 
@@ -95,9 +96,12 @@ public final class Connection implements AutoCloseable {
     return loggedIn;
   }
 
-  /** Opens the session; {@code flags} are those beyond CKF_SERIAL_SESSION. */
-  public void openSession(NativePKCS11Slot slot, int flags) throws Failure {
-    session = steps.call(Step.OPEN_SESSION, () -> slot.openSession(CKF_SERIAL_SESSION | flags));
+  /** Opens the session, unless another token has come; {@code flags} are those beyond CKF_SERIAL_SESSION. */
+  public void openSession(TokenInSlot chosen, int flags) throws Failure {
+    session = steps.call(Step.OPEN_SESSION, () -> chosen.slot().openSession(CKF_SERIAL_SESSION | flags));
+    if (!steps.call(Step.OPEN_SESSION, () -> TokenInSlot.of(chosen.slot())).isSame(chosen)) {
+      throw new Failure("%s was exchanged for another token".formatted(chosen));
+    }
   }
 
   /** Logs in once; without a PIN the reader's PIN pad asks for it. Closing wipes the PIN. */

@@ -3,20 +3,16 @@ package it.quarvel.pkcs11.cli.token;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.console.Failure;
+import java.util.concurrent.Callable;
 
 /** Gives every call on the module the name of its step, which its failure then carries. */
 public class Steps {
-  /** A call with a result. */
-  public interface Call<T> {
-    T call() throws Exception;
-  }
-
   /** A call without a result. */
   public interface Action {
     void run() throws Exception;
   }
 
-  public <T> T call(Step step, Call<T> call) throws Failure {
+  public <T> T call(Step step, Callable<T> call) throws Failure {
     try {
       return call.call();
     } catch (Failure | RuntimeException e) {

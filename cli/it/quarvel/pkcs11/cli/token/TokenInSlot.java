@@ -27,6 +27,11 @@ public record TokenInSlot(NativePKCS11Slot slot, PKCS11TokenInfo info) {
     return PKCS11Uri.of(info);
   }
 
+  /** Tells whether another one says the same of itself. */
+  boolean isSame(TokenInSlot other) {
+    return uri().toString().equals(other.uri().toString());
+  }
+
   /** An empty id counts: without it, the URI would name others with the same label too. */
   public PKCS11Uri uri(NativePKCS11Object object) {
     Attributes attributes = new Attributes(object);
