@@ -96,12 +96,18 @@ public final class Connection implements AutoCloseable {
     return loggedIn;
   }
 
-  /** Opens the session, unless another token has come; {@code flags} are those beyond CKF_SERIAL_SESSION. */
+  /**
+   * Opens the session, unless another token has taken the place of the chosen one.
+   *
+   * @param flags those beyond CKF_SERIAL_SESSION
+   */
   public void openSession(TokenInSlot chosen, int flags) throws Failure {
-    session = steps.call(Step.OPEN_SESSION, () -> chosen.slot().openSession(CKF_SERIAL_SESSION | flags));
-    if (!steps.call(Step.OPEN_SESSION, () -> TokenInSlot.of(chosen.slot())).isSame(chosen)) {
-      throw new Failure("%s was exchanged for another token".formatted(chosen));
-    }
+    steps.run(Step.OPEN_SESSION, () -> {
+      session = chosen.slot().openSession(CKF_SERIAL_SESSION | flags);
+      if (!TokenInSlot.of(chosen.slot()).isSame(chosen)) {
+        throw new Failure("there is another token than %s now".formatted(chosen));
+      }
+    });
   }
 
   /** Logs in once; without a PIN the reader's PIN pad asks for it. Closing wipes the PIN. */
