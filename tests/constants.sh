@@ -26,10 +26,10 @@ for header in 'p11-kit-1 p11-kit/pkcs11.h _NSS|CKP_VENDOR' \
   } >"$work/header.c"
   # shellcheck disable=SC2046
   gcc -w -o "$work/header" $(pkg-config --cflags "$1") "$work/header.c"
-  # Of a later version, what both know.
+  # A header of a later version has more: what both know is compared.
   asked='-a 1'
   "$work/header" >"$work/all" || asked=
-  # A vendor's own are negative, but for the start of that range and a flag.
+  # A vendor's own numbers are negative, but for the start of that range and a flag.
   grep -E ' [0-9]|VENDOR_DEFINED|CKF_EXTENSION' "$work/all" | sort >"$work/theirs"
   # shellcheck disable=SC2086  # two words
   join $asked "$work/theirs" "$work/ours" >"$work/both"

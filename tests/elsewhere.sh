@@ -47,7 +47,7 @@ unpack() {
 
 jdks() { readlink -f "$1"/usr/lib/jvm/*/lib/server/libjvm.so | sed 's#/lib/server/libjvm.so$##' | sort -u; }
 
-# Without what -Xcheck:jni has to say.
+# What -Xcheck:jni has to say is a failure too.
 passes() {
   if ! "${@:2}" >"$TOKEN_DIR/out" 2>&1 ||
     grep -E '(FATAL ERROR|WARNING) in native method' "$TOKEN_DIR/out"; then
@@ -58,7 +58,7 @@ passes() {
   echo "$1: $(tail -n 1 "$TOKEN_DIR/out")"
 }
 
-# The client of a server is for reading: it does not know all mechanisms of a tour.
+# The client of a server only reads, since it does not know all mechanisms of the demo.
 demo() {
   local write=(--write)
   [[ "$2" != *client* ]] || write=()

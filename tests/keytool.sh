@@ -39,7 +39,7 @@ for kind in "${kinds[@]}"; do
   holds "$kind: made" ca one
   does -certreq -alias one -file request
   openssl req -verify -noout -in request 2>log
-  for days in +1 -9; do # what is there is older than the one, and newer than the other
+  for days in +1 -9; do # the first reply is newer than what is there, the other one older
     does -gencert -alias ca -infile request -outfile reply -rfc -startdate ${days}d
     does -importcert -noprompt -alias one -file reply
     does -exportcert -alias one -rfc -file stored

@@ -23,7 +23,7 @@ column() {
   (
     set -e
     start_module "$module"
-    # It makes no keys for a session, and signs with one that is there.
+    # This token makes no keys for a session: the check-up signs with one that is there.
     [ "$module" != tpm2 ] || pkcs11-tool --module "$QUARVEL_PKCS11_MODULE" --token-label demo \
       --login --pin 1234 --keypairgen --key-type rsa:2048 --label demo >/dev/null 2>&1
     "$java" -jar "$cli" check --json "${write[@]}" ${QUARVEL_TOKEN:+--token "$QUARVEL_TOKEN"} \
@@ -44,7 +44,7 @@ column() {
 
 for i in "${!modules[@]}"; do column "${modules[i]}" "${packages[i]}"; done >"$work/columns"
 
-# The operations are those of the first module.
+# The table has the operations of the first module.
 grep '^|' "$page" | jq -nRr --slurpfile ran "$work/columns" '
   def row: "| " + join(" | ") + " |";
   [inputs | ltrimstr("| ") | rtrimstr(" |") | split(" | ")] as $page

@@ -31,7 +31,7 @@ fails() {
 }
 has() { grep -Pzq "(?s)$1" "$work/out" || { echo "no '$1' in:"; cat "$work/out"; exit 1; }; }
 
-# As in a system package: the library beside a jar that carries none, and one of another version.
+# A system package has the library beside a jar that carries none; "other" is of another version.
 mkdir "$work/bare" "$work/system" "$work/other" "$work/copies"
 unzip -q "$jar" -d "$work/bare"
 find "$work/bare" -name "libquarvelpkcs11*.so" -exec mv -t "$work/system" {} +
@@ -46,7 +46,7 @@ rmdir "$work/copies" # the copy has gone
 runs 'copy from the jar, in /dev/shm' -cp "$jar:$classes" -Djava.io.tmpdir=/nowhere
 runs 'library of the system' -cp "$work/bare:$classes" \
   -Djava.library.path="$work/system"
-# As a tool leaves them that takes them for texts: loading such a file could end the process.
+# A tool that takes the libraries for texts has damaged them: loading one could end the process.
 unzip -q "$jar" -d "$work/damaged"
 find "$work/damaged" -name "*.so" -exec sed -i 's/[^ -~]/?/g' {} +
 runs 'library of the system, the jar being damaged' -cp "$work/damaged:$classes" \
@@ -58,7 +58,7 @@ fails 'cannot be loaded on Linux riscv64 with the C library /\S*libc\.so.*; the 
 fails 'the jar carries [^.]*/nowhere/file.so' \
   -cp "$jar:$classes" -Dit.quarvel.pkcs11.library=/nowhere/file.so
 fails "$tried" -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir=/nowhere
-# Folders in which another user can exchange what is there.
+# In these folders another user can exchange what is there.
 mkdir -p "$work/theirs/mine"
 chmod 777 "$work/theirs"
 fails 'others may write to \S*/theirs\)' -cp "$jar:$classes" -Dit.quarvel.pkcs11.tmpdir="$work/theirs/mine"

@@ -63,8 +63,8 @@ if [ ! -e "$sysroot/libc.so.6" ]; then
 elif [ -z "$old_jdk" ]; then
   echo 'glibc 2.17: not tried, all Java under /usr/lib/jvm wants a newer one'
 else
-  # The one function that the client wants of a newer glibc comes from elsewhere; its version need
-  # not be there.
+  # The client wants one function of a newer glibc: olderLibc.c has it, and the client no longer
+  # asks for its version.
   LC_ALL=C sed 's/\x86\x91\x96\x06\x00\x00/\x86\x91\x96\x06\x02\x00/' "$older" >"$TOKEN_DIR/client.so"
   cc -shared -fPIC -o "$TOKEN_DIR/older.so" "$tests/reach/olderLibc.c"
   cp --dereference "$libraries/libffi.so.7" "$sysroot/"
@@ -77,7 +77,7 @@ fi
 unzip -q "$jar" 'it/quarvel/pkcs11/nat/linux-amd64/*' -d "$TOKEN_DIR"
 natives=$TOKEN_DIR/it/quarvel/pkcs11/nat/linux-amd64
 for file in "$natives"/*.so; do /lib/ld-musl-x86_64.so.1 --list "$file" >/dev/null; done
-# What the client wants of glibc beside, of checked functions, is not called.
+# The client also names checked functions of glibc, which nobody calls.
 mapfile -t unneeded < <(nm --dynamic --undefined-only "$older" |
   sed -nE '/memcpy/d; s/.* U (__[a-z]+_chk)@.*/-Wl,--defsym=\1=uncalled/p')
 # shellcheck disable=SC2046  # several words

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The adapter's sources, linked into this program, in front of the scripted module; where loading
-// is the matter, copies of the libraries.
+// The adapter's sources are linked into this program and stand in front of the scripted module.
+// Tests of loading load copies of the libraries.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -77,7 +77,7 @@ class Adapter : public testing::Test {
     EXPECT_EQ(heapBlocks, 0) << "leaked";
   }
 
-  /// A new session or object that the module knows as `real`; its number.
+  /// Opens a session, or makes an object, that the module knows as `real`. @return its number
   H open(H real, H slot = 7) {
     script.handle = real;
     EXPECT_EQ(p11->C_OpenSession(slot, 4, nullptr, nullptr, &made), CKR_OK);
@@ -89,12 +89,12 @@ class Adapter : public testing::Test {
     EXPECT_EQ(p11->C_CreateObject(session, &attribute, 1, &made), CKR_OK);
     return made;
   }
-  /// What the module sees of a call with session and object, or the refusal.
+  /// Makes a call with session and object. @return what the module sees of it, or the refusal
   Handles use(H session, H object) {
     const CK_RV rv = p11->C_GetObjectSize(session, object, &size);
     return rv == CKR_OK ? seen : Handles{rv};
   }
-  /// How many objects come each time that so many of them are asked for.
+  /// Asks for so many objects each time. @return how many come
   Handles fetch(H session, const Handles& rooms) {
     Handles counts;
     for (const CK_ULONG room : rooms) {
@@ -109,7 +109,7 @@ class Adapter : public testing::Test {
 
   CK_FUNCTION_LIST* p11 = nullptr;
   std::set<H> found;
-  // Arguments that calls need.
+  // Calls need these arguments, whatever they hold.
   CK_MECHANISM mechanism = {};
   CK_BYTE bytes[8] = {};
   CK_ULONG size = 0;
@@ -335,7 +335,7 @@ TEST_F(Adapter, EndsWhenThreadsHaveReturned) {
 
 TEST_F(Adapter, AnswersAListWithRoomForNone) {
   EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, &made, &size), CKR_BUFFER_TOO_SMALL);
-  // Some would find an empty list too large for no room.
+  // Some modules find an empty list too large for no room: they are asked for its size.
   EXPECT_EQ(calls.back(), "C_GetSlotList(1, null)");
   EXPECT_EQ(size, 2);
   script.slots.clear();
@@ -383,7 +383,7 @@ TEST_F(Adapter, CompletesMechanisms) {
             {CKM_RSA_PKCS_OAEP, CKM_SHA256, CKG_MGF1_SHA224, CKZ_DATA_SPECIFIED, 0, 0}},
            {0xF5A193FF, {CKM_RSA_PKCS_PSS, CKM_SHA512, CKG_MGF1_SHA512, 1023}},
            {0xF5A20C00, {CKM_SHA1_RSA_PKCS_PSS, CKM_SHA_1, CKG_MGF1_SHA384, 0}},
-           // No hash of that number, nor kind, nor has OAEP a salt.
+           // There is no such hash and no such kind, and OAEP has no salt.
            {0xF5A1A000, {0xF5A1A000}},
            {0xF5A30000, {0xF5A30000}},
            {0xF5A00001, {0xF5A00001}}}) {
@@ -641,8 +641,8 @@ TEST_F(Adapter, SurvivesModulesThatMisbehave) {
   }
 }
 
-// A module for many threads. Its sessions and objects are one kind of thing; the lowest free handle
-// is handed out at once anew.
+// This module serves many threads. Its sessions and objects are one kind of thing, and it hands out
+// the lowest free handle.
 static std::atomic<bool> things[64];  // by handle, whether it is there
 
 static CK_RV makeThing(H* handle) {

@@ -160,7 +160,7 @@ class CliTest {
     assertEquals(made, calls("made", "C_DestroyObject"));
   }
 
-  /** See native/odd.cpp. */
+  /** The module is native/odd.cpp. */
   @Test
   void showsTheRestOfWhatIsOdd() throws Exception {
     String module = " --module " + TestToken.CLASSES.resolveSibling("libodd.so");
@@ -246,7 +246,7 @@ class CliTest {
     return new Run(status, out.toString(UTF_8), err.toString(UTF_8));
   }
 
-  /** Starts a process of its own, in which OpenSC's spy notes the calls; or with the odd module. */
+  /** Starts a process, in which OpenSC's spy notes the calls unless another module is named. */
   static Process start(String log, String arguments) throws Exception {
     String module = arguments.contains("--module") ? "" : " --module $(ls /usr/lib/*/pkcs11-spy.so)";
     ProcessBuilder builder = new ProcessBuilder("sh", "-c",

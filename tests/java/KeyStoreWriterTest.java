@@ -14,6 +14,7 @@ import javax.crypto.KeyAgreement;
 import javax.crypto.spec.SecretKeySpec;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.extension.RegisterExtension;
+import org.junit.jupiter.api.function.Executable;
 
 /** Has the key store change a token, and OpenSC say what is on it then. */
 class KeyStoreWriterTest {
@@ -26,10 +27,6 @@ class KeyStoreWriterTest {
 
   QuarvelProvider provider;
   KeyStore store;
-
-  interface Change {
-    void to(KeyStore store) throws Exception;
-  }
 
   @BeforeAll
   static void makeKeys() throws Exception {
@@ -71,7 +68,7 @@ class KeyStoreWriterTest {
         ProviderTest.certificates.get(name), ProviderTest.certificates.get("ca")};
   }
 
-  /** Returns what is on the token, whatever its order. */
+  /** Returns the objects on the token, in no order. */
   static Set<String> objects() throws Exception {
     return Set.of(TestToken.openSc("--list-objects --login --pin " + TestToken.PIN)
         .replace("\n  ", " ").split("\n"));
@@ -82,12 +79,12 @@ class KeyStoreWriterTest {
   }
 
   @Test
-  void undoesAChangeThatFailsHalfWay() throws Exception {
+  void undoesAChangeThatFailsHalfWay() throws Throwable {
     List<Integer> steps = new ArrayList<>();
-    for (Change change : List.<Change>of(
-        keys -> keys.setKeyEntry("ec", software("prime256v1"), null, chain("prime256v1")),
-        keys -> keys.setKeyEntry("renewed", keys.getKey("rsa", null), null, expired),
-        keys -> keys.deleteEntry("rsa"))) {
+    for (Executable change : List.<Executable>of(
+        () -> store.setKeyEntry("ec", software("prime256v1"), null, chain("prime256v1")),
+        () -> store.setKeyEntry("renewed", store.getKey("rsa", null), null, expired),
+        () -> store.deleteEntry("rsa"))) {
       int step = -1;
       do {
         Files.writeString(failing, "-1");
@@ -98,7 +95,7 @@ class KeyStoreWriterTest {
         Set<String> before = objects();
         Files.writeString(failing, "" + ++step);
         try {
-          change.to(store);
+          change.execute();
         } catch (KeyStoreException e) {
           // When the private key has gone, its public half is all that can be left, beside a heading.
           assertTrue(before.equals(objects()) || aliases().isEmpty() && objects().size() == 2,
@@ -119,23 +116,23 @@ class KeyStoreWriterTest {
     QuarvelProvider twin = token.configured(WRITABLE);
     Key twinKey = ProviderTest.load(twin, ProviderTest.PIN).getKey("rsa", null);
     Set<String> before = objects();
-    Map<Change, String> changes = new LinkedHashMap<>();
-    changes.put(keys -> keys.setKeyEntry("new", key, null, chain("secp521r1")), "proved");
-    changes.put(keys -> keys.setKeyEntry("new", key, null, chain("rsa1025")), "proved");
-    changes.put(keys -> keys.setKeyEntry("new", software("rsa1025"), null, own), "proved");
-    changes.put(keys -> keys.setKeyEntry("new", twinKey, null, own), "of this token");
-    changes.put(keys -> keys.setKeyEntry("new", software("rsa2048"), null, own), "already");
-    changes.put(keys -> keys.setKeyEntry("ec", key, null, own), "of another key");
-    changes.put(keys -> keys.setKeyEntry("", key, null, own), "no text");
-    changes.put(keys -> keys.setKeyEntry("\uD83D", key, null, own), "no text");
-    changes.put(keys -> keys.setKeyEntry("x", new SecretKeySpec(new byte[9], "AES"), null, own), "private");
-    changes.put(keys -> keys.setEntry("x", trusted, null), "security officer");
-    changes.put(keys -> {
+    Map<Executable, String> changes = new LinkedHashMap<>();
+    changes.put(() -> store.setKeyEntry("new", key, null, chain("secp521r1")), "proved");
+    changes.put(() -> store.setKeyEntry("new", key, null, chain("rsa1025")), "proved");
+    changes.put(() -> store.setKeyEntry("new", software("rsa1025"), null, own), "proved");
+    changes.put(() -> store.setKeyEntry("new", twinKey, null, own), "of this token");
+    changes.put(() -> store.setKeyEntry("new", software("rsa2048"), null, own), "already");
+    changes.put(() -> store.setKeyEntry("ec", key, null, own), "of another key");
+    changes.put(() -> store.setKeyEntry("", key, null, own), "no text");
+    changes.put(() -> store.setKeyEntry("\uD83D", key, null, own), "no text");
+    changes.put(() -> store.setKeyEntry("x", new SecretKeySpec(new byte[9], "AES"), null, own), "private");
+    changes.put(() -> store.setEntry("x", trusted, null), "security officer");
+    changes.put(() -> {
       open(WRITABLE.replace("?", ";object=rsa?"));
       store.setKeyEntry("x", store.getKey("rsa", null), null, own);
     }, "URI");
     changes.forEach((change, why) -> {
-      String told = assertThrows(KeyStoreException.class, () -> change.to(store)).getMessage();
+      String told = assertThrows(KeyStoreException.class, change).getMessage();
       assertTrue(told.contains(why), told);
     });
     assertEquals(before, objects());
@@ -190,8 +187,9 @@ class KeyStoreWriterTest {
     PublicKey beside = KeyFactory.getInstance("EC").generatePublic(new ECPublicKeySpec(
         new ECPoint(point.getW().getAffineX(), BigInteger.ONE), point.getParams()));
     agreement.init(own.getPrivate());
+    // The provider refuses it: a token might agree.
     String told = assertThrows(
         InvalidKeyException.class, () -> agreement.doPhase(beside, true)).getMessage();
-    assertTrue(told.contains("of the curve"), told); // the token is not asked
+    assertTrue(told.contains("of the curve"), told);
   }
 }

@@ -107,7 +107,7 @@ class ProviderTest {
   @BeforeEach
   void load() throws Exception {
     Security.insertProviderAt(provider, 1);
-    // Of another copy of the jar, as each web application of a server has its own.
+    // It comes from another copy of the jar: each web application of a server has its own.
     Security.insertProviderAt(copy, 2);
     store = load(provider, PIN);
   }
@@ -128,7 +128,7 @@ class ProviderTest {
     return new PSSParameterSpec(digest, "MGF1", new MGF1ParameterSpec(mask), salt, 1);
   }
 
-  /** All that the provider or the JDK has with a hash, and some more. */
+  /** Returns all that the provider or the JDK has with a hash, and some more. */
   static List<Arguments> signatures() throws Exception {
     List<Arguments> all = new ArrayList<>(List.of(
         Arguments.of("rsa2048", "1.2.840.113549.1.1.11", "SHA256withRSA", null),
@@ -161,7 +161,7 @@ class ProviderTest {
     return all;
   }
 
-  /** With the provider first and last; parameters come before the key and after it. */
+  /** The provider stands first and last; parameters come before the key and after it. */
   @ParameterizedTest
   @MethodSource("signatures")
   void signsAndVerifiesAsTheJdkDoes(
@@ -194,7 +194,7 @@ class ProviderTest {
     return signer.sign();
   }
 
-  /** It takes the signature, and not one of other data. */
+  /** The verifier takes the signature for this data, and refuses it for other data. */
   static void assertVerifies(Signature verifier, PublicKey key, AlgorithmParameterSpec parameters,
       byte[] signature) throws Exception {
     verifier.initVerify(key);
@@ -208,14 +208,14 @@ class ProviderTest {
     }
   }
 
-  /** As the JDK does with such a key of its own. */
+  /** The JDK refuses such a key of its own at the same time. */
   @ParameterizedTest
   @CsvSource({"ed25519,SHA256withRSA", "pss,SHA256withRSA", "pss,NONEwithRSA", "rsa512,SHA512withRSA",
       "pss,RSASSA-PSS SHA-1 SHA-256 32", "pss,RSASSA-PSS SHA-256 SHA-1 32",
       "pss,RSASSA-PSS SHA-256 SHA-256 19", "rsa512,RSASSA-PSS SHA-256 SHA-256 31"})
   void refusesKeysAtOnce(String name, String wanted) throws Exception {
     String[] words = wanted.split(" ");
-    // Raw, the JDK's own does not look at what the key is for.
+    // The JDK's own raw signature does not look at what the key is for.
     PrivateKey other = wanted.equals("NONEwithRSA") ? key(name) : software.get(name);
     for (PrivateKey key : List.of(other, key(name))) {
       Signature signer = Signature.getInstance(words[0]);
@@ -258,7 +258,7 @@ class ProviderTest {
     assertEquals(new BigInteger(1, DATA), new BigInteger(1, cipher.doFinal(raw)));
   }
 
-  /** Whatever the module answers. */
+  /** What the module answers makes no difference. */
   @ParameterizedTest
   @ValueSource(strings = {"C_Decrypt=0x5", "C_Decrypt=0x30", "C_Decrypt=0x60", "C_Decrypt=0x101", ""})
   void decryptsOnceWhatFails(String answer) throws Throwable {
@@ -305,7 +305,7 @@ class ProviderTest {
     }
   }
 
-  /** Certificates for the key without one, those beside it, and the chain that comes of them. */
+  /** A row names the certificate of a key, those beside it, and the chain that comes of them. */
   @Test
   void choosesTheNewestValidIssuer() throws Exception {
     TestToken.output(System.getenv("QUARVEL_KEYS").replace("keys.sh", "issuers.sh"));
@@ -401,7 +401,7 @@ class ProviderTest {
     assertEquals(tries, TestToken.calls("C_Login:" + kind, changes, use));
   }
 
-  /** Loading, by a provider each, with a password, of a key that logs in once, of one that does each time. */
+  /** They load by a provider each, use a key that logs in once, or one that logs in each time. */
   @ParameterizedTest
   @CsvSource({"file,1", "password,1", "rsa2048,1", "bare-key aa,2"})
   void eightThreadsTryAWrongPinOnce(String name, String kind) throws Throwable {
@@ -420,11 +420,11 @@ class ProviderTest {
           signer.initSign(key);
           signed(signer);
         });
-    // All have begun by the time of the answer: a load after that is a try of its own.
+    // All have begun before the module answers: a load after that is a try of its own.
     assertLogins(1, kind, "pause=1", () -> TestToken.inEightThreads(Collections.nCopies(8, use)));
   }
 
-  /** The password of load, which may be a program's default, is not the PIN then. */
+  /** Then the password of load, which may be a program's default, is not the PIN. */
   @ParameterizedTest
   @CsvSource({"'1234\n# comment',1,", "'1234\r\n',1,", "\u00EF\u00BB\u00BF1234,1,",
       "'\n1234',0,is empty", "1234\u00FF,0,no UTF-8", "'12345\r',1,CKR_PIN_INCORRECT"})
@@ -435,7 +435,7 @@ class ProviderTest {
         : () -> load(token.configured(uri), PASSWORD));
   }
 
-  /** Both when it is connected to once more and between the session and its login. */
+  /** It changes before the next session, or between the session and its login. */
   @ParameterizedTest
   @ValueSource(strings = {"label=x", "serialNumber=x", "manufacturerID=x", "model=x",
       "slots=second", "slots=both"})
@@ -539,8 +539,8 @@ class ProviderTest {
   // ---- Libraries of the JDK ----
 
   /**
-   * With the token at both ends, then OpenSSL at the other one. Some rows are of a token that lacks
-   * mechanisms; the first one that is taken away stays.
+   * The token is at both ends, then OpenSSL at the other one. Some rows take mechanisms away from
+   * the token; SoftHSM2 keeps the first one all the same.
    */
   @ParameterizedTest
   @CsvSource({"TLSv1.3,rsa2048,", "TLSv1.2,rsa2048,", "TLSv1.3,prime256v1,", "TLSv1.2,prime256v1,",

@@ -28,8 +28,8 @@ bool throws(const Outcome& outcome, const std::string& code) {
   return outcome.did.find("exc number " + code + "...") != std::string::npos;
 }
 
-/// The results of a row of calls: l load, i libInitialize, f libFinalize, c a call-through. An
-/// "Internal error" must stand for the return value that fits the state of the bridge.
+/// Makes a row of calls: l load, i libInitialize, f libFinalize, c a call-through. An "Internal
+/// error" must stand for the return value that fits the state of the bridge. @return the results
 std::string run(const std::string& steps, const std::string& path = kLoad) {
   const std::map<char, std::string> methods = {
       {'l', "Module.loadPKCS11Library"},
@@ -57,7 +57,8 @@ TEST(Lifecycle, BadModulesAreRefusedAndChangeNothing) {
   scripted::reset();
   const std::string refused = "0 ! Internal error", failed = "0 ! CKR_GENERAL_ERROR (0x5)";
   CK_FUNCTION_LIST* const list = &scripted::list;
-  // Path, what C_GetFunctionList answers and hands out, what comes of it, whether it stays open.
+  // A row has the path, what C_GetFunctionList answers and hands out, what comes of it, and whether
+  // the library stays open.
   const std::vector<std::tuple<std::string, CK_RV, CK_FUNCTION_LIST*, std::string, bool>> modules =
       {{"\"/nowhere/module.so\"", CKR_OK, list, refused, false},
        {"\"" QUARVEL_CONTRACT "\"", CKR_OK, list, refused, false},

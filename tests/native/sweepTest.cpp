@@ -15,10 +15,10 @@ using scripted::script;
 
 const std::string kOutOfMemory = "Internal error: Out of memory";
 
-// What call() itself checks of every run: no JNI call with an exception pending, arrays and strings
-// given back once and in the stated mode, the heap balanced.
+// call() itself checks that every run makes no JNI call with an exception pending, gives arrays and
+// strings back once and in the stated mode, and leaves the heap balanced.
 
-/// Where the first event from `at` on ends.
+/// @return where the first event from `at` on ends
 std::size_t endOfEvent(const std::string& did, std::size_t at) {
   return did.find('>', did.find('<', at)) + 1;
 }
@@ -35,7 +35,8 @@ void expectBeginning(const Method& method, const Outcome& good, const Outcome& f
   std::size_t untraced = 0;
   for (std::size_t i = 0; i < common; ++i) untraced = endOfEvent(good.untraced, untraced);
   EXPECT_EQ(failed.untraced.substr(0, untraced), good.untraced.substr(0, untraced));
-  // These go on after a failure, and these end a line with OK, as contract.txt states.
+  // contract.txt states that the first ones go on after a failure, and that the others end a line
+  // with OK.
   static const std::set<std::string> goOn = {
       "Session.getCardStatus", "Session.setCardStatus", "Session.getIdentrusObject"};
   static const std::set<std::string> okay = {

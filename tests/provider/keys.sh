@@ -28,7 +28,7 @@ for key in 'rsa2048 rsa:2048' 'rsa1025 rsa:1025' 'prime256v1 ec -pkeyopt ec_para
     -out "$name.der" -addext extendedKeyUsage=codeSigning,clientAuth,serverAuth \
     -addext keyUsage=digitalSignature,keyEncipherment
   both "$name"
-  # On a token the certificate alone limits a key.
+  # On a token only the certificate limits what a key is for.
   if [ "$name" = pss ]; then
     openssl rsa -traditional -in pss.key | sed s/RSA-PSS/RSA/ >unlimited
     openssl pkcs8 -topk8 -nocrypt -in unlimited -out pss.key
@@ -38,11 +38,11 @@ for key in 'rsa2048 rsa:2048' 'rsa1025 rsa:1025' 'prime256v1 ec -pkeyopt ec_para
   [ "$name" = bare ] || write cert "$name.der" 0$id "$name"
   id=$((id + 1))
 done
-# The newest one of its key, but valid on no day.
+# This certificate is the newest one of its key, but valid on no day.
 openssl req -new -key rsa2048.key -subj /CN=expired |
   openssl x509 -req -days 0 -CA ca.der -CAkey ca.key -set_serial 7 -outform DER -out expired.der
 write cert expired.der 00 expired
 write cert ed25519.der 00 'of another key'
 write cert secp521r1.der bb 'without key'
-# Named like another one.
+# This key has the label of another one.
 write privkey rsa2048.key aa bare-key --always-auth
