@@ -10,6 +10,7 @@ import java.util.ArrayList;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.function.BiPredicate;
 import java.util.Objects;
 
 /**
@@ -36,10 +37,6 @@ import java.util.Objects;
  * it is loaded. Without {@link #close} the module is never finalised.
  */
 public final class PKCS11Module implements AutoCloseable {
-  private interface Load {
-    void load(String path) throws PKCS11Exception;
-  }
-
   /** Stands for all slots: the adapter ends its module when the sessions of all are closed. */
   private static final int EVERY_SLOT = -1;
 
@@ -82,7 +79,7 @@ public final class PKCS11Module implements AutoCloseable {
    * @throws UnsatisfiedLinkError when the native library or the adapter cannot be loaded
    */
   public static PKCS11Module open(String path) throws PKCS11Exception {
-    return open(path, false, ModuleFile::loadAdapted);
+    return open(path, false);
   }
 
   /**
@@ -97,17 +94,22 @@ public final class PKCS11Module implements AutoCloseable {
    * @throws UnsatisfiedLinkError when the native library cannot be loaded
    */
   public static PKCS11Module openDirect(String path) throws PKCS11Exception {
-    return open(path, true, ModuleFile::load);
+    return open(path, true);
   }
 
-  private static synchronized PKCS11Module open(String path, boolean isDirect, Load load)
+  private static synchronized PKCS11Module open(String path, boolean isDirect)
       throws PKCS11Exception {
     if (current != null) {
       throw new IllegalStateException("there is one module at a time, and " + current.path
           + " is open: close it first, or open p11-kit-proxy.so, which shows several as one");
     }
     NativePKCS11 module = new NativePKCS11();
-    load.load(Objects.requireNonNull(path, "no path of a module"));
+    Objects.requireNonNull(path, "no path of a module");
+    if (isDirect) {
+      ModuleFile.load(path);
+    } else {
+      ModuleFile.loadAdapted(path);
+    }
     if (path.equals(unended)) {
       warn(path + " was not ended when it was closed before, and may be as it was left");
     }
@@ -235,16 +237,13 @@ public final class PKCS11Module implements AutoCloseable {
     }
   }
 
-  private interface Match {
-    boolean matches(NativePKCS11Slot slot, PKCS11TokenInfo token);
-  }
-
-  private NativePKCS11Slot token(String which, Match match) throws PKCS11Exception {
+  private NativePKCS11Slot token(String which, BiPredicate<NativePKCS11Slot, PKCS11TokenInfo> match)
+      throws PKCS11Exception {
     List<String> told = new ArrayList<>();
     Map<NativePKCS11Slot, PKCS11TokenInfo> all = infos(told);
     List<NativePKCS11Slot> found = new ArrayList<>();
     for (Map.Entry<NativePKCS11Slot, PKCS11TokenInfo> each : all.entrySet()) {
-      if (match.matches(each.getKey(), each.getValue())) {
+      if (match.test(each.getKey(), each.getValue())) {
         found.add(each.getKey());
       }
     }

@@ -17,8 +17,44 @@ import java.util.concurrent.Semaphore;
  * an operation may still be active in it.
  */
 final class Sessions {
-  interface Work<T> {
-    T in(NativePKCS11Session session) throws PKCS11Exception;
+  /** A session that one thread has for itself, and keeps the module open with, until it closes this. */
+  final class Use implements AutoCloseable {
+    private NativePKCS11Session session;
+    private boolean entered;
+    private boolean succeeded;
+
+    NativePKCS11Session session() {
+      return session;
+    }
+
+    /** Lets others have the session next; otherwise it is closed. */
+    void succeeded() {
+      succeeded = true;
+    }
+
+    private void open(boolean writing) throws PKCS11Exception {
+      SharedModule.enter(module);
+      entered = true;
+      NativePKCS11Session pooled = writing ? null : idle.poll();
+      session = pooled != null ? pooled : slot.openSession(writing);
+      // One that was opened after the login had ended would find no private object.
+      if (closed) {
+        throw new PKCS11Exception(PKCS11Constants.CKR_SESSION_CLOSED);
+      }
+    }
+
+    @Override
+    public void close() {
+      if (succeeded && !closed) {
+        idle.add(session);
+      } else if (session != null) {
+        Sessions.close(session);
+      }
+      if (entered) {
+        SharedModule.leave();
+      }
+      room.release();
+    }
   }
 
   private static final int MOST = 64;
@@ -31,64 +67,42 @@ final class Sessions {
   private final Semaphore room;
   private volatile boolean closed;
 
+  /** Opens the session that lasts, by a thread that has entered the module. */
   Sessions(PKCS11Module module, NativePKCS11Slot slot, PKCS11TokenInfo token)
       throws PKCS11Exception {
     this.module = module;
     this.slot = slot;
     int most = token.maxSessionCount() > 1 ? token.maxSessionCount() - 1 : MOST;
     room = new Semaphore(Math.min(most, MOST));
-    lasting = SharedModule.use(module, slot::openSession);
+    lasting = slot.openSession();
   }
 
-  /** Does some work in a session that nobody else uses meanwhile. */
-  <T> T run(Work<T> work) throws PKCS11Exception {
+  /**
+   * Waits for a session.
+   *
+   * @param writing for a read/write session ({@code CKF_RW_SESSION}), which is never used again
+   * @throws PKCS11Exception when none can be opened, or all were closed
+   */
+  Use take(boolean writing) throws PKCS11Exception {
     room.acquireUninterruptibly();
+    Use use = new Use();
     try {
-      return SharedModule.use(module, () -> {
-        NativePKCS11Session pooled = idle.poll();
-        NativePKCS11Session session = pooled != null ? pooled : slot.openSession();
-        boolean done = false;
-        try {
-          // One that was opened after the login had ended would find no private object.
-          if (closed) {
-            throw new PKCS11Exception(PKCS11Constants.CKR_SESSION_CLOSED);
-          }
-          T result = work.in(session);
-          done = true;
-          return result;
-        } finally {
-          if (done && !closed) {
-            idle.add(session);
-          } else {
-            close(session);
-          }
-        }
-      });
-    } finally {
-      room.release();
+      use.open(writing);
+      return use;
+    } catch (Throwable e) {
+      use.close();
+      throw e;
     }
   }
 
-  /** Does some work in a read/write session, which is closed then. */
-  <T> T runOnce(Work<T> work) throws PKCS11Exception {
-    room.acquireUninterruptibly();
+  /** Returns the state of the session that lasts: {@code CKS_RO_USER_FUNCTIONS} after the login. */
+  int state() throws PKCS11Exception {
+    SharedModule.enter(module);
     try {
-      return SharedModule.use(module, () -> {
-        NativePKCS11Session session = slot.openSession(true);
-        try {
-          return work.in(session);
-        } finally {
-          close(session);
-        }
-      });
+      return lasting.getInfo().state();
     } finally {
-      room.release();
+      SharedModule.leave();
     }
-  }
-
-  /** Does some work in the session that lasts. */
-  <T> T runLasting(Work<T> work) throws PKCS11Exception {
-    return SharedModule.use(module, () -> work.in(lasting));
   }
 
   /** Tells whether {@link #close} was called, as it is by a logout. */
@@ -100,13 +114,15 @@ final class Sessions {
   void close() {
     closed = true;
     try {
-      SharedModule.use(module, () -> {
-        idle.forEach(Sessions::close);
-        close(lasting);
-        return null;
-      });
+      SharedModule.enter(module);
     } catch (PKCS11Exception e) {
-      // The module has gone, and they with it.
+      return; // the module has gone, and they with it
+    }
+    try {
+      idle.forEach(Sessions::close);
+      close(lasting);
+    } finally {
+      SharedModule.leave();
     }
   }
 

@@ -13,10 +13,6 @@ import java.util.concurrent.locks.ReentrantReadWriteLock;
  * those who call hold a lock together, whoever opens or closes holds it alone.
  */
 final class SharedModule {
-  interface Call<T> {
-    T run() throws PKCS11Exception;
-  }
-
   private static final ReentrantReadWriteLock LOCK = new ReentrantReadWriteLock();
   private static final Set<Object> USERS = new HashSet<>();
 
@@ -79,21 +75,21 @@ final class SharedModule {
   }
 
   /**
-   * Calls the module; it stays open meanwhile.
+   * Keeps a module open until this thread calls {@link #leave}.
    *
    * @throws PKCS11Exception with CKR_CRYPTOKI_NOT_INITIALIZED when this module is open no more, so
-   *     that its handles are of no use
+   *     that its handles are of no use; there is nothing to leave then
    */
-  static <T> T use(PKCS11Module module, Call<T> call) throws PKCS11Exception {
+  static void enter(PKCS11Module module) throws PKCS11Exception {
     LOCK.readLock().lock();
-    try {
-      if (module != open) {
-        throw new PKCS11Exception(PKCS11Constants.CKR_CRYPTOKI_NOT_INITIALIZED);
-      }
-      return call.run();
-    } finally {
-      LOCK.readLock().unlock();
+    if (module != open) {
+      leave();
+      throw new PKCS11Exception(PKCS11Constants.CKR_CRYPTOKI_NOT_INITIALIZED);
     }
+  }
+
+  static void leave() {
+    LOCK.readLock().unlock();
   }
 
   private static void close() {

@@ -23,19 +23,11 @@ import javax.security.auth.login.LoginException;
  * it has gone and come back: a card that was pulled, a server that was started anew, a logout.
  */
 final class Token {
-  /** What is done in a session; handles that were found in another connection are of no use. */
-  interface Work<T> {
-    T in(NativePKCS11Session session, Connection connection) throws PKCS11Exception;
-  }
-
-  /** The same, with a login of its own in the middle. */
+  /** What is done in a session, with a login of its own in the middle. */
   interface PinWork<T> {
     T in(NativePKCS11Session session, Connection connection, NativePKCS11Session.Login login)
         throws PKCS11Exception;
   }
-
-  /** The time for which object handles are good, from one login to the next. */
-  record Connection(Sessions sessions, Object start) {}
 
   final PKCS11Uri uri;
 
@@ -100,12 +92,12 @@ final class Token {
   }
 
   /** Does some work in a session; anew when the token has gone, or somebody has logged out. */
-  <T> T run(Work<T> work) throws PKCS11Exception, LoginException {
+  <T> T run(Connection.Work<T> work) throws PKCS11Exception, LoginException {
     return run(work, null);
   }
 
   /** The same; {@code once} asks for the PIN this time, unless it is null. */
-  <T> T run(Work<T> work, CallbackHandler once) throws PKCS11Exception, LoginException {
+  <T> T run(Connection.Work<T> work, CallbackHandler once) throws PKCS11Exception, LoginException {
     Asker chosen = asker(once);
     int begun = chosen.begin();
     Connection current = connection;
@@ -114,7 +106,7 @@ final class Token {
     }
     for (int failures = 0; ; current = connect(current, chosen, begun)) {
       try {
-        return runIn(current, work);
+        return current.run(work);
       } catch (PKCS11Exception e) {
         // A logout in another thread is no fault of the token's.
         failures += current.sessions.isClosed() ? 0 : 1;
@@ -162,14 +154,14 @@ final class Token {
    * Does some work in a read/write session of its own ({@code CKF_RW_SESSION}). It is never done
    * again by itself: when it fails, half of it may be done.
    */
-  <T> T change(Work<T> work) throws PKCS11Exception, LoginException {
+  <T> T change(Connection.Work<T> work) throws PKCS11Exception, LoginException {
     Connection current = run((session, connection) -> {
       if (info.hasFlag(CKF_LOGIN_REQUIRED) && session.getInfo().state() == CKS_RO_PUBLIC_SESSION) {
         throw new PKCS11Exception(CKR_USER_NOT_LOGGED_IN);
       }
       return connection;
     });
-    return current.sessions.runOnce(session -> work.in(session, current));
+    return current.change(work);
   }
 
   /** Tells whether a failure may be one of the connection rather than of the work. */
@@ -181,10 +173,6 @@ final class Token {
           CKR_CRYPTOKI_NOT_INITIALIZED -> true;
       default -> false;
     };
-  }
-
-  private static <T> T runIn(Connection connection, Work<T> work) throws PKCS11Exception {
-    return connection.sessions.run(session -> work.in(session, connection));
   }
 
   /** Logs in, provided that it is still this token that gets the PIN. */
@@ -225,7 +213,7 @@ final class Token {
       connection = null;
       try {
         logIn(sessions, asker, begun);
-        connection = new Connection(sessions, new Object());
+        connection = new Connection(sessions);
       } finally {
         if (connection == null) {
           info = known;
@@ -239,7 +227,7 @@ final class Token {
 
   private static boolean isAlive(Connection connection) {
     try {
-      connection.sessions.runLasting(NativePKCS11Session::getInfo);
+      connection.sessions.state();
       return true;
     } catch (PKCS11Exception e) {
       return false;
@@ -274,12 +262,17 @@ final class Token {
   }
 
   private Sessions open(PKCS11Module module) throws PKCS11Exception {
-    NativePKCS11Slot slot = SharedModule.use(module, () -> choose(module));
-    if (info == null) {
-      mechanisms = SharedModule.use(module, () -> signing(slot));
-      info = SharedModule.use(module, slot::getTokenInfo);
+    SharedModule.enter(module);
+    try {
+      NativePKCS11Slot slot = choose(module);
+      if (info == null) {
+        mechanisms = signing(slot);
+        info = slot.getTokenInfo();
+      }
+      return new Sessions(module, slot, info);
+    } finally {
+      SharedModule.leave();
     }
-    return new Sessions(module, slot, info);
   }
 
   private NativePKCS11Slot choose(PKCS11Module module) throws PKCS11Exception {
@@ -322,7 +315,7 @@ final class Token {
   }
 
   private boolean isLoggedIn(Sessions sessions) throws PKCS11Exception {
-    int state = sessions.runLasting(NativePKCS11Session::getInfo).state();
+    int state = sessions.state();
     return !info.hasFlag(CKF_LOGIN_REQUIRED) || state == CKS_RO_USER_FUNCTIONS
         || state == CKS_RW_USER_FUNCTIONS;
   }
@@ -335,10 +328,12 @@ final class Token {
     synchronized (asker.turn(info)) {
       byte[] pin = asker.ask(info, begun);
       try {
-        sessions.runLasting(session -> {
-          authenticate(sessions, session, pin, asker);
-          return null;
-        });
+        SharedModule.enter(sessions.module);
+        try {
+          authenticate(sessions, sessions.lasting, pin, asker);
+        } finally {
+          SharedModule.leave();
+        }
       } catch (PKCS11Exception e) {
         if (namesThePin(e)) {
           throw (LoginException) new FailedLoginException("the token \"" + label()

@@ -66,7 +66,7 @@ final class TokenContents {
       Collections.synchronizedMap(new IdentityHashMap<>());
 
   /** Reads what is visible in the session. */
-  TokenContents(Token token, NativePKCS11Session session, Token.Connection connection)
+  TokenContents(Token token, NativePKCS11Session session, Connection connection)
       throws PKCS11Exception {
     List<String> leftOut = new ArrayList<>();
     readCertificates(session, leftOut);

@@ -33,7 +33,7 @@ import javax.security.auth.login.LoginException;
 abstract class TokenKey implements PrivateKey {
   private static final long serialVersionUID = 1L;
 
-  private record Located(NativePKCS11Object object, Token.Connection connection) {}
+  private record Located(NativePKCS11Object object, Connection connection) {}
 
   final transient Token token;
   final transient KeyKind kind;
@@ -43,7 +43,7 @@ abstract class TokenKey implements PrivateKey {
   private transient volatile Located located;
 
   private TokenKey(KeyKind kind, Token token, KeyObject found, PublicKey publicKey,
-      Token.Connection connection) {
+      Connection connection) {
     this.kind = kind;
     this.token = token;
     this.found = found;
@@ -59,7 +59,7 @@ abstract class TokenKey implements PrivateKey {
    * @throws InvalidKeyException for a key of another kind than {@link KeyKind} has
    */
   static TokenKey of(Token token, KeyObject found, PublicKey publicKey,
-      Token.Connection connection) throws InvalidKeyException {
+      Connection connection) throws InvalidKeyException {
     KeyKind kind = KeyKind.of(publicKey);
     if (kind == KeyKind.EC && publicKey instanceof ECPublicKey ec) {
       return new Ec(token, found, ec, connection);
@@ -119,7 +119,7 @@ abstract class TokenKey implements PrivateKey {
   }
 
   private byte[] operate(boolean[] begun, int mechanism, byte[] data, NativePKCS11Session session,
-      Token.Connection connection, NativePKCS11Session.Login login) throws PKCS11Exception {
+      Connection connection, NativePKCS11Session.Login login) throws PKCS11Exception {
     NativePKCS11Object key = in(session, connection);
     if (begun == null) {
       return session.sign(mechanism, key, data, login);
@@ -137,7 +137,7 @@ abstract class TokenKey implements PrivateKey {
     }
   }
 
-  NativePKCS11Object in(NativePKCS11Session session, Token.Connection connection)
+  NativePKCS11Object in(NativePKCS11Session session, Connection connection)
       throws PKCS11Exception {
     Located last = located;
     if (last.connection != connection) {
@@ -217,7 +217,7 @@ abstract class TokenKey implements PrivateKey {
     private final transient PSSParameterSpec limits;
 
     private Rsa(KeyKind kind, Token token, KeyObject found, RSAPublicKey publicKey,
-        Token.Connection connection) throws InvalidKeyException {
+        Connection connection) throws InvalidKeyException {
       super(kind, token, found, publicKey, connection);
       modulus = publicKey.getModulus();
       limits = kind == KeyKind.RSASSA_PSS ? KeyKind.limits(publicKey) : null;
@@ -245,7 +245,7 @@ abstract class TokenKey implements PrivateKey {
 
     private final transient ECParameterSpec curve;
 
-    private Ec(Token token, KeyObject found, ECPublicKey publicKey, Token.Connection connection) {
+    private Ec(Token token, KeyObject found, ECPublicKey publicKey, Connection connection) {
       super(KeyKind.EC, token, found, publicKey, connection);
       curve = publicKey.getParams();
     }
@@ -285,7 +285,7 @@ abstract class TokenKey implements PrivateKey {
     private static final long serialVersionUID = 1L;
 
     private Ed25519(
-        Token token, KeyObject found, PublicKey publicKey, Token.Connection connection) {
+        Token token, KeyObject found, PublicKey publicKey, Connection connection) {
       super(KeyKind.ED25519, token, found, publicKey, connection);
     }
 

@@ -140,7 +140,7 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
     }
   }
 
-  private KeyPair generate(NativePKCS11Session session, Token.Connection connection)
+  private KeyPair generate(NativePKCS11Session session, Connection connection)
       throws PKCS11Exception {
     byte[] id = NewKeys.id();
     NativePKCS11Session.KeyPair made = session.generateKeyPair(

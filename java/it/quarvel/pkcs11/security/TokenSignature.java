@@ -12,6 +12,7 @@ import java.security.AlgorithmParameters;
 import java.security.GeneralSecurityException;
 import java.security.InvalidAlgorithmParameterException;
 import java.security.InvalidKeyException;
+import java.security.Key;
 import java.security.MessageDigest;
 import java.security.PrivateKey;
 import java.security.Provider;
@@ -110,26 +111,26 @@ final class TokenSignature extends SignatureSpi {
       key = tokenKey;
       other = null;
     } else {
-      handOn(signature -> signature.initSign(privateKey, appRandom));
+      handOn(privateKey);
     }
   }
 
   @Override
   protected void engineInitVerify(PublicKey publicKey) throws InvalidKeyException {
-    handOn(signature -> signature.initVerify(publicKey));
+    handOn(publicKey);
   }
 
-  private interface Start {
-    void start(Signature signature) throws InvalidKeyException;
-  }
-
-  private void handOn(Start start) throws InvalidKeyException {
+  private void handOn(Key foreign) throws InvalidKeyException {
     other = OtherProviders.first(provider, candidate -> {
       Signature signature = Signature.getInstance(name, candidate);
       if (parameters != null) {
         signature.setParameter(parameters);
       }
-      start.start(signature);
+      if (foreign instanceof PrivateKey privateKey) {
+        signature.initSign(privateKey, appRandom);
+      } else {
+        signature.initVerify((PublicKey) foreign);
+      }
       return signature;
     });
     key = null;

@@ -55,12 +55,12 @@ final class TokenWriter {
 
   private final Token token;
   private final NativePKCS11Session session;
-  private final Token.Connection connection;
+  private final Connection connection;
   private final TokenContents contents;
   private final Map<String, Entry> named;
   private final Deque<Step> undoing = new ArrayDeque<>();
 
-  private TokenWriter(Token token, NativePKCS11Session session, Token.Connection connection)
+  private TokenWriter(Token token, NativePKCS11Session session, Connection connection)
       throws PKCS11Exception {
     this.token = token;
     this.session = session;
