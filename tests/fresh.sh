@@ -123,13 +123,15 @@ row user './dev demo'
 row user './dev test'
 row user './dev package'
 sums "$root/home/user/quarvel" | diff "$work/sums" -
-versions=$(chroot "$root" dpkg-query --show g++ openssl opensc p11-kit 'openjdk-*-jdk-headless' |
-  sed -E 's/-jdk-headless//; s/\t([0-9]+:)?([^-+~]*).*/ \2, /' | tr -d '\n')
+# shellcheck disable=SC2016  # dpkg-query's own fields
+versions=$(chroot "$root" dpkg-query --show -f '${db:Status-Abbrev}${Package} ${Version}\n' g++ openssl \
+  opensc p11-kit 'openjdk-*-jdk-headless' |
+  sed -nE 's/-jdk-headless//; s/^ii *(\S+) ([0-9]+:)?([^-+~]*).*/\1 \3, /p' | tr -d '\n')
 end
 
 {
-  echo "Made on $(date --utc +%Y-%m-%d) with Debian $(cat "$work/bare/etc/debian_version"), ${versions%, }: $bare"
-  echo "before the first command."
+  echo "Made on $(date --utc +%Y-%m-%d) with Debian $(cat "$work/bare/etc/debian_version"), ${versions%, }:" \
+    "$bare before the first command." | fmt --width 100
   printf '\n| as | command | result | time | packages | download | on disk |\n|---|---|---|---|---|---|---|\n'
   cat "$work/table"
 } >"$work/$suite.md"
