@@ -10,6 +10,7 @@ import java.security.cert.CertificateFactory;
 import java.security.interfaces.ECPublicKey;
 import java.security.spec.*;
 import java.util.*;
+import java.util.concurrent.*;
 import javax.crypto.KeyAgreement;
 import javax.crypto.spec.SecretKeySpec;
 import org.junit.jupiter.api.*;
@@ -123,6 +124,8 @@ class KeyStoreWriterTest {
     changes.put(() -> store.setKeyEntry("new", twinKey, null, own), "of this token");
     changes.put(() -> store.setKeyEntry("new", software("rsa2048"), null, own), "already");
     changes.put(() -> store.setKeyEntry("ec", key, null, own), "of another key");
+    changes.put(() -> store.setKeyEntry("new", key, null,
+        new Certificate[] {own[0], chain("secp521r1")[0], own[1]}), "issued none");
     changes.put(() -> store.setKeyEntry("", key, null, own), "no text");
     changes.put(() -> store.setKeyEntry("\uD83D", key, null, own), "no text");
     changes.put(() -> store.setKeyEntry("x", new SecretKeySpec(new byte[9], "AES"), null, own), "private");
@@ -135,6 +138,28 @@ class KeyStoreWriterTest {
       String told = assertThrows(KeyStoreException.class, change).getMessage();
       assertTrue(told.contains(why), told);
     });
+    assertEquals(before, objects());
+  }
+
+  @Test
+  void changesByTwoProvidersDoNotMix() throws Exception {
+    KeyStore other = ProviderTest.load(token.configured(WRITABLE), ProviderTest.PIN);
+    Set<String> before = objects();
+    ExecutorService threads = Executors.newCachedThreadPool();
+    List<Future<?>> changes = new ArrayList<>();
+    Map.of("prime256v1", store, "secp521r1", other).forEach((name, keys) ->
+        changes.add(threads.submit(() -> {
+          for (int i = 0; i < 10; i++) {
+            Certificate[] own = chain(name);
+            keys.setKeyEntry(name, software(name), null, new Certificate[] {own[0], own[0], own[1]});
+            keys.deleteEntry(name);
+          }
+          return null;
+        })));
+    threads.shutdown();
+    for (Future<?> change : changes) {
+      change.get();
+    }
     assertEquals(before, objects());
   }
 
@@ -156,9 +181,9 @@ class KeyStoreWriterTest {
 
   @Test
   void refusesWhatItDoesNotMake() throws Exception {
-    for (int bits : new int[] {1024, 20_000}) {
-      assertThrows(InvalidAlgorithmParameterException.class,
-          () -> generated("RSA", new RSAKeyGenParameterSpec(bits, RSAKeyGenParameterSpec.F4)));
+    for (int[] wrong : new int[][] {{1024, 3}, {20_000, 3}, {2048, -3}, {2048, 4}}) {
+      assertThrows(InvalidAlgorithmParameterException.class, () -> generated(
+          "RSA", new RSAKeyGenParameterSpec(wrong[0], BigInteger.valueOf(wrong[1]))));
     }
     byte[] digest = MessageDigest.getInstance("SHA-256", provider).digest(TestToken.DATA);
     assertArrayEquals(MessageDigest.getInstance("SHA-256").digest(TestToken.DATA), digest);

@@ -33,6 +33,9 @@ final class Token {
 
   private static final int MOST_ATTEMPTS = 3;
 
+  /** Held by the one that changes something, for several providers may have the same token. */
+  private static final Object CHANGING = new Object();
+
   private final Asker.Failures failuresOfHandlers = new Asker.Failures();
   private volatile Asker asker;
 
@@ -161,7 +164,9 @@ final class Token {
       }
       return connection;
     });
-    return current.change(work);
+    synchronized (CHANGING) {
+      return current.change(work);
+    }
   }
 
   /** Tells whether a failure may be one of the connection rather than of the work. */

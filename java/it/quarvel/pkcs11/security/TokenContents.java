@@ -208,7 +208,7 @@ final class TokenContents {
     return issuer;
   }
 
-  private static boolean hasSigned(X509Certificate issuer, X509Certificate issued) {
+  static boolean hasSigned(X509Certificate issuer, X509Certificate issued) {
     try {
       issued.verify(issuer.getPublicKey());
       return true;

@@ -9,6 +9,7 @@ import it.quarvel.pkcs11.PKCS11Template;
 import it.quarvel.pkcs11.nat.NativePKCS11Object;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import java.io.IOException;
+import java.math.BigInteger;
 import java.security.AlgorithmParameters;
 import java.security.GeneralSecurityException;
 import java.security.InvalidAlgorithmParameterException;
@@ -83,8 +84,12 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
       if (rsa.getKeysize() < SHORTEST_RSA) {
         throw new InvalidAlgorithmParameterException("RSA keys have 2,048 bits and more");
       }
+      BigInteger exponent = rsa.getPublicExponent();
+      if (exponent.compareTo(BigInteger.valueOf(3)) < 0 || !exponent.testBit(0)) {
+        throw new InvalidAlgorithmParameterException("a public exponent is odd and at least 3");
+      }
       checkSize(rsa.getKeysize());
-      pub.put(CKA_MODULUS_BITS, rsa.getKeysize()).put(CKA_PUBLIC_EXPONENT, rsa.getPublicExponent());
+      pub.put(CKA_MODULUS_BITS, rsa.getKeysize()).put(CKA_PUBLIC_EXPONENT, exponent);
     } else if (kind == Kind.EC
         && (spec instanceof ECGenParameterSpec || spec instanceof ECParameterSpec)) {
       try {
@@ -94,16 +99,20 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
             .getFieldSize());
         pub.put(CKA_EC_PARAMS, curve.getEncoded());
       } catch (GeneralSecurityException | IOException e) {
-        throw new InvalidAlgorithmParameterException(e.getMessage(), e);
+        throw new InvalidAlgorithmParameterException("Java has no curve " + name(spec), e);
       }
     } else if (kind == Kind.ED25519 && spec instanceof NamedParameterSpec named
         && named.getName().equalsIgnoreCase(NamedParameterSpec.ED25519.getName())) {
       checkSize(0);
       pub.put(CKA_EC_PARAMS, NewKeys.ED25519_PARAMS);
     } else {
-      throw new InvalidAlgorithmParameterException("no parameters of a key of " + kind + ": " + spec);
+      throw new InvalidAlgorithmParameterException("no parameters of a key of " + kind + ": " + name(spec));
     }
     wanted = pub;
+  }
+
+  private static String name(AlgorithmParameterSpec spec) {
+    return spec instanceof NamedParameterSpec named ? named.getName() : String.valueOf(spec);
   }
 
   /**

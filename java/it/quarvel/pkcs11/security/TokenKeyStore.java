@@ -237,6 +237,7 @@ final class TokenKeyStore extends KeyStoreSpi {
       throw new KeyStoreException("the key's certificate is wanted");
     }
     TokenWriter.prove(provider, privateKey, certificates.get(0));
+    TokenWriter.checkIssuers(certificates);
     change(() -> TokenWriter.setKey(token, alias, privateKey, certificates));
   }
 

@@ -132,6 +132,17 @@ final class TokenWriter {
     return Arrays.equals(PROBE, cipher.doFinal(encrypted));
   }
 
+  /** Refuses an issuer that no chain would lead to, so that no deletion would remove it either. */
+  static void checkIssuers(List<X509Certificate> chain) throws KeyStoreException {
+    for (X509Certificate issuer : chain) {
+      if (!issuer.equals(chain.get(0)) && chain.stream().noneMatch(
+          issued -> !issued.equals(issuer) && TokenContents.hasSigned(issuer, issued))) {
+        throw new KeyStoreException("the chain has a certificate that issued none of the others: "
+            + Printable.of(issuer.getSubjectX500Principal().getName()));
+      }
+    }
+  }
+
   /**
    * Gives a key an alias and a chain. A key of the token's stays and loses its earlier
    * certificates; any other is copied to the token. Issuers are added that are not there.
@@ -299,7 +310,7 @@ final class TokenWriter {
   }
 
   private void addIssuers(List<X509Certificate> chain) throws PKCS11Exception {
-    Set<X509Certificate> there = new HashSet<>();
+    Set<X509Certificate> there = new HashSet<>(chain.subList(0, 1));
     for (Stored stored : contents.certificates) {
       there.add(stored.certificate());
     }
