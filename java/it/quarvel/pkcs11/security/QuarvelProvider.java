@@ -8,10 +8,12 @@ import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.internal.Hash;
 import it.quarvel.pkcs11.nat.NativePKCS11;
 import it.quarvel.pkcs11.security.TokenSignature.Scheme;
+import java.security.AlgorithmParametersSpi;
 import java.security.AuthProvider;
 import java.security.InvalidKeyException;
 import java.security.InvalidParameterException;
 import java.security.MessageDigest;
+import java.security.NoSuchAlgorithmException;
 import java.security.Provider;
 import java.security.ProviderException;
 import java.util.ArrayList;
@@ -97,6 +99,7 @@ public final class QuarvelProvider extends AuthProvider {
     putService(new TokenService(this, "Cipher", TokenCipher.OAEP_NAME, TokenCipher.class,
         List.of("1.2.840.113549.1.1.7", "OID.1.2.840.113549.1.1.7"),
         () -> new TokenCipher(this, "OAEPPadding"), TokenKey::decrypts));
+    putOaepParameters();
     putAgreement("ECDH", null);
     put("NONEwithRSA", Scheme.PKCS1, null);
     put("RSASSA-PSS", Scheme.PSS, null, "1.2.840.113549.1.1.10");
@@ -144,13 +147,28 @@ public final class QuarvelProvider extends AuthProvider {
   /** Hands on: it is there for those who name one provider for all that they do. */
   private void putDigest(String name, String otherName) {
     putService(new TokenService(this, "MessageDigest", name, MessageDigest.class,
-        name.equals(otherName) ? List.of() : List.of(otherName), () -> {
-          try {
-            return OtherProviders.first(this, other -> MessageDigest.getInstance(name, other));
-          } catch (InvalidKeyException e) {
-            throw new ProviderException(e);
+        name.equals(otherName) ? List.of() : List.of(otherName),
+        () -> handedOn(other -> MessageDigest.getInstance(name, other)), any -> false));
+  }
+
+  /** Without them whoever names one provider for all would decrypt as if there were none. */
+  private void putOaepParameters() {
+    putService(new TokenService(this, "AlgorithmParameters", "OAEP", AlgorithmParametersSpi.class,
+        List.of("1.2.840.113549.1.1.7", "OID.1.2.840.113549.1.1.7"), () -> handedOn(other -> {
+          Service service = other.getService("AlgorithmParameters", "OAEP");
+          if (service == null) {
+            throw new NoSuchAlgorithmException();
           }
-        }, any -> false));
+          return service.newInstance(null);
+        }), any -> false));
+  }
+
+  private <T> T handedOn(OtherProviders.Attempt<T> attempt) {
+    try {
+      return OtherProviders.first(this, attempt);
+    } catch (InvalidKeyException e) {
+      throw new ProviderException(e);
+    }
   }
 
   private void putAgreement(String name, Hash hash) {

@@ -302,8 +302,9 @@ final class TokenWriter {
     try {
       create(NewKeys.copy(chain.get(0).getPublicKey(), id).put(CKA_LABEL, bytes(alias)));
       create(NewKeys.copy(key, id).put(CKA_LABEL, bytes(alias)));
-    } catch (InvalidKeyException e) {
-      throw (PKCS11Exception) new PKCS11Exception(e.getMessage()).initCause(e);
+    } catch (InvalidKeyException | PKCS11Exception e) {
+      throw (PKCS11Exception) new PKCS11Exception(
+          "the token does not take this key in: " + e.getMessage()).initCause(e);
     }
     create(certificate(chain.get(0)).put(CKA_ID, id).put(CKA_LABEL, bytes(alias)));
     addIssuers(chain);
