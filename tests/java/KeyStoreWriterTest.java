@@ -12,7 +12,7 @@ import java.security.spec.*;
 import java.util.*;
 import java.util.concurrent.*;
 import javax.crypto.KeyAgreement;
-import javax.crypto.spec.SecretKeySpec;
+import javax.crypto.spec.*;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.extension.RegisterExtension;
 import org.junit.jupiter.api.function.Executable;
@@ -145,19 +145,17 @@ class KeyStoreWriterTest {
   void changesByTwoProvidersDoNotMix() throws Exception {
     KeyStore other = ProviderTest.load(token.configured(WRITABLE), ProviderTest.PIN);
     Set<String> before = objects();
-    ExecutorService threads = Executors.newCachedThreadPool();
-    List<Future<?>> changes = new ArrayList<>();
+    List<Callable<Void>> changes = new ArrayList<>();
     Map.of("prime256v1", store, "secp521r1", other).forEach((name, keys) ->
-        changes.add(threads.submit(() -> {
+        changes.add(() -> {
           for (int i = 0; i < 10; i++) {
             Certificate[] own = chain(name);
             keys.setKeyEntry(name, software(name), null, new Certificate[] {own[0], own[0], own[1]});
             keys.deleteEntry(name);
           }
           return null;
-        })));
-    threads.shutdown();
-    for (Future<?> change : changes) {
+        }));
+    for (Future<Void> change : new ForkJoinPool(2).invokeAll(changes)) {
       change.get();
     }
     assertEquals(before, objects());
@@ -185,6 +183,8 @@ class KeyStoreWriterTest {
       assertThrows(InvalidAlgorithmParameterException.class, () -> generated(
           "RSA", new RSAKeyGenParameterSpec(wrong[0], BigInteger.valueOf(wrong[1]))));
     }
+    AlgorithmParameters.getInstance("1.2.840.113549.1.1.7", provider)
+        .init(new OAEPParameterSpec("SHA-256", "MGF1", MGF1ParameterSpec.SHA256, PSource.PSpecified.DEFAULT));
     byte[] digest = MessageDigest.getInstance("SHA-256", provider).digest(TestToken.DATA);
     assertArrayEquals(MessageDigest.getInstance("SHA-256").digest(TestToken.DATA), digest);
     open(ProviderTest.URI);
