@@ -86,9 +86,12 @@ class CliTest {
 
   @Test
   void signsAndDecryptsForTheJdk() throws Exception {
-    run("sign --id 00:69:ff --pin-source DIR/pin -o DIR/signature DIR/data");
-    TestToken.assertVerifies("SHA256withRSA", certificate.getPublicKey(),
-        Files.readAllBytes(dir.resolve("signature")));
+    for (String hash : List.of("SHA256", "SHA3-224", "SHA3-256", "SHA3-384", "SHA3-512")) {
+      run("sign --id 00:69:ff --pin-source DIR/pin -o DIR/signature DIR/data"
+          + (hash.equals("SHA256") ? "" : " --mechanism " + hash.replace('-', '_') + "_RSA_PKCS"));
+      TestToken.assertVerifies(hash + "withRSA", certificate.getPublicKey(),
+          Files.readAllBytes(dir.resolve("signature")));
+    }
     Cipher jdk = Cipher.getInstance("RSA/ECB/PKCS1Padding");
     jdk.init(Cipher.ENCRYPT_MODE, certificate.getPublicKey());
     Files.write(dir.resolve("hidden"), jdk.doFinal(TestToken.DATA));
