@@ -11,17 +11,18 @@ import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import java.io.IOException;
 import java.math.BigInteger;
 import java.security.AlgorithmParameters;
-import java.security.GeneralSecurityException;
 import java.security.InvalidAlgorithmParameterException;
 import java.security.InvalidKeyException;
 import java.security.InvalidParameterException;
 import java.security.KeyPair;
 import java.security.KeyPairGeneratorSpi;
+import java.security.NoSuchAlgorithmException;
 import java.security.ProviderException;
 import java.security.SecureRandom;
 import java.security.spec.AlgorithmParameterSpec;
 import java.security.spec.ECGenParameterSpec;
 import java.security.spec.ECParameterSpec;
+import java.security.spec.InvalidParameterSpecException;
 import java.security.spec.NamedParameterSpec;
 import java.security.spec.RSAKeyGenParameterSpec;
 import java.util.List;
@@ -98,7 +99,7 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
         checkSize(curve.getParameterSpec(ECParameterSpec.class).getCurve().getField()
             .getFieldSize());
         pub.put(CKA_EC_PARAMS, curve.getEncoded());
-      } catch (GeneralSecurityException | IOException e) {
+      } catch (NoSuchAlgorithmException | InvalidParameterSpecException | IOException e) {
         throw new InvalidAlgorithmParameterException("Java has no curve " + name(spec), e);
       }
     } else if (kind == Kind.ED25519 && spec instanceof NamedParameterSpec named
