@@ -34,7 +34,7 @@ final class Token {
   private static final int MOST_ATTEMPTS = 3;
 
   /** Held by the one that changes something, for several providers may have the same token. */
-  private static final Object CHANGING = new Object();
+  static final Object CHANGING = new Object();
 
   private final Asker.Failures failuresOfHandlers = new Asker.Failures();
   private volatile Asker asker;

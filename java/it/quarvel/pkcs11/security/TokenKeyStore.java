@@ -297,7 +297,9 @@ final class TokenKeyStore extends KeyStoreSpi {
       failure = e;
     }
     try {
-      read(null);
+      synchronized (Token.CHANGING) { // some modules make no object while another thread reads
+        read(null);
+      }
     } catch (PKCS11Exception | LoginException e) {
       failure = failure == null ? e : failure;
     }
