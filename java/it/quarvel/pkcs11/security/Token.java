@@ -297,7 +297,7 @@ final class Token {
     return info == null ? uri : uri.with(info);
   }
 
-  /** Only those that not every token with RSA has. */
+  /** Returns which of raw RSA and RSASSA-PSS the token signs with: a token with RSA may lack them. */
   private static Set<Integer> signing(NativePKCS11Slot slot) throws PKCS11Exception {
     Set<Integer> signing = new HashSet<>();
     for (int mechanism : slot.getMechanismList()) {
