@@ -95,7 +95,7 @@ std::size_t failModule(const Step& step) {
   static const std::set<std::string> particular = {
       "Module.libFinalize", "Session.getIdentrusObject"};
   for (const auto& [answer, message] : answers) {
-    const Outcome outcome = callFresh(step.method, {}, [&] {
+    const Outcome outcome = callFresh(step.method, {}, [&, answer = answer] {
       script.failFrom = step.made;
       script.failWith = answer;
     });
