@@ -124,11 +124,19 @@ class CliTest {
   }
 
   @Test
-  void changesPinsAndRemovesWhatWasLeft() throws Exception {
+  void changesPinsAndRemovesWhatWasLeft() throws Throwable {
     Files.writeString(dir.resolve("so"), TestToken.SO_PIN);
     run("pin --pin-source DIR/pin --new-pin-source DIR/wrong");
     assertEquals(0, run("objects --pin-source DIR/wrong").status);
     run("pin --unblock --pin-source DIR/so --new-pin-source DIR/pin");
+    String change = "pin --module " + TestToken.SHIM + " --new-pin-source DIR/pin --pin-source DIR/";
+    assertEquals(0, TestToken.calls("C_SetPIN", "C_SetPIN=0",
+        () -> assertEquals(1, run(change + "wrong").status)));
+    assertEquals(1, TestToken.calls("C_SetPIN", "C_Login:1=0xA3",
+        () -> assertEquals(0, run(change + "pin").status)));
+    Files.writeString(dir.resolve("new"), "12\ud83d\ude0034");
+    assertEquals(0, TestToken.calls("C_Login:0", "", () -> assertEquals(1, run("pin --unblock --module "
+        + TestToken.SHIM + " --pin-source DIR/so --new-pin-source DIR/new").status)));
     String clean = "check --clean --pin-source DIR/pin";
     Run asks = run(clean);
     assertEquals(1, asks.status);

@@ -117,6 +117,7 @@ extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** given) {
     return answer(
         "C_Login:" + std::to_string(user), [=] { return module->C_Login(session, user, pin...); });
   };
+  QUARVEL_NOTED(C_SetPIN);
   QUARVEL_NOTED(C_DecryptInit);
   QUARVEL_NOTED(C_Decrypt);
   list.C_CreateObject = create;

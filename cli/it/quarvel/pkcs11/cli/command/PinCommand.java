@@ -3,6 +3,7 @@ package it.quarvel.pkcs11.cli.command;
 
 import static it.quarvel.pkcs11.PKCS11Constants.*;
 
+import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.console.Failure;
 import it.quarvel.pkcs11.cli.token.*;
 import it.quarvel.pkcs11.internal.Pin;
@@ -17,7 +18,7 @@ import picocli.CommandLine.*;
     description = {
       "Change the PIN of a token's user.",
       "With --unblock the security officer sets a new one, where it is locked or forgotten; with --so"
-          + " the security officer changes the own PIN. --pin and --pin-source then have the security"
+          + " the security officer's own PIN is changed. --pin and --pin-source then give the security"
           + " officer's PIN.",
       "The PIN is tried once, and a new one that is typed is asked for twice."
     })
@@ -34,17 +35,18 @@ public final class PinCommand extends TokenCommand {
   @ArgGroup(exclusive = true)
   private Change change = new Change();
 
-  private String variable;
+  private static final class NewPin {
+    @Option(names = "--new-pin", paramLabel = "env:NAME", converter = PinOptions.Variable.class,
+        description = "Take the new PIN from this environment variable.")
+    private String variable;
 
-  @Option(names = "--new-pin", paramLabel = "env:NAME",
-      description = "Take the new PIN from this environment variable.")
-  void variable(String value) {
-    variable = PinOptions.variable(value);
+    @Option(names = "--new-pin-source", paramLabel = "FILE",
+        description = "Take the new PIN from the first line of this file.")
+    private Path file;
   }
 
-  @Option(names = "--new-pin-source", paramLabel = "FILE",
-      description = "Take the new PIN from the first line of this file.")
-  private Path file;
+  @ArgGroup(exclusive = true)
+  private NewPin source = new NewPin();
 
   @Override
   void run(Connection connection) throws Failure {
@@ -57,47 +59,59 @@ public final class PinCommand extends TokenCommand {
         throw new Failure("a PIN cannot be changed on the reader's PIN pad: name both, by --pin or"
             + " --pin-source and by --new-pin or --new-pin-source");
       }
-      next = newPin(chosen);
-      connection.openSession(chosen, CKF_RW_SESSION);
-      if (officer) {
-        connection.login(true, old);
+      next = PinOptions.read(source.variable, source.file, "New PIN", chosen);
+      if (source.variable == null && source.file == null) {
+        confirm(next, chosen);
       }
-      set(connection, old, next);
+      String text = change.unblock ? text(next) : null;
+      connection.openSession(chosen, CKF_RW_SESSION);
+      login(connection, officer, old);
+      byte[] given = next;
+      connection.run(Step.SET_PIN, () -> {
+        if (change.unblock) {
+          connection.session().initPIN(text);
+        } else {
+          connection.session().setPINellips(old, given);
+        }
+      });
     } finally {
       Pin.wipe(old);
       Pin.wipe(next);
     }
-    program().message("the PIN of %s is set".formatted(chosen));
+    program().message("the %sPIN of %s is set".formatted(
+        change.officer ? "security officer's " : "", chosen));
   }
 
-  /** Reads the new PIN, twice where it is typed. */
-  private byte[] newPin(TokenInSlot chosen) throws Failure {
-    byte[] pin = PinOptions.read(variable, file, "New PIN", chosen);
-    byte[] again = variable != null || file != null ? pin
-        : PinOptions.read(null, null, "New PIN, once more,", chosen);
-    boolean same = Arrays.equals(pin, again);
-    if (again != pin) {
-      Pin.wipe(again);
+  /**
+   * Logs in first: tpm2-pkcs11 reports success for a change that a wrong PIN has prevented. A PIN
+   * that has expired is right, and allows nothing but the change.
+   */
+  private static void login(Connection connection, boolean officer, byte[] pin) throws Failure {
+    try {
+      connection.login(officer, pin);
+    } catch (Failure e) {
+      if (!(e.getCause() instanceof PKCS11Exception cause && cause.errorCode() == CKR_PIN_EXPIRED)) {
+        throw e;
+      }
     }
+  }
+
+  /** Has a new PIN that was typed be typed once more. */
+  private static void confirm(byte[] pin, TokenInSlot chosen) throws Failure {
+    byte[] again = PinOptions.read(null, null, "New PIN, once more,", chosen);
+    boolean same = Arrays.equals(pin, again);
+    Pin.wipe(again);
     if (!same) {
-      Pin.wipe(pin);
       throw new Failure("the two new PINs differ; nothing was changed");
     }
-    return pin;
   }
 
-  /** A String is what the library takes where there is no old PIN; it cannot be wiped. */
-  private void set(Connection connection, byte[] old, byte[] next) throws Failure {
-    String text = new String(next, StandardCharsets.UTF_8);
-    if (change.unblock && text.codePoints().anyMatch(c -> c == 0 || c > Character.MAX_VALUE)) {
+  /** Returns the String that the library takes where there is no old PIN; it cannot be wiped. */
+  private static String text(byte[] pin) throws Failure {
+    String text = new String(pin, StandardCharsets.UTF_8);
+    if (text.codePoints().anyMatch(c -> c == 0 || c > Character.MAX_VALUE)) {
       throw new Failure("the library cannot set a PIN with such a character: choose another PIN");
     }
-    connection.run(Step.SET_PIN, () -> {
-      if (change.unblock) {
-        connection.session().initPIN(text);
-      } else {
-        connection.session().setPINellips(old, next);
-      }
-    });
+    return text;
   }
 }

@@ -17,14 +17,22 @@ import picocli.CommandLine.*;
 
 /** How to log in. The PIN is asked for without echo unless one of the options says otherwise. */
 final class PinOptions {
-  private static final class Source {
-    private String variable;
-
-    @Option(names = "--pin", paramLabel = "env:NAME",
-        description = "Log in with the PIN in this environment variable.")
-    void variable(String value) {
-      variable = PinOptions.variable(value);
+  /** Reads the name of an environment variable, and refuses what may be the PIN itself. */
+  static final class Variable implements ITypeConverter<String> {
+    @Override
+    public String convert(String value) {
+      if (!value.matches("env:.+")) {
+        throw new IllegalArgumentException("a PIN on the command line can be read by other users in"
+            + " the list of processes: write env:NAME, name a file, or leave it out and be asked");
+      }
+      return value.substring("env:".length());
     }
+  }
+
+  private static final class Source {
+    @Option(names = "--pin", paramLabel = "env:NAME", converter = Variable.class,
+        description = "Log in with the PIN in this environment variable.")
+    private String variable;
 
     @Option(names = "--pin-source", paramLabel = "FILE",
         description = "Log in with the PIN that is the first line of this file.")
@@ -49,7 +57,7 @@ final class PinOptions {
   /**
    * Returns the PIN, which the caller wipes; null when the token asks for it itself.
    *
-   * @param whose what the PIN is called where a person is asked
+   * @param whose what the PIN is called, as in "New PIN"
    */
   byte[] ask(TokenInSlot token, PKCS11Uri uri, String whose) throws Failure {
     boolean pad = token.info().hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH);
@@ -61,25 +69,16 @@ final class PinOptions {
         : read(source.variable, file, whose, token);
   }
 
-  /** Returns the name of an environment variable, and refuses what may be the PIN itself. */
-  static String variable(String value) {
-    if (!value.matches("env:.+")) {
-      throw new IllegalArgumentException("a PIN on the command line can be read by other users in"
-          + " the list of processes: write env:NAME, name a file, or leave it out and be asked");
-    }
-    return value.substring("env:".length());
-  }
-
   /**
    * Reads a PIN from an environment variable, else a file, else, where both are null, a person.
    *
    * @return the PIN, which the caller wipes
    */
   static byte[] read(String variable, Path file, String whose, TokenInSlot token) throws Failure {
-    byte[] pin = variable != null ? ofVariable(variable) : file != null ? ofFile(file)
+    byte[] pin = variable != null ? ofVariable(variable) : file != null ? ofFile(file, whose)
         : ofTerminal(whose, token);
     if (pin.length == 0) {
-      throw new Failure("the PIN is empty");
+      throw new Failure(whose + ": it is empty");
     }
     return pin;
   }
@@ -95,12 +94,12 @@ final class PinOptions {
     return value.getBytes(StandardCharsets.UTF_8);
   }
 
-  private static byte[] ofFile(Path file) throws Failure {
+  private static byte[] ofFile(Path file, String whose) throws Failure {
     try {
       return Pin.ofFile(file);
     } catch (IOException e) {
       // Without its name, which may be a PIN that is not at its place.
-      throw Failure.file("the file with the PIN cannot be used", e);
+      throw Failure.file(whose + ", from its file", e);
     }
   }
 
