@@ -94,7 +94,8 @@ public final class Main extends Program {
     String text = failure instanceof UnmatchedArgumentException unmatched
         ? unmatched(unmatched.getUnmatched(), top)
         : failure.getCause() instanceof IllegalArgumentException wrong ? wrong.getMessage()
-        : failure.getMessage().replaceFirst("^Error: ", "");
+        : failure.getMessage().replaceFirst("^Error: ", "")
+            .replaceFirst("(?s)^expected only one match but got \\[(.*?)].*", "only one of $1, and once");
     String commands = top ? command.getSubcommands().entrySet().stream()
         .filter(entry -> !entry.getValue().getCommandSpec().usageMessage().hidden())
         .map(Map.Entry::getKey).collect(Collectors.joining(", ", "the commands are ", "; ")) : "";

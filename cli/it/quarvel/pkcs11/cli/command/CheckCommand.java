@@ -18,9 +18,9 @@ import picocli.CommandLine.*;
       "Try each operation of the library on a token and show which work.",
       "Without --write nothing is created. With it, objects are created in a read/write session and"
           + " removed again. Some tokens keep what is made for a session: this is tried on something"
-          + " small, and then keys are made only after a question, or with --yes. What is removed at"
-          + " an interruption, too, stays behind after a kill -9; it is labelled \"quarvel-pkcs11"
-          + " check\", and --clean removes it.",
+          + " small, and then keys are made only after a question, or with --yes. An interruption"
+          + " removes them too; what a kill -9 leaves behind is labelled \"quarvel-pkcs11 check\", and"
+          + " --clean removes it.",
       "A key that is named by --label, --id or --uri is used to sign and decrypt, else with --write"
           + " one that was made, or one that is there where the token makes none.",
       "The status is 0 when nothing failed and nothing was refused. What was not asked for does not"
@@ -50,17 +50,18 @@ public final class CheckCommand extends ObjectCommand {
 
   @Override
   public Integer call() throws Failure {
-    if (uri().objectClass() != null) {
-      requireName();
-    }
     if (clean) {
-      if (write || output.isJson()) {
-        throw Failure.usage("--clean goes with neither --write nor --json");
+      if (write || output.isJson() || isNamed() || uri().objectClass() != null) {
+        throw Failure.usage("--clean goes with neither --write nor --json, and finds by itself what to"
+            + " remove: no --label, --id or --type");
       }
       try (Connection connection = open(new Steps())) {
         clean(connection);
       }
       return 0;
+    }
+    if (uri().objectClass() != null) {
+      requireName();
     }
     program().module(); // refused before the table has begun
     table = new CheckTable(program().out(), output);
