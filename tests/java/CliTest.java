@@ -98,7 +98,7 @@ class CliTest {
     String key = "pkcs11:token=demo;object=cl%c3%a9%20priv%C3%A9e?pin-source=file:DIR/pin";
     assertEquals(new Run(0, new String(TestToken.DATA, UTF_8), ""),
         run("decrypt DIR/hidden --uri " + key));
-    String pem = run("export --uri pkcs11:object=;type=cert").out;
+    String pem = run("export -o - --uri pkcs11:object=;type=cert").out;
     assertEquals(certificate, CertificateFactory.getInstance("X.509")
         .generateCertificate(new ByteArrayInputStream(pem.getBytes(UTF_8))));
   }

@@ -13,7 +13,8 @@ import picocli.CommandLine.*;
 
 /** A command on data with one key. */
 abstract class KeyCommand extends ObjectCommand {
-  private static final Path STANDARD = Path.of("-");
+  /** Names standard input, or output. */
+  static final Path STANDARD = Path.of("-");
 
   private Integer mechanism;
 

@@ -9,18 +9,18 @@ import picocli.CommandLine.Option;
 /** Where a result goes that is one piece of bytes. */
 public final class ResultOutput {
   @Option(names = {"-o", "--output"}, paramLabel = "FILE",
-      description = "Where the result goes; else to standard output.")
-  private Path file;
+      description = "Where the result goes; without it, or with \"-\", standard output.")
+  private Path file = KeyCommand.STANDARD;
 
   /** Refuses to show what is no text, before any work has been done for it. */
   public void refuseTerminal() throws Failure {
-    if (file == null && Terminal.is(Terminal.OUT)) {
+    if (file.equals(KeyCommand.STANDARD) && Terminal.is(Terminal.OUT)) {
       throw Failure.usage("the result is no text for a terminal: name a file by -o");
     }
   }
 
   public void write(Stdout out, byte[] result) throws Failure {
-    if (file == null) {
+    if (file.equals(KeyCommand.STANDARD)) {
       if (!Text.isText(result)) {
         refuseTerminal();
       }
