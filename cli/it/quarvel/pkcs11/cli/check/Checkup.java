@@ -83,8 +83,8 @@ public final class Checkup {
 
   /**
    * Takes one object of each class and type of key. What a search that fails has found until then
-   * serves as well. Objects whose class cannot be read are a class: a sample of them is read again,
-   * in its row.
+   * serves as well. Objects whose class cannot be read count as one class: the row that reads the
+   * class shows why.
    */
   private Result sample(List<NativePKCS11Object> samples) throws Failure {
     Map<String, NativePKCS11Object> byKind = new LinkedHashMap<>();

@@ -26,8 +26,8 @@ public final class Leftovers {
   }
 
   /**
-   * Ends the care: removes what is still there. Where the process ends meanwhile, it does not return,
-   * so that the module stays open for the hook.
+   * Removes what is still there, in place of the hook. Once the process is ending, this does not
+   * return, so that the module stays open for the hook.
    */
   public void remove() {
     try {

@@ -9,7 +9,7 @@ final class SignatureFormat {
   private enum Format { der, raw }
 
   @Option(names = "--signature-format", paramLabel = "der|raw",
-      description = "For EC keys: r and s in DER, or one after the other, as else.")
+      description = "For EC keys: r and s in DER, or, as otherwise, one after the other.")
   private Format format;
 
   /** Tells whether signatures of a key are in DER. */

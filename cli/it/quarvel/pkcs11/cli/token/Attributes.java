@@ -31,7 +31,7 @@ public record Attributes(NativePKCS11Object object) {
       CKO_SECRET_KEY, new int[] {
         CKA_ENCRYPT, CKA_DECRYPT, CKA_SIGN, CKA_VERIFY, CKA_WRAP, CKA_UNWRAP, CKA_DERIVE});
 
-  /** Beside those that every object has. */
+  /** What says how an object of a class may be used, beside the attributes that all objects have. */
   private static final Map<Integer, int[]> ACCESS = Map.of(
       CKO_CERTIFICATE, new int[] {CKA_TRUSTED},
       CKO_PUBLIC_KEY, new int[] {CKA_LOCAL},

@@ -32,6 +32,7 @@ public final class Hints {
       case CKR_USER_PIN_NOT_INITIALIZED -> "the token has no user PIN yet; \"pin --unblock\" sets one";
       case CKR_USER_NOT_LOGGED_IN ->
           "log in with --login, and not --direct where the key wants the PIN each time";
+      case CKR_USER_TYPE_INVALID -> "the token may have no such PIN: leave it out";
       case CKR_TOKEN_NOT_RECOGNIZED -> "initialise the token with the tools of its module";
       case CKR_TOKEN_NOT_PRESENT, CKR_DEVICE_REMOVED -> "insert the token and start again";
       case CKR_SLOT_ID_INVALID, CKR_SESSION_HANDLE_INVALID, CKR_OBJECT_HANDLE_INVALID ->
