@@ -218,11 +218,15 @@ final class Token {
       connection = null;
       try {
         logIn(sessions, asker, begun);
-        connection = new Connection(sessions);
+        if (connection == null) { // unless the handler itself has loaded a key store
+          connection = new Connection(sessions);
+        }
       } finally {
+        if (connection == null || connection.sessions != sessions) {
+          sessions.close();
+        }
         if (connection == null) {
           info = known;
-          sessions.close();
           SharedModule.release(this);
         }
       }
