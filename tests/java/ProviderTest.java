@@ -403,8 +403,8 @@ class ProviderTest {
 
   /** They load by a provider each, use a key that logs in once, or one that logs in each time. */
   @ParameterizedTest
-  @CsvSource({"file,1", "password,1", "rsa2048,1", "bare-key aa,2"})
-  void eightThreadsTryAWrongPinOnce(String name, String kind) throws Throwable {
+  @CsvSource({"file,1,", "file,1, C_Login:1=0x6", "password,1,", "rsa2048,1,", "bare-key aa,2,"})
+  void eightThreadsTryAWrongPinOnce(String name, String kind, String changes) throws Throwable {
     String uri = URI + pinSource(TestToken.PIN.getBytes(UTF_8));
     QuarvelProvider withFile = token.configured(uri);
     PrivateKey key = (PrivateKey) load(withFile, null).getKey(name, null);
@@ -421,7 +421,7 @@ class ProviderTest {
           signed(signer);
         });
     // All have begun before the module answers: a load after that is a try of its own.
-    assertLogins(1, kind, "pause=1", () -> TestToken.inEightThreads(Collections.nCopies(8, use)));
+    assertLogins(1, kind, "pause=1 " + changes, () -> TestToken.inEightThreads(Collections.nCopies(8, use)));
   }
 
   /** Then the password of load, which may be a program's default, is not the PIN. */
@@ -486,6 +486,9 @@ class ProviderTest {
     Files.writeString(pin, "98765");
     assertNotSigned(signer, "CKR_PIN_INCORRECT");
     assertLogins(0, "1", "", () -> {
+      Path away = Files.move(pin, DIR.resolve("away"));
+      assertNotSigned(signer, "NoSuchFile");
+      Files.move(away, pin);
       assertNotSigned(signer, "was refused");
       assertThrows(IOException.class, () -> own.load(null, null));
     });

@@ -14,6 +14,7 @@ import java.util.Arrays;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.ConcurrentHashMap;
+import java.util.concurrent.atomic.AtomicInteger;
 import javax.security.auth.callback.Callback;
 import javax.security.auth.callback.CallbackHandler;
 import javax.security.auth.callback.PasswordCallback;
@@ -27,15 +28,17 @@ import javax.security.auth.login.LoginException;
  * has answered the login.
  */
 final class Asker {
-  /** Logins that have failed, with a PIN from one source. */
+  /** The last login that has failed with a PIN from one source. */
   static final class Failures {
-    private volatile int count;
-    private volatile int pardoned;
-    private volatile String last;
+    /** The number that it has in {@link #COUNT}, 0 for none. */
+    private volatile int last;
+    private volatile String why;
   }
 
   /** The PIN in a file at one token, for all providers of the process. */
   private static final class FilePin {
+    private final Failures failures = new Failures();
+
     /** Why the token has refused it, null if it has not. */
     private String refusal;
 
@@ -44,12 +47,20 @@ final class Asker {
     private long length;
   }
 
+  /** Counts the failures of all sources. */
+  private static final AtomicInteger COUNT = new AtomicInteger();
+
   private static final Map<List<Object>, FilePin> FILE_PINS = new ConcurrentHashMap<>();
 
   private final CallbackHandler handler;
   private final String module;
   private final Path file;
+
+  /** Those of handlers. */
   private final Failures failures;
+
+  /** The failures after which a file may be read all the same. */
+  private volatile int pardoned;
 
   private Asker(CallbackHandler handler, String module, Path file, Failures failures) {
     this.handler = handler;
@@ -70,17 +81,17 @@ final class Asker {
 
   /** Makes one that reads the first line of the URI's {@code pin-source}. */
   static Asker of(PKCS11Uri uri) {
-    return new Asker(null, uri.modulePath(), uri.pinFile(), new Failures());
+    return new Asker(null, uri.modulePath(), uri.pinFile(), null);
   }
 
   /** Returns what {@link #ask} takes, before the token's lock is waited for. */
   int begin() {
-    return file == null ? failures.count : failures.pardoned;
+    return file == null ? COUNT.get() : pardoned;
   }
 
   /** Lets those who begin from now on read a file again after a login has failed. */
   void pardon() {
-    failures.pardoned = failures.count;
+    pardoned = COUNT.get();
   }
 
   /** Returns the lock of all who log in to a token with the PIN of one file. */
@@ -90,7 +101,7 @@ final class Asker {
 
   private FilePin filePin(PKCS11TokenInfo token) {
     return FILE_PINS.computeIfAbsent(List.of(module, token.label(), token.manufacturerID(),
-        token.model(), token.serialNumber(), file), key -> new FilePin());
+        token.model(), token.serialNumber(), file.normalize()), key -> new FilePin());
   }
 
   /**
@@ -102,9 +113,21 @@ final class Asker {
     if (file != null && refused) {
       filePin(token).refusal = failure.getMessage();
     } else {
-      failures.last = failure.getMessage();
-      failures.count++;
+      Failures noted = failures(token);
+      noted.why = failure.getMessage();
+      noted.last = COUNT.incrementAndGet();
     }
+  }
+
+  /** Notes that a login has succeeded: the PIN of a file is the right one, whatever failed before. */
+  void succeeded(PKCS11TokenInfo token) {
+    if (file != null) {
+      failures(token).last = 0;
+    }
+  }
+
+  private Failures failures(PKCS11TokenInfo token) {
+    return file == null ? failures : filePin(token).failures;
   }
 
   /**
@@ -116,10 +139,11 @@ final class Asker {
    * @throws LoginException when there is none, or when a login with it has failed since
    */
   byte[] ask(PKCS11TokenInfo token, int begun) throws LoginException {
-    if (begun != failures.count) {
+    Failures noted = failures(token);
+    if (noted.last > begun) {
       throw new LoginException(file == null
-          ? "another login failed while this one waited: " + failures.last
-          : "the login with the PIN of " + file + " has failed: " + failures.last
+          ? "another login failed while this one waited: " + noted.why
+          : "the login with the PIN of " + file + " has failed: " + noted.why
               + ": it is tried again by the next load of a key store");
     }
     byte[] pin;
@@ -144,10 +168,11 @@ final class Asker {
       throw new LoginException("the PIN of " + file + " was refused: " + known.refusal
           + ": it is tried again when the file has changed");
     }
+    byte[] pin = Pin.ofFile(file); // which it may fail to be for a while without a change
     known.refusal = null;
     known.modified = modified;
     known.length = length;
-    return Pin.ofFile(file);
+    return pin;
   }
 
   /** Returns null for no answer and for an empty one, which no token has for a PIN. */

@@ -37,6 +37,10 @@ final class Token {
   static final Object CHANGING = new Object();
 
   private final Asker.Failures failuresOfHandlers = new Asker.Failures();
+
+  /** Who is asked without a handler. */
+  private final Asker byUri;
+
   private volatile Asker asker;
 
   /** The token that the URI named first, as it said then. */
@@ -47,13 +51,13 @@ final class Token {
 
   Token(PKCS11Uri uri) {
     this.uri = uri;
-    setHandler(null);
+    byUri = uri.pinFile() != null ? Asker.of(uri) : Asker.of(null, failuresOfHandlers);
+    asker = byUri;
   }
 
   /** Sets who asks for the PIN; null: what the URI says. */
   void setHandler(CallbackHandler handler) {
-    asker = handler == null && uri.pinFile() != null ? Asker.of(uri)
-        : Asker.of(handler, failuresOfHandlers);
+    asker = handler == null ? byUri : Asker.of(handler, failuresOfHandlers);
   }
 
   boolean isOpen() {
@@ -192,6 +196,7 @@ final class Token {
       } else {
         session.loginellips(false, pin);
       }
+      asked.succeeded(info);
     } catch (PKCS11Exception e) {
       if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN
           && (!isGone(e) || e.errorCode() == CKR_DEVICE_ERROR)) {
