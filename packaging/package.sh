@@ -9,6 +9,10 @@ build=$1 version=$2 variants=("${@:4}")
 tree=$(dirname "$(dirname "$(readlink -f "$0")")")
 SOURCE_DATE_EPOCH=$(date --date "$3Z" +%s)
 export SOURCE_DATE_EPOCH LC_ALL=C.UTF-8
+if [ "$SOURCE_DATE_EPOCH" -gt "$(date +%s)" ]; then
+  echo "CHANGELOG.md dates the release $3, which has not begun in UTC" >&2
+  exit 1
+fi
 umask 022
 name=quarvel-pkcs11-$version
 work=$build/packaging

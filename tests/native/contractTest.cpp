@@ -59,7 +59,8 @@ void addStatement(Row* row, const std::string& text, std::size_t at) {
     row->given.emplace_back(rest.substr(0, equals), split(rest.substr(equals + 2), " / "));
   } else {
     if (rest[0] == '"') rest = rest.substr(1, rest.size() - 2);
-    Statement& statement = row->expected.try_emplace(row->keyword, Statement{"", at, 0}).first->second;
+    Statement& statement =
+        row->expected.try_emplace(row->keyword, Statement{"", at, 0}).first->second;
     statement.text += rest;
     statement.size = at + text.size() - statement.at;
   }
