@@ -414,7 +414,7 @@ class ProviderTest {
       withFile.logout();
     }
     Callable<Exception> use = key == null ? () -> assertThrows(IOException.class, () ->
-        load(name.equals("file") ? token.configured(uri) : provider, "98765".toCharArray()))
+        load(token.configured(name.equals("file") ? uri : URI), "98765".toCharArray()))
         : () -> assertThrows(SignatureException.class, () -> {
           Signature signer = Signature.getInstance("SHA256withRSA");
           signer.initSign(key);

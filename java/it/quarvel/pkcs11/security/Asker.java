@@ -11,6 +11,7 @@ import it.quarvel.pkcs11.internal.Printable;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Arrays;
+import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.ConcurrentHashMap;
@@ -24,18 +25,18 @@ import javax.security.auth.login.LoginException;
 /**
  * Where the PIN of a token comes from: a callback handler, a file, or nowhere, for a reader with a
  * PIN pad. Each wrong try brings a token nearer to its lock, so that nobody tries what has just failed
- * for somebody else. Whoever asks holds the token's lock, and that of {@link #turn}, until the token
- * has answered the login.
+ * for somebody else. Whoever asks holds the locks of the provider's token and of {@link #turn}, until
+ * the token has answered the login.
  */
 final class Asker {
   /** The last login that has failed with a PIN from one source. */
-  static final class Failures {
+  private static final class Failures {
     /** The number that it has in {@link #COUNT}, 0 for none. */
-    private volatile int last;
-    private volatile String why;
+    private int last;
+    private String why;
   }
 
-  /** The PIN in a file at one token, for all providers of the process. */
+  /** The PIN in a file. */
   private static final class FilePin {
     private final Failures failures = new Failures();
 
@@ -47,41 +48,38 @@ final class Asker {
     private long length;
   }
 
+  /** What all providers of the process have met at one token. */
+  private static final class Logins {
+    private final Failures ofHandlers = new Failures();
+    private final Map<Path, FilePin> files = new HashMap<>();
+  }
+
   /** Counts the failures of all sources. */
   private static final AtomicInteger COUNT = new AtomicInteger();
 
-  private static final Map<List<Object>, FilePin> FILE_PINS = new ConcurrentHashMap<>();
+  private static final Map<List<String>, Logins> LOGINS = new ConcurrentHashMap<>();
 
-  private final CallbackHandler handler;
   private final String module;
+  private final CallbackHandler handler;
   private final Path file;
-
-  /** Those of handlers. */
-  private final Failures failures;
 
   /** The failures after which a file may be read all the same. */
   private volatile int pardoned;
 
-  private Asker(CallbackHandler handler, String module, Path file, Failures failures) {
-    this.handler = handler;
+  private Asker(String module, CallbackHandler handler, Path file) {
     this.module = module;
+    this.handler = handler;
     this.file = file;
-    this.failures = failures;
   }
 
-  /**
-   * Makes one that asks a handler.
-   *
-   * @param handler null asks nobody
-   * @param failures those of all handlers of the token
-   */
-  static Asker of(CallbackHandler handler, Failures failures) {
-    return new Asker(handler, null, null, failures);
+  /** Makes one that asks a handler; null asks nobody. */
+  static Asker of(PKCS11Uri uri, CallbackHandler handler) {
+    return new Asker(uri.modulePath(), handler, null);
   }
 
   /** Makes one that reads the first line of the URI's {@code pin-source}. */
   static Asker of(PKCS11Uri uri) {
-    return new Asker(null, uri.modulePath(), uri.pinFile(), null);
+    return new Asker(uri.modulePath(), null, uri.pinFile());
   }
 
   /** Returns what {@link #ask} takes, before the token's lock is waited for. */
@@ -94,14 +92,18 @@ final class Asker {
     pardoned = COUNT.get();
   }
 
-  /** Returns the lock of all who log in to a token with the PIN of one file. */
+  /** Returns the lock of all who log in to a token, by whichever provider. */
   Object turn(PKCS11TokenInfo token) {
-    return file == null ? this : filePin(token);
+    return logins(token);
+  }
+
+  private Logins logins(PKCS11TokenInfo token) {
+    return LOGINS.computeIfAbsent(List.of(module, token.label(), token.manufacturerID(),
+        token.model(), token.serialNumber()), key -> new Logins());
   }
 
   private FilePin filePin(PKCS11TokenInfo token) {
-    return FILE_PINS.computeIfAbsent(List.of(module, token.label(), token.manufacturerID(),
-        token.model(), token.serialNumber(), file.normalize()), key -> new FilePin());
+    return logins(token).files.computeIfAbsent(file.normalize(), key -> new FilePin());
   }
 
   /**
@@ -127,7 +129,7 @@ final class Asker {
   }
 
   private Failures failures(PKCS11TokenInfo token) {
-    return file == null ? failures : filePin(token).failures;
+    return file == null ? logins(token).ofHandlers : filePin(token).failures;
   }
 
   /**

@@ -36,7 +36,6 @@ final class Token {
   /** Held by the one that changes something, for several providers may have the same token. */
   static final Object CHANGING = new Object();
 
-  private final Asker.Failures failuresOfHandlers = new Asker.Failures();
 
   /** Who is asked without a handler. */
   private final Asker byUri;
@@ -51,13 +50,13 @@ final class Token {
 
   Token(PKCS11Uri uri) {
     this.uri = uri;
-    byUri = uri.pinFile() != null ? Asker.of(uri) : Asker.of(null, failuresOfHandlers);
+    byUri = uri.pinFile() != null ? Asker.of(uri) : Asker.of(uri, null);
     asker = byUri;
   }
 
   /** Sets who asks for the PIN; null: what the URI says. */
   void setHandler(CallbackHandler handler) {
-    asker = handler == null ? byUri : Asker.of(handler, failuresOfHandlers);
+    asker = handler == null ? byUri : Asker.of(uri, handler);
   }
 
   boolean isOpen() {
@@ -88,7 +87,7 @@ final class Token {
   }
 
   private Asker asker(CallbackHandler once) {
-    return once == null ? asker : Asker.of(once, failuresOfHandlers);
+    return once == null ? asker : Asker.of(uri, once);
   }
 
   /** Logs out, and closes the module unless another token needs it. */
