@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the copies of this library in one process share. Each class loader of a virtual machine has
-// a copy, and several may stand before one module, which must not end under the others. Knows no
-// handles and calls no module.
+// The state that all copies of this library in one process share. Each class loader of a virtual
+// machine has a copy, and several may stand before one module, which must not end under the others.
+// Knows no handles and calls no module.
 #ifndef QUARVEL_ADAPTER_COPIES_H_
 #define QUARVEL_ADAPTER_COPIES_H_
 
@@ -31,7 +31,7 @@ extern Shared alone;
 /// it is in this copy; `alone` where all places are taken.
 Shared* find(const CK_FUNCTION_LIST* list);
 
-/// In the child of a fork: no thread holds a lock.
+/// Frees the locks in the child of a fork, where no thread holds one.
 void freeLocks();
 
 }  // namespace adapter::copies

@@ -127,7 +127,7 @@ struct Coded {
 
   CK_ULONG kind, hash, mask, salt;
 
-  /// Of a mechanism that has standard parameters, theirs: a mask by the same hash, a salt as long.
+  /// Returns the standard parameters of a mechanism: a mask by the same hash, a salt of its length.
   static constexpr Coded of(CK_MECHANISM_TYPE mechanism) {
     if (mechanism == CKM_RSA_PKCS_OAEP) return {oaep, 0, 0, 0};
     for (CK_ULONG i = 0; i < std::size(kHashes); ++i) {
@@ -203,7 +203,7 @@ CK_RV initialize(void* arguments) {
 
 constexpr CK_SLOT_ID kEverySlot = ~0UL;
 
-/// Those among what was taken out of the table.
+/// Closes the sessions among the entries that were taken out of the table.
 void closeSessions(const Entry* taken) {
   for (; taken != nullptr; taken = taken->siblings.next) {
     if (taken->kind == Kind::session) attempt(&List::C_CloseSession, taken->real);
@@ -222,8 +222,8 @@ CK_RV finalize(void* reserved) {
   return sharing.end(reserved);
 }
 
-/// Those of others who share the module stay open. All of every slot, whose number no slot has, is
-/// an end like C_Finalize for callers who do not see what that answers.
+/// Closes our sessions with a slot; others who share the module keep theirs. With kEverySlot, which
+/// is no slot's number, it ends the module, for callers who cannot see what C_Finalize answers.
 CK_RV closeAllSessions(CK_SLOT_ID slot) {
   if (slot == kEverySlot) return finalize(nullptr);
   const module::Call underWay;
@@ -280,7 +280,7 @@ CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* reserved) {
 constexpr auto moduleGetMechanismInfo =
     call<&List::C_GetMechanismInfo, Slot, MechanismType, Argument<CK_MECHANISM_INFO*>>;
 
-/// For a number of our own that the module does not have: of the mechanism that is meant.
+/// Answers for the mechanism that is meant where the module does not have a number of our own.
 CK_RV getMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info) {
   const CK_RV rv = moduleGetMechanismInfo(slot, type, info);
   const CK_MECHANISM_TYPE meant = Coded::of(narrowed(type)).mechanism();

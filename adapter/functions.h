@@ -29,7 +29,7 @@ class Handles {
 struct Attributes;
 struct NewObject;
 
-/// What the arguments of one call know of each other.
+/// The state that the arguments of one call share.
 struct Context {
   CK_RV rv = CKR_OK;                 // a refusal, or what the caller gets
   CK_RV answer = CKR_OK;             // the module's

@@ -93,7 +93,7 @@ CK_RV load() {
 
   char stored[PATH_MAX];
   const char* path = readPath(stored) ? stored : secure_getenv("QUARVEL_PKCS11_ADAPTED_MODULE");
-  // To the dynamic linker an empty name is the program itself, and it copies names to the stack.
+  // The dynamic linker takes an empty name for the program itself, and copies names to the stack.
   if (path == nullptr || *path == '\0' || std::strlen(path) >= PATH_MAX) return CKR_ARGUMENTS_BAD;
 
   void* library = dlopen(path, RTLD_NOW);

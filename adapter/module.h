@@ -145,8 +145,8 @@ CK_RV load();
 /// an earlier end could not end, is as well: calls take turns, and it is not ended.
 CK_RV initialize(const CK_C_INITIALIZE_ARGS* arguments);
 
-/// In the child of a fork: locks of threads that it does not have are free, and their calls over.
-/// An end amid which the fork came counts as one.
+/// Frees, in the child of a fork, the locks of the threads that it does not have, and ends their
+/// calls. An end that the fork interrupted counts as done.
 void freeLocks();
 
 }  // namespace module

@@ -183,7 +183,7 @@ void Table::putBack(Entry* taken) {
     Entry* entry = std::exchange(taken, taken->siblings.next);
     entry->siblings.next = nullptr;
     const bool isSlot = entry->kind == Kind::slot;
-    // What it belonged to may be gone; that of a session is its slot's from now on.
+    // Its owner may be gone. What belonged to a session belongs to the slot from now on.
     entry->owner = isSlot ? nullptr : findReal(Kind::slot, entry->slot, entry->slot);
     if (isSlot || entry->owner != nullptr) {
       attach(entry);

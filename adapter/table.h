@@ -42,7 +42,7 @@ struct Entry {
   Link siblings = {}, byNumber = {}, byReal = {};
 };
 
-/// What a search has read ahead: real object handles that the caller has yet to fetch.
+/// The real object handles that a search has read ahead, which the caller has yet to fetch.
 struct Ahead {
   static constexpr CK_ULONG kRoom = 64;
   CK_OBJECT_HANDLE handles[kRoom];
@@ -57,7 +57,7 @@ struct SessionEntry : Entry {
 
 class Table {
  public:
-  /// What stands behind a number that was given out, else null.
+  /// Returns the entry behind a number that was given out, else null.
   Entry* find(Kind kind, CK_ULONG number) const;
   SessionEntry* findSession(CK_SESSION_HANDLE number) const;
 

@@ -38,7 +38,7 @@ build_bench() {
   mkdir -p "$out/library"
   "$jdk/bin/javac" -Xlint:all -cp "$build/classes" -d "$out/harness" -h "$out/headers" \
     "${exports[@]}" bench/java/*.java
-  # What is loaded once for each native library must not be where all can see it.
+  # Each class loader has to load its own copy of this class, for its own native library.
   mv "$out"/harness/Library*.class "$out/library"
   compile instantModule.so instantModule.cpp
   compile libfloor.so floor.cpp

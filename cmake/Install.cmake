@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# What cmake --install puts into a prefix, by component: runtime, java, cli, doc.
+# Tells what cmake --install puts into a prefix, by component: runtime, java, cli, doc.
 
 include(GNUInstallDirs)
 set(jni_dir ${CMAKE_INSTALL_LIBDIR}/jni)

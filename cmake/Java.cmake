@@ -57,7 +57,7 @@ add_custom_command(
   VERBATIM)
 add_custom_target(quarvel_classes DEPENDS ${QUARVEL_CLASSES_STAMP})
 
-# What every manifest says; the jar tool would else name the very version of itself.
+# Every manifest says this; the jar tool would add its own exact version.
 set(manifest_lines "Created-By: CMake
 Implementation-Title: ${PROJECT_NAME}
 Implementation-Version: ${PROJECT_VERSION}
@@ -118,7 +118,7 @@ if(QUARVEL_NATIVES_IN_JAR)
   list(TRANSFORM sums REPLACE ".*/${nat}/" "")
   set(sum ${CMAKE_SOURCE_DIR}/cmake/index.sh)
   set(write_index COMMAND ${sum} ${resources}/${nat} ${sums} > ${index})
-  # Those of other presets, each configured afresh, as it may have another compiler by now.
+  # The natives of other presets: each is configured afresh, as its compiler may have changed.
   foreach(variant ${QUARVEL_VARIANTS})
     set(folder ${CMAKE_BINARY_DIR}/${variant})
     set(variant_files)
@@ -162,7 +162,7 @@ string(UUID serial NAMESPACE 6ba7b811-9dad-11d1-80b4-00c04fd430c8 NAME ${purl} T
 configure_file(packaging/sbom.cdx.json.in sbom.cdx.json @ONLY)
 file(CONFIGURE OUTPUT ${resources}/${pom}/pom.properties
      CONTENT "groupId=it.quarvel\nartifactId=quarvel-pkcs11\nversion=${PROJECT_VERSION}\n")
-# What `provides` in the module says, for the class path.
+# The class path reads here what `provides` says in the module.
 set(services META-INF/services)
 file(CONFIGURE OUTPUT ${resources}/${services}/java.security.Provider
      CONTENT "it.quarvel.pkcs11.security.QuarvelProvider\n")

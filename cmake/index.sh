@@ -1,6 +1,6 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# What the jar says of its native files, a line for each: CRC-32 and bytes, which gzip writes last, and
+# Writes the index of the jar's native files, a line for each: CRC-32 and bytes, which gzip writes last, and
 # the name: index.sh FOLDER NAME...
 set -eu
 cd "$1"

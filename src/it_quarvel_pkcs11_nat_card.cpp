@@ -66,7 +66,7 @@ std::optional<Application> readLifeCycle(JNIEnv* env, jobject session, const cha
                      HeapBlock<signed char>(static_cast<signed char*>(lifeCycle.pValue))};
 }
 
-/// What the credential lookup found; a handle of 0 stands for an object that is not there.
+/// The result of the credential lookup; a handle of 0 stands for an object that is not there.
 struct Credential {
   CK_SLOT_ID slotID;
   CK_SESSION_HANDLE ckSession;

@@ -278,7 +278,7 @@ inline CK_BYTE_PTR moduleBytes(const Chars& chars) {
 /// whose characters cannot be had raises "Internal error (creating String)")
 int J2CK_ATTR(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* ckAttr);
 
-/// What a template owns. Its value blocks are remembered behind its entries, in the same heap
+/// The memory of a template. Its value blocks are remembered behind its entries, in the same heap
 /// block, since a module may write to the entries.
 struct FreeTemplate {
   CK_ULONG count = 0;   // of entries
@@ -301,7 +301,7 @@ inline CK_ULONG entryCount(const Template& ckAttr) { return ckAttr.get_deleter()
 /// Frees the values alone, in their order.
 inline void freeValues(Template& ckAttr) { ckAttr.get_deleter().freeValues(ckAttr.get()); }
 
-/// What becomes of values without a type.
+/// The treatment of values without a type.
 enum class Surplus { kRefused, kIgnored };
 
 /// Whether the filling of a template traces each of its steps, as that of generateKey does.

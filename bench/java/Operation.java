@@ -13,7 +13,7 @@ import java.util.List;
 public record Operation(
     String label, Kind kind, int session, int key, int mechanism, byte[] in, int size) {
 
-  /** What is called. The last eight are compared on misbehaving modules only. */
+  /** The operations. The last eight are compared on misbehaving modules only. */
   public enum Kind {
     INFO, SLOT_LIST, TOKEN_INFO, SESSION_INFO, MECHANISM_LIST, LOGIN, SIGN, ENCRYPT, DECRYPT,
     SEARCH, CREATE, READ, GENERATE_PAIR, WRAP_KEY, REFUSED,
@@ -40,7 +40,7 @@ public record Operation(
     }
   }
 
-  /** What is searched for. */
+  /** The template of a search. */
   public static final Attributes WANTED =
       new Attributes(new int[] {CKA_CLASS}, new Object[] {CKO_SECRET_KEY});
 
@@ -64,7 +64,7 @@ public record Operation(
     return new Operation(label, Kind.SEARCH, objects, 1, 0, new byte[0], 0);
   }
 
-  /** What is measured on the module that answers at once. */
+  /** Returns the operations that are measured on the module that answers at once. */
   static List<Operation> instant() {
     return List.of(
         of("module information", Kind.INFO, 0),

@@ -7,7 +7,7 @@ import sun.security.pkcs11.wrapper.CK_MECHANISM;
 import sun.security.pkcs11.wrapper.PKCS11;
 import sun.security.pkcs11.wrapper.PKCS11Exception;
 
-/** What is measured on a real token, in one session that all subjects share with its keys. */
+/** The operations on a real token, in one session that all subjects share with its keys. */
 final class RealToken {
   private static final int KEYS = 1_000;
   private static final byte[] P_256 = {6, 8, 0x2A, (byte) 0x86, 0x48, (byte) 0xCE, 0x3D, 3, 1, 7};

@@ -11,7 +11,7 @@ interface Subject {
   /** The folder of the built library; what run.sh builds is in its folder "bench". */
   String BUILD = System.getProperty("bench.build");
 
-  /** Where results go, so that the compiler must make them. */
+  /** Keeps the results, so that the compiler cannot optimise their making away. */
   Object[] KEPT = new Object[1];
 
   /** One operation, over and over. */

@@ -8,7 +8,7 @@ import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 
 /**
- * What the beginning of a file says of it as a library. It is read by a plain stream and within
+ * The properties of a library that the beginning of its file tells. A plain stream reads it, within
  * bounds; bytes that cannot be read count as missing.
  */
 final class ElfFile {
@@ -21,15 +21,15 @@ final class ElfFile {
   private static final int LITTLE_64 = 0x0102;
   private static final int HEADER = 64;
 
-  /** Where the header tells the place of the table of segments, an entry's bytes, and their number. */
+  /** Offsets in the header: of the segment table's place, the size of an entry, and their number. */
   private static final int SEGMENTS = 32;
   private static final int SEGMENT_SIZE = 54;
   private static final int SEGMENT_COUNT = 56;
 
-  /** The bytes of an entry that the dynamic linker takes. */
+  /** The size of an entry, in bytes, that the dynamic linker accepts. */
   private static final int SEGMENT = 56;
 
-  /** A segment that is loaded, and where its entry tells its place and its length in the file. */
+  /** The type of a segment that is loaded, and the offsets of its place and length in an entry. */
   private static final int LOADED = 1;
   private static final int OFFSET = 8;
   private static final int LENGTH = 32;

@@ -25,7 +25,7 @@ final class ModuleFile {
   private static final int LONGEST_PATH = 4096;
 
   /**
-   * Where the adapter lies while it is loaded. An adapter of a load that failed stays in memory
+   * The folder in which the adapter lies while it is loaded. An adapter of a load that failed stays in memory
    * under its name, and to the dynamic linker another name of the same file is still the first.
    */
   private static PrivateFolder folder;
@@ -121,7 +121,7 @@ final class ModuleFile {
     }
   }
 
-  /** What would help and has not been done. */
+  /** Returns advice that the user has not followed yet, empty if there is none. */
   private static String advice() {
     return System.getProperty(ADAPTER_PROPERTY) != null ? ""
         : "\nName its file with -D" + ADAPTER_PROPERTY + "=FILE"
@@ -138,7 +138,7 @@ final class ModuleFile {
     return Files.createSymbolicLink(folder.file(ADAPTER), Path.of(file.getAbsolutePath()));
   }
 
-  /** What a load that failed does not say. Without a folder the file is the linker's to find. */
+  /** Explains why a load failed. The dynamic linker looks for a file that is named without a folder. */
   private static String reason(String path, File file, PKCS11Exception failure) {
     return switch (failure.errorCode()) {
       case CKR_OK, CKR_LIBRARY_LOAD_FAILED -> file != null ? whyNotLoaded(file)

@@ -13,10 +13,10 @@ import java.util.Map;
  * 0x80000000 and above are negative.
  */
 public final class PKCS11Constants {
-  /** What a token answers for a count or size that it does not tell. */
+  /** The answer of a token for a count or size that it does not tell. */
   public static final int CK_UNAVAILABLE_INFORMATION = -1;
 
-  /** What a token answers for a session limit that it does not have. */
+  /** The answer of a token for a session limit that it does not have. */
   public static final int CK_EFFECTIVELY_INFINITE = 0;
 
   /** Object classes. */

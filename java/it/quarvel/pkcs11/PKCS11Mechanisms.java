@@ -31,7 +31,7 @@ import javax.crypto.spec.PSource.PSpecified;
  * them.
  */
 public final class PKCS11Mechanisms {
-  /** In the order of their numbers. */
+  /** The hashes, in the order of the numbers that the adapter gives them. */
   private static final List<String> HASHES =
       List.of("SHA-1", "SHA-224", "SHA-256", "SHA-384", "SHA-512");
 

@@ -48,7 +48,7 @@ public record PKCS11TokenInfo(
     int firmwareVersion,
     String utcTime)
     implements PKCS11Flags {
-  /** What the four bytes of a character above U+FFFF arrive as. */
+  /** Matches a character above U+FFFF, whose four bytes arrive as four characters. */
   private static final String FOUR_BYTES = "[\u00F0-\u00F4][\u0080-\u00BF]{3}";
 
   /**

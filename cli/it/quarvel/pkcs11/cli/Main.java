@@ -29,7 +29,7 @@ import picocli.CommandLine.*;
       "130:It was interrupted.", "141:The reader of standard output has gone."
     })
 public final class Main extends Program {
-  /** What {@code --version} tells. */
+  /** The answer to {@code --version}. */
   static final class Version implements IVersionProvider {
     @Override
     public String[] getVersion() {

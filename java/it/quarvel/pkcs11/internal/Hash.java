@@ -10,7 +10,7 @@ import java.security.spec.MGF1ParameterSpec;
 import java.security.spec.PSSParameterSpec;
 import java.util.HexFormat;
 
-/** What a signature hashes with. */
+/** The hash functions of signatures. */
 public enum Hash {
   SHA1("SHA-1", 20, "3021300906052b0e03021a05000414", "1.2.840.113549.1.1.5",
       "1.2.840.10045.4.1", "1.3.133.16.840.63.0.2", CKM_SHA1_RSA_PKCS,
@@ -45,7 +45,7 @@ public enum Hash {
   SHA512_256("SHA-512/256", 32, "3031300d060960864801650304020605000420", "1.2.840.113549.1.1.16",
       null, null, -1, -1, -1);
 
-  /** What Java calls the digest, and what the names of signatures call it. */
+  /** The names of the digest in Java, and within the names of signatures. */
   public final String algorithm;
 
   public final String shortName;
@@ -55,7 +55,7 @@ public enum Hash {
 
   public final String ecdsaId;
 
-  /** That of a key agreement of CMS that derives keys with it, null where there is none. */
+  /** Object identifier of the CMS key agreement that derives keys with it, null where there is none. */
   public final String agreementId;
 
   /** The {@code CKM_} that hash and sign, with PKCS #1 and with ECDSA, -1 where there is none. */

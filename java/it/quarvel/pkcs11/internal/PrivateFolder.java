@@ -27,17 +27,17 @@ public final class PrivateFolder implements AutoCloseable {
 
   private static final String NATIVES = "/it/quarvel/pkcs11/nat/";
 
-  /** Of {@link #NATIVES}: a line for each native file of the jar: CRC-32, bytes, name. */
+  /** The file in {@link #NATIVES} with a line for each native file: CRC-32, bytes, name. */
   private static final String INDEX = "INDEX";
 
   private static final FileAttribute<?> OWNER_ONLY =
       PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------"));
 
-  /** Where a folder is made unless the property says so: these in turn. */
+  /** The parents that are tried in turn unless the property names one. */
   private static final String[] PARENTS = {
       System.getProperty("java.io.tmpdir"), "/dev/shm", System.getenv("XDG_RUNTIME_DIR")};
 
-  /** Of the mode of a file: others than its owner may write; in a folder, only to what is theirs. */
+  /** Bits of a mode: group or others may write; in a folder, they may change only their own files. */
   private static final int WRITABLE = 0022;
   private static final int STICKY = 01000;
 
@@ -87,8 +87,8 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Who owns a folder, or may write to it, can exchange what is in it. The owner of the root folder
-   * can do so anyway; in a user namespace without root that is not 0.
+   * Refuses parents whose owner, or others who may write there, could exchange the folder. The owner of
+   * the root folder can do so anyway; in a user namespace without root that is not 0.
    */
   private void checkParents() throws IOException {
     Set<Object> trusted = new HashSet<>();

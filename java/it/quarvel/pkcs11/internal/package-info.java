@@ -1,3 +1,3 @@
 // SPDX-License-Identifier: Apache-2.0
-/** What the packages of this library share with the inspector, and nobody else sees. */
+/** Classes that this library shares with the inspector alone. */
 package it.quarvel.pkcs11.internal;

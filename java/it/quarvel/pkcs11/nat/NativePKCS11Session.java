@@ -48,7 +48,7 @@ public class NativePKCS11Session implements AutoCloseable {
   public record KeyPair(NativePKCS11Object publicKey, NativePKCS11Object privateKey) {}
 
   /**
-   * What {@link #forEach} does with each object.
+   * Takes each object of {@link #forEach}.
    *
    * @param <E> what else than the module's failures ends the search
    */
@@ -65,7 +65,7 @@ public class NativePKCS11Session implements AutoCloseable {
     boolean visit(NativePKCS11Object object) throws E;
   }
 
-  /** What {@link #sign(int, NativePKCS11Object, byte[], Login)} does between start and end. */
+  /** The login between the start and the end of {@link #sign(int, NativePKCS11Object, byte[], Login)}. */
   @FunctionalInterface
   public interface Login {
     /**
@@ -310,7 +310,7 @@ public class NativePKCS11Session implements AutoCloseable {
 
   /**
    * Logs in with the reader's own PIN pad or other protected path ({@code C_Login} without a PIN).
-   * For tokens whose flags have CKF_PROTECTED_AUTHENTICATION_PATH; waits for the person.
+   * Waits for the person. Only tokens with CKF_PROTECTED_AUTHENTICATION_PATH have such a path.
    *
    * @param isSO true for the security officer, false for the user
    * @throws PKCS11Exception when the module refuses

@@ -23,8 +23,8 @@ import javax.security.auth.callback.UnsupportedCallbackException;
 import javax.security.auth.login.LoginException;
 
 /**
- * Where the PIN of a token comes from: a callback handler, a file, or nowhere, for a reader with a
- * PIN pad. Each wrong try brings a token nearer to its lock, so that nobody tries what has just failed
+ * Gets the PIN of a token from a callback handler or a file, or from nobody, for a reader with a PIN
+ * pad. Each wrong try brings a token nearer to its lock, so that nobody tries what has just failed
  * for somebody else. Whoever asks holds the locks of the provider's token and of {@link #turn}, until
  * the token has answered the login.
  */
@@ -48,7 +48,7 @@ final class Asker {
     private long length;
   }
 
-  /** What all providers of the process have met at one token. */
+  /** The failed logins of all providers of the process at one token. */
   private static final class Logins {
     private final Failures ofHandlers = new Failures();
     private final Map<Path, FilePin> files = new HashMap<>();

@@ -6,7 +6,7 @@ import it.quarvel.pkcs11.nat.NativePKCS11Session;
 
 /** A token from one login to the next. Object handles of one connection are of no use in another. */
 final class Connection {
-  /** What is done in a session. */
+  /** A piece of work in a session. */
   interface Work<T> {
     T in(NativePKCS11Session session, Connection connection) throws PKCS11Exception;
   }

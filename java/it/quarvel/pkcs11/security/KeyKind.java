@@ -23,7 +23,7 @@ enum KeyKind {
   EC("EC", CKK_EC, "2a8648ce3d0201"),
   ED25519("EdDSA", CKK_EC_EDWARDS, "2b6570");
 
-  /** What the JDK calls the algorithm of such keys. */
+  /** The JDK's name of the algorithm. */
   final String algorithm;
 
   /** The {@code CKK_} value. */

@@ -23,7 +23,7 @@ import javax.security.auth.login.LoginException;
  * it has gone and come back: a card that was pulled, a server that was started anew, a logout.
  */
 final class Token {
-  /** What is done in a session, with a login of its own in the middle. */
+  /** A piece of work in a session, with a login of its own in the middle. */
   interface PinWork<T> {
     T in(NativePKCS11Session session, Connection connection, NativePKCS11Session.Login login)
         throws PKCS11Exception;
@@ -37,7 +37,7 @@ final class Token {
   static final Object CHANGING = new Object();
 
 
-  /** Who is asked without a handler. */
+  /** The source of the PIN when no handler is set. */
   private final Asker byUri;
 
   private volatile Asker asker;
@@ -300,7 +300,7 @@ final class Token {
     }
   }
 
-  /** What the URI says, and what the token has said of itself since it was seen first. */
+  /** Returns the URI, completed by what the token said of itself when it was seen first. */
   private PKCS11Uri identity() {
     return info == null ? uri : uri.with(info);
   }

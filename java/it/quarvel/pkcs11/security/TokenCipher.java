@@ -52,13 +52,13 @@ final class TokenCipher extends CipherSpi {
   private TokenKey.Rsa key;
   private String padding;
 
-  /** {@code CKM_RSA_X_509} for no padding; that of OAEP has its parameters in it. */
+  /** {@code CKM_RSA_X_509} for no padding; for OAEP, a number that stands for its parameters too. */
   private int mechanism = CKM_RSA_PKCS;
 
-  /** What the name of the padding says; null where it is not OAEP. */
+  /** The OAEP parameters that the name of the padding implies; null for another padding. */
   private OAEPParameterSpec standard;
 
-  /** What holds instead, as the caller wants it. */
+  /** The OAEP parameters that are used: the caller's, else the standard ones. */
   private OAEPParameterSpec oaep;
 
   /** The other provider's, null unless it has been handed the key. */
@@ -85,7 +85,7 @@ final class TokenCipher extends CipherSpi {
   protected void engineSetPadding(String wanted) throws NoSuchPaddingException {
     Matcher name = OAEP.matcher(wanted);
     if (name.matches()) {
-      // Whose mask is made with SHA-1, as Java's own has it.
+      // Java's own cipher makes the mask with SHA-1, whatever the digest.
       String digest = name.group(2) == null ? "SHA-1" : name.group(2);
       standard = new OAEPParameterSpec(
           digest, "MGF1", MGF1ParameterSpec.SHA1, PSource.PSpecified.DEFAULT);

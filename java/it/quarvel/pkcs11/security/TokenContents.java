@@ -55,13 +55,13 @@ final class TokenContents {
    */
   record Entry(String label, byte[] id, KeyObject found, TokenKey key, Stored own) {}
 
-  /** What is left out is told once in a process. */
+  /** The warnings that the process has logged: each object's once. */
   private static final Set<String> TOLD = ConcurrentHashMap.newKeySet();
 
   final List<Stored> certificates = new ArrayList<>();
   final List<Entry> entries = new ArrayList<>();
 
-  /** Those asked for so far, by identity: the first hash of a record costs a start much. */
+  /** The chains asked for so far. Keys compare by identity: the first hash of a record slows a start. */
   private final Map<Entry, List<Stored>> chains =
       Collections.synchronizedMap(new IdentityHashMap<>());
 

@@ -54,7 +54,7 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
   private final Token token;
   private final Kind kind;
 
-  /** What the size or the curve adds to the public key's template; null until it is known. */
+  /** The public key's attributes that the size or the curve sets; null until it is known. */
   private PKCS11Template wanted;
 
   TokenKeyPairGenerator(Token token, Kind kind) {

@@ -29,7 +29,7 @@ import javax.security.auth.login.FailedLoginException;
 import javax.security.auth.login.LoginException;
 
 /**
- * What the token held when it was loaded: keys with the chains of their certificates, and the
+ * Holds what the token had when it was loaded: keys with the chains of their certificates, and the
  * certificates that the token calls trusted.
  */
 final class TokenKeyStore extends KeyStoreSpi {
@@ -49,7 +49,7 @@ final class TokenKeyStore extends KeyStoreSpi {
 
   // ---- Loading ----
 
-  /** What a stream holds is ignored: some programs always give one. */
+  /** Ignores the stream: some programs always give one. */
   @Override
   public void engineLoad(InputStream stream, char[] pin) throws IOException {
     try {
@@ -95,7 +95,7 @@ final class TokenKeyStore extends KeyStoreSpi {
     return new IOException("the token cannot be loaded: " + cause.getMessage(), cause);
   }
 
-  /** What comes from {@code given} may be the default password of a program: a pin-source outdoes it. */
+  /** A pin-source counts more than {@code given}, which may be the default password of a program. */
   private void load(CallbackHandler given) throws PKCS11Exception, LoginException {
     if (token == null) {
       throw new PKCS11Exception("the provider names no token: configure it with a PKCS#11 URI");

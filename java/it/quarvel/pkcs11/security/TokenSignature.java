@@ -34,7 +34,7 @@ import javax.security.auth.login.LoginException;
  * is another provider's.
  */
 final class TokenSignature extends SignatureSpi {
-  /** What a signature is made of. */
+  /** The kinds of signatures, with the kinds of keys that make them. */
   enum Scheme {
     PKCS1(KeyKind.RSA), PSS(KeyKind.RSA, KeyKind.RSASSA_PSS), ECDSA_DER(KeyKind.EC),
     ECDSA_P1363(KeyKind.EC), EDDSA(KeyKind.ED25519);
@@ -53,7 +53,7 @@ final class TokenSignature extends SignatureSpi {
   /** The longest digest that Java's own raw ECDSA takes. */
   private static final int LONGEST_DIGEST = 64;
 
-  /** What PKCS #1 puts around the data at least. */
+  /** The fewest bytes that PKCS #1 puts around the data. */
   private static final int PKCS1_PADDING = 11;
 
   private final Provider provider;
@@ -367,7 +367,7 @@ final class TokenSignature extends SignatureSpi {
     return rsa.sign(CKM_RSA_X_509, block);
   }
 
-  /** Of a digest longer than the order its first bytes count, which not every token knows. */
+  /** Cuts off a digest that is longer than the order, which not every token does. */
   private byte[] signEcdsa(TokenKey.Ec ec, byte[] input)
       throws PKCS11Exception, LoginException, SignatureException {
     if (input.length > LONGEST_DIGEST) {

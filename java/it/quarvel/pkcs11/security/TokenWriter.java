@@ -206,7 +206,7 @@ final class TokenWriter {
       try {
         undoing.pop().run();
       } catch (PKCS11Exception e) {
-        // What failed first is what the caller has to know.
+        // The caller has to know the first failure.
       }
     }
   }
@@ -383,7 +383,7 @@ final class TokenWriter {
           halves.add(object);
         }
       } catch (InvalidKeyException e) {
-        // Of another key.
+        // This object is the half of another key.
       }
     }
     return halves;

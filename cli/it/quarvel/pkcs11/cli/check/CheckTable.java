@@ -18,7 +18,7 @@ import java.util.stream.Collectors;
  * crashes leaves the rows before it. A call within a row belongs to that row.
  */
 public final class CheckTable extends Steps {
-  /** What becomes of a step; in a row of several calls the last of these counts. */
+  /** The results of a step, from good to bad: of several calls in a row the worst one counts. */
   public enum Result {
     WORKS, NOTHING_TO_TRY, NOT_VERIFIED, NOT_ASKED, NO_MECHANISM, NOT_MADE,
     NOT_OFFERED_BY_THE_MODULE, NOT_READABLE, FAILED, REFUSED;
@@ -50,7 +50,7 @@ public final class CheckTable extends Steps {
       this.step = step;
     }
 
-    /** Things without anything to try count only where there are no others. */
+    /** Adds a call. Its result replaces a better one, and any replaces NOTHING_TO_TRY. */
     private void add(Result found, String why) {
       calls++;
       if (result == Result.NOTHING_TO_TRY || found != Result.NOTHING_TO_TRY && found.compareTo(result) > 0) {

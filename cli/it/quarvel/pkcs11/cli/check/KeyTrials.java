@@ -46,7 +46,7 @@ public final class KeyTrials {
   private final Map<Integer, PKCS11MechanismInfo> mechanisms;
   private final NativePKCS11Session session;
 
-  /** What has been made and is still there. */
+  /** The objects that the check-up has made and not yet removed. */
   private final Set<NativePKCS11Object> made = new LinkedHashSet<>();
 
   private String doubt = "it cannot be told whether this token removes what is made for a session";
@@ -189,7 +189,7 @@ public final class KeyTrials {
       try {
         remove(object);
       } catch (PKCS11Exception e) {
-        // What is left says so.
+        // The check-up reports the objects that are left.
       }
     }
   }

@@ -6,7 +6,7 @@ import it.quarvel.pkcs11.internal.Printable;
 import java.io.*;
 import picocli.CommandLine.*;
 
-/** What all commands share: three options, and where their data and their messages go. */
+/** The base of all commands: three options, and the streams for data and messages. */
 public class Program {
   public static final String NAME = "quarvel-pkcs11";
 

@@ -7,7 +7,7 @@ import it.quarvel.pkcs11.cli.token.*;
 import it.quarvel.pkcs11.nat.NativePKCS11Slot;
 import picocli.CommandLine.*;
 
-/** Which token a command is about. Nothing needs to be said when there is one only. */
+/** The options that choose a token. None is needed when there is one token only. */
 final class TokenOptions {
   private static final class Choice {
     private PKCS11Uri uri = PKCS11Uri.ANY;

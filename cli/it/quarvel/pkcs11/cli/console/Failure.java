@@ -4,7 +4,7 @@ package it.quarvel.pkcs11.cli.console;
 import java.io.IOException;
 import java.nio.file.*;
 
-/** What ends a command: one line for the user and the exit status. */
+/** Ends a command, with one line for the user and the exit status. */
 public final class Failure extends Exception {
   /** Something did not work. */
   public static final int FAILED = 1;

@@ -32,7 +32,7 @@ public final class Json {
     return text.codePoints().mapToObj(Json::escape).collect(Collectors.joining("", "\"", "\""));
   }
 
-  /** What must not reach a terminal raw has an escape, and so has a surrogate that stands alone. */
+  /** Escapes the characters that could command a terminal, and a surrogate that stands alone. */
   private static String escape(int c) {
     return Printable.steers(c) ? Printable.escape(c)
         : c == '"' || c == '\\' ? "\\" + (char) c : Character.toString(c);

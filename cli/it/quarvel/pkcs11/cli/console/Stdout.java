@@ -6,7 +6,7 @@ import java.nio.charset.StandardCharsets;
 
 /** Standard output, which says when it cannot be written. Text is UTF-8, as on the token. */
 public final class Stdout {
-  /** What a shell reports of a program that a closed pipe has ended. */
+  /** The status that a shell reports of a program that a closed pipe has ended. */
   private static final int BROKEN_PIPE = 141;
 
   private final OutputStream out;

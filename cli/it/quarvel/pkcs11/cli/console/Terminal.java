@@ -6,7 +6,7 @@ import java.io.*;
 import java.nio.file.*;
 import picocli.CommandLine.Model.UsageMessageSpec;
 
-/** Which of the standard streams is a terminal; Java itself tells only of all of them. */
+/** Tells which standard streams are terminals; Java tells only whether all are. */
 public final class Terminal {
   public static final int IN = 0;
   public static final int OUT = 1;

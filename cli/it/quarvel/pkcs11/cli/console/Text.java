@@ -8,7 +8,7 @@ import java.util.stream.*;
 
 /** Data for people: blocks of named values, and tables. */
 public final class Text {
-  /** What is wrong with a text that {@link #isGarbled}. */
+  /** Tells the user what is wrong with a text that {@link #isGarbled}. */
   public static final String GARBLED =
       " has characters that this locale does not have: start with LC_ALL=C.UTF-8";
 

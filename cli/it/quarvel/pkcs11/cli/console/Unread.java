@@ -2,7 +2,7 @@
 package it.quarvel.pkcs11.cli.console;
 
 /**
- * What stands in the place of a value that cannot be had.
+ * Stands in the place of a value that cannot be had.
  *
  * @param reason why: "sensitive" for one that the token keeps to itself, else the failure
  */

@@ -31,7 +31,7 @@ public record Attributes(NativePKCS11Object object) {
       CKO_SECRET_KEY, new int[] {
         CKA_ENCRYPT, CKA_DECRYPT, CKA_SIGN, CKA_VERIFY, CKA_WRAP, CKA_UNWRAP, CKA_DERIVE});
 
-  /** What says how an object of a class may be used, beside the attributes that all objects have. */
+  /** The attributes that say how an object of a class may be used, beside those of all objects. */
   private static final Map<Integer, int[]> ACCESS = Map.of(
       CKO_CERTIFICATE, new int[] {CKA_TRUSTED},
       CKO_PUBLIC_KEY, new int[] {CKA_LOCAL},
@@ -159,7 +159,7 @@ public record Attributes(NativePKCS11Object object) {
     values.put("usage", flags(USES.get(objectClass)));
   }
 
-  /** What the certificate itself says counts more than the attributes beside it. */
+  /** Shows what the certificate itself says; the attributes beside it may say something else. */
   private void addCertificate(Map<String, Object> values) {
     values.put("certificateType",
         named(CKA_CERTIFICATE_TYPE, PKCS11Constants::certificateTypeName));

@@ -5,7 +5,7 @@ import static it.quarvel.pkcs11.PKCS11Constants.*;
 
 import it.quarvel.pkcs11.PKCS11Exception;
 
-/** What to do about a return value. */
+/** Advises the user what to do about a return value. */
 public final class Hints {
   private static final String PARAMETER = "mechanisms that need a parameter cannot be used";
 

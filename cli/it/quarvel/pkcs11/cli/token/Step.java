@@ -3,7 +3,7 @@ package it.quarvel.pkcs11.cli.token;
 
 import java.util.Locale;
 
-/** What a call on a module is for; the rows of a check-up are most of these. */
+/** The purposes of calls on a module; most of them are rows of a check-up. */
 public enum Step {
   OPEN, INFO, SLOTS, TOKEN_INFO, SLOT_INFO, SERIAL_NUMBER, MECHANISMS, MECHANISM_INFO, OPEN_SESSION,
   SESSION_INFO, LOGIN, CREATE_OBJECT, GENERATE_KEY, GENERATE_KEY_PAIR, SEARCH, OBJECT_SIZE,
