@@ -3,7 +3,7 @@
 # Looks up every class and member that the metadata for native-image names, as javap shows them:
 # nativeImage.sh JSON JAVAP CLASSES
 set -euo pipefail
-jq -r '.[] | select(.name != "[B") | .name as $class
+jq -er '.[] | select(.name != "[B") | .name as $class
   | [.methods[]?, .fields[]?] | map(.name |= sub("<init>"; $class)
     | .name + (.parameterTypes | if . then "(" + join(", ") + ")" else ";" end))
   | [$class] + . | @tsv' "$1" |

@@ -295,6 +295,7 @@ TEST_F(Adapter, TakesTurnsWhereItMust) {
            {CKR_OK, nullptr, nullptr, ibm, meta, true, {kAsked}},
            {CKR_OK, nullptr, nullptr, tpm, "TPM2.0 Cryptoki", true, {kAsked}},
            {CKR_OK, nullptr, "0", ibm, meta, false, {kAsked}},
+           {CKR_OK, nullptr, nullptr, tpm, meta, false, {kAsked}},
            {CKR_OK, nullptr, nullptr, ibm, "Meta PKCS11 LIBRARY 2", false, {kAsked}},
            {CKR_CRYPTOKI_ALREADY_INITIALIZED, nullptr, "0", "", "", true, {kAsked}}}) {
     p11->C_Finalize(nullptr);
