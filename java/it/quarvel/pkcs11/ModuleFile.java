@@ -25,8 +25,8 @@ final class ModuleFile {
   private static final int LONGEST_PATH = 4096;
 
   /**
-   * The folder in which the adapter lies while it is loaded. An adapter of a load that failed stays in memory
-   * under its name, and to the dynamic linker another name of the same file is still the first.
+   * The folder in which the adapter lies while it is loaded. An adapter of a load that failed stays in
+   * memory under its name, and to the dynamic linker another name of the same file is still the first.
    */
   private static PrivateFolder folder;
 

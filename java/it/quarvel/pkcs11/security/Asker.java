@@ -72,12 +72,12 @@ final class Asker {
     this.file = file;
   }
 
-  /** Makes one that asks a handler; null asks nobody. */
+  /** Makes one that asks a handler. */
   static Asker of(PKCS11Uri uri, CallbackHandler handler) {
     return new Asker(uri.modulePath(), handler, null);
   }
 
-  /** Makes one that reads the first line of the URI's {@code pin-source}. */
+  /** Makes one that reads the URI's {@code pin-source}, and asks nobody where there is none. */
   static Asker of(PKCS11Uri uri) {
     return new Asker(uri.modulePath(), null, uri.pinFile());
   }

@@ -97,7 +97,7 @@ public final class QuarvelProvider extends AuthProvider {
     putService(new TokenService(this, "Cipher", TokenCipher.NAME, TokenCipher.class, List.of("RSA"),
         () -> new TokenCipher(this, "PKCS1Padding"), TokenKey::decrypts));
     putService(new TokenService(this, "Cipher", TokenCipher.OAEP_NAME, TokenCipher.class,
-        List.of("1.2.840.113549.1.1.7", "OID.1.2.840.113549.1.1.7"),
+        aliases("1.2.840.113549.1.1.7"),
         () -> new TokenCipher(this, "OAEPPadding"), TokenKey::decrypts));
     putOaepParameters();
     putAgreement("ECDH", null);
@@ -135,13 +135,17 @@ public final class QuarvelProvider extends AuthProvider {
   }
 
   private void put(String name, Scheme scheme, Hash hash, String... ids) {
+    putService(new TokenService(this, "Signature", name, TokenSignature.class, aliases(ids),
+        () -> new TokenSignature(this, name, scheme, hash), scheme::takes));
+  }
+
+  private static List<String> aliases(String... ids) {
     List<String> aliases = new ArrayList<>();
     for (String id : ids) {
       aliases.add(id);
       aliases.add("OID." + id);
     }
-    putService(new TokenService(this, "Signature", name, TokenSignature.class, aliases,
-        () -> new TokenSignature(this, name, scheme, hash), scheme::takes));
+    return aliases;
   }
 
   /** Hands on: it is there for those who name one provider for all that they do. */
@@ -154,7 +158,7 @@ public final class QuarvelProvider extends AuthProvider {
   /** Without them whoever names one provider for all would decrypt as if there were none. */
   private void putOaepParameters() {
     putService(new TokenService(this, "AlgorithmParameters", "OAEP", AlgorithmParametersSpi.class,
-        List.of("1.2.840.113549.1.1.7", "OID.1.2.840.113549.1.1.7"), () -> handedOn(other -> {
+        aliases("1.2.840.113549.1.1.7"), () -> handedOn(other -> {
           Service service = other.getService("AlgorithmParameters", "OAEP");
           if (service == null) {
             throw new NoSuchAlgorithmException();

@@ -33,9 +33,8 @@ final class Token {
 
   private static final int MOST_ATTEMPTS = 3;
 
-  /** Held by the one that changes something, for several providers may have the same token. */
+  /** The lock of all who change a token, since several providers may have the same one. */
   static final Object CHANGING = new Object();
-
 
   /** The source of the PIN when no handler is set. */
   private final Asker byUri;
@@ -50,7 +49,7 @@ final class Token {
 
   Token(PKCS11Uri uri) {
     this.uri = uri;
-    byUri = uri.pinFile() != null ? Asker.of(uri) : Asker.of(uri, null);
+    byUri = Asker.of(uri);
     asker = byUri;
   }
 
@@ -335,10 +334,10 @@ final class Token {
 
   private void logIn(Sessions sessions, Asker asker, int begun)
       throws PKCS11Exception, LoginException {
-    if (isLoggedIn(sessions)) {
-      return;
-    }
     synchronized (asker.turn(info)) {
+      if (isLoggedIn(sessions)) {
+        return;
+      }
       byte[] pin = asker.ask(info, begun);
       try {
         SharedModule.enter(sessions.module);
@@ -352,7 +351,7 @@ final class Token {
           throw (LoginException) new FailedLoginException("the token \"" + label()
               + "\" refuses the login: " + e.getMessage()).initCause(e);
         }
-        // Somebody else in this process may have been quicker.
+        // The JDK's provider may have been quicker, or a copy of ours in another class loader.
         if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN) {
           throw e;
         }

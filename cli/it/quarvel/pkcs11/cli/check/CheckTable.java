@@ -50,7 +50,7 @@ public final class CheckTable extends Steps {
       this.step = step;
     }
 
-    /** Adds a call. Its result replaces a better one, and any replaces NOTHING_TO_TRY. */
+    /** Adds a call. The worst result counts, and NOTHING_TO_TRY only where there is no other. */
     private void add(Result found, String why) {
       calls++;
       if (result == Result.NOTHING_TO_TRY || found != Result.NOTHING_TO_TRY && found.compareTo(result) > 0) {
