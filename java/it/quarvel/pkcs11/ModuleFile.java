@@ -39,7 +39,7 @@ final class ModuleFile {
    * @throws UnsatisfiedLinkError that tells why the adapter cannot be loaded
    */
   static void loadAdapted(String path) throws PKCS11Exception {
-    load(path, ModuleFile::loadAdapter);
+    load(path, true);
   }
 
   /**
@@ -52,14 +52,10 @@ final class ModuleFile {
       throw new PKCS11Exception(
           path + " has a character above U+FFFF, with which only the adapter finds it");
     }
-    load(path, NativePKCS11::loadPKCS11Library);
+    load(path, false);
   }
 
-  private interface Loader {
-    void load(String path) throws PKCS11Exception;
-  }
-
-  private static void load(String path, Loader loader) throws PKCS11Exception {
+  private static void load(String path, boolean adapted) throws PKCS11Exception {
     if (path.isEmpty() || path.indexOf('\0') >= 0 || bytes(path).length >= LONGEST_PATH) {
       throw new PKCS11Exception("the path of the module is empty or too long, or has a zero byte");
     }
@@ -70,7 +66,12 @@ final class ModuleFile {
       throw new PKCS11Exception(path + danger);
     }
     try {
-      loader.load(isFile ? file.getPath() : path);
+      String module = isFile ? file.getPath() : path;
+      if (adapted) {
+        loadAdapter(module);
+      } else {
+        NativePKCS11.loadPKCS11Library(module);
+      }
     } catch (PKCS11Exception e) {
       PKCS11Exception told = new PKCS11Exception(reason(path, isFile ? file : null, e));
       told.initCause(e);

@@ -33,9 +33,8 @@ public final class PrivateFolder implements AutoCloseable {
   private static final FileAttribute<?> OWNER_ONLY =
       PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------"));
 
-  /** The parents that are tried in turn unless the property names one. */
-  private static final String[] PARENTS = {
-      System.getProperty("java.io.tmpdir"), "/dev/shm", System.getenv("XDG_RUNTIME_DIR")};
+  /** How many parents are tried unless the property names one. */
+  private static final int PARENTS = 3;
 
   /** Bits of a mode: group or others may write; in a folder, they may change only their own files. */
   private static final int WRITABLE = 0022;
@@ -60,7 +59,8 @@ public final class PrivateFolder implements AutoCloseable {
     String named = System.getProperty(TMPDIR_PROPERTY);
     IOException failure = new IOException();
     String tried = "";
-    for (String parent : named != null ? new String[] {named} : PARENTS) {
+    for (int i = 0; i < (named != null ? 1 : PARENTS); i++) {
+      String parent = named != null ? named : parent(i);
       try {
         if (parent != null) {
           return create(Path.of(parent).toRealPath());
@@ -72,6 +72,15 @@ public final class PrivateFolder implements AutoCloseable {
     }
     throw new IOException("no folder can be made" + tried
         + (named != null ? "" : ": name one with -D" + TMPDIR_PROPERTY + "=DIR"), failure);
+  }
+
+  /** Returns the parent that is tried in the given turn, from 0; null where it has no name. */
+  private static String parent(int turn) {
+    return switch (turn) {
+      case 0 -> System.getProperty("java.io.tmpdir");
+      case 1 -> "/dev/shm";
+      default -> System.getenv("XDG_RUNTIME_DIR");
+    };
   }
 
   private static PrivateFolder create(Path parent) throws IOException {
@@ -213,7 +222,9 @@ public final class PrivateFolder implements AutoCloseable {
   @Override
   public void close() {
     if (Files.isDirectory(path, LinkOption.NOFOLLOW_LINKS)) {
-      names.forEach(name -> path.resolve(name).toFile().delete());
+      for (String name : names) {
+        path.resolve(name).toFile().delete();
+      }
       path.toFile().delete();
     }
   }

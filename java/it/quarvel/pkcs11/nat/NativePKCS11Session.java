@@ -76,12 +76,6 @@ public class NativePKCS11Session implements AutoCloseable {
     void run() throws PKCS11Exception;
   }
 
-  /** {@link #sign(byte[], int, int, byte[], int)} and its like. */
-  private interface Finish {
-    int run(byte[] inData, int inOffset, int inLen, byte[] outData, int outOffset)
-        throws PKCS11Exception;
-  }
-
   /** Ends a search when the block that runs it ends, however it ends. */
   private interface Search extends AutoCloseable {
     @Override
@@ -733,7 +727,7 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception {
     notNull(data);
     signInit(mech, null, key);
-    return result(login, this::sign, data, SMALLEST_ROOM);
+    return result(true, login, data, SMALLEST_ROOM);
   }
 
   /**
@@ -781,7 +775,7 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception {
     int room = Math.max(SMALLEST_ROOM, notNull(data).length);
     decryptInit(mech, null, key);
-    return result(login, this::decrypt, data, room);
+    return result(false, login, data, room);
   }
 
   /**
@@ -887,25 +881,28 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * The result of a started operation, after a login where there is one. Room is offered first: the question for the length is one
-   * call more, and some modules answer it by writing through the null pointer. A refusal for want
-   * of room leaves the operation active.
+   * Returns the result of a signature or a decryption that has started, after a login where there is
+   * one. Room is offered first: the question for the length is one call more, and some modules answer
+   * it by writing through the null pointer. A refusal for want of room leaves the operation active.
    */
-  private static byte[] result(Login login, Finish finish, byte[] data, int room)
-      throws PKCS11Exception {
+  private byte[] result(boolean signs, Login login, byte[] data, int room) throws PKCS11Exception {
     if (login != null) {
       login.run();
     }
     byte[] out = new byte[room];
     try {
-      return prefix(out, finish.run(data, 0, data.length, out, 0));
+      return prefix(out, result(signs, data, out));
     } catch (PKCS11Exception e) {
       if (e.errorCode() != CKR_BUFFER_TOO_SMALL) {
         throw e;
       }
     }
-    out = new byte[Math.max(room, finish.run(data, 0, data.length, null, 0))];
-    return prefix(out, finish.run(data, 0, data.length, out, 0));
+    out = new byte[Math.max(room, result(signs, data, null))];
+    return prefix(out, result(signs, data, out));
+  }
+
+  private int result(boolean signs, byte[] data, byte[] out) throws PKCS11Exception {
+    return signs ? sign(data, 0, data.length, out, 0) : decrypt(data, 0, data.length, out, 0);
   }
 
   private static byte[] notNull(byte[] data) throws PKCS11Exception {

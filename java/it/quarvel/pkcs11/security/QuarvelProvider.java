@@ -8,19 +8,15 @@ import it.quarvel.pkcs11.PKCS11Uri;
 import it.quarvel.pkcs11.internal.Hash;
 import it.quarvel.pkcs11.nat.NativePKCS11;
 import it.quarvel.pkcs11.security.TokenSignature.Scheme;
-import java.security.AlgorithmParametersSpi;
 import java.security.AuthProvider;
 import java.security.InvalidKeyException;
 import java.security.InvalidParameterException;
-import java.security.MessageDigest;
 import java.security.NoSuchAlgorithmException;
 import java.security.Provider;
 import java.security.ProviderException;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Map;
-import java.util.function.Predicate;
-import java.util.function.Supplier;
 import javax.security.auth.Subject;
 import javax.security.auth.callback.CallbackHandler;
 import javax.security.auth.login.LoginException;
@@ -80,6 +76,10 @@ public final class QuarvelProvider extends AuthProvider {
   private static final long serialVersionUID = 1L;
 
   private static final String NAME = "Quarvel";
+  private static final String OAEP_ID = "1.2.840.113549.1.1.7";
+
+  /** The end of the names of RSASSA-PSS with a hash. */
+  private static final String PSS = "withRSASSA-PSS";
 
   /** Null until it is configured. */
   private final transient Token token;
@@ -92,51 +92,51 @@ public final class QuarvelProvider extends AuthProvider {
   private QuarvelProvider(String name, PKCS11Uri uri, String info) {
     super(name, NativePKCS11.BRIDGE_VERSION, info);
     token = uri == null ? null : new Token(uri);
-    putService(new TokenService(this, "KeyStore", "PKCS11", TokenKeyStore.class, List.of(),
-        () -> new TokenKeyStore(this, token), any -> true));
-    putService(new TokenService(this, "Cipher", TokenCipher.NAME, TokenCipher.class, List.of("RSA"),
-        () -> new TokenCipher(this, "PKCS1Padding"), TokenKey::decrypts));
-    putService(new TokenService(this, "Cipher", TokenCipher.OAEP_NAME, TokenCipher.class,
-        aliases("1.2.840.113549.1.1.7"),
-        () -> new TokenCipher(this, "OAEPPadding"), TokenKey::decrypts));
-    putOaepParameters();
-    putAgreement("ECDH", null);
-    put("NONEwithRSA", Scheme.PKCS1, null);
-    put("RSASSA-PSS", Scheme.PSS, null, "1.2.840.113549.1.1.10");
-    put("NONEwithECDSA", Scheme.ECDSA_DER, null);
-    put("NONEwithECDSAinP1363Format", Scheme.ECDSA_P1363, null);
-    put("Ed25519", Scheme.EDDSA, null, "1.3.101.112");
-    put("EdDSA", Scheme.EDDSA, null);
+    offer("KeyStore", "PKCS11");
+    offer("Cipher", TokenCipher.NAME, "RSA");
+    putService(new TokenService("Cipher", TokenCipher.OAEP_NAME, aliases(OAEP_ID), null, null));
+    // Without them whoever names one provider for all would decrypt as if there were none.
+    putService(new HandedOn(this, "AlgorithmParameters", "OAEP", aliases(OAEP_ID)));
+    offer("KeyAgreement", "ECDH");
+    offerSignature("NONEwithRSA", Scheme.PKCS1, null);
+    offerSignature("RSASSA-PSS", Scheme.PSS, null, "1.2.840.113549.1.1.10");
+    offerSignature("NONEwithECDSA", Scheme.ECDSA_DER, null);
+    offerSignature("NONEwithECDSAinP1363Format", Scheme.ECDSA_P1363, null);
+    offerSignature("Ed25519", Scheme.EDDSA, null, "1.3.101.112");
+    offerSignature("EdDSA", Scheme.EDDSA, null);
     for (Hash hash : Hash.values()) {
       String digest = hash.shortName;
-      put(digest + "withRSA", Scheme.PKCS1, hash, hash.rsaId);
+      offerSignature(digest + "withRSA", Scheme.PKCS1, hash, hash.rsaId);
       if (hash.agreementId != null) {
-        putAgreement(hash.agreementId, hash);
+        putService(new TokenService("KeyAgreement", hash.agreementId, List.of(), null, hash));
       }
       if (hash.ecdsaId == null) {
         continue;
       }
-      put(digest + "withECDSA", Scheme.ECDSA_DER, hash, hash.ecdsaId);
-      put(digest + "withECDSAinP1363Format", Scheme.ECDSA_P1363, hash);
-      // No other provider of the JDK has these, so that they come here whatever the key is.
-      putService(new TokenService(this, "Signature", digest + "withRSASSA-PSS", TokenSignature.class,
-          List.of(digest + "withRSAandMGF1"),
-          () -> new TokenSignature(this, "RSASSA-PSS", Scheme.PSS, hash), any -> true));
+      offerSignature(digest + "withECDSA", Scheme.ECDSA_DER, hash, hash.ecdsaId);
+      offerSignature(digest + "withECDSAinP1363Format", Scheme.ECDSA_P1363, hash);
+      putService(new TokenService("Signature", digest + PSS, List.of(digest + "withRSAandMGF1"),
+          Scheme.PSS, hash));
     }
     if (uri != null && uri.isWritable()) {
-      putGenerator("RSA", TokenKeyPairGenerator.Kind.RSA);
-      putGenerator("EC", TokenKeyPairGenerator.Kind.EC);
-      putGenerator("Ed25519", TokenKeyPairGenerator.Kind.ED25519);
-      putGenerator("EdDSA", TokenKeyPairGenerator.Kind.ED25519);
+      offer("KeyPairGenerator", "RSA");
+      offer("KeyPairGenerator", "EC");
+      offer("KeyPairGenerator", "Ed25519");
+      offer("KeyPairGenerator", "EdDSA");
+      // Those who name one provider for all that they do want digests of it too.
       for (Hash hash : Hash.values()) {
-        putDigest(hash.algorithm, hash.shortName);
+        putService(new HandedOn(this, "MessageDigest", hash.algorithm,
+            hash.algorithm.equals(hash.shortName) ? List.of() : List.of(hash.shortName)));
       }
     }
   }
 
-  private void put(String name, Scheme scheme, Hash hash, String... ids) {
-    putService(new TokenService(this, "Signature", name, TokenSignature.class, aliases(ids),
-        () -> new TokenSignature(this, name, scheme, hash), scheme::takes));
+  private void offer(String type, String name, String... aliases) {
+    putService(new TokenService(type, name, List.of(aliases), null, null));
+  }
+
+  private void offerSignature(String name, Scheme scheme, Hash hash, String... ids) {
+    putService(new TokenService("Signature", name, aliases(ids), scheme, hash));
   }
 
   private static List<String> aliases(String... ids) {
@@ -148,63 +148,70 @@ public final class QuarvelProvider extends AuthProvider {
     return aliases;
   }
 
-  /** Hands on: it is there for those who name one provider for all that they do. */
-  private void putDigest(String name, String otherName) {
-    putService(new TokenService(this, "MessageDigest", name, MessageDigest.class,
-        name.equals(otherName) ? List.of() : List.of(otherName),
-        () -> handedOn(other -> MessageDigest.getInstance(name, other)), any -> false));
-  }
+  /**
+   * Makes the objects of one algorithm, and tells which keys it is there for. It names their class
+   * without loading it: most programs use one algorithm of all these.
+   */
+  private final class TokenService extends Provider.Service {
+    /** Null unless it is a signature. */
+    private final Scheme scheme;
 
-  /** Without them whoever names one provider for all would decrypt as if there were none. */
-  private void putOaepParameters() {
-    putService(new TokenService(this, "AlgorithmParameters", "OAEP", AlgorithmParametersSpi.class,
-        aliases("1.2.840.113549.1.1.7"), () -> handedOn(other -> {
-          Service service = other.getService("AlgorithmParameters", "OAEP");
-          if (service == null) {
-            throw new NoSuchAlgorithmException();
-          }
-          return service.newInstance(null);
-        }), any -> false));
-  }
+    /** Null where the algorithm has none. */
+    private final Hash hash;
 
-  private <T> T handedOn(OtherProviders.Attempt<T> attempt) {
-    try {
-      return OtherProviders.first(this, attempt);
-    } catch (InvalidKeyException e) {
-      throw new ProviderException(e);
-    }
-  }
-
-  private void putAgreement(String name, Hash hash) {
-    putService(new TokenService(this, "KeyAgreement", name, TokenKeyAgreement.class, List.of(),
-        () -> new TokenKeyAgreement(this, name, hash), TokenKey.Ec.class::isInstance));
-  }
-
-  private void putGenerator(String name, TokenKeyPairGenerator.Kind kind) {
-    putService(new TokenService(this, "KeyPairGenerator", name, TokenKeyPairGenerator.class,
-        List.of(), () -> new TokenKeyPairGenerator(token, kind), any -> false));
-  }
-
-  /** Makes its objects without reflection, and tells which keys it is there for. */
-  private static final class TokenService extends Provider.Service {
-    private final Supplier<?> maker;
-    private final Predicate<Object> keys;
-
-    TokenService(Provider provider, String type, String algorithm, Class<?> made,
-        List<String> aliases, Supplier<?> maker, Predicate<Object> keys) {
-      super(provider, type, algorithm, made.getName(), aliases, Map.of());
-      this.maker = maker;
-      this.keys = keys;
+    TokenService(String type, String algorithm, List<String> aliases, Scheme scheme, Hash hash) {
+      super(QuarvelProvider.this, type, algorithm,
+          QuarvelProvider.class.getPackageName() + ".Token" + type, aliases, Map.of());
+      this.scheme = scheme;
+      this.hash = hash;
     }
 
     @Override
     public Object newInstance(Object parameter) {
-      return maker.get();
+      Provider provider = getProvider();
+      String name = getAlgorithm();
+      return switch (getType()) {
+        case "KeyStore" -> new TokenKeyStore(provider, token);
+        case "Signature" ->
+            new TokenSignature(provider, name.endsWith(PSS) ? "RSASSA-PSS" : name, scheme, hash);
+        case "Cipher" -> new TokenCipher(provider, name.substring(name.lastIndexOf('/') + 1));
+        case "KeyAgreement" -> new TokenKeyAgreement(provider, name, hash);
+        case "KeyPairGenerator" -> new TokenKeyPairGenerator(token, name);
+        default -> throw new AssertionError(this);
+      };
     }
 
     @Override
     public boolean supportsParameter(Object key) {
-      return keys.test(key);
+      return switch (getType()) {
+        // No other provider of the JDK has PSS by the name of a hash, so that it takes every key.
+        case "Signature" -> scheme == Scheme.PSS && hash != null || scheme.takes(key);
+        case "Cipher" -> TokenKey.decrypts(key);
+        case "KeyAgreement" -> key instanceof TokenKey.Ec;
+        default -> super.supportsParameter(key);
+      };
+    }
+  }
+
+  /** Has the objects of one algorithm from another provider. */
+  private static final class HandedOn extends Provider.Service {
+    HandedOn(Provider provider, String type, String algorithm, List<String> aliases) {
+      super(provider, type, algorithm, "java.security." + type + "Spi", aliases, Map.of());
+    }
+
+    @Override
+    public Object newInstance(Object parameter) {
+      try {
+        return OtherProviders.first(getProvider(), other -> {
+          Service service = other.getService(getType(), getAlgorithm());
+          if (service == null) {
+            throw new NoSuchAlgorithmException();
+          }
+          return service.newInstance(parameter);
+        });
+      } catch (InvalidKeyException e) {
+        throw new ProviderException(e);
+      }
     }
   }
 

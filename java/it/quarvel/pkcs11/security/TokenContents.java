@@ -176,7 +176,12 @@ final class TokenContents {
 
   /** Returns an entry's certificates, from its own up to the last issuer that the token has. */
   List<Stored> chain(Entry entry) {
-    return chains.computeIfAbsent(entry, this::findChain);
+    List<Stored> chain = chains.get(entry);
+    if (chain == null) {
+      chain = findChain(entry);
+      chains.put(entry, chain);
+    }
+    return chain;
   }
 
   private List<Stored> findChain(Entry entry) {

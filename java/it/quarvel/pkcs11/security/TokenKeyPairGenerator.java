@@ -57,9 +57,14 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
   /** The public key's attributes that the size or the curve sets; null until it is known. */
   private PKCS11Template wanted;
 
-  TokenKeyPairGenerator(Token token, Kind kind) {
+  /** Makes a generator for {@code RSA}, {@code EC}, {@code Ed25519} or {@code EdDSA}. */
+  TokenKeyPairGenerator(Token token, String algorithm) {
     this.token = token;
-    this.kind = kind;
+    kind = switch (algorithm) {
+      case "RSA" -> Kind.RSA;
+      case "EC" -> Kind.EC;
+      default -> Kind.ED25519;
+    };
   }
 
   @Override
