@@ -8,28 +8,29 @@ import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 
 /**
- * The properties of a library that the beginning of its file tells. A plain stream reads it, within
- * bounds; bytes that cannot be read count as missing.
+ * The head of a library's file: whether the file is for this machine, and whether it is whole. It
+ * is read within bounds and without a channel, whose classes would slow down each start. Bytes that
+ * cannot be read count as missing.
  */
 final class ElfFile {
-  /** How an ELF file begins; where it tells its class and byte order, and its machine. */
+  /** The first four bytes of an ELF file; offsets of its class and byte order, and its machine. */
   private static final int MAGIC = 0x464c457f;
   private static final int CLASS = 4;
   private static final int MACHINE = 18;
 
-  /** Class and byte order of one of 64 bits, least significant first; the bytes of its header. */
+  /** Class and byte order of a 64-bit little-endian file, as one short; the size of its header. */
   private static final int LITTLE_64 = 0x0102;
   private static final int HEADER = 64;
 
-  /** Offsets in the header: of the segment table's place, the size of an entry, and their number. */
+  /** Offsets in the header: of the segment table's place, its entry size and its entry count. */
   private static final int SEGMENTS = 32;
   private static final int SEGMENT_SIZE = 54;
   private static final int SEGMENT_COUNT = 56;
 
-  /** The size of an entry, in bytes, that the dynamic linker accepts. */
+  /** The entry size that the dynamic linker accepts, in bytes. */
   private static final int SEGMENT = 56;
 
-  /** The type of a segment that is loaded, and the offsets of its place and length in an entry. */
+  /** PT_LOAD, the type of a segment that is loaded; offsets of its place and length in an entry. */
   private static final int LOADED = 1;
   private static final int OFFSET = 8;
   private static final int LENGTH = 32;
@@ -39,7 +40,7 @@ final class ElfFile {
   private final ByteBuffer segments;
 
   /**
-   * Reads the beginning of a file, which may be any.
+   * Reads the head of any file, ELF or not.
    *
    * @throws IOException when the file cannot be opened
    */
@@ -63,7 +64,7 @@ final class ElfFile {
         more = in.read(bytes, count, most - count);
       }
     } catch (IOException e) {
-      // The load, or what is said after it, tells more.
+      // The bytes count as missing: the load, or the message about its failure, tells more.
     }
     return ByteBuffer.wrap(bytes).limit(count).order(ByteOrder.LITTLE_ENDIAN);
   }
@@ -73,7 +74,7 @@ final class ElfFile {
     return header.limit() > MACHINE + 1 && header.getInt(0) == MAGIC;
   }
 
-  /** Tells whether an ELF file is for the machine of this process; true where that is not known. */
+  /** Tells whether an ELF file is for the machine of this process; true if that is unknown. */
   boolean isForThisMachine() {
     try {
       ByteBuffer own = new ElfFile(new File("/proc/self/exe")).header;
@@ -84,7 +85,10 @@ final class ElfFile {
     }
   }
 
-  /** Tells whether an ELF file of 64 bits lacks bytes that the dynamic linker takes for granted. */
+  /**
+   * Tells whether the file ends before one of its loaded segments does. The dynamic linker does not
+   * look, and the process would die of it. False for all but 64-bit little-endian ELF files.
+   */
   boolean isCutShort() {
     for (int at = 0; at + SEGMENT <= segments.limit(); at += SEGMENT) {
       if (segments.getInt(at) == LOADED

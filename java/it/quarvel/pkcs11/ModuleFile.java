@@ -13,20 +13,21 @@ import java.nio.file.Files;
 import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 
-/** Loads the file of a module, behind the adapter or as it is, and tells why it cannot be loaded. */
+/** Loads the file of a module, behind the adapter or directly, and tells why a load fails. */
 final class ModuleFile {
   private static final String ADAPTER = "libquarvelpkcs11adapter.so";
   private static final String ADAPTER_PROPERTY = "it.quarvel.pkcs11.adapter";
 
-  /** The adapter finds the path of the module in a file of its own name and this ending. */
+  /** The adapter reads the path of the module from a file of its own name with this ending. */
   private static final String MODULE_SUFFIX = ".module";
 
-  /** With its end, as the dynamic linker takes it. */
+  /** The longest path of the dynamic linker, in bytes with the zero at its end (PATH_MAX). */
   private static final int LONGEST_PATH = 4096;
 
   /**
-   * The folder in which the adapter lies while it is loaded. An adapter of a load that failed stays in
-   * memory under its name, and to the dynamic linker another name of the same file is still the first.
+   * The folder that holds the adapter during a load, null before the first one. Every load uses the
+   * same path. An adapter stays in memory after a load that failed, and the dynamic linker knows
+   * its file by the first path alone, beside which the adapter looks for the path of the module.
    */
   private static PrivateFolder folder;
 
@@ -35,17 +36,18 @@ final class ModuleFile {
   /**
    * Loads a module behind the adapter.
    *
-   * @throws PKCS11Exception that names the file and tells why it cannot be loaded
-   * @throws UnsatisfiedLinkError that tells why the adapter cannot be loaded
+   * @throws PKCS11Exception when the module cannot be loaded; the message names the file and the
+   *     reason
+   * @throws UnsatisfiedLinkError when the adapter cannot be loaded; the message says why
    */
   static void loadAdapted(String path) throws PKCS11Exception {
     load(path, true);
   }
 
   /**
-   * Loads a module as it is.
+   * Loads a module directly.
    *
-   * @throws PKCS11Exception that names the file and tells why it cannot be loaded
+   * @throws PKCS11Exception as {@link #loadAdapted}
    */
   static void load(String path) throws PKCS11Exception {
     if (path.codePoints().anyMatch(Character::isSupplementaryCodePoint)) {
@@ -101,7 +103,11 @@ final class ModuleFile {
     }
   }
 
-  /** Puts into the folder: the file that a property names, the jar's own, or the system's. */
+  /**
+   * Puts the adapter into the folder and returns its path there: a link to the file that the
+   * property names, else a copy of the jar's, else a link to the first one in {@code
+   * java.library.path}.
+   */
   private static Path placeAdapter(PrivateFolder folder) throws IOException {
     String named = System.getProperty(ADAPTER_PROPERTY);
     if (named != null) {
@@ -122,7 +128,7 @@ final class ModuleFile {
     }
   }
 
-  /** Returns advice that the user has not followed yet, empty if there is none. */
+  /** Returns the advice that the user has not followed yet, empty if there is none. */
   private static String advice() {
     return System.getProperty(ADAPTER_PROPERTY) != null ? ""
         : "\nName its file with -D" + ADAPTER_PROPERTY + "=FILE"
@@ -135,11 +141,14 @@ final class ModuleFile {
     if (!danger.isEmpty()) {
       throw new IOException(file + danger);
     }
-    new FileInputStream(file).close(); // says why it cannot be read
+    new FileInputStream(file).close(); // raises the reason why it cannot be read
     return Files.createSymbolicLink(folder.file(ADAPTER), Path.of(file.getAbsolutePath()));
   }
 
-  /** Explains why a load failed. The dynamic linker looks for a file that is named without a folder. */
+  /**
+   * Explains why a load failed. The file is null for a path without a folder, which the dynamic
+   * linker looks up.
+   */
   private static String reason(String path, File file, PKCS11Exception failure) {
     return switch (failure.errorCode()) {
       case CKR_OK, CKR_LIBRARY_LOAD_FAILED -> file != null ? whyNotLoaded(file)
@@ -170,12 +179,15 @@ final class ModuleFile {
     } catch (IOException e) {
       return file + " cannot be read: " + e.getMessage();
     }
-    // System.load could tell more, but then native methods would be looked for in what it has loaded.
+    // System.load could tell more, but Java would then look for native methods in the module.
     return file + " cannot be loaded as a PKCS#11 module; \"ldd -r\" shows the libraries and functions"
         + " that it misses";
   }
 
-  /** Tells what of a file would have its load wait, or end the process; empty where nothing. */
+  /**
+   * Returns why the load of a file could wait for ever (as of a pipe) or end the process, empty if
+   * it could not.
+   */
   private static String danger(File file) {
     return file.exists() && !file.isFile() ? " is no file"
         : isCutShort(file) ? " is cut short: it lacks the end of a library" : "";
@@ -185,7 +197,7 @@ final class ModuleFile {
     try {
       return new ElfFile(file).isCutShort();
     } catch (IOException e) {
-      return false; // the load, or what is said after it, tells more
+      return false; // the load, or the message about its failure, tells more
     }
   }
 

@@ -9,14 +9,14 @@ import java.util.List;
 import java.util.Map;
 
 /**
- * The values of PKCS#11 2.40 and 3.0 under their standard names, and those names as text. Values of
- * 0x80000000 and above are negative.
+ * The constants of PKCS#11 2.40 and 3.0 under their standard names, and methods that name a value.
+ * Values of 0x80000000 and above are negative.
  */
 public final class PKCS11Constants {
-  /** The answer of a token for a count or size that it does not tell. */
+  /** The value of a count or size that the token does not tell. */
   public static final int CK_UNAVAILABLE_INFORMATION = -1;
 
-  /** The answer of a token for a session limit that it does not have. */
+  /** The value of a session limit that the token does not have. */
   public static final int CK_EFFECTIVELY_INFINITE = 0;
 
   /** Object classes. */
@@ -276,9 +276,10 @@ public final class PKCS11Constants {
       CKM_SALSA20_KEY_GEN = 0x402D, CKM_VENDOR_DEFINED = 0x80000000;
 
   /**
-   * The adapter's own mechanisms, as {@link PKCS11Mechanisms} makes them: these are OAEP, PSS of a
-   * digest and PSS of data with SHA-1 and no salt. Added to them are, times 8,192, the hash and, times
-   * 1,024, that of the mask (0 to 4: SHA-1, SHA-224, SHA-256, SHA-384, SHA-512), and the bytes of salt.
+   * The adapter's own mechanisms, of which {@link PKCS11Mechanisms} makes its numbers: OAEP, PSS of
+   * a digest and PSS of data, each with SHA-1 and no salt. A number is one of them, plus 8,192
+   * times the hash, 1,024 times the hash of the mask, and the bytes of salt. The hashes count from
+   * 0: SHA-1, SHA-224, SHA-256, SHA-384, SHA-512.
    */
   public static final int
       CKM_ADAPTER_OAEP = 0xF5A00000, CKM_ADAPTER_PSS = 0xF5A10000, CKM_ADAPTER_HASH_PSS = 0xF5A20000;
@@ -403,7 +404,7 @@ public final class PKCS11Constants {
 
   private static final Map<String, Integer> VALUES = values();
 
-  /** Names by kind ("CKR_") and value, read off the constants above; the first of a value counts. */
+  /** The names by kind ("CKR_") and value; of a value's names the one declared first counts. */
   private static final Map<String, Map<Integer, String>> NAMES = names();
 
   private PKCS11Constants() {}

@@ -6,12 +6,12 @@ import static it.quarvel.pkcs11.PKCS11Constants.CKR_OK;
 /**
  * A failure of the module, or of the library in front of it.
  *
- * <p>A standard PKCS#11 return value arrives as its code, with a message such as "CKR_PIN_INCORRECT
- * (0xA0)". Everything else arrives as a message alone, with the code 0. "Internal error" stands for
- * a module that cannot be loaded, is not initialised, lacks the function, announces more than
- * memory holds or answers with a vendor-defined value, and for a null text; some add the cause in
- * brackets. Other messages name an argument, a value or a method that cannot be used. The lookup of
- * RSA credentials alone keeps vendor-defined values as codes.
+ * <p>A standard PKCS#11 return value becomes the code, with a message such as "CKR_PIN_INCORRECT
+ * (0xA0)". Every other failure has a message alone, and the code 0. "Internal error" means that the
+ * module cannot be loaded, is not initialised, lacks the function, announces more than memory holds
+ * or answered with a vendor-defined value, or that a text was null; some messages add the cause in
+ * brackets. Other messages name the argument, the value or the method that cannot be used. Only the
+ * lookup of RSA credentials keeps vendor-defined values as codes.
  */
 public class PKCS11Exception extends Exception {
   /** The kinds of failure. */
@@ -103,7 +103,7 @@ public class PKCS11Exception extends Exception {
     return errorCode == CKR_OK ? "" : nameOf(errorCode, vendorDefined);
   }
 
-  /** The native methods raise these texts, which are fixed, and no code beside them. */
+  /** Tells the kind by the text: the native methods raise fixed texts, with no code beside them. */
   private static Reason reasonOf(String message) {
     return message.startsWith("Internal error") ? Reason.INTERNAL
         : message.startsWith("VOID") ? Reason.EMPTY_VALUE : Reason.OTHER;

@@ -2,10 +2,11 @@
 package it.quarvel.pkcs11;
 
 /**
- * What a module says of itself ({@code CK_INFO}). Texts keep the blanks that pad them.
+ * The description that a module gives of itself ({@code CK_INFO}). Texts keep the blanks that pad
+ * them.
  *
  * @param cryptokiVersion version of the PKCS#11 interface, major * 256 + minor
- * @param manufacturerID who made the module, 32 bytes
+ * @param manufacturerID maker of the module, 32 bytes
  * @param flags reserved by PKCS#11, 0
  * @param libraryDescription description of the module, 32 bytes
  * @param libraryVersion version of the module, major * 256 + minor
@@ -20,7 +21,7 @@ public record PKCS11Info(
   /**
    * Writes a version out: 552 is "2.40".
    *
-   * @param version any version of the information records, major * 256 + minor
+   * @param version a version out of an information record, major * 256 + minor
    * @return major and minor in decimal
    */
   public static String versionText(int version) {

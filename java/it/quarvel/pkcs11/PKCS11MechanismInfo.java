@@ -2,7 +2,7 @@
 package it.quarvel.pkcs11;
 
 /**
- * What a token can do with one mechanism ({@code CK_MECHANISM_INFO}).
+ * The uses and key sizes of one mechanism of a token ({@code CK_MECHANISM_INFO}).
  *
  * @param minKeySize smallest key, in bits or bytes as the mechanism counts
  * @param maxKeySize largest key, in the same unit

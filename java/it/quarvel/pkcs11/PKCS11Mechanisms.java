@@ -12,8 +12,8 @@ import javax.crypto.spec.OAEPParameterSpec;
 import javax.crypto.spec.PSource.PSpecified;
 
 /**
- * Numbers of RSA mechanisms together with their parameters, in place of a parameter, which the
- * native methods do not pass.
+ * Makes numbers that stand for an RSA mechanism together with its parameter, since the native
+ * methods pass no parameters.
  *
  * <pre>{@code
  * int oaep = PKCS11Mechanisms.oaep(new OAEPParameterSpec(
@@ -21,14 +21,14 @@ import javax.crypto.spec.PSource.PSpecified;
  * byte[] key = session.decrypt(oaep, privateKey, wrapped);
  * }</pre>
  *
- * <p>Such a number is a {@code CKM_} value wherever a module is used that {@link PKCS11Module#open}
- * has opened: the adapter makes a mechanism and its parameter of it. {@code C_GetMechanismInfo}
- * answers with what the module says of that mechanism, {@code C_GetMechanismList} has the module's
- * own alone. A module that has a mechanism of such a number, from the range of vendors, keeps it. One
- * that does not take these parameters answers with an error of its own.
+ * <p>Such a number serves as a {@code CKM_} value in a module that {@link PKCS11Module#open}
+ * opened: the adapter turns it into the mechanism and its parameter. {@code C_GetMechanismInfo}
+ * answers for that mechanism; {@code C_GetMechanismList} lists the module's own mechanisms only.
+ * The numbers lie in the vendor-defined range, and a module with a mechanism of its own under one
+ * of them keeps it. A module that does not take the parameter answers with an error of its own.
  *
- * <p>Hashes are SHA-1, SHA-224, SHA-256, SHA-384 and SHA-512, the mask generation is MGF1 with any of
- * them.
+ * <p>The hashes are SHA-1, SHA-224, SHA-256, SHA-384 and SHA-512; the mask generation is MGF1 with
+ * any of them.
  */
 public final class PKCS11Mechanisms {
   /** The hashes, in the order of the numbers that the adapter gives them. */
@@ -93,7 +93,7 @@ public final class PKCS11Mechanisms {
     return kind | indexOf(hash) << 13 | indexOf(mask) << 10 | salt;
   }
 
-  /** Java has two names for each. */
+  /** Returns the place of a hash in the list, -1 if it has none. Java writes SHA-256 and SHA256. */
   private static int indexOf(String hash) {
     return HASHES.indexOf(hash.toUpperCase(Locale.ROOT).replaceFirst("^SHA(?=\\d)", "SHA-"));
   }

@@ -23,27 +23,36 @@ import java.util.Objects;
  * }
  * }</pre>
  *
- * <p>{@link #open} puts the adapter between the module and Java, a PKCS#11 module that makes any
- * other one fit: every thread may call, each with a session of its own, and no caller needs a lock;
- * handles of 64 bits, and objects that are numbered from 0, work; so do attribute and mechanism
- * types of the vendor-defined range, mechanisms of PSS without parameters, and keys that want a
- * login for each operation ({@code CKA_ALWAYS_AUTHENTICATE}): log in again between {@code
- * signInit} and {@code sign}. {@link #openDirect} does without, and {@link NativePKCS11} tells what
- * holds then.
+ * <p>{@link #open} puts the adapter between Java and the module. The adapter, a PKCS#11 module
+ * itself, makes any other module fit:
  *
- * <p>The adapter is the one in the jar, else {@code libquarvelpkcs11adapter.so} in {@code
- * java.library.path}, unless the system property {@code it.quarvel.pkcs11.adapter} names a file. It
- * is copied or linked into a new folder, made where {@link NativePKCS11} tells, which is deleted once
- * it is loaded. Without {@link #close} the module is never finalised.
+ * <ul>
+ *   <li>Every thread may call, each with a session of its own, and no caller needs a lock.
+ *   <li>Handles may have 64 bits, and objects may be numbered from 0.
+ *   <li>Attribute and mechanism types of the vendor-defined range work.
+ *   <li>{@code CKM_RSA_PKCS_OAEP}, {@code CKM_SHA256_RSA_PKCS_PSS} and its like of another hash get
+ *       their standard parameters; {@link PKCS11Mechanisms} has others.
+ *   <li>A key may want a login for each operation ({@code CKA_ALWAYS_AUTHENTICATE}): log in again
+ *       between {@code signInit} and {@code sign}.
+ * </ul>
+ *
+ * <p>{@link #openDirect} does without the adapter; {@link NativePKCS11} states the rules that hold
+ * then.
+ *
+ * <p>The system property {@code it.quarvel.pkcs11.adapter} names the adapter's file. Without it,
+ * the adapter is the one in the jar, else {@code libquarvelpkcs11adapter.so} in {@code
+ * java.library.path}. It is copied or linked into a new folder, where {@link NativePKCS11} says
+ * that folders are made, and the folder is deleted once the adapter is loaded. Without {@link
+ * #close} the module is never finalised.
  */
 public final class PKCS11Module implements AutoCloseable {
-  /** Stands for all slots: the adapter ends its module when the sessions of all are closed. */
+  /** The slot number with which {@code C_CloseAllSessions} makes the adapter end its module. */
   private static final int EVERY_SLOT = -1;
 
-  /** The one that is open in this process, null when none is; guarded by the class. */
+  /** The module that is open, null when none is; the lock of the class guards it. */
   private static PKCS11Module current;
 
-  /** The module whose end failed at last, null when there is none; guarded by the class. */
+  /** The path of the last module whose end failed, null when none did; guarded alike. */
   private static String unended;
 
   private final NativePKCS11 module;
@@ -59,7 +68,7 @@ public final class PKCS11Module implements AutoCloseable {
   /**
    * Returns the version of this library.
    *
-   * @return its three numbers, of which {@link NativePKCS11#BRIDGE_VERSION} tells two
+   * @return three numbers with points between, the first two as {@link NativePKCS11#BRIDGE_VERSION}
    */
   public static String version() {
     return Version.TEXT;
@@ -67,14 +76,14 @@ public final class PKCS11Module implements AutoCloseable {
 
   /**
    * Loads and initialises a module behind the adapter ({@code C_GetFunctionList}, {@code
-   * C_Initialize} with {@code CKF_OS_LOCKING_OK}). A module that these classes have opened in another
-   * class loader is shared with it. One that another part of the process has initialised, the JDK's
-   * provider for instance, is used as it is, one call at a time, and not finalised.
+   * C_Initialize} with {@code CKF_OS_LOCKING_OK}). Class loaders in which these classes open the
+   * same module share it. A module that another part of the process has initialised, the JDK's
+   * provider for instance, is used as it is, one call at a time, and never finalised.
    *
    * @param path file of the module; a name without a folder is looked up by the dynamic linker
    * @return the module, which the caller closes
-   * @throws PKCS11Exception that names the file and tells why it cannot be loaded, or with the
-   *     module's return value when it cannot be initialised
+   * @throws PKCS11Exception when the module cannot be loaded, with a message that names the file
+   *     and says why; when it cannot be initialised, with its return value
    * @throws IllegalStateException when a module is open already
    * @throws UnsatisfiedLinkError when the native library or the adapter cannot be loaded
    */
@@ -88,8 +97,8 @@ public final class PKCS11Module implements AutoCloseable {
    *
    * @param path as in {@link #open}
    * @return the module, which the caller closes
-   * @throws PKCS11Exception as {@link #open}; CKR_CRYPTOKI_ALREADY_INITIALIZED when another part of
-   *     the process uses the module
+   * @throws PKCS11Exception as {@link #open}; with CKR_CRYPTOKI_ALREADY_INITIALIZED when another
+   *     part of the process uses the module
    * @throws IllegalStateException when a module is open already
    * @throws UnsatisfiedLinkError when the native library cannot be loaded
    */
@@ -113,7 +122,7 @@ public final class PKCS11Module implements AutoCloseable {
     if (path.equals(unended)) {
       warn(path + " was not ended when it was closed before, and may be as it was left");
     }
-    // One that refuses is left alone: another part of the process may be using it.
+    // A module that refuses is not finalised: another part of the process may be using it.
     module.libInitialize();
     unended = null;
     current = new PKCS11Module(module, path, isDirect);
@@ -125,7 +134,7 @@ public final class PKCS11Module implements AutoCloseable {
   }
 
   /**
-   * Returns what the module says of itself ({@code C_GetInfo}).
+   * Describes the module ({@code C_GetInfo}).
    *
    * @return the module's information
    * @throws PKCS11Exception when the module refuses
@@ -145,8 +154,8 @@ public final class PKCS11Module implements AutoCloseable {
   }
 
   /**
-   * Lists the slots that hold an initialised token, see {@link PKCS11TokenInfo#isInitialised}. One
-   * that cannot be described is none.
+   * Lists the slots that hold an initialised token, see {@link PKCS11TokenInfo#isInitialised}. A
+   * slot whose token cannot be described is left out.
    *
    * @return the slots in the module's order, empty when there is none
    * @throws PKCS11Exception when the module refuses
@@ -166,8 +175,8 @@ public final class PKCS11Module implements AutoCloseable {
    *
    * @param label the label, with or without its padding
    * @return the slot that holds the token
-   * @throws PKCS11Exception when no token has it, or several have, with a list of the tokens there
-   *     are; when the module refuses
+   * @throws PKCS11Exception when no token has the label, or several have, with a list of the tokens
+   *     in the message; when the module refuses
    */
   public NativePKCS11Slot token(String label) throws PKCS11Exception {
     String wanted = label.stripTrailing();
@@ -176,13 +185,13 @@ public final class PKCS11Module implements AutoCloseable {
   }
 
   /**
-   * Finds the token that a URI names. One that is not initialised counts where the URI has its
-   * slot-id.
+   * Finds the token that a URI names. A token that is not initialised counts only if the URI has
+   * its {@code slot-id}.
    *
    * @param uri the URI; {@link PKCS11Uri#ANY} names the only token there is
    * @return the slot that holds the token
-   * @throws PKCS11Exception when it names no token or several, with a list of the tokens there are;
-   *     when the module refuses
+   * @throws PKCS11Exception when the URI names no token or several, with a list of the tokens in
+   *     the message; when the module refuses
    */
   public NativePKCS11Slot token(PKCS11Uri uri) throws PKCS11Exception {
     return token("found", (slot, token) -> (token.isInitialised() || uri.slotID() != null)
@@ -190,16 +199,18 @@ public final class PKCS11Module implements AutoCloseable {
   }
 
   /**
-   * Finalises and closes the module ({@code C_Finalize}). Slots, sessions and objects are of no more
-   * use, and this object's other methods raise {@code IllegalStateException}. Behind the adapter it
-   * waits for calls that are under way, and later ones raise {@link PKCS11Exception}; used directly,
-   * none may be under way. Once is enough, and another thread may do the same.
+   * Finalises and closes the module ({@code C_Finalize}). Slots, sessions and objects are of no
+   * more use, and this object's other methods raise {@code IllegalStateException}. Behind the
+   * adapter, closing waits for calls that are under way, and later calls raise {@link
+   * PKCS11Exception}; without it, no call may be under way. Closing again does nothing, on any
+   * thread.
    *
-   * <p>Behind the adapter, a module that other class loaders have opened as well loses the sessions of
-   * this one alone, and is finalised with the last that closes it. One that was initialised before
-   * this one opened it, by the JDK's provider for instance, stays so. But whoever initialises it later
-   * and takes it as it is cannot be seen, and loses it here: have that part of the program start first.
-   * A module that fails to end is told of to the {@link System.Logger} of this package.
+   * <p>Behind the adapter, other class loaders may have opened the same module. Closing it then
+   * ends the sessions of this class loader alone, and the last one that closes the module finalises
+   * it. A module that was initialised before it was opened here, by the JDK's provider for
+   * instance, stays initialised. The adapter cannot see a part of the program that finds the module
+   * initialised later and uses it as it is. That part loses the module here: have it start first.
+   * If the module fails to end, the {@link System.Logger} of this package gets a warning.
    */
   @Override
   public void close() {
@@ -214,12 +225,12 @@ public final class PKCS11Module implements AutoCloseable {
     }
   }
 
-  /** Ends the module behind the adapter, since {@code libFinalize} does not tell whether that fails. */
+  /** Ends the module behind the adapter by a call that can fail, unlike {@code libFinalize}. */
   private void end() {
     try {
       new NativePKCS11Slot(module, EVERY_SLOT).closeAllSessions();
     } catch (PKCS11Exception e) {
-      // Somebody else may have ended it before.
+      // Somebody else may have ended the module before.
       if (e.errorCode() != CKR_CRYPTOKI_NOT_INITIALIZED) {
         unended = path;
         warn(path + " is closed, but was not ended: " + e.getMessage());
@@ -227,7 +238,7 @@ public final class PKCS11Module implements AutoCloseable {
     }
   }
 
-  /** The bridge has one module: without this, a closed one would answer for the next. */
+  /** Returns the module unless this is closed: the bridge would call the module opened next. */
   private NativePKCS11 opened() {
     synchronized (PKCS11Module.class) {
       if (current != this) {
@@ -255,7 +266,10 @@ public final class PKCS11Module implements AutoCloseable {
     return found.get(0);
   }
 
-  /** Reads all tokens; {@code told} gets a text of those to choose from, and of unreadable ones. */
+  /**
+   * Describes the token in each slot that has one. Adds to {@code told} a text for each initialised
+   * token, and for each slot whose token cannot be described.
+   */
   private Map<NativePKCS11Slot, PKCS11TokenInfo> infos(List<String> told) throws PKCS11Exception {
     Map<NativePKCS11Slot, PKCS11TokenInfo> infos = new LinkedHashMap<>();
     for (NativePKCS11Slot slot : opened().slots(true)) {

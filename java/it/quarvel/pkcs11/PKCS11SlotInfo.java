@@ -2,11 +2,11 @@
 package it.quarvel.pkcs11;
 
 /**
- * A slot, that is a reader or what acts as one ({@code CK_SLOT_INFO}). Texts keep the blanks that
- * pad them; {@link PKCS11Info#versionText} writes versions out.
+ * The description of a slot, which is a reader or acts as one ({@code CK_SLOT_INFO}). Texts keep
+ * the blanks that pad them; {@link PKCS11Info#versionText} writes versions out.
  *
  * @param slotDescription description of the slot, 64 bytes
- * @param manufacturerID who made the slot, 32 bytes
+ * @param manufacturerID maker of the slot, 32 bytes
  * @param flags {@code CKF_TOKEN_PRESENT}, {@code CKF_REMOVABLE_DEVICE}, {@code CKF_HW_SLOT}
  * @param hardwareVersion version of the slot's hardware, major * 256 + minor
  * @param firmwareVersion version of the slot's firmware, major * 256 + minor

@@ -23,14 +23,14 @@ import java.util.Objects;
  * new PKCS11Template().put(CKA_CLASS, CKO_PRIVATE_KEY).put(CKA_LABEL, "signing")
  * }</pre>
  *
- * <p>The Java class of a value decides how it is encoded; the attribute type has no say in it. A
- * value of a class that has no encoding would make a search or a creation do nothing, silently, so
- * there is one method for each class that has one. An attribute that is put twice keeps its place
- * and its latest value.
+ * <p>The Java class of a value decides its encoding, whatever the attribute type. There is one
+ * {@code put} for each class that has an encoding: a value of any other class would make a search
+ * or a creation do nothing, silently. An attribute that is put twice keeps its place and its latest
+ * value.
  *
- * <p>Attribute types of the vendor-defined range (0x80000000 and above) can be named in a module that
- * was opened by {@link PKCS11Module#open} only: an {@code int} reaches any other one with its sign
- * extended to 64 bits, which makes another type of it.
+ * <p>Attribute types of the vendor-defined range (0x80000000 and above) work only in a module that
+ * {@link PKCS11Module#open} opened. Any other module gets the {@code int} with its sign extended to
+ * 64 bits, which is another type.
  */
 public final class PKCS11Template {
   private static final byte INTEGER = 2;
@@ -42,8 +42,8 @@ public final class PKCS11Template {
 
   /**
    * Makes the template of a certificate: its class and type, subject, issuer and serial number as
-   * DER, and the certificate itself. A search finds it, and with {@code CKA_TOKEN}, {@code CKA_ID}
-   * and {@code CKA_LABEL} added it is ready to be stored.
+   * DER, and the certificate itself. The template serves to search for the certificate and, with
+   * {@code CKA_TOKEN}, {@code CKA_ID} and {@code CKA_LABEL} added, to store it.
    *
    * @param certificate the certificate
    * @return a new template
@@ -59,7 +59,7 @@ public final class PKCS11Template {
         .put(CKA_VALUE, certificate.getEncoded());
   }
 
-  /** An INTEGER, of the 20 bytes that serial numbers have at most or a few more. */
+  /** Encodes an INTEGER with one byte of length; a serial number has at most 20 bytes. */
   private static byte[] der(BigInteger number) throws CertificateEncodingException {
     byte[] value = number.toByteArray();
     if (value.length > Byte.MAX_VALUE) {
@@ -81,7 +81,7 @@ public final class PKCS11Template {
   }
 
   /**
-   * Puts bytes as they are. The array is read when the template is used, not copied, so that a
+   * Puts bytes as they are. The template keeps the array itself, and each use reads it, so that the
    * caller can wipe it afterwards.
    *
    * @param type a {@code CKA_} constant
@@ -133,8 +133,8 @@ public final class PKCS11Template {
   }
 
   /**
-   * Puts a day: the eight ASCII digits of year, month and day in the default time zone, whatever
-   * calendar and digits the default locale has. They are put as a text.
+   * Puts a day ({@code CK_DATE}) as a text: the eight ASCII digits of year, month and day in the
+   * default time zone, whatever calendar and digits the default locale has.
    *
    * @param type a {@code CKA_} constant
    * @param value any moment of that day

@@ -5,12 +5,12 @@ import java.nio.charset.StandardCharsets;
 import java.util.regex.Pattern;
 
 /**
- * The token in a slot ({@code CK_TOKEN_INFO}). Texts keep the blanks that pad them; {@link
+ * The description of a token ({@code CK_TOKEN_INFO}). Texts keep the blanks that pad them; {@link
  * PKCS11Info#versionText} writes versions out. A count or a memory size that the token keeps to
  * itself is {@link PKCS11Constants#CK_UNAVAILABLE_INFORMATION}.
  *
  * @param label label given when the token was initialised, 32 bytes
- * @param manufacturerID who made the token, 32 bytes
+ * @param manufacturerID maker of the token, 32 bytes
  * @param model model of the token, 16 bytes
  * @param serialNumber serial number of the token, 16 bytes
  * @param flags {@code CKF_LOGIN_REQUIRED}, {@code CKF_USER_PIN_LOCKED} and the other token flags
@@ -54,12 +54,12 @@ public record PKCS11TokenInfo(
   /**
    * Returns the label as people write it.
    *
-   * @return the label without its padding, with characters above U+FFFF as what they are
+   * @return the label without its padding, and with its characters above U+FFFF restored
    */
   public String trimmedLabel() {
     String text = label.stripTrailing();
     for (int i = 0; i < text.length(); i++) {
-      // Few labels need an expression, whose classes every start would load.
+      // Few labels need the expression, and its classes would slow down each start.
       if (text.charAt(i) >= '\u00F0') {
         return Pattern.compile(FOUR_BYTES).matcher(text).replaceAll(match -> new String(
             match.group().getBytes(StandardCharsets.ISO_8859_1), StandardCharsets.UTF_8));
@@ -69,7 +69,8 @@ public record PKCS11TokenInfo(
   }
 
   /**
-   * Tells whether the token can be used: some have a label and no {@code CKF_TOKEN_INITIALIZED}.
+   * Tells whether the token can be used. A label suffices: some tokens that can be used lack {@code
+   * CKF_TOKEN_INITIALIZED}.
    *
    * @return true for a token with the flag or with a label
    */

@@ -20,12 +20,12 @@ import java.util.StringJoiner;
  * A PKCS#11 URI as RFC 7512 defines it, for instance {@code pkcs11:token=demo;object=signing}. It
  * names a token by {@code token}, {@code manufacturer}, {@code model}, {@code serial} and {@code
  * slot-id}, an object by {@code object}, {@code id} and {@code type}, a file with the PIN by {@code
- * pin-source} and a module by {@code module-path}; {@code x-writable=yes} lets the provider of keys
- * change the token. Other attributes are refused, since leaving one
- * out would match more than was meant, and so is {@code pin-value}: others could read it.
+ * pin-source} and a module by {@code module-path}; {@code x-writable=yes} lets the security
+ * provider change the token. Other attributes are refused, since a URI without one of them would
+ * match more than its author meant. {@code pin-value} is refused because others could read the PIN.
  */
 public final class PKCS11Uri {
-  /** The URI of those who give none: it matches everything. */
+  /** The URI without attributes, which matches everything. */
   public static final PKCS11Uri ANY = new PKCS11Uri(Map.of());
 
   private static final String SCHEME = "pkcs11:";
@@ -51,8 +51,9 @@ public final class PKCS11Uri {
    * Reads a URI.
    *
    * @param uri the text
-   * @return what it names
-   * @throws IllegalArgumentException with a message that never shows a value, which may be a PIN
+   * @return the URI
+   * @throws IllegalArgumentException when the text is no such URI; the message never shows a value,
+   *     which may be a PIN
    */
   public static PKCS11Uri parse(String uri) {
     if (!uri.regionMatches(true, 0, SCHEME, 0, SCHEME.length())) {
@@ -70,7 +71,7 @@ public final class PKCS11Uri {
   /**
    * Makes the URI of a token.
    *
-   * @param token what the token says of itself
+   * @param token the token's description
    * @return a URI of its model, manufacturer, serial number and label
    */
   public static PKCS11Uri of(PKCS11TokenInfo token) {
@@ -83,9 +84,9 @@ public final class PKCS11Uri {
    *
    * @param name "token" or "slot-id" for instance
    * @param value the text, whose trailing blanks do not count
-   * @return the longer URI
+   * @return a new URI
    * @throws IllegalArgumentException for an attribute that names neither a token nor an object, or
-   *     for a value that is none
+   *     for a value that the attribute cannot have
    */
   public PKCS11Uri with(String name, String value) {
     return with(name, value.stripTrailing().getBytes(StandardCharsets.UTF_8));
@@ -95,8 +96,8 @@ public final class PKCS11Uri {
    * Adds an attribute, in place of one of the same name.
    *
    * @param name "object" or "id" for instance
-   * @param value its bytes
-   * @return the longer URI
+   * @param value its bytes, which are copied
+   * @return a new URI
    * @throws IllegalArgumentException as {@link #with(String, String)}
    */
   public PKCS11Uri with(String name, byte[] value) {
@@ -111,10 +112,10 @@ public final class PKCS11Uri {
   }
 
   /**
-   * Adds all that another URI names, in place of attributes of the same name.
+   * Adds the attributes of another URI, in place of those of the same name.
    *
    * @param other the other URI
-   * @return a URI that names what both do
+   * @return a new URI
    */
   public PKCS11Uri with(PKCS11Uri other) {
     Map<String, byte[]> all = new HashMap<>(attributes);
@@ -123,9 +124,9 @@ public final class PKCS11Uri {
   }
 
   /**
-   * Returns what to search for on the token.
+   * Makes the template that finds the objects of the URI.
    *
-   * @return the label, the id and the class of the objects that the URI names
+   * @return the label, the id and the class of the objects, as far as the URI names them
    */
   public PKCS11Template template() {
     PKCS11Template template = new PKCS11Template();
@@ -168,11 +169,11 @@ public final class PKCS11Uri {
   }
 
   /**
-   * Tells whether a token, and the number of the slot that it is in, are what the URI names.
+   * Tells whether the URI names a token.
    *
-   * @param token what the token says of itself
+   * @param token the token's description
    * @param slot number of its slot, never negative
-   * @return true when nothing that the URI says of a token is otherwise
+   * @return true when the token and its slot have every value that the URI gives for them
    */
   public boolean matches(PKCS11TokenInfo token, long slot) {
     return same("token", token.trimmedLabel()) && same("manufacturer", token.manufacturerID())
@@ -181,11 +182,11 @@ public final class PKCS11Uri {
   }
 
   /**
-   * Returns a URI that names beside all that this one does a token that it matches, by its label,
-   * manufacturer, model and serial number.
+   * Narrows the URI to one of the tokens that it matches: adds the label, manufacturer, model and
+   * serial number that it does not name yet.
    *
-   * @param token what the token says of itself
-   * @return a URI which is that token's alone, unless another one says the same of itself
+   * @param token the token's description
+   * @return a new URI, which names that token alone unless another one describes itself alike
    */
   public PKCS11Uri with(PKCS11TokenInfo token) {
     Map<String, byte[]> all = new HashMap<>(attributes);
@@ -252,7 +253,7 @@ public final class PKCS11Uri {
   }
 
   /**
-   * Returns the file that has the PIN.
+   * Returns the file that holds the PIN.
    *
    * @return the absolute path that {@code pin-source} names, null without one
    */
@@ -264,14 +265,14 @@ public final class PKCS11Uri {
   /**
    * Returns the file of the module.
    *
-   * @return what {@link PKCS11Module#open} takes, null when the URI does not name it
+   * @return the path for {@link PKCS11Module#open}, null when the URI does not name it
    */
   public String modulePath() {
     return text("module-path");
   }
 
   /**
-   * Tells whether the token may be changed.
+   * Tells whether the security provider may change the token.
    *
    * @return true for {@code x-writable=yes}
    */
@@ -300,13 +301,13 @@ public final class PKCS11Uri {
     return joined.toString();
   }
 
-  /** Escapes all bytes of an id, which is no text, and of others those that a URI has for itself. */
+  /** Escapes each byte of an id, which is no text, and the reserved bytes of other values. */
   private static String encode(String name, byte[] value) {
     if (name.equals("id")) {
       return HexFormat.of().withUpperCase().withPrefix("%").formatHex(value);
     }
     String bytes = new String(value, StandardCharsets.ISO_8859_1);
-    // A form of the web writes a blank otherwise.
+    // URLEncoder writes a blank as web forms do.
     return URLEncoder.encode(bytes, StandardCharsets.ISO_8859_1).replace("+", "%20");
   }
 
@@ -335,7 +336,7 @@ public final class PKCS11Uri {
     }
   }
 
-  /** Compares bytes, since more than one sequence of them may be read as one text. */
+  /** Compares bytes but for trailing blanks: several sequences of bytes can decode to one text. */
   private boolean same(String name, String found) {
     byte[] wanted = attributes.get(name);
     if (wanted == null) {

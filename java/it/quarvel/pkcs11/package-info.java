@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
- * A module behind the adapter and the token that a URI names; what a module tells of itself, its slots, tokens, mechanisms and sessions; PKCS#11 constants and
- * their names; templates of attributes; and the exception for every failure.
+ * Modules behind the adapter, and URIs that name tokens; records that describe modules, slots,
+ * tokens, mechanisms and sessions; the PKCS#11 constants and their names; templates of attributes;
+ * and the exception for every failure.
  */
 package it.quarvel.pkcs11;

@@ -26,11 +26,12 @@ final class NativeLibrary {
   private NativeLibrary() {}
 
   /**
-   * Loads the library: the file that a system property names, then nothing else; or the jar's own
-   * copy, which has the version of these classes; or what {@code System.loadLibrary} finds.
+   * Loads the library: the file that the system property names; if it is not set, the jar's own
+   * copy, which has the version of these classes, or else the file that {@code System.loadLibrary}
+   * finds.
    *
-   * @throws UnsatisfiedLinkError that tells everything that was tried and why it failed, or which
-   *     file has another version
+   * @throws UnsatisfiedLinkError when no attempt works, with all attempts and why they failed; when
+   *     the loaded file has another version, with its path
    */
   @SuppressWarnings("restricted")
   static void load() {
@@ -79,7 +80,7 @@ final class NativeLibrary {
     }
   }
 
-  /** Advises what has not been done. */
+  /** Makes the error, with advice unless the user has followed it. */
   private static UnsatisfiedLinkError error(String what, List<String> tried) {
     String advice = System.getProperty(FILE_PROPERTY) != null ? ""
         : ". Name its file with -D" + FILE_PROPERTY + "=FILE.";
@@ -96,7 +97,7 @@ final class NativeLibrary {
     return error;
   }
 
-  /** Asks the library, which may be any other one. */
+  /** Asks the loaded library for its version; "none" if it is a library of another kind. */
   private static String version() {
     try {
       return new NativePKCS11().getBridgeVersion();
@@ -106,9 +107,10 @@ final class NativeLibrary {
   }
 
   /**
-   * The file of a library that was loaded by name, which only the map of the process tells.
+   * Finds the file of a library that was loaded by name; only the process's memory map tells it.
    *
-   * @param name how the file's name begins, as a regular expression
+   * @param name the beginning of the file's name, as a regular expression
+   * @return its path, or a text that says why there is none
    */
   private static String mappedFile(String name) {
     Pattern file = Pattern.compile("/(.*/)?(%s)[^/]*$".formatted(name));

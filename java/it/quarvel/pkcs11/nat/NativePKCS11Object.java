@@ -35,21 +35,22 @@ import java.util.Map;
 import java.util.Objects;
 
 /**
- * An object on the token or in a session: a key, a certificate or data. Searches and creations of
- * {@link NativePKCS11Session} return them, and its calls run in that session. Objects of one number
- * on one slot are equal, whichever session found them.
+ * An object on the token or in a session: a key, a certificate or data. A {@link
+ * NativePKCS11Session} finds or makes it, and the object's calls run in that session. Objects of
+ * the same handle on the same slot are equal, whichever session found them.
  *
  * <p>The getters read one attribute each ({@code C_GetAttributeValue}). A getter fails with
  * CKR_ATTRIBUTE_TYPE_INVALID when the object has no such attribute and with CKR_ATTRIBUTE_SENSITIVE
- * when the token keeps the value to itself. Some modules report success and the length -1 instead,
- * for which no memory can be had: that is "Internal error".
+ * when the token keeps the value to itself. Some modules report success and the length -1 instead:
+ * no memory can be had for that, and the getter fails with "Internal error".
  */
 public class NativePKCS11Object {
   private static final int DATE_LENGTH = 8;
 
-  /** The byte of SEC 1 before a point that is written as both its coordinates. */
+  /** The first byte of a point in the uncompressed form of SEC 1; both coordinates follow. */
   private static final int UNCOMPRESSED = 4;
 
+  /** The sizes of points, in bytes. */
   private static final int ED25519_SIZE = 32;
   private static final int ED448_SIZE = 57;
 
@@ -104,7 +105,7 @@ public class NativePKCS11Object {
   /**
    * Returns the object's size ({@code C_GetObjectSize}).
    *
-   * @return bytes on the token as the module counts them; -1 from modules that do not
+   * @return bytes on the token as the module counts them; -1 if it does not
    * @throws PKCS11Exception when the module refuses
    */
   public native int size() throws PKCS11Exception;
@@ -114,7 +115,7 @@ public class NativePKCS11Object {
    * {@code String}, {@code byte[]}, {@code Date} or {@code BigInteger}.
    *
    * <p>It knows the common attributes of data, certificates and keys. Others, {@code
-   * CKA_START_DATE} among them, are read by the getter of their Java type. A date is read as {@link
+   * CKA_START_DATE} among them, need the getter of their Java type. It reads a date as {@link
    * #getDateAttributeValue} does, in the calendar of the default locale.
    *
    * @param attr a {@code CKA_} constant
@@ -148,8 +149,8 @@ public class NativePKCS11Object {
    *
    * @param attr a {@code CKA_} constant
    * @return the bytes up to the first zero, read as modified UTF-8; empty for an empty value. A
-   *     character above U+FFFF that another program wrote is lost, and what follows it may be:
-   *     {@link #getByteArrayAttributeValue} has its four bytes
+   *     character above U+FFFF that another program wrote is lost, and the text after it may be:
+   *     {@link #getByteArrayAttributeValue} returns its four bytes
    * @throws PKCS11Exception when the module refuses
    */
   public native String getStringAttributeValue(int attr) throws PKCS11Exception;
@@ -164,9 +165,9 @@ public class NativePKCS11Object {
   public native byte[] getByteArrayAttributeValue(int attr) throws PKCS11Exception;
 
   /**
-   * Reads a date in the calendar of the default locale, so that a locale with another one than the
-   * Gregorian calendar gives another day, and reads it leniently: 30 February is a day in March.
-   * {@link #getDate} does neither, and has the type.
+   * Reads a date leniently, so that 30 February is a day in March, and in the calendar of the
+   * default locale, so that a calendar other than the Gregorian one gives another day. {@link
+   * #getDate} does neither, and returns a {@code Date}.
    *
    * @param attr {@code CKA_START_DATE} or {@code CKA_END_DATE}
    * @return a {@code Date}: midnight of that day in the default time zone
@@ -176,8 +177,8 @@ public class NativePKCS11Object {
   public native Object getDateAttributeValue(int attr) throws PKCS11Exception, ParseException;
 
   /**
-   * Reads a big number; {@link #getBigInteger} has the type. More than 2<sup>31</sup> bits are an
-   * {@code ArithmeticException} of {@code BigInteger}.
+   * Reads a big number; {@link #getBigInteger} returns it as one. A number of more than
+   * 2<sup>31</sup> bits raises the {@code ArithmeticException} of {@code BigInteger}.
    *
    * @param attr {@code CKA_MODULUS} for instance
    * @return a {@code BigInteger}, never negative
@@ -191,10 +192,10 @@ public class NativePKCS11Object {
    *
    * @param attr a {@code CKA_} constant
    * @param value the new value, of one of the classes that {@link NativePKCS11} names, a {@code
-   *     Date} in the calendar and the digits of the default locale; any other changes nothing and
-   *     raises nothing
-   * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_READ_ONLY for what never
-   *     changes
+   *     Date} in the calendar and the digits of the default locale; null, or a value of another
+   *     class, changes nothing and raises nothing
+   * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_READ_ONLY for an attribute
+   *     that never changes
    */
   public native void setAttributeValue(int attr, Object value) throws PKCS11Exception;
 
@@ -203,8 +204,8 @@ public class NativePKCS11Object {
    *
    * @param attrArray the {@code CKA_} constants
    * @param valArray the new values in the same order, a {@code Date} in the calendar and the digits
-   *     of the default locale; one that is null or of a class that {@link NativePKCS11} does not
-   *     name changes nothing and raises nothing
+   *     of the default locale; if one is null or of a class that {@link NativePKCS11} does not
+   *     name, the call changes nothing and raises nothing
    * @throws PKCS11Exception when the module refuses; with "Different array length" unless both
    *     arrays have the same length
    */
@@ -272,17 +273,17 @@ public class NativePKCS11Object {
   }
 
   /**
-   * Makes Java's own public key of this one: of an RSA key, private or public, and of a public EC
-   * or Edwards key. It reads attributes of this object only ({@code C_GetAttributeValue}): the
-   * type, then {@code CKA_MODULUS} and {@code CKA_PUBLIC_EXPONENT}, or {@code CKA_EC_POINT} and for
-   * EC {@code CKA_EC_PARAMS}, which some tokens show of private keys too.
+   * Makes Java's own public key of an RSA key, private or public, or of a public EC or Edwards key.
+   * It reads attributes of this object only ({@code C_GetAttributeValue}): the type, then {@code
+   * CKA_MODULUS} and {@code CKA_PUBLIC_EXPONENT}, or {@code CKA_EC_POINT} and for EC {@code
+   * CKA_EC_PARAMS}; some tokens show the latter two of private keys too.
    *
    * @return an {@link java.security.interfaces.RSAPublicKey}, {@link
    *     java.security.interfaces.ECPublicKey} or {@link java.security.interfaces.EdECPublicKey}
    * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_TYPE_INVALID for an object
    *     that is no key or lacks the public numbers
-   * @throws InvalidKeyException for a key of another type, on a curve that Java does not have, or
-   *     of numbers that are no key
+   * @throws InvalidKeyException for a key of another type or on a curve that Java does not have,
+   *     and when the numbers make no key
    */
   public PublicKey publicKey() throws PKCS11Exception, InvalidKeyException {
     int type = getIntAttributeValue(CKA_KEY_TYPE);
@@ -301,7 +302,7 @@ public class NativePKCS11Object {
     }
   }
 
-  /** Takes an uncompressed point from the end of the value: not all tokens wrap it in DER. */
+  /** Takes the point from the end of the value, since not all tokens wrap it in DER. */
   private ECPublicKeySpec ecKey() throws PKCS11Exception, GeneralSecurityException, IOException {
     AlgorithmParameters parameters = AlgorithmParameters.getInstance("EC");
     parameters.init(getByteArrayAttributeValue(CKA_EC_PARAMS));
@@ -332,7 +333,7 @@ public class NativePKCS11Object {
   }
 
   /**
-   * Makes Java's own certificate of this one ({@code CKA_VALUE}).
+   * Makes Java's own certificate of this object ({@code CKA_VALUE}).
    *
    * @return the certificate
    * @throws PKCS11Exception when the module refuses, with CKR_ATTRIBUTE_TYPE_INVALID for an object
@@ -345,13 +346,13 @@ public class NativePKCS11Object {
   }
 
   /**
-   * Reads several attributes, and leaves those out that the object does not have, that have no
+   * Reads several attributes. It leaves out an attribute that the object does not have, that has no
    * value, or that the token keeps to itself.
    *
    * @param types {@code CKA_} constants
-   * @return the values in the order of {@code types}, dates as of {@link #getDate}, others in the
-   *     class that {@link #getAttributeValue} gives them; what neither of these can read as {@code
-   *     byte[]}
+   * @return the values in the order of {@code types}: dates as {@link #getDate} reads them, others
+   *     as {@link #getAttributeValue} does, and as {@code byte[]} if the method cannot read the
+   *     value
    * @throws PKCS11Exception when the module refuses for another reason
    */
   public Map<Integer, Object> attributes(int... types) throws PKCS11Exception {
@@ -365,7 +366,7 @@ public class NativePKCS11Object {
       } catch (PKCS11Exception e) {
         switch (e.errorCode()) {
           case CKR_ATTRIBUTE_TYPE_INVALID, CKR_ATTRIBUTE_SENSITIVE -> { }
-          case CKR_OK -> session.getInfo(); // a length of -1, unless the module has gone
+          case CKR_OK -> session.getInfo(); // fails if the module has gone; else the length was -1
           default -> throw e;
         }
       }
@@ -373,7 +374,7 @@ public class NativePKCS11Object {
     return values;
   }
 
-  /** Returns null for an empty value of a class that has none. */
+  /** Reads an attribute; null for an empty value of a type that has no empty one, as numbers. */
   private Object value(int type) throws PKCS11Exception {
     try {
       return type == CKA_START_DATE || type == CKA_END_DATE
@@ -383,7 +384,7 @@ public class NativePKCS11Object {
         throw e;
       }
     } catch (ParseException e) {
-      // Bytes, then.
+      // The bytes are the value then.
     }
     byte[] value = getByteArrayAttributeValue(type);
     return value.length == 0 ? null : value;

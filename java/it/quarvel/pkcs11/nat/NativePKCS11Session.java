@@ -16,18 +16,19 @@ import java.util.Optional;
 
 /**
  * A session with a token; {@link NativePKCS11Slot#openSession(int)} opens it and {@link #close}
- * ends it. {@link NativePKCS11} tells what holds for every call.
+ * ends it. {@link NativePKCS11} states the rules that hold for every call.
  *
- * <p>Logging in counts for all sessions of this application with the token, and ends when the last
- * of them is closed. Sessions of one number on one slot are equal.
+ * <p>A login holds for all sessions of this application with the token, until the last of them is
+ * closed. Sessions of the same handle on the same slot are equal.
  *
  * <p>Methods that take a {@link PKCS11Template}, or return an array instead of filling one, do the
  * usual steps of an operation in one call. The others are the PKCS#11 functions one by one.
  */
 public class NativePKCS11Session implements AutoCloseable {
+  /** The least room that is offered for a signature or for decrypted data, in bytes. */
   private static final int SMALLEST_ROOM = 1024;
 
-  /** Doubled after each refusal until it is the largest. */
+  /** The room that is offered first for a wrapped key, in bytes, and doubled after each refusal. */
   private static final int SMALLEST_WRAP_ROOM = 4 * 1024;
 
   private static final int LARGEST_WRAP_ROOM = 64 * 1024;
@@ -48,9 +49,9 @@ public class NativePKCS11Session implements AutoCloseable {
   public record KeyPair(NativePKCS11Object publicKey, NativePKCS11Object privateKey) {}
 
   /**
-   * Takes each object of {@link #forEach}.
+   * Visits the objects that {@link #forEach} finds.
    *
-   * @param <E> what else than the module's failures ends the search
+   * @param <E> the exception with which the visitor ends the search
    */
   @FunctionalInterface
   public interface Visitor<E extends Exception> {
@@ -76,7 +77,7 @@ public class NativePKCS11Session implements AutoCloseable {
     void run() throws PKCS11Exception;
   }
 
-  /** Ends a search when the block that runs it ends, however it ends. */
+  /** Ends a search when the {@code try} block that runs it ends. */
   private interface Search extends AutoCloseable {
     @Override
     void close() throws PKCS11Exception;
@@ -112,7 +113,7 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Ends the session ({@code C_CloseSession}). Closing it twice is the module's
+   * Ends the session ({@code C_CloseSession}). Closing it again raises the module's
    * CKR_SESSION_HANDLE_INVALID.
    *
    * @throws PKCS11Exception when the module refuses
@@ -130,8 +131,8 @@ public class NativePKCS11Session implements AutoCloseable {
 
   /**
    * Logs in ({@code C_Login}). A {@code String} cannot be wiped from memory; {@link #login(char[])}
-   * and {@link #loginellips} take what can. An empty PIN is a PIN without characters, not the reader's PIN pad, which
-   * {@link #loginAuthPath} asks for.
+   * and {@link #loginellips} take arrays, which can. An empty PIN is a PIN without characters; it
+   * does not ask for the reader's PIN pad, as {@link #loginAuthPath} does.
    *
    * @param isSO true for the security officer, false for the user
    * @param pin the PIN, sent as modified UTF-8
@@ -140,7 +141,7 @@ public class NativePKCS11Session implements AutoCloseable {
   public native void login(boolean isSO, String pin) throws PKCS11Exception;
 
   /**
-   * Logs out ({@code C_Logout}), all sessions with the token alike.
+   * Logs out of the token ({@code C_Logout}), in all sessions of this application alike.
    *
    * @throws PKCS11Exception when the module refuses
    */
@@ -157,10 +158,10 @@ public class NativePKCS11Session implements AutoCloseable {
 
   /**
    * Changes the PIN of whoever is logged in, else the user's ({@code C_SetPIN}). A {@code String}
-   * cannot be wiped from memory; {@link #setPINellips} takes bytes that can.
+   * cannot be wiped from memory; {@link #setPINellips} takes arrays, which can.
    *
-   * @param oldPin the PIN that holds now, sent as modified UTF-8
-   * @param newPin the PIN to come, sent as modified UTF-8
+   * @param oldPin the present PIN, sent as modified UTF-8
+   * @param newPin the new PIN, sent as modified UTF-8
    * @throws PKCS11Exception when the module refuses, with CKR_PIN_INCORRECT for a wrong old PIN
    */
   public native void setPIN(String oldPin, String newPin) throws PKCS11Exception;
@@ -169,11 +170,11 @@ public class NativePKCS11Session implements AutoCloseable {
    * Starts a signature ({@code C_SignInit}).
    *
    * <p>A key with {@code CKA_ALWAYS_AUTHENTICATE} wants the PIN before each signature or
-   * decryption, by a login of its own kind ({@code CKU_CONTEXT_SPECIFIC}). In a module that was
-   * opened by {@link it.quarvel.pkcs11.PKCS11Module#open}, log in again between this call and
-   * {@link #sign(byte[], int, int, byte[], int) sign}. With most others the first operation after a
-   * login succeeds and the next one is
-   * CKR_USER_NOT_LOGGED_IN; logging out and in again gives one more.
+   * decryption, by a login of its own kind ({@code CKU_CONTEXT_SPECIFIC}). In a module that {@link
+   * it.quarvel.pkcs11.PKCS11Module#open} opened, log in again between this call and {@link
+   * #sign(byte[], int, int, byte[], int) sign}. In most others, the first operation after a login
+   * succeeds and the next one raises CKR_USER_NOT_LOGGED_IN; logging out and in again allows one
+   * more.
    *
    * @param mech a {@code CKM_} value
    * @param param not read
@@ -184,8 +185,8 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception;
 
   /**
-   * Signs all data at once ({@code C_Sign}). Ends the operation, unless it only asks for the
-   * length, fails with CKR_BUFFER_TOO_SMALL, or is refused before the module is called.
+   * Signs all data at once ({@code C_Sign}). The call ends the operation, unless it only asks for
+   * the length, fails with CKR_BUFFER_TOO_SMALL, or is refused before the module is called.
    *
    * @param inData the data
    * @param inOffset not read: data starts at index 0
@@ -210,9 +211,9 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception;
 
   /**
-   * Encrypts all data at once ({@code C_Encrypt}). The module is told that there is room for {@code
-   * inLen} bytes, however long {@code outData} is, so that only mechanisms serve whose output is no
-   * longer than their input. There is no way to ask for the length.
+   * Encrypts all data at once ({@code C_Encrypt}). The call offers the module room for {@code
+   * inLen} bytes, however long {@code outData} is, so that only mechanisms work whose output is no
+   * longer than their input. It cannot ask for the length.
    *
    * @param inData the data
    * @param inOffset not read: data starts at index 0
@@ -238,8 +239,8 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception;
 
   /**
-   * Decrypts all data at once ({@code C_Decrypt}). Ends the operation, unless it only asks for the
-   * length, fails with CKR_BUFFER_TOO_SMALL, or is refused before the module is called.
+   * Decrypts all data at once ({@code C_Decrypt}). The call ends the operation, unless it only asks
+   * for the length, fails with CKR_BUFFER_TOO_SMALL, or is refused before the module is called.
    *
    * @param inData the encrypted data
    * @param inOffset not read: data starts at index 0
@@ -254,38 +255,37 @@ public class NativePKCS11Session implements AutoCloseable {
 
   /**
    * Starts a search ({@code C_FindObjectsInit}); {@link #findAll}, {@link #findFirst} and {@link
-   * #forEach} run one whole. A {@code Date} is searched for in the calendar and the digits of the
-   * default locale. A value that is null or of a class that {@link NativePKCS11} does not name
-   * starts none and raises nothing; {@link #findObject} then fails with
+   * #forEach} run a whole one. It searches for a {@code Date} in the calendar and the digits of the
+   * default locale. If a value is null or of a class that {@link NativePKCS11} does not name, the
+   * call starts no search and raises nothing; {@link #findObject} then fails with
    * CKR_OPERATION_NOT_INITIALIZED.
    *
-   * @param attrArray the {@code CKA_} constants to match; null, as {@code valArray} then has to be
-   *     as well, for every object
-   * @param valArray the values to match in the same order
+   * @param attrArray the {@code CKA_} constants to match; null for every object
+   * @param valArray the values to match in the same order; null if {@code attrArray} is
    * @throws PKCS11Exception when the module refuses; with "Different array length" for arrays of
-   *     different lengths or one that is null
+   *     different lengths, or if only one is null
    */
   public native void findObjectsInit(int[] attrArray, Object[] valArray) throws PKCS11Exception;
 
   /**
    * Returns the next object of the search ({@code C_FindObjects}).
    *
-   * @return the object, or null when there is no further one; also for an object with the handle 0,
-   *     which some modules give out although it stands for none
+   * @return the object; null when there is no further one, or when the module gives out the handle
+   *     0, as some do although it stands for none
    * @throws PKCS11Exception when the module refuses
    */
   public native NativePKCS11Object findObject() throws PKCS11Exception;
 
   /**
-   * Ends the search ({@code C_FindObjectsFinal}), which the session needs before the next one.
+   * Ends the search ({@code C_FindObjectsFinal}); the session cannot start another one before.
    *
    * @throws PKCS11Exception when the module refuses
    */
   public native void findObjectsFinal() throws PKCS11Exception;
 
   /**
-   * Logs in with the exact bytes of the PIN ({@code C_Login}); wipe the array afterwards. An
-   * empty array is not the reader's PIN pad: {@link #loginAuthPath} is.
+   * Logs in with the exact bytes of the PIN ({@code C_Login}); wipe the array afterwards. An empty
+   * array does not ask for the reader's PIN pad, as {@link #loginAuthPath} does.
    *
    * @param isSO true for the security officer, false for the user
    * @param pin the PIN
@@ -296,15 +296,16 @@ public class NativePKCS11Session implements AutoCloseable {
   /**
    * Changes the PIN with exact bytes ({@code C_SetPIN}); wipe the arrays afterwards.
    *
-   * @param oldPin the PIN that holds now
-   * @param newPin the PIN to come
+   * @param oldPin the present PIN
+   * @param newPin the new PIN
    * @throws PKCS11Exception when the module refuses, with CKR_PIN_INCORRECT for a wrong old PIN
    */
   public native void setPINellips(byte[] oldPin, byte[] newPin) throws PKCS11Exception;
 
   /**
    * Logs in with the reader's own PIN pad or other protected path ({@code C_Login} without a PIN).
-   * Waits for the person. Only tokens with CKF_PROTECTED_AUTHENTICATION_PATH have such a path.
+   * The call waits for the person. Only tokens with CKF_PROTECTED_AUTHENTICATION_PATH have such a
+   * path.
    *
    * @param isSO true for the security officer, false for the user
    * @throws PKCS11Exception when the module refuses
@@ -313,9 +314,9 @@ public class NativePKCS11Session implements AutoCloseable {
 
   /**
    * Reads the life-cycle status of the Identrus application on an Oberthur card: one byte in a
-   * vendor-defined attribute of the object that {@link #getIdentrusObject} returns. Searches for
-   * that object first, so no other search may be open in the session. Prints its progress on
-   * standard output, whatever the trace setting.
+   * vendor-defined attribute of the object that {@link #getIdentrusObject} returns. The call
+   * searches for that object first, so no other search may be open in the session. It prints its
+   * progress on standard output, whatever the trace setting.
    *
    * @return the status byte, -128 to 127; 8 before first use
    * @throws PKCS11Exception when the module refuses to read the attribute, for instance with
@@ -325,8 +326,8 @@ public class NativePKCS11Session implements AutoCloseable {
 
   /**
    * Changes the life-cycle status of the Identrus application on an Oberthur card, after reading it
-   * as {@link #getCardStatus} does; without a status to read nothing is written. Prints its
-   * progress, the old and the new status on standard output, whatever the trace setting.
+   * as {@link #getCardStatus} does. If the status cannot be read, the call writes nothing. It
+   * prints its progress, the old and the new status on standard output, whatever the trace setting.
    *
    * @param status the status, of which the low 8 bits are written; 8 before first use
    * @throws PKCS11Exception when the module refuses to read or to write the attribute, for instance
@@ -335,13 +336,14 @@ public class NativePKCS11Session implements AutoCloseable {
   public native void setCardStatus(int status) throws PKCS11Exception;
 
   /**
-   * Returns the Identrus application of an Oberthur card. Searches for it, so no other search may
-   * be open in the session. Prints its progress on standard output, whatever the trace setting.
+   * Returns the Identrus application of an Oberthur card. The call searches for it, so no other
+   * search may be open in the session. It prints its progress on standard output, whatever the
+   * trace setting.
    *
-   * @return an object in any case, of use only when its {@link NativePKCS11Object#objectID} is none
-   *     of these: 0 when there is no such application; -1 when no search could be started, because
-   *     another one is open or no module is initialised for instance; -2 when the search failed on
-   *     the way, and may still be open until {@link #findObjectsFinal} ends it
+   * @return an object in any case, of use unless its {@link NativePKCS11Object#objectID} is one of
+   *     these: 0 when the token has no such application; -1 when no search could be started,
+   *     because another one is open or no module is initialised for instance; -2 when the search
+   *     failed on the way, and may still be open until {@link #findObjectsFinal} ends it
    * @throws PKCS11Exception never
    */
   public native NativePKCS11Object getIdentrusObject() throws PKCS11Exception;
@@ -366,10 +368,10 @@ public class NativePKCS11Session implements AutoCloseable {
   /**
    * Generates an "Identity" or "Utility" key pair as token objects ({@code C_GenerateKeyPair}): RSA
    * of 1024 bits with the public exponent 65537. The public key's label is that word, 8 bytes in
-   * both cases: "Utility" ends in a zero byte. The private key signs, also with recovery, and is
-   * marked with a vendor-defined attribute that only the cards it is made for accept; {@link
-   * #generateKeyPair(int, PKCS11Template, PKCS11Template)} serves other tokens. Prints its progress
-   * on standard output, whatever the trace setting.
+   * both cases: "Utility" ends in a zero byte. The private key signs, also with recovery, and has a
+   * vendor-defined attribute that marks it, which only the cards of that vendor accept; {@link
+   * #generateKeyPair(int, PKCS11Template, PKCS11Template)} serves other tokens. The call prints its
+   * progress on standard output, whatever the trace setting.
    *
    * @param mech a {@code CKM_} value, {@code CKM_RSA_PKCS_KEY_PAIR_GEN} for instance
    * @param isIdentity true for "Identity", false for "Utility"
@@ -392,11 +394,11 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception;
 
   /**
-   * Stores an X.509 certificate ({@code C_CreateObject}), with a vendor-defined attribute for its
-   * number that only the cards it is made for accept; {@link #createObject(PKCS11Template)} serves
-   * other tokens. The texts are stored as modified UTF-8, not as DER. Whether the object outlives
-   * the session is the module's default; a search finds it. Prints its progress and the four texts
-   * on standard output, whatever the trace setting.
+   * Stores an X.509 certificate ({@code C_CreateObject}), with its number in a vendor-defined
+   * attribute, which only the cards of that vendor accept; {@link #createObject(PKCS11Template)}
+   * serves other tokens. The texts are stored as modified UTF-8, not as DER. The module decides
+   * whether the object outlives the session; a search finds it. The call prints its progress and
+   * the four texts on standard output, whatever the trace setting.
    *
    * @param certID number of the certificate
    * @param certStr the certificate in DER
@@ -433,7 +435,7 @@ public class NativePKCS11Session implements AutoCloseable {
       int mech, Object param, int[] attrTypes, Object[] attrValues) throws PKCS11Exception;
 
   /**
-   * Wraps a key ({@code C_WrapKey}). There is no way to ask for the length.
+   * Wraps a key ({@code C_WrapKey}). The call cannot ask for the length.
    *
    * @param mech a {@code CKM_} value
    * @param mechParameters not read
@@ -454,7 +456,7 @@ public class NativePKCS11Session implements AutoCloseable {
       throws PKCS11Exception;
 
   /**
-   * Makes a key of its wrapped form ({@code C_UnwrapKey}).
+   * Unwraps a key ({@code C_UnwrapKey}).
    *
    * @param mech a {@code CKM_} value
    * @param param not read
@@ -628,12 +630,13 @@ public class NativePKCS11Session implements AutoCloseable {
   public native void cancelFunction() throws PKCS11Exception;
 
   /**
-   * Logs the user in. The bytes that are made of the PIN are wiped; the characters are the caller's
-   * to wipe.
+   * Logs the user in ({@code C_Login}). The call wipes the bytes that it makes of the PIN; the
+   * caller wipes the characters.
    *
    * @param pin the PIN, sent as UTF-8
    * @throws PKCS11Exception when the module refuses, with CKR_PIN_INCORRECT for a wrong PIN; before
-   *     it is asked, with CKR_ARGUMENTS_BAD for null or half a surrogate pair, which is no text
+   *     the module is called, with CKR_ARGUMENTS_BAD for null or half a surrogate pair, which is no
+   *     text
    */
   public void login(char[] pin) throws PKCS11Exception {
     if (pin == null) {
@@ -651,7 +654,7 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Finds every object that matches; one with the handle 0 ends the search.
+   * Finds every object that matches; an object with the handle 0 ends the search.
    *
    * @param template the attributes to match; null or empty for every object
    * @return the objects in the module's order
@@ -677,11 +680,11 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Visits every object that matches, each as the module yields it, so that none needs to be kept.
-   * The search is open meanwhile, so that some modules refuse to sign in the session; it is ended
-   * however the visits end.
+   * Visits every object that matches, each as the module yields it, so that the caller needs to
+   * keep none. The search is open meanwhile, and some modules then refuse to sign in the session.
+   * It ends however the visits end.
    *
-   * @param <E> what the visitor throws
+   * @param <E> the visitor's exception
    * @param template the attributes to match; null or empty for every object
    * @param visitor what to do with each object, and whether to go on
    * @throws PKCS11Exception when the module refuses
@@ -701,7 +704,8 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Signs data. Room for 1,024 bytes is offered first; a longer signature costs two calls more.
+   * Signs data. The call offers the module room for 1,024 bytes first; a longer signature costs two
+   * calls of the module more.
    *
    * @param mech a {@code CKM_} value
    * @param key a private or secret key, see {@link #signInit} on those that want the PIN each time
@@ -748,8 +752,8 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Decrypts data. Room for as many bytes as there are encrypted ones, and at least 1,024, is
-   * offered first; a longer result costs two calls more.
+   * Decrypts data. The call first offers the module room for as many bytes as {@code data} has, and
+   * at least 1,024; a longer result costs two calls of the module more.
    *
    * @param mech a {@code CKM_} value
    * @param key a private or secret key, see {@link #signInit} on those that want the PIN each time
@@ -842,11 +846,11 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Makes a key of its wrapped form. In a module that was opened by {@link
-   * it.quarvel.pkcs11.PKCS11Module#open}, {@code CKM_ECDH1_DERIVE} and {@code
-   * CKM_ECDH1_COFACTOR_DERIVE} agree on one ({@code C_DeriveKey}, {@code CKD_NULL}): the unwrapping
-   * key is the private EC key, the wrapped one the other side's public point, bare or as a DER octet
-   * string, whichever the module takes, and the secret is the new key's value.
+   * Unwraps a key. In a module that {@link it.quarvel.pkcs11.PKCS11Module#open} opened, {@code
+   * CKM_ECDH1_DERIVE} and {@code CKM_ECDH1_COFACTOR_DERIVE} agree on a key instead ({@code
+   * C_DeriveKey} with {@code CKD_NULL}): the unwrapping key is the private EC key; the wrapped key
+   * is the other side's public point, bare or as a DER octet string, whichever the module takes;
+   * the secret becomes the new key's value.
    *
    * @param mech a {@code CKM_} value
    * @param unwrappingKey the key that unwraps
@@ -881,9 +885,9 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Returns the result of a signature or a decryption that has started, after a login where there is
-   * one. Room is offered first: the question for the length is one call more, and some modules answer
-   * it by writing through the null pointer. A refusal for want of room leaves the operation active.
+   * Ends a signature or a decryption, after its login if it has one, and returns the result. It
+   * offers room first: a question for the length is one call more, and some modules answer it by
+   * writing through the null pointer. A refusal for want of room leaves the operation active.
    */
   private byte[] result(boolean signs, Login login, byte[] data, int room) throws PKCS11Exception {
     if (login != null) {
@@ -912,7 +916,7 @@ public class NativePKCS11Session implements AutoCloseable {
     return data;
   }
 
-  /** A result is null, with nothing raised, when the values did not make a template. */
+  /** Refuses null, which a native method returns when it cannot convert an attribute value. */
   private static <T> T converted(T result) throws PKCS11Exception {
     if (result == null) {
       throw new PKCS11Exception("An attribute value cannot be converted");

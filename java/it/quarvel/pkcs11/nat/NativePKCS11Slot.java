@@ -8,7 +8,7 @@ import it.quarvel.pkcs11.PKCS11MechanismInfo;
 import it.quarvel.pkcs11.PKCS11SlotInfo;
 import it.quarvel.pkcs11.PKCS11TokenInfo;
 
-/** A slot of the module; {@link NativePKCS11#slots} lists them. Slots of one number are equal. */
+/** A slot of the module; {@link NativePKCS11#slots} lists them. Slots with one number are equal. */
 public class NativePKCS11Slot {
   static {
     NativePKCS11.loadLibrary();
@@ -115,7 +115,7 @@ public class NativePKCS11Slot {
   public native void closeAllSessions() throws PKCS11Exception;
 
   /**
-   * Opens a session.
+   * Opens a session ({@code C_OpenSession}).
    *
    * @param flags {@code CKF_SERIAL_SESSION} for a read-only session, {@code CKF_SERIAL_SESSION |
    *     CKF_RW_SESSION} for a read/write one
@@ -139,7 +139,7 @@ public class NativePKCS11Slot {
   /**
    * Opens a session.
    *
-   * @param readWrite whether objects on the token, and its PIN, may be changed
+   * @param readWrite whether the session may change objects on the token, and its PIN
    * @return the session, which the caller closes
    * @throws PKCS11Exception when the module refuses
    */
