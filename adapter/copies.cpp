@@ -3,8 +3,9 @@
 
 #include <dlfcn.h>
 
-// Other copies find it by this name, which so stands for the layout. Protected: one that was loaded
-// for all would else take the place of the others' own, and their fork handlers would meet in it.
+// Other copies find this table by its name, which stands for its layout. It is protected: otherwise
+// the table of a copy that was loaded with RTLD_GLOBAL would take the place of the other copies'
+// own, and the fork handlers of all copies would meet in it.
 struct Copies {
   adapter::copies::Shared places[32];  // taken in order and never given back
 };
@@ -17,7 +18,7 @@ constinit Shared alone;
 
 namespace {
 
-constinit std::atomic<Copies*> eldest = nullptr;  // null until it was looked for
+constinit std::atomic<Copies*> eldest = nullptr;  // null until `find` has looked for it
 
 Copies* findEldest() {
   void* library = dlopen("libquarvelpkcs11adapter.so", RTLD_NOLOAD | RTLD_LAZY);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The state that all copies of this library in one process share. Each class loader of a virtual
-// machine has a copy, and several may stand before one module, which must not end under the others.
-// Knows no handles and calls no module.
+// machine has a copy. Several may stand before one module, and none may end it under the others.
+// This part knows no handles and calls no module.
 #ifndef QUARVEL_ADAPTER_COPIES_H_
 #define QUARVEL_ADAPTER_COPIES_H_
 
@@ -13,22 +13,23 @@
 
 namespace adapter::copies {
 
-/// What all copies know of one module. `turns` guards what stands below it.
+/// The state of one module. `turns` guards the members below it.
 struct Shared {
-  std::atomic<const CK_FUNCTION_LIST*> list = nullptr;  // by which it is known; null: a free place
-  std::atomic<unsigned long> beginnings = 0;            // how often it was initialised
+  std::atomic<const CK_FUNCTION_LIST*> list = nullptr;  // identifies the module; null: a free place
+  std::atomic<unsigned long> beginnings = 0;            // times that the module was initialised
   pthread_mutex_t turns = PTHREAD_MUTEX_INITIALIZER;    // also held in calls that take turns
-  unsigned long copies = 0;                             // that share the last beginning
-  bool isForeign = false;                               // no copy made that
+  unsigned long copies = 0;                             // copies that have the last beginning
+  bool isForeign = false;                               // the last beginning is no copy's
   bool isSerial = false;                                // calls take turns
 };
 
-/// The one of a copy that is alone with its module.
+/// The state of a module that this copy shares with no other.
 extern Shared alone;
 
-/// The one of the module with this list, in the eldest copy of the process. That is looked for
-/// once, by a name that musl does not know it by. Without an eldest that has a table of this layout
-/// it is in this copy; `alone` where all places are taken.
+/// Returns the state of the module with this list, never null. It lies in the table of the eldest
+/// copy in the process. Each copy looks for the eldest once, by soname, under which musl does not
+/// find it. Without an eldest, or if its table has another layout, the state lies in this copy's
+/// table. It is `alone` if all places are taken.
 Shared* find(const CK_FUNCTION_LIST* list);
 
 /// Frees the locks in the child of a fork, where no thread holds one.

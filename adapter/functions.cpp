@@ -21,7 +21,7 @@ void attempt(Function List::*entry, Args... args) {
   if (const Function function = module::functionOf(entry)) function(args...);
 }
 
-/// Lets `act` read or write what the table knows of an open session.
+/// Lets `act` read or write the entry of an open session, under the lock.
 template <typename Act>
 void withSession(CK_SESSION_HANDLE number, Act act) {
   const Handles handles;
@@ -32,7 +32,7 @@ void noteOperation(CK_SESSION_HANDLE number, bool operating) {
   withSession(number, [=](SessionEntry* session) { session->operating = operating; });
 }
 
-/// Whether one of the templates makes a token object. The keys of a pair count as one.
+/// Tells whether one of the templates makes a token object. The keys of a pair count as one.
 bool areOnToken(const Attributes* attributes) {
   for (; attributes != nullptr; attributes = attributes->before) {
     for (const CK_ATTRIBUTE& attribute : std::span(attributes->value, attributes->count)) {
@@ -107,8 +107,8 @@ namespace {
 struct Hash {
   CK_MECHANISM_TYPE digest;
   CK_RSA_PKCS_MGF_TYPE mask;  // the mask generation with it
-  CK_MECHANISM_TYPE pss;      // the mechanism that hashes so and signs with PSS
-  CK_ULONG length;
+  CK_MECHANISM_TYPE pss;      // the mechanism that hashes with it and signs by PSS
+  CK_ULONG length;            // of a digest, in bytes
 };
 
 constexpr Hash kHashes[] = {
@@ -119,15 +119,17 @@ constexpr Hash kHashes[] = {
     {CKM_SHA512, CKG_MGF1_SHA512, CKM_SHA512_RSA_PKCS_PSS, 64},
 };
 
-/// A number of our own for a mechanism with its parameter, from the range of vendors: what it is
-/// for, the hash and that of the mask as places in kHashes, and the bytes of salt.
+/// The parts of a number of our own, in the vendor-defined range, that stands for a mechanism with
+/// its parameter: the kind, the places in kHashes of the hash and of the mask's hash, and the bytes
+/// of salt.
 struct Coded {
   enum Kind : CK_ULONG { oaep = 0xF5A0, pssOfDigest, pssOfData };
   static constexpr CK_ULONG kMostSalt = 0x3FF;
 
   CK_ULONG kind, hash, mask, salt;
 
-  /// Returns the standard parameters of a mechanism: a mask by the same hash, a salt of its length.
+  /// Takes a number of our own apart. A mechanism that has a standard parameter is taken for the
+  /// number of that: a mask by the same hash, and a salt of the hash's length.
   static constexpr Coded of(CK_MECHANISM_TYPE mechanism) {
     if (mechanism == CKM_RSA_PKCS_OAEP) return {oaep, 0, 0, 0};
     for (CK_ULONG i = 0; i < std::size(kHashes); ++i) {
@@ -136,7 +138,8 @@ struct Coded {
     return {mechanism >> 16, mechanism >> 13 & 7, mechanism >> 10 & 7, mechanism & kMostSalt};
   }
 
-  /// The mechanism that is meant; none (0 needs no parameter) where the number is none of ours.
+  /// Returns the mechanism that the number stands for; 0, which needs no parameter, if the number
+  /// is none of ours.
   constexpr CK_MECHANISM_TYPE mechanism() const {
     if (std::max(hash, mask) >= std::size(kHashes)) return 0;
     if (kind == oaep && salt == 0) return CKM_RSA_PKCS_OAEP;
@@ -145,7 +148,7 @@ struct Coded {
   }
 };
 
-/// Whether the module has a mechanism of this number for the session's slot.
+/// Tells whether the module has a mechanism of this number for the session's slot.
 bool isListed(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE mechanism) {
   CK_SLOT_ID slot = 0;
   withSession(session, [&](const SessionEntry* record) { slot = record->slot; });
@@ -211,7 +214,7 @@ void closeSessions(const Entry* taken) {
   }
 }
 
-/// Whoever shares the module with us keeps it, but not our sessions.
+/// Ends the module. Others who share it keep it, without our sessions.
 CK_RV finalize(void* reserved) {
   if (module::isInside()) return CKR_FUNCTION_FAILED;
   const module::Closing closing;
@@ -247,8 +250,8 @@ CK_RV closeAllSessions(CK_SLOT_ID slot) {
   return rv;
 }
 
-/// A list of IDs. Room for none is passed on as the question for their number: some modules find an
-/// empty list too small for it.
+/// Reads a list of IDs. Room for none is passed on as the question for the number of IDs: some
+/// modules find that room too small for an empty list.
 template <auto entry, typename Selector>
 CK_RV readList(typename Selector::Type selector, CK_ULONG* items, CK_ULONG* count) {
   const bool isForNone = items != nullptr && count != nullptr && *count == 0;
@@ -267,7 +270,8 @@ CK_RV getSlotList(CK_BBOOL present, CK_SLOT_ID* slots, CK_ULONG* count) {
   return CKR_OK;
 }
 
-/// Never in turn, nor under way: it waits, and others, the end included, must not wait for it.
+/// Takes no turn and does not count as under way: the call waits, and neither other calls nor the
+/// end of the module may wait for it.
 CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* reserved) {
   if (!module::isInitialised()) return CKR_CRYPTOKI_NOT_INITIALIZED;
   const CK_C_WaitForSlotEvent function = module::functionOf(&List::C_WaitForSlotEvent);
@@ -280,7 +284,7 @@ CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* reserved) {
 constexpr auto moduleGetMechanismInfo =
     call<&List::C_GetMechanismInfo, Slot, MechanismType, Argument<CK_MECHANISM_INFO*>>;
 
-/// Answers for the mechanism that is meant where the module does not have a number of our own.
+/// Answers a number of our own, unless the module has it, for the mechanism that it stands for.
 CK_RV getMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info) {
   const CK_RV rv = moduleGetMechanismInfo(slot, type, info);
   const CK_MECHANISM_TYPE meant = Coded::of(narrowed(type)).mechanism();
@@ -292,9 +296,9 @@ constexpr auto deriveKey =
 constexpr auto moduleUnwrapKey = call<&List::C_UnwrapKey, Session, Mechanism, UnwrappingKey, Data,
                                       Length, Attributes, Count, NewObject>;
 
-/// A key agreement without a parameter becomes a derivation with the wrapped bytes as the other
-/// side's public point, for callers that can neither derive nor pass parameters. CKR_ of
-/// C_DeriveKey then.
+/// Unwraps a key. A key agreement without a parameter becomes a derivation with the wrapped bytes
+/// as the other side's public point, for callers that can neither derive nor pass parameters.
+/// @return the value of C_UnwrapKey, or then of C_DeriveKey
 CK_RV unwrapKey(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key,
                 CK_BYTE* wrapped, CK_ULONG length, CK_ATTRIBUTE* attributes, CK_ULONG count,
                 CK_OBJECT_HANDLE* made) {
@@ -310,8 +314,8 @@ CK_RV unwrapKey(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HA
 
 constexpr auto moduleLogin = call<&List::C_Login, Session, Length, Data, Length>;
 
-/// A key that asks for the PIN at each use wants a login of its own between the start and the end
-/// of an operation, which callers know as the user's alone.
+/// Logs in. A key that asks for the PIN at each use wants a CKU_CONTEXT_SPECIFIC login between the
+/// start and the end of an operation; callers who know only the user's login get it by that.
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_BYTE* pin, CK_ULONG pinLength) {
   user = narrowed(user);
   bool operating = false;
@@ -327,8 +331,8 @@ CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_BYTE* pin, CK_ULONG
 
 constexpr auto moduleFindObjects = call<&List::C_FindObjects, Session, Size, Length, Size>;
 
-/// Hands out what was read ahead, after the `*count` objects that the caller has already.
-/// @return CKR_HOST_MEMORY, or where there was nothing, the error that came instead
+/// Hands out the handles that were read ahead, after the `*count` that the caller has already.
+/// @return CKR_OK; CKR_HOST_MEMORY; if the caller has none, the error that was read ahead
 CK_RV handOut(CK_SESSION_HANDLE number, CK_OBJECT_HANDLE* objects, CK_ULONG max, CK_ULONG* count) {
   const Handles handles;
   SessionEntry* session = handles->findSession(number);
@@ -341,8 +345,9 @@ CK_RV handOut(CK_SESSION_HANDLE number, CK_OBJECT_HANDLE* objects, CK_ULONG max,
   return *count != 0 ? CKR_OK : std::exchange(ahead.error, CKR_OK);
 }
 
-/// Fetches the next batch, or the error that comes instead, into the session's record. More than
-/// was asked for is an error: which of it is true, nobody knows.
+/// Fetches the next batch, or the error that comes instead, into the session's entry. A module that
+/// tells of more than it was asked for is in error: nobody knows which handles are true.
+/// @return CKR_OK, also with an error in the entry; else the session is not open
 CK_RV readAhead(CK_SESSION_HANDLE number, CK_ULONG* found) {
   CK_OBJECT_HANDLE batch[Ahead::kRoom] = {};
   *found = 0;
@@ -359,8 +364,8 @@ CK_RV readAhead(CK_SESSION_HANDLE number, CK_ULONG* found) {
   return CKR_OK;
 }
 
-/// Asks for whole batches, since callers often fetch one by one and the module may be far away. A
-/// batch that is not full ends the call as it would end the module's.
+/// Asks for whole batches, since callers often fetch handles one by one and the module may be far
+/// away. A batch that is not full ends the call, as it would end the module's own.
 CK_RV findObjects(CK_SESSION_HANDLE number, CK_OBJECT_HANDLE* objects, CK_ULONG max,
                   CK_ULONG* count) {
   if (objects == nullptr || max == 0 || count == nullptr) {
@@ -471,14 +476,15 @@ void freeLocks() {
   module::freeLocks();
 }
 
-// glibc has the one in its library, musl the other.
+// glibc has the first in its shared library, musl the second.
 extern "C" {
 [[gnu::weak]] int __register_atfork(void (*)(), void (*)(), void (*)(), void*);
 #pragma weak pthread_atfork
 extern void* __dso_handle;
 }
 
-/// A child has no thread that would let go of a lock, and a table that no thread was changing.
+/// Has a fork wait until no thread changes the table, and the child free the locks, since no thread
+/// of it would let go of them.
 [[gnu::constructor]] void prepareForForks() {
   if (__register_atfork != nullptr) {
     __register_atfork(lockTable, unlockTable, freeLocks, &__dso_handle);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The shape of an adapted call: what becomes of each argument, by its role, before the real module
-// gets it and after the module has answered.
+// The shape of an adapted call. The role of each argument says what happens to it before the real
+// module gets it, and after the module has answered.
 #ifndef QUARVEL_ADAPTER_FUNCTIONS_H_
 #define QUARVEL_ADAPTER_FUNCTIONS_H_
 
@@ -13,7 +13,7 @@
 
 namespace adapter {
 
-/// The one table, locked for as long as this lives.
+/// Access to the one table, which is locked for as long as this lives.
 class Handles {
  public:
   Table* operator->() const { return &table; }
@@ -31,45 +31,45 @@ struct NewObject;
 
 /// The state that the arguments of one call share.
 struct Context {
-  CK_RV rv = CKR_OK;                 // a refusal, or what the caller gets
-  CK_RV answer = CKR_OK;             // the module's
-  CK_SLOT_ID slot = 0;               // the real one, of a call for a slot
-  CK_SESSION_HANDLE session = 0;     // the real one, of a call in a session
-  CK_SESSION_HANDLE number = 0;      // the caller's number for it
-  SessionEntry* record = nullptr;    // what the table knows of it, while `resolve` holds the lock
+  CK_RV rv = CKR_OK;                 // a refusal, or the value that the caller gets
+  CK_RV answer = CKR_OK;             // the module's value
+  CK_SLOT_ID slot = 0;               // the real slot, of a call for a slot
+  CK_SESSION_HANDLE session = 0;     // the real session, of a call in a session
+  CK_SESSION_HANDLE number = 0;      // the caller's number for the session
+  SessionEntry* record = nullptr;    // the session's entry, good while `resolve` holds the lock
   Attributes* attributes = nullptr;  // the last template before this argument
-  bool onToken = false;              // what is made outlives the session
+  bool onToken = false;              // the new object outlives the session
   const NewObject* made = nullptr;   // the object made before this one
 };
 
 // ---- Roles ----
 //
-// A role holds an argument as the module gets it and has these steps. A derived role has its own
-// version of those in which it does something.
+// A role holds an argument as the module gets it. A call takes all its roles through these steps,
+// one step after the other. A derived role has its own version of the steps in which it acts.
 
 template <typename T>
 struct Argument {
   using Type = T;
   T value;
 
-  /// First. Refuses the call with context->rv.
+  /// Runs first. A value in context->rv refuses the call.
   void prepare(Context*) {}
-  /// Whether the argument needs nothing of the table. Where all pass, the lock is not taken.
+  /// Tells whether the argument needs nothing of the table. If all pass, the call takes no lock.
   bool passes() const { return true; }
-  /// Under the lock. Refuses the call with context->rv.
+  /// Runs under the lock. A value in context->rv refuses the call.
   void resolve(Context*, const Handles&) {}
-  /// When the module has answered context->rv, which may become another answer.
+  /// Runs when the module has answered. The answer is in context->rv, and may be replaced there.
   void finish(Context*) {}
 };
 
-/// The part of a call that needs the table; apart, so that the rest stays short.
+/// Resolves the arguments until one refuses. It is apart so that the rest of a call stays short.
 template <typename... Roles>
 [[gnu::noinline]] void resolve(Context* context, Roles&... roles) {
   const Handles handles;
   (void)((roles.resolve(context, handles), context->rv == CKR_OK) && ...);
 }
 
-/// A whole call. What the list has counts from when the call has got in.
+/// Makes a whole call. It looks its function up when it has got in: the list may change before.
 template <auto entry, typename... Roles>
 [[gnu::always_inline]] inline CK_RV run(Roles&&... roles) {
   const module::Call underWay;
@@ -103,7 +103,7 @@ using Data = Argument<CK_BYTE*>;
 using Length = Argument<CK_ULONG>;
 using Size = Argument<CK_ULONG*>;
 
-/// Room for a handle that the module makes. The caller gets a number, from `finish`.
+/// Room for a handle that the module makes. `finish` gives the caller a number for it.
 struct NewHandle : Argument<CK_ULONG*> {
   CK_ULONG* callers = nullptr;
   CK_ULONG handle = 0;
@@ -114,8 +114,9 @@ struct NewHandle : Argument<CK_ULONG*> {
   }
 };
 
-/// An argument that the call ends. It is out of the table during the call, since the module may
-/// hand out the same handle anew before the call is back; a call that fails puts it back.
+/// A session or an object that the call ends. Its entries are out of the table during the call,
+/// since the module may hand out the same handle anew before it returns; a call that fails puts
+/// them back.
 template <typename Role>
 struct Ending : Role {
   Entry* taken = nullptr;
@@ -155,7 +156,7 @@ struct Session : Argument<CK_SESSION_HANDLE> {
   }
 };
 
-/// A session in which a search starts or ends: what an earlier one has read ahead is dropped.
+/// A session in which a search starts or ends. It drops what an earlier search has read ahead.
 struct SearchingSession : Session {
   void finish(Context* context);
 };
@@ -167,7 +168,7 @@ struct SessionInfo : Argument<CK_SESSION_INFO*> {
   }
 };
 
-/// Without memory for its record a new session is closed again.
+/// Room for a session. Without memory for its entry, the new session is closed again.
 struct NewSession : NewHandle {
   void finish(Context* context);
 };
@@ -178,7 +179,7 @@ struct ClosedSession : Ending<Session> {
     if (context->record != nullptr) taken = handles->takeSession(context->record);
   }
   void finish(Context* context) {
-    // The latter three answer for a session whose card was pulled.
+    // Modules give the latter three answers for a session whose card was pulled.
     Ending::finish(context->rv == CKR_OK || context->rv == CKR_SESSION_HANDLE_INVALID ||
                    context->rv == CKR_SESSION_CLOSED || context->rv == CKR_DEVICE_REMOVED);
   }
@@ -186,7 +187,7 @@ struct ClosedSession : Ending<Session> {
 
 // ---- Objects ----
 
-/// An object, or a key, with the refusal for a number that stands for none.
+/// An object or a key, and the refusal of a number that stands for none.
 template <CK_RV refusal>
 struct ObjectOr : Argument<CK_OBJECT_HANDLE> {
   bool passes() const { return isOwnNumber(Kind::object, value); }
@@ -213,13 +214,14 @@ struct OptionalKey : Key {
   }
 };
 
-/// The object of which a copy is made. Where the template does not say, the copy is a token object
-/// if this is one, which the table does not know: it counts as what lives longer.
+/// The object that is copied. Unless the template says, the copy is a token object if the original
+/// is one. The table does not know that, so the copy counts as a token object, which lives longer.
 struct Original : Object {
   void prepare(Context* context) { context->onToken = true; }
 };
 
-/// Without memory for its number a new object is destroyed again, and so is one made before it.
+/// Room for an object. Without memory for its number, the new object is destroyed again, and so is
+/// the one that the call made before it.
 struct NewObject : NewHandle {
   void finish(Context* context);
 };
@@ -244,7 +246,7 @@ struct OperationKey : Key {
   void finish(Context* context);
 };
 
-/// The room for the result with which it ends; null asks for the size only.
+/// The room for the result, which ends the operation; null asks for the size only.
 struct Result : Data {
   bool passes() const { return value == nullptr; }
   void resolve(Context* context, const Handles&) {
@@ -255,7 +257,8 @@ struct Result : Data {
 
 // ---- Mechanisms and templates ----
 
-/// Callers that hold types in 32 bits send those from 0x80000000 on with all upper bits set.
+/// Undoes the sign extension of callers that hold types in 32 bits: they send the types from
+/// 0x80000000 on with all upper bits set.
 constexpr CK_ULONG narrowed(CK_ULONG type) {
   return type >= 0xFFFFFFFF80000000 ? type & 0xFFFFFFFF : type;
 }
@@ -264,8 +267,8 @@ struct MechanismType : Argument<CK_MECHANISM_TYPE> {
   void prepare(Context*) { value = narrowed(value); }
 };
 
-/// RSA mechanisms that need a parameter and have none get their standard one, or what a number of
-/// our own says. In a session.
+/// A mechanism of a call in a session. An RSA mechanism that lacks its parameter gets the standard
+/// one. A number of our own becomes the mechanism and the parameter that it stands for.
 struct Mechanism : Argument<CK_MECHANISM*> {
   CK_MECHANISM copy = {};
   union {
@@ -285,7 +288,7 @@ struct Mechanism : Argument<CK_MECHANISM*> {
 /// A template; the argument after it is its Count.
 struct Attributes : Argument<CK_ATTRIBUTE*> {
   CK_ULONG count = 0;
-  CK_ATTRIBUTE* callers = nullptr;  // where `value` is a copy with narrowed types
+  CK_ATTRIBUTE* callers = nullptr;  // the caller's template if `value` is a copy, which this owns
   const Attributes* before = nullptr;
 
   ~Attributes() {

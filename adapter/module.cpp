@@ -26,9 +26,9 @@ namespace {
 
 constinit std::atomic<pthread_t> visitors[64] = {};  // threads inside `load`; 0: a free place
 
-/// A thread on its way through `load`. It finds itself there already when the real module leads
-/// back to this library. Threads do not wait for each other, since they may meet in such a circle
-/// too.
+/// A thread on its way through `load`. It is not welcome if it is there already: then the real
+/// module leads back to this library. Threads do not wait for each other, since they may meet in
+/// such a circle too.
 class Visit {
  public:
   Visit() {
@@ -53,8 +53,9 @@ class Visit {
   std::atomic<pthread_t>* place_ = nullptr;
 };
 
-/// The text of the file beside this library, without a line end; empty where it is too long, or
-/// cannot be read. @return whether there is such a file
+/// Reads the file beside this library, without a line end. The text is empty if it is too long or
+/// cannot be read.
+/// @return whether there is such a file
 bool readPath(char (&path)[PATH_MAX]) {
   Dl_info self;
   if (dladdr(&list, &self) == 0) return false;
@@ -111,9 +112,10 @@ CK_RV load() {
 
 namespace {
 
-/// Asks the module, with locking and then without. Where the caller has something for the module
-/// and asks for no locking, once and as it is: a module may read that when it locks alone.
-/// @return its value, `canLock` set where it locks
+/// Asks the module to initialise with locking, and then without. A caller who sets pReserved and
+/// asks for no locking has its arguments passed on once, unchanged: the module may read pReserved
+/// only if it is asked to lock.
+/// @return the value of C_Initialize; `canLock` is set if the module locks
 CK_RV begin(const CK_C_INITIALIZE_ARGS* arguments, bool* canLock) {
   const CK_C_Initialize function = functionOf(&CK_FUNCTION_LIST::C_Initialize);
   if (function == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
@@ -135,8 +137,8 @@ CK_RV begin(const CK_C_INITIALIZE_ARGS* arguments, bool* canLock) {
   return function(arguments != nullptr ? &plain : nullptr);
 }
 
-/// Modules that break when threads call at once, although they say that they lock, by the texts of
-/// C_GetInfo.
+/// The modules that break when threads call at once, although they say that they lock, by the texts
+/// of C_GetInfo.
 constexpr struct {
   const char *manufacturer, *library;
 } kFragile[] = {
@@ -144,7 +146,7 @@ constexpr struct {
     {"tpm2-software.github.io", "TPM2.0 Cryptoki"},  // loses sessions, and crashes
 };
 
-/// Whether a text that is filled up with blanks is this one.
+/// Tells whether a field holds this text, filled up with blanks.
 bool says(const CK_UTF8CHAR (&field)[32], const char* text) {
   char padded[sizeof field + 1];
   std::snprintf(padded, sizeof padded, "%-32s", text);
@@ -161,8 +163,8 @@ bool isFragile() {
   });
 }
 
-/// Whether calls shall take turns: as the environment has it, else where it is known that they
-/// must.
+/// Tells whether calls shall take turns: if the environment says so, else if the module is known to
+/// need it.
 bool wantsTurns() {
   const char* said = secure_getenv("QUARVEL_PKCS11_ADAPTER_SERIAL");
   return said != nullptr ? std::strcmp(said, "0") != 0 : isFragile();

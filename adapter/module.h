@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The real module: finding and loading it, its life, and whose turn it is to call it. Knows no
-// handles.
+// The real module: finds, loads, initialises and ends it, counts the calls that are under way, and
+// gives them their turns. This part knows no handles.
 #ifndef QUARVEL_ADAPTER_MODULE_H_
 #define QUARVEL_ADAPTER_MODULE_H_
 
@@ -15,7 +15,7 @@ namespace adapter {
 
 class Lock {
  public:
-  /// Without a mutex there is nothing to hold.
+  /// A null mutex needs no holding.
   explicit Lock(pthread_mutex_t* mutex) : mutex_(mutex) {
     if (mutex_ != nullptr) pthread_mutex_lock(mutex_);
   }
@@ -33,7 +33,7 @@ namespace module {
 
 extern std::atomic<CK_FUNCTION_LIST*> list;
 
-/// The real module's function, null when it or its module is not there.
+/// Returns a function of the real module, null if the module is not loaded or lacks it.
 template <typename Function>
 Function functionOf(Function CK_FUNCTION_LIST::*entry) {
   const CK_FUNCTION_LIST* loaded = list.load(std::memory_order_acquire);
@@ -41,20 +41,21 @@ Function functionOf(Function CK_FUNCTION_LIST::*entry) {
 }
 
 inline constexpr unsigned long kNone = ~0UL;
-extern std::atomic<copies::Shared*> shared;   // what all copies know of the module
-extern std::atomic<unsigned long> beginning;  // the one of the module that is this copy's, or kNone
-extern std::atomic<pthread_mutex_t*> turns;   // null where any number of calls gets in at once
-extern std::atomic<int> closings;             // ends of the module under way, or waiting to be
+extern std::atomic<copies::Shared*> shared;   // the state of the module
+extern std::atomic<unsigned long> beginning;  // the beginning that this copy has, or kNone
+extern std::atomic<pthread_mutex_t*> turns;   // null if calls take no turns
+extern std::atomic<int> closings;             // ends of the module that are under way or waiting
 
-/// Whether this copy has the module initialised, and nobody has ended that and begun anew since.
+/// Tells whether this copy has the module initialised, and nobody has ended it and begun anew
+/// since.
 inline bool isInitialised() { return shared.load()->beginnings == beginning; }
 
-/// Threads between the start and the return of a call. Each takes a place on a cache line that it
-/// shares with few others, so that processors do not wait for each other.
+/// Holds the threads between the start and the return of a call. Each takes a place on a cache line
+/// that it shares with few others, so that processors do not wait for each other.
 struct alignas(64) Line {
   static constexpr int kPlaces = 7;
-  std::atomic<const void*> inside[kPlaces];  // by thread pointer
-  std::atomic<long> more;                    // for whom there was no place
+  std::atomic<const void*> inside[kPlaces];  // their thread pointers; null: a free place
+  std::atomic<long> more;                    // the number of threads that found no place
 };
 extern Line lines[32];
 
@@ -62,7 +63,8 @@ inline Line& lineOf(const void* thread) {
   return lines[reinterpret_cast<CK_ULONG>(thread) * 0x9E3779B97F4A7C15U >> 59];
 }
 
-/// A call from its start to its return. The end of the module waits for it, or it does not get in.
+/// A call from its start to its return. Either it gets in, and the end of the module waits for it,
+/// or it does not get in.
 class Call {
  public:
   Call() {
@@ -86,7 +88,7 @@ class Call {
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
 
-  /// Whether the module is initialised and shall stay so.
+  /// Tells whether the module is initialised and nobody is ending it.
   bool getsIn() const { return closings == 0 && isInitialised(); }
 
  private:
@@ -94,10 +96,11 @@ class Call {
   std::atomic<long>* more_ = nullptr;
 };
 
-/// Whether this thread is inside a call, which called back. Unknown of one without a place.
+/// Tells whether this thread is inside a call, from which the module has called back. False also
+/// for a thread that found no place.
 bool isInside();
 
-/// The end of the module: nobody is, or comes, inside while this lives.
+/// The end of the module: while this lives, no thread is inside a call, and none gets in.
 class Closing {
  public:
   /// Waits for calls that are under way, however long they take.
@@ -107,42 +110,46 @@ class Closing {
   Closing& operator=(const Closing&) = delete;
 };
 
-/// Held while the real module is called.
+/// The turn of a thread, held while it calls the real module.
 class Turn : Lock {
  public:
   Turn() : Lock(turns.load(std::memory_order_acquire)) {}
 };
 
-/// Held instead of a turn while it counts who else has the module: no copy joins, leaves or ends
-/// it.
+/// Held instead of a turn when it matters who else has the module: meanwhile no copy joins, leaves
+/// or ends it.
 class Sharing : Lock {
  public:
   Sharing() : Lock(&shared.load()->turns) {}
 
-  /// Whether others have this beginning as well.
+  /// Tells whether others have this beginning as well.
   bool isShared() const { return shared.load()->copies > 1 || shared.load()->isForeign; }
 
-  /// C_Finalize by the last copy, unless somebody else began it. Whatever it answers, no call gets
-  /// in until `initialize`: a module that fails to end may have ended. @return its value; CKR_OK
-  /// where others keep it; CKR_CRYPTOKI_NOT_INITIALIZED where this copy has not begun it
+  /// Lets go of the module. The last copy calls C_Finalize, unless somebody else began. Whatever
+  /// that answers, no call gets in until `initialize`: a module that fails to end may have ended.
+  /// @return the value of C_Finalize, CKR_FUNCTION_NOT_SUPPORTED without one; CKR_OK if others keep
+  /// the module; CKR_CRYPTOKI_NOT_INITIALIZED if this copy does not have it
   CK_RV end(void* reserved);
 };
 
-/// Loads the real module and fetches its function list, afresh while nothing is initialised. Its
-/// path stands in a file beside this library, named as it with ".module" added, else in
-/// QUARVEL_PKCS11_ADAPTED_MODULE. It is never closed: threads and thread-local destructors that it
-/// leaves behind need its code.
-/// @return CKR_ARGUMENTS_BAD: no path, one of PATH_MAX and more, or a file that cannot be read;
-/// CKR_LIBRARY_LOAD_FAILED: the dynamic linker refused it; CKR_FUNCTION_NOT_SUPPORTED: it has no
-/// C_GetFunctionList; CKR_FUNCTION_REJECTED: it is, or leads back to, this library;
-/// CKR_GENERAL_ERROR: it succeeded without a list; else what its C_GetFunctionList returned
+/// Loads the real module and fetches its function list, anew at each call until the module is
+/// initialised. The file beside this library, with the library's name and ".module", holds the
+/// path; without such a file, the environment variable QUARVEL_PKCS11_ADAPTED_MODULE does. The
+/// module is never closed: threads and thread-local destructors that it leaves behind need its
+/// code.
+/// @return CKR_OK; CKR_ARGUMENTS_BAD: no path, one of PATH_MAX and more, or a file that cannot be
+/// read; CKR_LIBRARY_LOAD_FAILED: the dynamic linker refused the module;
+/// CKR_FUNCTION_NOT_SUPPORTED: the module has no C_GetFunctionList; CKR_FUNCTION_REJECTED: the
+/// module is, or leads back to, this library, or 64 other threads are loading;
+/// CKR_GENERAL_ERROR: C_GetFunctionList succeeded without a list; else what that returned
 CK_RV load();
 
-/// C_Initialize with the caller's own arguments, null included, and locking asked for. Where the
-/// module refuses that, or is known to break under threads, calls take turns; also with
-/// QUARVEL_PKCS11_ADAPTER_SERIAL in the environment, whose value 0 means the opposite. A module
-/// that another copy has initialised is joined. One that somebody else in the process has, or that
-/// an earlier end could not end, is as well: calls take turns, and it is not ended.
+/// Calls C_Initialize with the caller's arguments, null included, and asks for locking. Calls take
+/// turns if the module refuses that, if it is known to break under threads, or if
+/// QUARVEL_PKCS11_ADAPTER_SERIAL is in the environment; its value 0 trusts the module's locking. A
+/// module that another copy has initialised is joined. So is one that somebody else in the process
+/// has initialised, or that an earlier end failed to end: calls then take turns, and no copy ends
+/// it.
 CK_RV initialize(const CK_C_INITIALIZE_ARGS* arguments);
 
 /// Frees, in the child of a fork, the locks of the threads that it does not have, and ends their

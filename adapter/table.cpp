@@ -49,7 +49,8 @@ SessionEntry* Table::findSession(CK_SESSION_HANDLE number) const {
   return static_cast<SessionEntry*>(find(Kind::session, number));
 }
 
-/// Only an object's handle is told apart by its slot.
+/// Finds an entry by its real handle, else null. Slots tell the handles of objects apart, no
+/// others.
 Entry* Table::findReal(Kind kind, CK_ULONG real, CK_SLOT_ID slot) const {
   Entry* entry = *realBucket(kind, real, slot);
   while (entry != nullptr && (entry->real != real || entry->kind != kind ||
@@ -72,6 +73,7 @@ bool Table::resolve(Kind kind, CK_ULONG* handle, CK_SLOT_ID slot) const {
 
 namespace {
 
+/// Gives out the number of an entry.
 /// @return false without an entry, for which there was no memory
 bool give(const Entry* entry, CK_ULONG* handle) {
   if (entry != nullptr) *handle = entry->number;
@@ -94,7 +96,7 @@ bool Table::numberObject(SessionEntry* session, bool ofSession, CK_OBJECT_HANDLE
                  .slot = slot->real,
                  .owner = ofSession ? session : slot});
   } else if (entry->owner != session && entry->owner != slot) {
-    // Another session made it. Known in two now, its number outlives the first.
+    // Another session made the object. Two know it now, and its number outlives the first.
     take(entry);
     entry->owner = slot;
     attach(entry);
@@ -127,7 +129,7 @@ CK_ULONG Table::freeNumber(Kind kind, CK_ULONG real) {
   return number;
 }
 
-/// An entry like `model`, in its place, with a number of its own; null without memory.
+/// Adds a copy of `model` below its owner, with a number; null without memory.
 Entry* Table::add(const Entry& model) {
   const bool isSession = model.kind == Kind::session;
   void* memory = std::malloc(isSession ? sizeof(SessionEntry) : sizeof(Entry));
@@ -138,7 +140,7 @@ Entry* Table::add(const Entry& model) {
   return entry;
 }
 
-/// Puts an entry below its owner, and makes it and all that it owns known.
+/// Puts an entry below its owner, and shows it.
 void Table::attach(Entry* entry) {
   insert(entry->owner != nullptr ? &entry->owner->owned : &slots_, entry, &Entry::siblings);
   if (entry->kind == Kind::session) ++entry->owner->sessions;
@@ -183,7 +185,7 @@ void Table::putBack(Entry* taken) {
     Entry* entry = std::exchange(taken, taken->siblings.next);
     entry->siblings.next = nullptr;
     const bool isSlot = entry->kind == Kind::slot;
-    // Its owner may be gone. What belonged to a session belongs to the slot from now on.
+    // The owner may have gone. An entry that a session owned belongs to the slot from now on.
     entry->owner = isSlot ? nullptr : findReal(Kind::slot, entry->slot, entry->slot);
     if (isSlot || entry->owner != nullptr) {
       attach(entry);
@@ -203,8 +205,8 @@ void Table::release(Entry* taken) {
 
 // ---- The buckets ----
 
-/// Makes an entry and all that it owns known. One whose number somebody else got while it was taken
-/// out stays unknown.
+/// Puts an entry and all that it owns into the buckets, where they are found. An entry whose number
+/// was given out anew while it was taken out stays outside.
 void Table::show(Entry* entry) {
   if (find(entry->kind, entry->number) == nullptr) {
     if (++shown_ >> bits_ != 0) grow();
@@ -225,7 +227,7 @@ void Table::file(Entry* entry) {
   insert(realBucket(entry->kind, entry->real, entry->slot), entry, &Entry::byReal);
 }
 
-/// Twice as many buckets; without memory the chains get longer.
+/// Doubles the number of buckets. Without memory the chains get longer instead.
 void Table::grow() {
   const std::size_t size = std::size_t{1} << bits_;
   auto** wider = static_cast<Entry**>(std::calloc(4 * size, sizeof(void*)));
@@ -242,7 +244,7 @@ void Table::grow() {
   if (narrower != firstBuckets_) std::free(narrower);
 }
 
-/// Back to the first buckets; for an empty table.
+/// Takes an empty table back to its first buckets.
 void Table::shrink() {
   if (buckets_ != firstBuckets_) std::free(buckets_);
   buckets_ = firstBuckets_;

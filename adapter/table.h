@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The table of handles: which numbers stand for the real module's handles, and which sessions are
-// open. A number fits a positive Java int. Knows no module and no lock: its user holds one.
+// The table of handles: the numbers that stand for the real module's handles, and the sessions that
+// are open. A number fits a positive Java int. The table knows neither module nor lock: its user
+// holds a lock.
 #ifndef QUARVEL_ADAPTER_TABLE_H_
 #define QUARVEL_ADAPTER_TABLE_H_
 
@@ -12,11 +13,12 @@ namespace adapter {
 
 enum class Kind : CK_ULONG { slot, session, object };
 
-/// Handles below are their own numbers; numbers for other handles lie from here to kNumberEnd.
+/// A handle below kNumberBegin is its own number. Other handles get numbers from kNumberBegin on,
+/// below kNumberEnd.
 inline constexpr CK_ULONG kNumberBegin = 0x40000000, kNumberEnd = 0x80000000;
 
-/// Whether a handle is its own number, whatever the table holds. Objects and sessions start at 1:
-/// callers take 0 for none.
+/// Tells whether a handle is its own number, whatever the table holds. The handle 0 of an object or
+/// a session is not: callers take 0 for none.
 constexpr bool isOwnNumber(Kind kind, CK_ULONG handle) {
   return handle < kNumberBegin && (handle != 0 || kind == Kind::slot);
 }
@@ -29,8 +31,8 @@ struct Link {
   Entry** at = nullptr;
 };
 
-/// A number and what it stands for. Entries form a tree as their owners do in PKCS#11: a slot has
-/// sessions and token objects, a session has session objects.
+/// A number and the handle that it stands for. Entries form a tree, as in PKCS#11: a slot owns
+/// sessions and token objects, a session owns session objects.
 struct Entry {
   Kind kind;
   CK_ULONG number = 0;
@@ -38,16 +40,17 @@ struct Entry {
   CK_SLOT_ID slot;         // the module's own ID of the slot that the entry belongs to
   Entry* owner = nullptr;  // a slot has none
   Entry* owned = nullptr;
-  CK_ULONG sessions = 0;  // of a slot: how many it owns
+  CK_ULONG sessions = 0;  // of a slot: the sessions that it owns
   Link siblings = {}, byNumber = {}, byReal = {};
 };
 
-/// The real object handles that a search has read ahead, which the caller has yet to fetch.
+/// The real object handles that a search has read ahead. The caller has yet to fetch those from
+/// `begin` to before `end`.
 struct Ahead {
   static constexpr CK_ULONG kRoom = 64;
   CK_OBJECT_HANDLE handles[kRoom];
   CK_ULONG begin, end;
-  CK_RV error;  // the module's answer to the batch after these, if it was one
+  CK_RV error;  // the module's answer to the next batch, if that was an error
 };
 
 struct SessionEntry : Entry {
@@ -61,29 +64,35 @@ class Table {
   Entry* find(Kind kind, CK_ULONG number) const;
   SessionEntry* findSession(CK_SESSION_HANDLE number) const;
 
-  /// Turns a caller's number into the real handle. `slot`, of an object, is its session's.
-  /// @return false for a number that was never given out: sessions and objects only, and 0 while
-  /// the module has a handle 0 of its own. Values of kNumberEnd and more stay as they are.
+  /// Turns a caller's number into the real handle. For an object, `slot` is the real slot of its
+  /// session. Values of kNumberEnd and more stay as they are.
+  /// @return false for the number of a session or an object that was not given out, and for 0 while
+  /// the module has a handle 0 of its own
   bool resolve(Kind kind, CK_ULONG* handle, CK_SLOT_ID slot = 0) const;
 
-  // Each turns a real handle into its number, the same one as long as the table knows the handle.
-  // False without memory.
+  // Each turns a real handle into its number, which stays the same as long as the table knows the
+  // handle. `ofSession` tells that the object ends with its session. Without memory they return
+  // false.
   bool numberSlot(CK_SLOT_ID* handle);
   bool numberObject(SessionEntry* session, bool ofSession, CK_OBJECT_HANDLE* handle);
 
-  /// Records a session that was opened: real handle in, number out. A session that the table still
-  /// has under that handle is over, whatever became of it: *stale receives it.
+  /// Records a session that the module has opened, and turns its real handle into its number. If
+  /// the table still has a session under that handle, that one is over: *stale receives its
+  /// entries, which the caller releases.
+  /// @return false without memory
   bool openSession(CK_SLOT_ID slot, CK_SESSION_HANDLE* handle, Entry** stale);
 
-  // Each takes entries out, with all that goes when they go, so that the module may hand out the
-  // same handles anew while it is still ending what these stood for. The caller, who holds the list
-  // then, either puts it back or releases it.
+  // Each takes entries out of the table, with all that end with them; the last session of a slot
+  // ends all that the slot owns. The module may then hand out the same handles anew while it is
+  // still ending the old ones. The caller gets a list, linked by `siblings`, and either puts it
+  // back or releases it. `take` prepends to the list `taken`.
   Entry* take(Entry* entry, Entry* taken = nullptr);
   Entry* takeSession(SessionEntry* session);
   Entry* takeSlotContents(CK_SLOT_ID slot);
   Entry* takeAll();
 
-  /// Puts back what was taken, but for numbers and owners that are no longer there.
+  /// Puts a list back. An entry whose slot has gone is released; one whose number was given out
+  /// anew cannot be found again.
   void putBack(Entry* taken);
   static void release(Entry* taken);
 
@@ -105,10 +114,10 @@ class Table {
   static constexpr int kFirstBits = 6;
 
   Entry* slots_ = nullptr;
-  CK_ULONG cursor_ = kNumberBegin;  // goes round, so that a number is not soon given out again
-  std::size_t shown_ = 0;
-  int bits_ = kFirstBits;            // of the number of buckets
-  Entry** buckets_ = firstBuckets_;  // by number, then as many by real handle
+  CK_ULONG cursor_ = kNumberBegin;   // goes round, so that a number is not soon given out again
+  std::size_t shown_ = 0;            // entries in the buckets
+  int bits_ = kFirstBits;            // log2 of the number of buckets
+  Entry** buckets_ = firstBuckets_;  // the buckets by number, then as many by real handle
   Entry* firstBuckets_[2 << kFirstBits] = {};
 };
 

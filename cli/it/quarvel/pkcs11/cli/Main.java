@@ -37,7 +37,7 @@ public final class Main extends Program {
     }
   }
 
-  /** Serves those who only read the names and descriptions of the commands. */
+  /** Serves programs that only read the names and descriptions of the commands. */
   private Main() {
     this(OutputStream.nullOutputStream(), System.err);
   }
@@ -58,8 +58,8 @@ public final class Main extends Program {
   /**
    * Runs one command.
    *
-   * @param out where its data goes
-   * @param err where its messages go
+   * @param out gets its data
+   * @param err gets its messages
    * @param args the command line
    * @return the exit status
    */

@@ -14,7 +14,7 @@ import java.util.concurrent.locks.ReentrantLock;
 import java.util.stream.Collectors;
 
 /**
- * Shows what becomes of each step, one row each, as soon as it is known: a module that hangs or
+ * Shows the result of each step in a row of its own, as soon as it is known: a module that hangs or
  * crashes leaves the rows before it. A call within a row belongs to that row.
  */
 public final class CheckTable extends Steps {
@@ -33,7 +33,7 @@ public final class CheckTable extends Steps {
     }
   }
 
-  /** A call on one of several things. */
+  /** Makes a call on one of several things. */
   interface Trial<T> {
     Result apply(T thing) throws Exception;
   }
@@ -50,7 +50,7 @@ public final class CheckTable extends Steps {
       this.step = step;
     }
 
-    /** Adds a call. The worst result counts, and NOTHING_TO_TRY only where there is no other. */
+    /** Adds a call. The worst result counts, and NOTHING_TO_TRY only if there is no other. */
     private void add(Result found, String why) {
       calls++;
       if (result == Result.NOTHING_TO_TRY || found != Result.NOTHING_TO_TRY && found.compareTo(result) > 0) {
@@ -75,7 +75,7 @@ public final class CheckTable extends Steps {
   private final Stdout out;
   private final Output output;
 
-  /** Whether a step is named before it is known what becomes of it. */
+  /** Whether a row shows the name of its step before the result. */
   private final boolean marks;
 
   /** Held while a row is under way. */
@@ -83,7 +83,7 @@ public final class CheckTable extends Steps {
 
   private final Map<Result, Integer> counts = new EnumMap<>(Result.class);
 
-  /** The steps that failed, by what went wrong and the advice on it. */
+  /** The names of the steps that failed, by the reason and the advice. */
   private final Map<List<String>, Set<String>> findings = new LinkedHashMap<>();
   private Row row;
 
@@ -115,12 +115,12 @@ public final class CheckTable extends Steps {
     }
   }
 
-  /** Makes a call whose failure ends nothing. */
+  /** Makes a call in a row of its own. A failure does not end the check-up. */
   void attempt(Step step, Callable<Result> call) throws Failure {
     attempt(step, List.of(step), Result.FAILED, once -> call.call());
   }
 
-  /** Makes a call that works unless it fails, which ends nothing. */
+  /** Makes such a call that works unless it fails. */
   public void works(Step step, Action action) throws Failure {
     attempt(step, () -> {
       action.run();
@@ -130,7 +130,7 @@ public final class CheckTable extends Steps {
 
   /**
    * Makes the same call on each of several things, in one row. A failure that is no return value of
-   * the module is a value that cannot be read.
+   * the module counts as NOT_READABLE.
    */
   <T> void each(Step step, List<T> things, Trial<T> trial) throws Failure {
     attempt(step, things, Result.NOT_READABLE, trial);
@@ -152,34 +152,34 @@ public final class CheckTable extends Steps {
     end();
   }
 
-  /** Says why steps are not tried. */
+  /** Shows steps that are not tried, and why. */
   public void skip(Result result, String why, Step... steps) throws Failure {
     for (Step step : steps) {
       show(step, result, null, why);
     }
   }
 
-  /** Says more of the row under way. */
+  /** Sets the detail of the row under way. */
   void tell(String detail) {
     row.detail = detail;
   }
 
-  /** Has the row under way say why there is nothing to try. */
+  /** Sets the detail of the row under way to the reason why there is nothing to try. */
   Result nothing(String why) {
     tell(why);
     return Result.NOTHING_TO_TRY;
   }
 
-  /** Tells whether all that was tried works. */
+  /** Tells whether no step failed and none was refused. */
   public boolean works() {
     return !counts.containsKey(Result.REFUSED) && !counts.containsKey(Result.FAILED);
   }
 
   /**
-   * Waits for the row under way, and runs the last action of a process that is about to end: no
-   * other call is made after it has begun.
+   * Waits for the row under way, and then runs the last action of a process that is about to end.
+   * It keeps the lock, so that no row begins any more.
    *
-   * @return whether the row has come to its end
+   * @return whether the row has come to its end in time; the action does not run otherwise
    */
   boolean close(Runnable last) {
     try {
@@ -193,7 +193,7 @@ public final class CheckTable extends Steps {
     }
   }
 
-  /** Ends the table with what there is to say of all rows, and of the failure that ended them. */
+  /** Ends the table with the findings and the results of all rows; JSON also has the failure. */
   public void finish(Failure failure) throws Failure {
     List<String> found = findings.entrySet().stream().map(kind -> kind.getKey().get(0) + ": "
         + String.join(", ", kind.getValue()) + kind.getKey().get(1)).toList();
@@ -263,7 +263,7 @@ public final class CheckTable extends Steps {
     }
   }
 
-  /** A token that makes no such object for a session, or not for its user, is as good as others. */
+  /** Judges a return value. A token need not make objects for a session, nor for its user. */
   private Result result(int code) {
     return switch (code) {
       case CKR_FUNCTION_NOT_SUPPORTED -> Result.NOT_OFFERED_BY_THE_MODULE;

@@ -56,7 +56,7 @@ public final class Checkup {
     table.works(Step.SESSION_INFO, connection.session()::getInfo);
   }
 
-  /** Reads an attribute of each Java type, of a sample of the objects and of those given. */
+  /** Reads an attribute of each Java type from a sample of the objects and from the given ones. */
   public void read(List<NativePKCS11Object> more) throws Failure {
     List<NativePKCS11Object> samples = new ArrayList<>(more);
     table.attempt(Step.SEARCH, () -> sample(samples));
@@ -82,8 +82,8 @@ public final class Checkup {
   }
 
   /**
-   * Takes one object of each class and type of key. What a search that fails has found until then
-   * serves as well. Objects whose class cannot be read count as one class: the row that reads the
+   * Adds one object of each class and key type to the samples, also those that a search finds
+   * before it fails. Objects whose class cannot be read count as one class: the row that reads the
    * class shows why.
    */
   private Result sample(List<NativePKCS11Object> samples) throws Failure {
@@ -106,7 +106,7 @@ public final class Checkup {
     }
   }
 
-  /** Objects without the attribute say nothing about the operation. */
+  /** Reads an attribute. Objects without the attribute say nothing about the operation. */
   private void read(Step step, List<NativePKCS11Object> samples, int type, Reader reader)
       throws Failure {
     table.each(step, samples, object -> {

@@ -18,7 +18,7 @@ import javax.crypto.Cipher;
 
 /** The operations of a check-up that use keys, or that make objects and remove them again. */
 public final class KeyTrials {
-  /** The labels of what a check-up makes. */
+  /** The labels of the objects that a check-up makes. */
   public static final List<String> LABELS =
       List.of("quarvel-pkcs11 check", "quarvel-pkcs11 check, changed");
 
@@ -27,16 +27,16 @@ public final class KeyTrials {
   private static final int AES_BYTES = 16;
   private static final byte[] P_256 = HexFormat.of().parseHex("06082a8648ce3d030107");
 
-  /** Two blocks of AES, and as long as a digest of SHA-256. */
+  /** Data of two AES blocks, which is the size of a SHA-256 digest too. */
   private static final byte[] DATA =
       "Nobody needs what a check signs.".getBytes(StandardCharsets.US_ASCII);
 
-  /** A call by some mechanism. */
+  /** Makes a call with a mechanism. */
   private interface Trial {
     Result apply(int mechanism) throws Exception;
   }
 
-  /** A call with a key of some type. */
+  /** Makes a call with a key of a type, a {@code CKK_} value. */
   private interface KeyTrial {
     Result apply(NativePKCS11Object key, int type) throws Exception;
   }
@@ -67,7 +67,7 @@ public final class KeyTrials {
   }
 
   /**
-   * Makes something cheap, looks whether the token keeps it, and removes it; then makes it anew.
+   * Makes a data object, looks whether the token keeps it, removes it, and makes it anew.
    *
    * @return why keys could stay on this token, empty when they will not
    */
@@ -107,7 +107,7 @@ public final class KeyTrials {
     });
   }
 
-  /** Signs, and has Java verify it where the public key can be had. */
+  /** Signs, and has Java verify the signature if the token shows the public key. */
   public void sign(NativePKCS11Object named) throws Failure {
     use(Step.SIGN, named, CKA_SIGN, (key, type) -> switch (type) {
       case CKK_RSA -> sign(key, CKM_SHA256_RSA_PKCS, CKM_RSA_PKCS);
@@ -116,7 +116,7 @@ public final class KeyTrials {
     });
   }
 
-  /** Signs by the first of the mechanisms that there is, which all make the same signatures. */
+  /** Signs with the first candidate that the token has; all make the same signatures. */
   private Result sign(NativePKCS11Object key, int... candidates) throws Exception {
     return with(CKF_SIGN, mechanism -> {
       byte[] data = mechanism == CKM_RSA_PKCS ? Hash.input(candidates[0], DATA) : DATA;
@@ -130,7 +130,7 @@ public final class KeyTrials {
     }, candidates);
   }
 
-  /** Decrypts what Java has encrypted. */
+  /** Decrypts data that Java has encrypted. */
   public void decrypt(NativePKCS11Object named) throws Failure {
     use(Step.DECRYPT, named, CKA_DECRYPT, (key, type) -> {
       if (type != CKK_RSA) {
@@ -183,7 +183,7 @@ public final class KeyTrials {
         () -> expect(Collections.disjoint(session.findAll(null), objects)));
   }
 
-  /** Removes what can be, without a row for it. */
+  /** Removes the objects, as far as the token lets it, without a row. */
   public void abandon() {
     for (NativePKCS11Object object : made()) {
       try {
@@ -194,7 +194,7 @@ public final class KeyTrials {
     }
   }
 
-  /** Tells of what has been made and could not be removed, empty when nothing is left. */
+  /** Returns a message about the objects that are left, empty when none is. */
   public String left() {
     return made.isEmpty() ? "" : "objects left behind, with the label \"%s\": %s; \"check --clean\""
         .formatted(LABEL, made.size()) + " removes them";
@@ -223,7 +223,7 @@ public final class KeyTrials {
     table.attempt(step, () -> with(use, trial, candidates));
   }
 
-  /** Calls with the first mechanism that the token has for this use. */
+  /** Makes the call with the first candidate that the token has for this use. */
   private Result with(int use, Trial trial, int... candidates) throws Exception {
     for (int mechanism : candidates) {
       PKCS11MechanismInfo info = mechanisms.get(mechanism);
@@ -247,7 +247,7 @@ public final class KeyTrials {
     made.remove(object);
   }
 
-  /** Without a login there are no private objects; with one, each token has its own rules. */
+  /** Asks for a public object without a login; after one, each token has rules of its own. */
   private PKCS11Template template() {
     PKCS11Template template = new PKCS11Template().put(CKA_TOKEN, false).put(CKA_LABEL, LABEL);
     return connection.isLoggedIn() ? template : template.put(CKA_PRIVATE, false);

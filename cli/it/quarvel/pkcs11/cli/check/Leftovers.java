@@ -5,8 +5,8 @@ import java.util.concurrent.locks.LockSupport;
 import java.util.function.Consumer;
 
 /**
- * Sees to it that what a check-up has made is removed however it ends, also by Ctrl-C or SIGTERM,
- * and names what stays all the same.
+ * Removes the objects of a check-up however it ends, also by Ctrl-C or SIGTERM, and tells the user
+ * of those that stay.
  */
 public final class Leftovers {
   private final KeyTrials trials;
@@ -26,8 +26,8 @@ public final class Leftovers {
   }
 
   /**
-   * Removes what is still there, in place of the hook. Once the process is ending, this does not
-   * return, so that the module stays open for the hook.
+   * Removes the objects that are left, in place of the hook. Once the process is ending, this does
+   * not return, so that the module stays open for the hook.
    */
   public void remove() {
     try {

@@ -45,7 +45,7 @@ public final class CheckCommand extends ObjectCommand {
 
   private CheckTable table;
 
-  /** The first failure; the check-up may have gone on. */
+  /** The first failure, null without one; the check-up may have gone on. */
   private Failure failure;
 
   @Override
@@ -63,7 +63,7 @@ public final class CheckCommand extends ObjectCommand {
     if (uri().objectClass() != null) {
       requireName();
     }
-    program().module(); // refused before the table has begun
+    program().module(); // fails, without a module, before the table begins
     table = new CheckTable(program().out(), output);
     try (Connection connection = open(table)) {
       run(connection);
@@ -121,7 +121,7 @@ public final class CheckCommand extends ObjectCommand {
     }
   }
 
-  /** Makes an object, and tells whether keys are made too, which the token may keep. */
+  /** Makes an object, and keys too, for which the user has to agree if the token may keep them. */
   private boolean makesKeys(KeyTrials trials) throws Failure {
     String doubt = trials.createObject();
     if (doubt.isEmpty() || yes
@@ -134,7 +134,7 @@ public final class CheckCommand extends ObjectCommand {
     return false;
   }
 
-  /** Removes what an earlier check-up has left. */
+  /** Removes the objects that an earlier check-up has left. */
   private void clean(Connection connection) throws Failure {
     TokenInSlot chosen = openSession(connection, CKF_RW_SESSION, true);
     List<NativePKCS11Object> left = new ArrayList<>();

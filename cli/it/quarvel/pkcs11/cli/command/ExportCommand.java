@@ -12,7 +12,7 @@ import java.security.PublicKey;
 import java.util.*;
 import picocli.CommandLine.*;
 
-/** Writes what may leave a token. */
+/** Writes an object that may leave a token. */
 @Command(
     name = "export",
     description = {

@@ -8,7 +8,7 @@ import it.quarvel.pkcs11.nat.NativePKCS11;
 import java.util.*;
 import picocli.CommandLine.*;
 
-/** Shows what the module says of itself. */
+/** Shows the module's description. */
 @Command(name = "info", description = "Show what the module says of itself.")
 public final class InfoCommand extends ModuleCommand {
   @Mixin private Output output;

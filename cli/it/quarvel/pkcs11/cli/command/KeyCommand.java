@@ -13,7 +13,7 @@ import picocli.CommandLine.*;
 
 /** A command on data with one key. */
 abstract class KeyCommand extends ObjectCommand {
-  /** Names standard input, or output. */
+  /** The name of standard input and standard output. */
   static final Path STANDARD = Path.of("-");
 
   private Integer mechanism;
@@ -36,7 +36,7 @@ abstract class KeyCommand extends ObjectCommand {
     return super.call();
   }
 
-  /** Reads the data first: a file that is not there should cost no login. */
+  /** Reads the data before the command logs in: a file that is missing should cost no login. */
   @Override
   final void run(Connection connection) throws Failure {
     if (mechanism != null) {
@@ -45,7 +45,7 @@ abstract class KeyCommand extends ObjectCommand {
     run(connection, read());
   }
 
-  /** Returns the mechanism that is named, else the usual one for a key of a type. */
+  /** Returns the mechanism that the user names, else the usual one for a key of this type. */
   final int mechanism(Map<Integer, Integer> usual, int keyType) throws Failure {
     if (mechanism == null && !usual.containsKey(keyType)) {
       throw Failure.usage("no usual mechanism for a key of type %s: name one by --mechanism"

@@ -10,7 +10,7 @@ import picocli.CommandLine.ParentCommand;
 public abstract class ModuleCommand implements Callable<Integer> {
   @ParentCommand private Program program;
 
-  /** Does what the command is for. */
+  /** Does the work of the command. */
   abstract void run(Connection connection) throws Failure;
 
   @Override

@@ -6,7 +6,7 @@ import java.util.Locale;
 import picocli.CommandLine.ITypeConverter;
 
 /**
- * Reads the names of {@link PKCS11Constants}, and numbers. What is none is an {@code
+ * Reads the names of {@link PKCS11Constants}, and numbers. Any other text raises an {@code
  * IllegalArgumentException} with a message for the user.
  */
 final class Names {
@@ -25,7 +25,7 @@ final class Names {
     return value("CKM_", "mechanism", name, "\"mechanisms\" lists those of the token");
   }
 
-  /** Returns the decimal digits of a slot. */
+  /** Reads the number of a slot, and returns its decimal digits. */
   static String slot(String number) {
     try {
       return Integer.toUnsignedString(number(number));

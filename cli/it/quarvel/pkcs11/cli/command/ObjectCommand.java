@@ -11,11 +11,11 @@ import java.nio.charset.StandardCharsets;
 import java.util.*;
 import picocli.CommandLine.Option;
 
-/** A command about objects of one token. An option counts more than what the URI says. */
+/** A command about objects of one token. An option takes the place of the URI's attribute. */
 abstract class ObjectCommand extends TokenCommand {
   private PKCS11Uri object = PKCS11Uri.ANY;
 
-  /** Labels go as bytes, which keeps all of UTF-8 as it is. */
+  /** Passes the label on as bytes, which keep trailing blanks. */
   @Option(names = "--label", paramLabel = "LABEL", description = "The object's label.")
   void label(String text) {
     object = object.with("object", text.getBytes(StandardCharsets.UTF_8));
@@ -42,7 +42,7 @@ abstract class ObjectCommand extends TokenCommand {
     return super.uri().with(object);
   }
 
-  /** Tells whether a single object is meant. */
+  /** Tells whether the user names an object, by its label or id. */
   final boolean isNamed() {
     return uri().object() != null || uri().id() != null;
   }
@@ -62,7 +62,7 @@ abstract class ObjectCommand extends TokenCommand {
         typed ? "key" : "private key (--type names other kinds)");
   }
 
-  /** Returns the only one of what was found. */
+  /** Returns the only thing that was found, and fails if there is none or there are more. */
   static <T> T only(Collection<T> found, String what) throws Failure {
     if (found.size() == 1) {
       return found.iterator().next();

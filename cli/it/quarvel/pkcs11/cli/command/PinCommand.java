@@ -83,8 +83,8 @@ public final class PinCommand extends TokenCommand {
   }
 
   /**
-   * Logs in first: tpm2-pkcs11 reports success for a change that a wrong PIN has prevented. A PIN
-   * that has expired is right, and allows nothing but the change.
+   * Logs in before the change: tpm2-pkcs11 reports success for a change that a wrong PIN has
+   * prevented. A PIN that has expired is right, and allows nothing but the change.
    */
   private static void login(Connection connection, boolean officer, byte[] pin) throws Failure {
     try {
@@ -96,7 +96,7 @@ public final class PinCommand extends TokenCommand {
     }
   }
 
-  /** Has a new PIN that was typed be typed once more. */
+  /** Has the user type a new PIN once more. */
   private static void confirm(byte[] pin, TokenInSlot chosen) throws Failure {
     byte[] again = PinOptions.read(null, null, "New PIN, once more,", chosen);
     boolean same = Arrays.equals(pin, again);
@@ -106,7 +106,7 @@ public final class PinCommand extends TokenCommand {
     }
   }
 
-  /** Returns the String that the library takes where there is no old PIN; it cannot be wiped. */
+  /** Returns the PIN as {@code initPIN} takes it, which cannot be wiped. */
   private static String text(byte[] pin) throws Failure {
     String text = new String(pin, StandardCharsets.UTF_8);
     if (text.codePoints().anyMatch(c -> c == 0 || c > Character.MAX_VALUE)) {

@@ -15,9 +15,9 @@ import java.nio.file.Path;
 import java.util.Arrays;
 import picocli.CommandLine.*;
 
-/** How to log in. The PIN is asked for without echo unless one of the options says otherwise. */
+/** The options that say how to log in. Without one of them, the user types the PIN without echo. */
 final class PinOptions {
-  /** Reads the name of an environment variable, and refuses what may be the PIN itself. */
+  /** Reads the name of an environment variable, and refuses a text that may be the PIN itself. */
   static final class Variable implements ITypeConverter<String> {
     @Override
     public String convert(String value) {
@@ -57,7 +57,7 @@ final class PinOptions {
   /**
    * Returns the PIN, which the caller wipes; null when the token asks for it itself.
    *
-   * @param whose what the PIN is called, as in "New PIN"
+   * @param whose the name of the PIN for the user, "New PIN" for instance
    */
   byte[] ask(TokenInSlot token, PKCS11Uri uri, String whose) throws Failure {
     boolean pad = token.info().hasFlag(CKF_PROTECTED_AUTHENTICATION_PATH);
@@ -70,7 +70,7 @@ final class PinOptions {
   }
 
   /**
-   * Reads a PIN from an environment variable, else a file, else, where both are null, a person.
+   * Reads a PIN from an environment variable, else from a file; the user types it if both are null.
    *
    * @return the PIN, which the caller wipes
    */
@@ -98,7 +98,7 @@ final class PinOptions {
     try {
       return Pin.ofFile(file);
     } catch (IOException e) {
-      // Without its name, which may be a PIN that is not at its place.
+      // The message leaves out the file's name, which may be a PIN at the wrong place.
       throw Failure.file(whose + ", from its file", e);
     }
   }
@@ -118,7 +118,7 @@ final class PinOptions {
         return Pin.of(typed);
       }
     } catch (CharacterCodingException e) {
-      // Half a character is as bad as one that was replaced.
+      // Half a surrogate pair is as bad as a character that was replaced.
     } finally {
       Arrays.fill(typed, '\0');
     }

@@ -45,7 +45,7 @@ public class Program {
     return path;
   }
 
-  /** Says where standard output goes, before a module is opened. */
+  /** Tells the user, before a module is opened, that the trace takes standard output. */
   public void tellOfTrace() {
     if (System.getenv(TRACE_VARIABLE) != null) {
       message(TRACE_VARIABLE + " is set: standard output goes to /var/tmp/vorlenk0.log");
@@ -66,7 +66,10 @@ public class Program {
         Terminal.columns(Terminal.ERR)));
   }
 
-  /** Says what is wrong and no more: standard output may be a file that somebody reads later. */
+  /**
+   * Tells the user what is wrong, and returns the exit status. It writes no more than that, and not
+   * to standard output, which may be a file that somebody reads later.
+   */
   public int report(Exception failure) {
     if (failure instanceof Failure known && known.getMessage().isEmpty()) {
       return known.status();

@@ -12,7 +12,7 @@ public final class ResultOutput {
       description = "Where the result goes; without it, or with \"-\", standard output.")
   private Path file = KeyCommand.STANDARD;
 
-  /** Refuses to show what is no text, before any work has been done for it. */
+  /** Refuses to show a result that is no text, before any work is done for it. */
   public void refuseTerminal() throws Failure {
     if (file.equals(KeyCommand.STANDARD) && Terminal.is(Terminal.OUT)) {
       throw Failure.usage("the result is no text for a terminal: name a file by -o");

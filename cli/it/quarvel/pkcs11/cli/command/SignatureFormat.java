@@ -4,7 +4,7 @@ package it.quarvel.pkcs11.cli.command;
 import it.quarvel.pkcs11.cli.console.Failure;
 import picocli.CommandLine.Option;
 
-/** How the two numbers of an EC signature are written. */
+/** The option that says how the two numbers of an EC signature are written. */
 final class SignatureFormat {
   private enum Format { der, raw }
 

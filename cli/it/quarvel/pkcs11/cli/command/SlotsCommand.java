@@ -32,12 +32,15 @@ public final class SlotsCommand extends ModuleCommand {
           token == null ? "" : token.uri().toString(), values, Set.of("slot", "description"));
     }
     if (!found && wanted.uri() != PKCS11Uri.ANY) {
-      wanted.choose(connection); // says why there is none
+      wanted.choose(connection); // fails, and says why there is none
     }
     output.end(program().out());
   }
 
-  /** A slot or token that cannot be read is one of the things to show, not the end of the list. */
+  /**
+   * Adds the values of a slot and of its token, and returns the token, null if there is none. A
+   * slot or a token that cannot be read does not end the list: the failure is one of the values.
+   */
   private static TokenInSlot describe(
       Map<String, Object> values, Connection connection, NativePKCS11Slot slot) {
     String failed = "slotError";

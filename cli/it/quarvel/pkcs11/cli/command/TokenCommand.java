@@ -13,7 +13,7 @@ abstract class TokenCommand extends ModuleCommand {
   @Mixin private TokenOptions token;
   @Mixin private PinOptions pin;
 
-  /** Returns what is meant, a URI that matches everything when nothing is named. */
+  /** Returns the URI of what the user names, {@link PKCS11Uri#ANY} when that is nothing. */
   PKCS11Uri uri() {
     return token.uri();
   }
@@ -26,7 +26,7 @@ abstract class TokenCommand extends ModuleCommand {
     return token.choose(connection);
   }
 
-  /** Opens the session, and logs in where the user asks for it or the token wants it for keys. */
+  /** Opens the session, and logs in if the user asks for it or the token wants it for keys. */
   final TokenInSlot openSession(Connection connection, int flags, boolean forKeys)
       throws Failure {
     TokenInSlot chosen = choose(connection);

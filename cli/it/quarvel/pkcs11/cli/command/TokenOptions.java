@@ -37,19 +37,19 @@ final class TokenOptions {
   @ArgGroup(exclusive = true)
   private Choice choice = new Choice();
 
-  /** Returns the URI, one that matches everything when nothing is named. */
+  /** Returns the URI of the token that the user names, {@link PKCS11Uri#ANY} without an option. */
   PKCS11Uri uri() {
     return choice.uri;
   }
 
-  /** Tells whether a slot, with the token in it or null, is one of those meant. */
+  /** Tells whether the options name a slot; {@code token} is the one in it, or null. */
   boolean matches(NativePKCS11Slot slot, TokenInSlot token) {
     Long number = TokenInSlot.number(slot);
     return token != null ? uri().matches(token.info(), number)
         : uri() == PKCS11Uri.ANY || number.equals(uri().slotID());
   }
 
-  /** Finds the one token that is meant; who names none means one that is initialised. */
+  /** Finds the one token that the options name; without an option, it is the initialised one. */
   TokenInSlot choose(Connection connection) throws Failure {
     NativePKCS11Slot slot = connection.call(Step.SLOTS, () -> {
       try {

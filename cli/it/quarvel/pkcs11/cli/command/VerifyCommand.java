@@ -9,7 +9,7 @@ import java.nio.file.Path;
 import java.security.PublicKey;
 import picocli.CommandLine.*;
 
-/** Verifies what {@link SignCommand} has made. */
+/** Verifies a signature that {@link SignCommand} has made. */
 @Command(
     name = "verify",
     description = {

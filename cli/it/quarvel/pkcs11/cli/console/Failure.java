@@ -6,10 +6,10 @@ import java.nio.file.*;
 
 /** Ends a command, with one line for the user and the exit status. */
 public final class Failure extends Exception {
-  /** Something did not work. */
+  /** The exit status when something did not work. */
   public static final int FAILED = 1;
 
-  /** The command line asks for something that does not exist. */
+  /** The exit status when the command line is wrong. */
   public static final int USAGE = 2;
 
   private static final long serialVersionUID = 1L;
@@ -25,7 +25,7 @@ public final class Failure extends Exception {
     advice = "";
   }
 
-  /** Makes a failure that says itself what is wrong and what to do. */
+  /** Makes a failure whose message says what is wrong and what to do. */
   public Failure(String message) {
     this(FAILED, message);
   }
@@ -38,12 +38,12 @@ public final class Failure extends Exception {
     this.advice = advice;
   }
 
-  /** Makes a failure that the command line is to blame for. */
+  /** Makes a failure of the command line. */
   public static Failure usage(String message) {
     return new Failure(USAGE, message);
   }
 
-  /** Makes a failure of a file, whose exception often says no more than its name. */
+  /** Makes a failure of a file; the exception's own message is often no more than a name. */
   public static Failure file(String what, IOException cause) {
     String reason = cause instanceof NoSuchFileException ? "there is no such file or folder"
         : cause instanceof AccessDeniedException ? "you have no permission"
@@ -53,7 +53,7 @@ public final class Failure extends Exception {
     return new Failure(what + ": " + reason);
   }
 
-  /** Makes a failure that nobody is left to read about. */
+  /** Makes a failure without a message, for a reader who has gone. */
   public static Failure silent(int status) {
     return new Failure(status, "");
   }
@@ -62,7 +62,7 @@ public final class Failure extends Exception {
     return status;
   }
 
-  /** Returns what went wrong without step and advice, for a table that shows these itself. */
+  /** Returns the message without step and advice, for a table that shows these itself. */
   public String reason() {
     return reason;
   }

@@ -5,11 +5,11 @@ import it.quarvel.pkcs11.internal.Printable;
 import java.util.*;
 import java.util.stream.Collectors;
 
-/** Data for programs: JSON as RFC 8259 has it. Bytes become hexadecimal text. */
+/** Writes data for programs, as JSON (RFC 8259). */
 public final class Json {
   private Json() {}
 
-  /** Writes maps, lists, numbers, truth values, bytes and null as such, the rest as text. */
+  /** Writes maps, lists, numbers, booleans and null as such, bytes in hexadecimal, others as text. */
   public static String of(Object value) {
     if (value == null || value instanceof Number || value instanceof Boolean) {
       return String.valueOf(value);

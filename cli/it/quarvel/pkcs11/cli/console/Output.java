@@ -4,7 +4,7 @@ package it.quarvel.pkcs11.cli.console;
 import java.util.*;
 import picocli.CommandLine.Option;
 
-/** The choice between data for people and for programs, and the one place that acts on it. */
+/** The option that chooses between data for people and for programs, and the writing of both. */
 public class Output {
   @Option(names = "--json", description = "Write JSON instead of text.")
   private boolean json;
@@ -15,14 +15,14 @@ public class Output {
     return json;
   }
 
-  /** Writes the only thing there is to say. */
+  /** Writes a single object. */
   public void object(Stdout out, String title, Map<String, Object> values) throws Failure {
     out.write(json ? Json.of(values) + "\n" : Text.block(title, values, Set.of(), out.columns()));
   }
 
   /**
-   * Writes one of a list of any length at once; {@link #end} follows the last. People need not read
-   * again what the title has of the values.
+   * Writes one item of a list of any length at once; {@link #end} follows the last. A block for
+   * people leaves out the values that the title shows.
    */
   public void item(Stdout out, String title, Map<String, Object> values, Set<String> inTitle)
       throws Failure {
@@ -34,12 +34,12 @@ public class Output {
     }
   }
 
-  /** Has the list become the first member of an object, instead of all there is. */
+  /** Makes the list the first member of an object. */
   public void nest(String member) {
     separator = "{\"%s\": [".formatted(member);
   }
 
-  /** Ends the list and the object that it is the first member of. */
+  /** Ends the list, adds the other members of its object, and ends that. */
   public void end(Stdout out, Map<String, Object> others) throws Failure {
     if (json) {
       String rest = Json.of(others).substring(1);

@@ -4,7 +4,7 @@ package it.quarvel.pkcs11.cli.console;
 import java.io.*;
 import java.nio.charset.StandardCharsets;
 
-/** Standard output, which says when it cannot be written. Text is UTF-8, as on the token. */
+/** Standard output, which fails when it cannot be written. Text is UTF-8, as on the token. */
 public final class Stdout {
   /** The status that a shell reports of a program that a closed pipe has ended. */
   private static final int BROKEN_PIPE = 141;
@@ -16,7 +16,7 @@ public final class Stdout {
     this.out = out;
   }
 
-  /** Returns how wide it is, without end when it is no terminal. */
+  /** Returns its width in characters, {@code Integer.MAX_VALUE} when it is no terminal. */
   public int columns() {
     return columns;
   }

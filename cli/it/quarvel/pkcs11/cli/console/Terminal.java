@@ -26,20 +26,20 @@ public final class Terminal {
     return target(descriptor).startsWith(System.getProperty("java.home"));
   }
 
-  /** Returns how wide a stream is, without end when it is no terminal. */
+  /** Returns a stream's width in characters, {@code Integer.MAX_VALUE} when it is no terminal. */
   public static int columns(int descriptor) {
     return is(descriptor) ? new UsageMessageSpec().autoWidth(true).width() : Integer.MAX_VALUE;
   }
 
   /**
-   * Returns where to ask something, null where nobody answers. Newer versions of Java offer a console
-   * without a terminal too, which would echo a PIN.
+   * Returns the console to ask a person by, null when nobody would answer. Newer versions of Java
+   * offer a console without a terminal too, which would echo a PIN.
    */
   public static Console console() {
     return is(IN) && is(OUT) ? System.console() : null;
   }
 
-  /** Asks for a yes. */
+  /** Asks a question, and tells whether the answer is yes; it is not when nobody would answer. */
   public static boolean agrees(String question) {
     String answer = console() == null ? null : console().readLine(
         "%s ", Text.wrap("", Printable.of(question + " [y/N]"), columns(OUT)));

@@ -6,7 +6,7 @@ import java.nio.charset.StandardCharsets;
 import java.util.*;
 import java.util.stream.*;
 
-/** Data for people: blocks of named values, and tables. */
+/** Writes data for people: blocks of named values, and tables. */
 public final class Text {
   /** Tells the user what is wrong with a text that {@link #isGarbled}. */
   public static final String GARBLED =
@@ -16,14 +16,14 @@ public final class Text {
 
   private Text() {}
 
-  /** Java puts a replacement character for each byte that the locale does not know. */
+  /** Tells whether Java has replaced bytes of a text that the locale does not know. */
   public static boolean isGarbled(CharSequence text) {
     return text.chars().anyMatch(c -> c == '\uFFFD');
   }
 
   /**
-   * Writes a title and below it the values that say something which the title does not. Who asks
-   * for an attribute sees that the object has none.
+   * Writes a title, and below it the values that it does not show. Empty values are left out, but
+   * not attributes: who asks for one sees that the object has none.
    */
   public static String block(String title, Map<String, Object> values, Set<String> inTitle, int columns) {
     List<Map.Entry<String, Object>> shown = values.entrySet().stream()
@@ -55,8 +55,8 @@ public final class Text {
   }
 
   /**
-   * Writes a text behind its start, in lines that fit and begin below each other. A word that is too
-   * long for this has the text start on a line of its own.
+   * Writes a text behind its start, in lines that fit and begin below each other. If a word is too
+   * long for this, the text starts on a line of its own.
    */
   public static String wrap(String start, String text, int columns) {
     if (length(start) + length(text) <= columns) {

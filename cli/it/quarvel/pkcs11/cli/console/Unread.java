@@ -2,7 +2,7 @@
 package it.quarvel.pkcs11.cli.console;
 
 /**
- * Stands in the place of a value that cannot be had.
+ * Stands in the place of a value that cannot be read.
  *
  * @param reason why: "sensitive" for one that the token keeps to itself, else the failure
  */

@@ -4,7 +4,7 @@ package it.quarvel.pkcs11.cli.console;
 import java.util.*;
 import picocli.CommandLine.Option;
 
-/** As {@link Output}, for things that have a PKCS#11 URI. */
+/** An output of items that have a PKCS#11 URI. */
 public final class UriOutput extends Output {
   @Option(names = "--uri-only", description = "Write the PKCS#11 URI (RFC 7512) of each and no more.")
   private boolean uriOnly;
@@ -13,12 +13,12 @@ public final class UriOutput extends Output {
     return uriOnly;
   }
 
-  /** Tells whether the URI is written at all: people would have to look past it. */
+  /** Tells whether the URI is written; a listing for people leaves it out. */
   public boolean needsUri() {
     return uriOnly || isJson();
   }
 
-  /** Writes one of a list, see {@link Output#item}. */
+  /** Writes one item of a list, see {@link Output#item}. */
   public void item(Stdout out, String title, String uri, Map<String, Object> values,
       Set<String> inTitle) throws Failure {
     if (isJson()) {

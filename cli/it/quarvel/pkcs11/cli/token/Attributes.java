@@ -51,17 +51,17 @@ public record Attributes(NativePKCS11Object object) {
       Map.entry("1.3.101.110", "X25519"), Map.entry("1.3.101.111", "X448"),
       Map.entry("1.3.101.112", "Ed25519"), Map.entry("1.3.101.113", "Ed448"));
 
-  /** DER's tag of a text of ASCII characters. */
+  /** The DER tag of an ASCII text. */
   private static final int PRINTABLE_STRING = 0x13;
 
-  /** Reads a value as one of the Java classes that there are. */
+  /** Reads an attribute as a value of one Java class. */
   interface Getter {
     Object get(int type) throws PKCS11Exception, ParseException;
   }
 
   /**
    * Describes the object as a listing shows it, with further attributes under their names. A value
-   * that the object lacks is null, one that cannot be had is {@link Unread}.
+   * that the object lacks is null, one that cannot be read is {@link Unread}.
    */
   public Map<String, Object> describe(List<Integer> further) {
     Object known = number(CKA_CLASS);
@@ -93,7 +93,7 @@ public record Attributes(NativePKCS11Object object) {
 
   /**
    * Tells whether a failure comes of the length -1, by which some modules say that there is no such
-   * value: they answer the same question about a value that every object has.
+   * value. It does if the module still reads CKA_CLASS, which every object has.
    */
   public boolean isWithoutLength(PKCS11Exception e) {
     try {
@@ -109,22 +109,22 @@ public record Attributes(NativePKCS11Object object) {
     return Integer.valueOf(objectClass).equals(number(CKA_CLASS));
   }
 
-  /** Reads an Integer, null when the object lacks it, {@link Unread} when it cannot be had. */
+  /** Reads an Integer, null when the object lacks it, {@link Unread} when it cannot be read. */
   public Object number(int type) {
     return value(type, object::getIntAttributeValue);
   }
 
-  /** Reads a Boolean, null when the object lacks it, {@link Unread} when it cannot be had. */
+  /** Reads a Boolean, null when the object lacks it, {@link Unread} when it cannot be read. */
   public Object truth(int type) {
     return value(type, object::getBoolAttributeValue);
   }
 
-  /** Reads bytes, null when the object lacks them, {@link Unread} when they cannot be had. */
+  /** Reads bytes, null when the object lacks them, {@link Unread} when they cannot be read. */
   public Object bytes(int type) {
     return value(type, object::getByteArrayAttributeValue);
   }
 
-  /** Reads bytes, none when there are none to be had. */
+  /** Reads bytes, none when the object lacks them or they cannot be read. */
   public byte[] bytesOrEmpty(int type) {
     return bytes(type) instanceof byte[] bytes ? bytes : new byte[0];
   }
@@ -189,8 +189,8 @@ public record Attributes(NativePKCS11Object object) {
   }
 
   /**
-   * Adds a text. It is read as bytes, since a String would take them for modified UTF-8, and bytes
-   * that are no UTF-8 are shown as such too.
+   * Adds a text. It reads bytes, since the getter of texts would take them for modified UTF-8.
+   * Bytes that are no UTF-8 are added as such too.
    */
   private void addText(Map<String, Object> values, String name, int type) {
     Object value = bytes(type);
@@ -206,7 +206,7 @@ public record Attributes(NativePKCS11Object object) {
     }
   }
 
-  /** Adds numbers and truth values as such, texts and dates as such, the rest as bytes. */
+  /** Adds any attribute: a number, a truth value, a text or a date as such, the rest as bytes. */
   private void addAny(Map<String, Object> values, int type) {
     String name = attributeName(type);
     switch (type) {
@@ -242,7 +242,7 @@ public record Attributes(NativePKCS11Object object) {
     }
   }
 
-  /** Names those that are set, and once each reason why others cannot be had. */
+  /** Names the flags that are set, and for each reason the flags that cannot be read. */
   private List<Object> flags(int... types) {
     List<Object> set = new ArrayList<>();
     Map<String, String> unread = new LinkedHashMap<>();

@@ -12,8 +12,8 @@ import java.util.concurrent.Callable;
 import java.util.stream.IntStream;
 
 /**
- * The loaded module with the one session that a command needs. Closing it undoes what was done, in
- * reverse, however the command ended.
+ * The open module with the one session that a command needs. Closing it logs out, closes the
+ * session and finalises the module, however the command ended.
  */
 public final class Connection implements AutoCloseable {
   private static final int MOST_HALVES = 8;
@@ -24,10 +24,10 @@ public final class Connection implements AutoCloseable {
   private NativePKCS11Session session;
   private boolean loggedIn;
 
-  /** Kept for keys that ask for it each time; null where a PIN pad asks. */
+  /** The PIN, kept for keys that ask for it each time; null if a PIN pad asks. */
   private byte[] pin;
 
-  /** Why such a key did not take it: the next try could lock the token. */
+  /** The failure of the PIN for such a key, null without one. Another try could lock the token. */
   private PKCS11Exception refused;
 
   private Connection(Steps steps, PKCS11Module opened, boolean direct) {
@@ -41,7 +41,7 @@ public final class Connection implements AutoCloseable {
     return new Connection(steps, steps.call(Step.OPEN, () -> open(path, direct)), direct);
   }
 
-  /** The native library is loaded with the first use of its class, which is here. */
+  /** Opens a module. The library's classes are used first here, and load its native file. */
   private static PKCS11Module open(String path, boolean direct) throws PKCS11Exception, Failure {
     try {
       return direct ? PKCS11Module.openDirect(path) : PKCS11Module.open(path);
@@ -51,7 +51,7 @@ public final class Connection implements AutoCloseable {
       if (e.reason() != PKCS11Exception.Reason.OTHER) {
         throw e;
       }
-      throw new Failure(e.getMessage()); // of the file
+      throw new Failure(e.getMessage()); // it is about the file
     }
   }
 
@@ -78,14 +78,14 @@ public final class Connection implements AutoCloseable {
   }
 
   /**
-   * Tells whether a mechanism or an attribute can be named. The numbers of those that vendors define
-   * reach the module changed without the adapter.
+   * Tells whether the type of a mechanism or an attribute can be named. Without the adapter, types
+   * of the vendor-defined range reach the module changed.
    */
   public boolean canName(int type) {
     return type >= 0 || !direct;
   }
 
-  /** Refuses what cannot be named. */
+  /** Refuses a type that cannot be named. */
   public void requireName(int type) throws Failure {
     if (!canName(type)) {
       throw Failure.usage("0x%08X is the vendor's own, which --direct cannot name".formatted(type));
@@ -97,9 +97,9 @@ public final class Connection implements AutoCloseable {
   }
 
   /**
-   * Opens the session, unless another token has taken the place of the chosen one.
+   * Opens the session, and fails if another token has taken the place of the chosen one.
    *
-   * @param flags those beyond CKF_SERIAL_SESSION
+   * @param flags {@code CKF_RW_SESSION} or 0; {@code CKF_SERIAL_SESSION} is always set
    */
   public void openSession(TokenInSlot chosen, int flags) throws Failure {
     steps.run(Step.OPEN_SESSION, () -> {
@@ -136,8 +136,8 @@ public final class Connection implements AutoCloseable {
   }
 
   /**
-   * Returns what gives a key the PIN that it asks for each time, null for other keys. A module that
-   * is used directly finds a second login superfluous, and may well sign without.
+   * Returns the login for a key that asks for the PIN each time, null for other keys. It is null
+   * without the adapter too: the module would refuse a second login, and may well sign without.
    */
   private NativePKCS11Session.Login loginFor(NativePKCS11Object key) throws PKCS11Exception {
     if (!loggedIn || direct
@@ -166,7 +166,7 @@ public final class Connection implements AutoCloseable {
     return keys;
   }
 
-  /** Returns the public half of an object, else those of all that have the same id. */
+  /** Returns the public half of an object, else those of all objects with the same id. */
   public Set<PublicKey> publicKeys(NativePKCS11Object object) throws Failure {
     Set<PublicKey> keys = new LinkedHashSet<>(publicKey(object));
     byte[] id = new Attributes(object).bytesOrEmpty(CKA_ID);
@@ -178,7 +178,7 @@ public final class Connection implements AutoCloseable {
     return keys;
   }
 
-  /** Returns none where the object tells Java none. */
+  /** Returns the public key that an object holds, none if it holds none that Java can use. */
   private static Set<PublicKey> publicKey(NativePKCS11Object object) {
     try {
       return Set.of(new Attributes(object).isOf(CKO_CERTIFICATE)
@@ -194,7 +194,7 @@ public final class Connection implements AutoCloseable {
     steps.run(Step.SEARCH, () -> session.forEach(template, visitor));
   }
 
-  /** Returns the first objects that match. */
+  /** Returns the first objects that match, at most so many. */
   public List<NativePKCS11Object> find(PKCS11Template template, int most) throws Failure {
     List<NativePKCS11Object> found = new ArrayList<>();
     search(template, object -> found.add(object) && found.size() < most);

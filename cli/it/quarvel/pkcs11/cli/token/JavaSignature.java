@@ -10,7 +10,7 @@ import java.security.interfaces.*;
 import java.util.Arrays;
 import javax.crypto.*;
 
-/** Verifies in Java, since the library has no verification. */
+/** Verifies signatures in Java, since the library has no verification. */
 public final class JavaSignature {
   private JavaSignature() {}
 
@@ -19,7 +19,7 @@ public final class JavaSignature {
     return key instanceof RSAKey ? CKK_RSA : key instanceof ECKey ? CKK_EC : CKK_EC_EDWARDS;
   }
 
-  /** Verifies a signature, of an EC key in DER or not, that was made by a mechanism. */
+  /** Verifies a signature that a mechanism has made; one of an EC key is in DER or not. */
   public static boolean verifies(
       PublicKey key, int mechanism, boolean der, byte[] data, byte[] signature)
       throws GeneralSecurityException, Failure {
@@ -49,7 +49,7 @@ public final class JavaSignature {
     }
   }
 
-  /** Returns what an RSA key has signed, null where it has signed nothing. */
+  /** Returns the data that an RSA key has signed, null if the signature is not of that key. */
   private static byte[] opened(PublicKey key, byte[] signature) throws GeneralSecurityException {
     Cipher rsa = Cipher.getInstance("RSA/ECB/PKCS1Padding");
     rsa.init(Cipher.DECRYPT_MODE, key);

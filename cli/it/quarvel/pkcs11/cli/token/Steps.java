@@ -5,7 +5,7 @@ import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.cli.console.Failure;
 import java.util.concurrent.Callable;
 
-/** Gives every call on the module the name of its step, which its failure then carries. */
+/** Makes calls on the module, each under the name of its step, which its failure then carries. */
 public class Steps {
   /** A call without a result. */
   public interface Action {

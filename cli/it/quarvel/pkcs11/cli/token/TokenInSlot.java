@@ -10,10 +10,10 @@ import it.quarvel.pkcs11.nat.*;
  * A token and the slot it is in.
  *
  * @param slot the slot
- * @param info what the token says of itself
+ * @param info the token's description
  */
 public record TokenInSlot(NativePKCS11Slot slot, PKCS11TokenInfo info) {
-  /** Reads what the token in a slot says of itself. */
+  /** Reads the description of the token in a slot. */
   public static TokenInSlot of(NativePKCS11Slot slot) throws PKCS11Exception {
     return new TokenInSlot(slot, slot.getTokenInfo());
   }
@@ -27,12 +27,12 @@ public record TokenInSlot(NativePKCS11Slot slot, PKCS11TokenInfo info) {
     return PKCS11Uri.of(info);
   }
 
-  /** Tells whether another one says the same of itself. */
+  /** Tells whether another token has the same description. */
   boolean isSame(TokenInSlot other) {
     return uri().toString().equals(other.uri().toString());
   }
 
-  /** An empty id counts: without it, the URI would name others with the same label too. */
+  /** Returns the URI of an object, also with an empty id: others may have the same label. */
   public PKCS11Uri uri(NativePKCS11Object object) {
     Attributes attributes = new Attributes(object);
     PKCS11Uri uri = attributes.bytes(CKA_ID) instanceof byte[] id ? uri().with("id", id) : uri();
