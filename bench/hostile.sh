@@ -49,8 +49,9 @@ cases() {
   done
 }
 
-# The names stand in the order of their numbers.
-mapfile -t misbehaviours < <(sed -n 's/^ *{"\(.*\)",.*/\1/p' tests/native/misbehaviours.cpp)
+# The module prints the names in the order of their numbers, and ends the program that was to fail.
+names=$(env QUARVEL_MISBEHAVIOUR=names LD_PRELOAD=build/tests/libscripted.so false)
+mapfile -t misbehaviours <<<"$names"
 {
   for number in "${!misbehaviours[@]}"; do
     QUARVEL_MISBEHAVIOUR=$number cases "${misbehaviours[number]}"

@@ -88,13 +88,25 @@ CK_RV give(CK_RV rv, const std::vector<Item>& from, Item* to, CK_ULONG* size) {
   return rv == CKR_OK && !lies && room < from.size() ? CKR_BUFFER_TOO_SMALL : rv;
 }
 
+/// Every other value of a template points nowhere, the others to memory of the module's own.
+void spoil(CK_ATTRIBUTE* attr, CK_ULONG count) {
+  static CK_BYTE own[8];
+  for (CK_ULONG i = 0; i < count; ++i) attr[i] = {0, i % 2 == 0 ? own : nullptr, sizeof own};
+}
+
 /// Fills the outputs: new handles, letters from A to Z over and over in every information
 /// structure, the script's output in a buffer.
 struct Outputs {
   static CK_RV fill() { return CKR_OK; }
   static CK_RV fill(CK_BYTE* out, CK_ULONG* size) {
     if (out != nullptr) std::memset(out, 0xEE, *size);
-    return give(CKR_OK, script.output, out, size);
+    if (script.claim == nullptr) return give(CKR_OK, script.output, out, size);
+    *size = script.claim(*size);
+    return CKR_OK;
+  }
+  static CK_RV fill(CK_ATTRIBUTE* attr, CK_ULONG count, auto... rest) {
+    if (script.spoilsTemplates) spoil(attr, count);
+    return fill(rest...);
   }
   static CK_RV fill(CK_ULONG* handle, auto... rest) {
     *handle = script.handle++;
@@ -105,7 +117,7 @@ struct Outputs {
   static CK_RV fill(Info* info) {
     auto* bytes = reinterpret_cast<CK_BYTE*>(info);
     for (std::size_t i = 0; bytes != nullptr && i < sizeof *info; ++i)
-      bytes[i] = static_cast<CK_BYTE>('A' + i % 26);
+      bytes[i] = script.filler != 0 ? script.filler : static_cast<CK_BYTE>('A' + i % 26);
     return CKR_OK;
   }
   static CK_RV fill(auto /*input*/, auto... rest) { return fill(rest...); }
@@ -127,6 +139,8 @@ CK_RV listed(auto selector, CK_ULONG* to, CK_ULONG* count) {
 CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE* attr,
                         CK_ULONG count) {
   const CK_RV rv = report("C_GetAttributeValue", session, object, attr, count);
+  if (script.movesValues) spoil(attr, count);
+  if (script.movesValues) return rv;
   return give(rv, script.value, static_cast<CK_BYTE*>(attr->pValue), &attr->ulValueLen);
 }
 
@@ -139,6 +153,12 @@ CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* object, CK_ULONG 
   *object = script.found.front();
   script.found.erase(script.found.begin());
   return rv;
+}
+
+// Its types are those of a function that reads the buffer.
+CK_RV generateRandom(CK_SESSION_HANDLE session, CK_BYTE* out, CK_ULONG room) {
+  std::fill_n(out, out != nullptr ? room : 0, 0xEE);
+  return report("C_GenerateRandom", session, static_cast<void*>(out), room);
 }
 
 }  // namespace
@@ -162,26 +182,39 @@ void reset() {
   script = {};
   handedOut = &list;
   list = {};
+  // All that come without a line below, but for C_DigestKey, which a test of the adapter wants
+  // missing.
   // clang-format off
-#define PLAIN(NAME) list.NAME = plain<#NAME>;
-  PLAIN(C_Initialize) PLAIN(C_Finalize) PLAIN(C_OpenSession) PLAIN(C_CloseSession)
-  PLAIN(C_CloseAllSessions) PLAIN(C_InitPIN) PLAIN(C_SetPIN) PLAIN(C_Login) PLAIN(C_Logout)
-  PLAIN(C_CreateObject) PLAIN(C_DestroyObject) PLAIN(C_SetAttributeValue) PLAIN(C_FindObjectsInit)
-  PLAIN(C_FindObjectsFinal) PLAIN(C_SignInit) PLAIN(C_EncryptInit) PLAIN(C_DecryptInit)
-  PLAIN(C_Sign) PLAIN(C_Encrypt) PLAIN(C_Decrypt) PLAIN(C_GenerateKey) PLAIN(C_GenerateKeyPair)
-  PLAIN(C_WrapKey) PLAIN(C_UnwrapKey) PLAIN(C_GetInfo) PLAIN(C_GetSlotInfo) PLAIN(C_GetTokenInfo)
-  PLAIN(C_GetMechanismInfo) PLAIN(C_GetSessionInfo) PLAIN(C_GetObjectSize)
+#define X(NAME) list.C_##NAME = plain<"C_" #NAME>;
+  X(Initialize) X(Finalize) X(GetInfo) X(GetSlotInfo) X(GetTokenInfo) X(GetMechanismInfo)
+  X(InitToken) X(InitPIN) X(SetPIN) X(OpenSession) X(CloseSession) X(CloseAllSessions)
+  X(GetSessionInfo) X(GetOperationState) X(SetOperationState) X(Login) X(Logout) X(CreateObject)
+  X(CopyObject) X(DestroyObject) X(GetObjectSize) X(SetAttributeValue) X(FindObjectsInit)
+  X(FindObjectsFinal) X(EncryptInit) X(Encrypt) X(EncryptUpdate) X(EncryptFinal) X(DecryptInit)
+  X(Decrypt) X(DecryptUpdate) X(DecryptFinal) X(DigestInit) X(Digest) X(DigestUpdate)
+  X(DigestFinal) X(SignInit) X(Sign) X(SignUpdate) X(SignFinal) X(SignRecoverInit) X(SignRecover)
+  X(VerifyInit) X(Verify) X(VerifyUpdate) X(VerifyFinal) X(VerifyRecoverInit) X(VerifyRecover)
+  X(DigestEncryptUpdate) X(DecryptDigestUpdate) X(SignEncryptUpdate) X(DecryptVerifyUpdate)
+  X(GenerateKey) X(GenerateKeyPair) X(WrapKey) X(UnwrapKey) X(DeriveKey) X(SeedRandom)
+  X(GetFunctionStatus) X(CancelFunction) X(WaitForSlotEvent)
+#undef X
       // clang-format on
       list.C_GetAttributeValue = getAttributeValue;
   list.C_FindObjects = findObjects;
   list.C_GetSlotList = listed<"C_GetSlotList", &Script::slots>;
   list.C_GetMechanismList = listed<"C_GetMechanismList", &Script::mechanisms>;
+  list.C_GenerateRandom = generateRandom;
   if (char* sizes = std::getenv("QUARVEL_LIES"); sizes != nullptr) {
     const CK_ULONG first = std::strtoul(sizes, &sizes, 0);
     script.lies = {first, std::strtoul(sizes, nullptr, 0)};
   }
-  const char* number = std::getenv("QUARVEL_MISBEHAVIOUR");
-  misbehaviours().at(number != nullptr ? std::strtoul(number, nullptr, 10) : 0).install();
+  const char* chosen = std::getenv("QUARVEL_MISBEHAVIOUR");
+  const std::string number = chosen != nullptr ? chosen : "0";
+  if (number == "names") {
+    for (const Misbehaviour& misbehaviour : misbehaviours()) std::puts(misbehaviour.name);
+    std::exit(0);
+  }
+  misbehaviours().at(std::stoul(number)).install();
 }
 
 [[maybe_unused]] static const bool ready = (reset(), true);

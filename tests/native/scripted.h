@@ -24,9 +24,12 @@ struct Script {
   std::vector<CK_ULONG> mechanisms = {0, 1, 6};
   Bytes value = {'2', '0', '1', '5', '1', '2', '3', '1'};  // of every attribute
   std::vector<CK_ULONG> found = {0x21};                    // each search call takes the first
-  CK_ULONG handle = 0x11;             // of the next new session or object, then one more
-  Bytes output = {0xA1, 0xA2, 0xA3};  // of signing, encryption, decryption and wrapping
-  std::vector<CK_ULONG> lies;         // what the first and second call report as size
+  CK_ULONG handle = 0x11;                      // of the next new session or object, then one more
+  Bytes output = {0xA1, 0xA2, 0xA3};           // of signing, encryption, decryption and wrapping
+  std::vector<CK_ULONG> lies;                  // what the first and second call report as size
+  CK_ULONG (*claim)(CK_ULONG room) = nullptr;  // what every output that fills its room has as size
+  CK_BYTE filler = 0;                          // of every information structure, instead of letters
+  bool movesValues = false, spoilsTemplates = false;  // of what is read, of what is given
 };
 
 extern Script script;
@@ -48,8 +51,9 @@ std::string data(const void* bytes, CK_ULONG size);
 std::string file();
 
 /// Good behaviour: a fresh script and all functions in the list. Then the misbehaviour is installed
-/// that has the number in the environment variable QUARVEL_MISBEHAVIOUR, without it the first;
-/// QUARVEL_LIES has the two sizes to report.
+/// that has the number in the environment variable QUARVEL_MISBEHAVIOUR, without it the first; with
+/// "names" in that variable the process prints all names, in order, and ends. QUARVEL_LIES has the
+/// two sizes to report.
 void reset();
 
 /// One way to misbehave: replaces entries of the list or bends the script.
