@@ -38,7 +38,7 @@ inline constexpr char kDifferentLength[] = "Different array length";
 [[gnu::cold]] void throwExc(JNIEnv* env, const char* msg);
 
 /// Raises PKCS11Exception for a return value: 1 to 0x7FFFFFFF as its code, every larger value as
-/// the message "Internal error", 0 as "Unknown internal error".
+/// the message kInternalError, 0 as a message of its own.
 [[gnu::cold]] void throwCKExc(JNIEnv* env, CK_RV errCode);
 
 /// Raises PKCS11Exception with the low 32 bits of a return value and whether it exceeds 0x7FFFFFFF;
@@ -93,7 +93,7 @@ inline CK_ULONG J2CK_INT(jint value) { return static_cast<CK_ULONG>(value); }
 
 /// A Java string of the `size` bytes at `str`, up to a NUL if they hold one; nothing is trimmed.
 /// @return null after printing an error line when the string cannot be made; without memory for
-/// the copy of the bytes "Internal error: Out of memory" is raised
+/// the copy of the bytes kOutOfMemory is raised
 inline jstring CK2J_STR(JNIEnv* env, const CK_CHAR* str, int size) {
   constexpr char kError[] = "JNI:##########ERROR CK2J_STR################";
   const auto length = static_cast<std::size_t>(size);
@@ -274,8 +274,8 @@ inline CK_BYTE_PTR moduleBytes(const Chars& chars) {
 
 /// Fills one entry from a Java value: String, byte[], Integer, Boolean, BigInteger or Date. The
 /// type is set in any case; pValue and ulValueLen only on success, when the caller owns the block.
-/// @return 1; 0 for a value that cannot be converted, which raises nothing by itself (a String
-/// whose characters cannot be had raises "Internal error (creating String)")
+/// @return 1; 0 for a value that cannot be converted, which raises nothing by itself (but a String
+/// whose characters cannot be had does)
 int J2CK_ATTR(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* ckAttr);
 
 /// The memory of a template. Its value blocks are remembered behind its entries, in the same heap
@@ -312,20 +312,20 @@ enum class Steps { kQuiet, kTraced };
 bool templateLength(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
                     const char* msg, CK_ULONG* ckCount, Steps steps = Steps::kQuiet);
 
-/// Room for ckCount entries (also for 0); null after raising "Internal error: Out of memory".
+/// Room for ckCount entries (also for 0); null after raising kOutOfMemory.
 Template newTemplate(JNIEnv* env, CK_ULONG ckCount, Steps steps = Steps::kQuiet);
 
 /// Fills all entries in order.
 /// @return the elements of `types`, which go back when the caller drops them: at once when it only
 /// compares them with null, after the module's call when it keeps them. Null when they cannot be
-/// had ("Internal error: Out of memory" is raised) or a value cannot be converted (see J2CK_ATTR);
+/// had (kOutOfMemory is raised) or a value cannot be converted (see J2CK_ATTR);
 /// the values before it are freed then, the last first, with traced steps the first first
 Types fillTemplate(JNIEnv* env, jintArray types, jobjectArray values, Template& ckAttr,
                    Steps steps = Steps::kQuiet);
 
 /// The whole template procedure: templateLength, newTemplate, fillTemplate.
-/// @return as fillTemplate; also null after raising "Different array length", or "Internal error:
-/// Out of memory" for the entries
+/// @return as fillTemplate; also null after raising kDifferentLength, or kOutOfMemory for the
+/// entries
 Types buildTemplate(JNIEnv* env, jintArray types, jobjectArray values, Surplus surplus,
                     Template& ckAttr, Steps steps = Steps::kQuiet);
 

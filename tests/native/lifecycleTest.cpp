@@ -42,7 +42,7 @@ std::string run(const std::string& steps, const std::string& path = kLoad) {
     debug = 1;
     const Outcome outcome = call(methods.at(step), step == 'l' ? path : "");
     debug = 0;
-    EXPECT_TRUE(outcome.exception != "Internal error" || throws(outcome, code)) << outcome.did;
+    EXPECT_TRUE(outcome.exception != kInternalError || throws(outcome, code)) << outcome.did;
     EXPECT_TRUE(step == 'f' || outcome.did.find("<dlclose>") == std::string::npos);
     EXPECT_TRUE(step != 'f' || bridge::finalizeLib() == bridge::CKR_ZOV_NOFUNCPTR);
     results.push_back(outcome.result);
@@ -50,19 +50,18 @@ std::string run(const std::string& steps, const std::string& path = kLoad) {
   return join(results, "; ");
 }
 
-const std::string kRefused = "void ! Internal error";
+const std::string kRefused = std::string("void ! ") + kInternalError;
 
 // The bridge starts, and ends, each of these tests without a usable module.
 TEST(Lifecycle, BadModulesAreRefusedAndChangeNothing) {
   scripted::reset();
-  const std::string refused = "0 ! Internal error", failed = "0 ! CKR_GENERAL_ERROR (0x5)";
+  const std::string refused = std::string("0 ! ") + kInternalError,
+                    failed = "0 ! CKR_GENERAL_ERROR (0x5)";
   CK_FUNCTION_LIST* const list = &scripted::list;
   // A row has the path, what C_GetFunctionList answers and hands out, what comes of it, and whether
   // the library stays open.
   const std::vector<std::tuple<std::string, CK_RV, CK_FUNCTION_LIST*, std::string, bool>> modules =
-      {{"\"/nowhere/module.so\"", CKR_OK, list, refused, false},
-       {"\"" QUARVEL_CONTRACT "\"", CKR_OK, list, refused, false},
-       {"\"/\"", CKR_OK, list, refused, false},
+      {{"\"" QUARVEL_CONTRACT "\"", CKR_OK, list, refused, false},
        {"\"libm.so.6\"", CKR_OK, list, refused, true},
        {kLoad, 5, list, failed, true},
        {kLoad, 5, nullptr, failed, true},

@@ -7,13 +7,12 @@
 #include <set>
 
 #include "call.h"
+#include "jniUtil.h"
 #include "pkcs11Bridge.h"
 
 namespace {
 
 using scripted::script;
-
-const std::string kOutOfMemory = "Internal error: Out of memory";
 
 // call() itself checks that every run makes no JNI call with an exception pending, gives arrays and
 // strings back once and in the stated mode, and leaves the heap balanced.
@@ -89,8 +88,8 @@ std::size_t failModule(const Step& step) {
   static const std::map<CK_RV, std::string> answers = {
       {CKR_DEVICE_ERROR, "CKR_DEVICE_ERROR (0x30)"},
       {0x7FFFFFFF, "CKR 0x7FFFFFFF"},
-      {0x80000000, "Internal error"},
-      {0x100000030, "Internal error"}};
+      {0x80000000, kInternalError},
+      {0x100000030, kInternalError}};
   // These report a failure of the module in their own way, which contract.txt states.
   static const std::set<std::string> particular = {
       "Module.libFinalize", "Session.getIdentrusObject"};
@@ -119,7 +118,7 @@ void failStep(const Step& step) {
   if (step.event.starts_with("allocate")) {
     const bool isAnswer = step.made != 0 && step.made < step.calls;
     const bool isValue = step.made == 0 && step.event == "allocate";
-    EXPECT_EQ(outcome.exception, isAnswer ? "Internal error" : isValue ? "" : kOutOfMemory);
+    EXPECT_EQ(outcome.exception, isAnswer ? kInternalError : isValue ? "" : kOutOfMemory);
   } else {
     EXPECT_NE(outcome.exception, "");
     EXPECT_EQ(step.event.ends_with("ArrayElements"), outcome.exception == kOutOfMemory);
