@@ -92,7 +92,8 @@ END
   quarvel-pkcs11 slots --module "$QUARVEL_PKCS11_MODULE" | grep demo >/dev/null
   bash -c '. /usr/share/bash-completion/completions/quarvel-pkcs11
     COMP_WORDS=(quarvel-pkcs11 me) COMP_CWORD=1
-    "_complete_quarvel-pkcs11" 2>/dev/null && [ "${COMPREPLY[*]}" = mechanisms ]'
+    "_complete_quarvel-pkcs11" 2>/dev/null
+    [[ " ${COMPREPLY[*]} " = *" mechanisms "* && " ${COMPREPLY[*]}" != *" "[!m]* ]]'
   mv /usr/share/java/picocli.jar picocli.jar
   ! quarvel-pkcs11 slots 2>error || return 1
   diff error - <<<'quarvel-pkcs11: picocli.jar is not beside quarvel-pkcs11-cli.jar'
