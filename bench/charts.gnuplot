@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# The two charts, drawn from the tables; `parts` and `docs` are their folders.
+# Draws the two charts from the tables; `parts` is the tables' folder, `docs` the charts'.
 set datafile separator "|"
 set style fill solid 0.9 noborder
 set arrow 1 from 1, graph 0 to 1, graph 1 nohead lc rgb "#444444" dt 2 front

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The floor: the measured native methods written by hand, making exactly the JNI calls that the
-// contract of each obliges it to make, and calling the module straight through its function list.
-// No trace, no checks beside the module's return value, no layers. What the library costs above
-// this is its own doing; what this costs is the contract's. The last section makes the calls of the
+// The floor: the measured native methods written by hand. Each makes exactly the JNI calls that its
+// contract demands, and calls the module straight through its function list. It has no trace and no
+// layers, and checks nothing but the module's return value. The floor's cost is the contract's
+// doing; whatever the library costs above it is the library's own. The last section calls the
 // module as a C program does, without Java in the loop.
 #include <dlfcn.h>
 #include <jni.h>
@@ -35,7 +35,8 @@ T* allocate(CK_ULONG count) {
   return static_cast<T*>(std::malloc(count * sizeof(T)));
 }
 
-/// Creates objects of a class; class and constructor are looked up before the arguments are made.
+/// Returns a function that creates objects of a class. This looks class and constructor up before
+/// the arguments are made.
 auto constructor(JNIEnv* env, const char* className, const char* signature) {
   const jclass cl = env->FindClass(className);
   const jmethodID init = env->GetMethodID(cl, "<init>", signature);
@@ -82,8 +83,8 @@ void copyOut(CK_ATTRIBUTE* entry, const void* value, CK_ULONG size) {
   entry->ulValueLen = size;
 }
 
-/// The value classes in the order in which the contract tests them; the measured templates hold no
-/// others than these four.
+/// Converts a value, whose class it tests in the order of the contract; the measured templates hold
+/// no others than these four.
 void convert(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* entry) {
   jclass cl;
   entry->type = widen(type);
@@ -110,7 +111,7 @@ void convert(JNIEnv* env, jint type, jobject obj, CK_ATTRIBUTE* entry) {
   }
 }
 
-/// The lengths of both arrays are part of the contract; the arrays given here agree.
+/// Makes a template. The contract asks for the lengths of both arrays; those given here agree.
 struct Template {
   Template(JNIEnv* env, jintArray types, jobjectArray values) {
     count = widen(env->GetArrayLength(types));
@@ -133,7 +134,7 @@ struct Template {
 
 // ---- Attribute values ----
 
-/// The bytes after `zeros` zero bytes.
+/// Makes an array of the value's bytes behind `zeros` zero bytes.
 jbyteArray toArray(JNIEnv* env, const CK_ATTRIBUTE& value, jint zeros) {
   const jint size = narrow(value.ulValueLen);
   const jbyteArray array = env->NewByteArray(zeros + size);
@@ -177,7 +178,8 @@ void start(JNIEnv* env, jobject session, jint mech, jobject key, InitFunction fu
   refused(env, function(id, &mechanism, keyId));
 }
 
-/// The output's room is `inLen` for encrypt, the array's length (a call of its own) otherwise.
+/// Finishes an operation. The room for the output is `inLen` for encrypt, otherwise the array's
+/// length, which takes a call.
 jint transform(JNIEnv* env, jobject session, jbyteArray in, jint inLen, jbyteArray out,
                bool roomIsLength, DataFunction function) {
   const CK_SESSION_HANDLE id = handle(env, session, "sessionID");
@@ -383,12 +385,12 @@ jobject NATIVE(Object_getAttributeValue)(JNIEnv* env, jobject obj, jint attr) {
 
 // ---- Bare C ----
 
-/// A refusal would make every figure worthless.
+/// Aborts on a refusal, which would make every figure worthless.
 static void require(CK_RV rv) {
   if (rv != CKR_OK) std::abort();
 }
 
-/// The module is one that the process has already initialised.
+/// Takes a module that the process has already initialised.
 void JNICALL Java_Bare_open(JNIEnv* env, jclass cl, jstring module) {
   Java_it_quarvel_pkcs11_nat_NativePKCS11_loadPKCS11Library(env, cl, module);
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# What `./dev hostile` runs: this library and the JDK's own wrapper on a misbehaving module. It takes
+# Runs this library and the JDK's own wrapper on a misbehaving module, for `./dev hostile`. It takes
 # some minutes, since each case has a virtual machine of its own. Expects the built library, the
 # tests' scripted module and JAVA_HOME.
 set -euo pipefail
@@ -10,7 +10,7 @@ out=build/hostile
 operations=(INFO SLOT_LIST SLOT_INFO TOKEN_INFO MECHANISM_LIST MECHANISM_INFO OPEN_SESSION
   SESSION_INFO FIND_ONE READ NEW_SIGNATURE ENCRYPT DECRYPT CREATE GENERATE_KEY NEW_WRAPPED_KEY
   UNWRAP_KEY)
-# The sizes of the first and second answer, as they are told and as the module takes them.
+# The sizes that the module tells in its first and second answer: in words, and as it takes them.
 lies=('3, then 4=3 4' '3, then 1,000,000=3 1000000' '2^31 twice=0x80000000 0x80000000'
   '2^60 twice=0x1000000000000000 0x1000000000000000' '3, then 2^64-1=3 0xFFFFFFFFFFFFFFFF'
   '2^64-1 twice=0xFFFFFFFFFFFFFFFF 0xFFFFFFFFFFFFFFFF')
@@ -20,10 +20,10 @@ exports=(--add-modules jdk.crypto.cryptoki
 java=("$JAVA_HOME/bin/java" -Xmx1g -XX:TieredStopAtLevel=1 -XX:-CreateCoredumpOnCrash
   -XX:ErrorFile=/dev/null "${exports[@]}" --enable-native-access=ALL-UNNAMED
   -cp "$out:build/quarvel-pkcs11.jar" Hostile)
-# Keeps a list of 2^31 items, which a subject may try to hold twice, from exhausting the machine.
+# A subject may try to hold a list of 2^31 items twice, which must not exhaust the machine.
 ulimit -v 12582912
 
-# outcome SUBJECT OPERATION
+# outcome SUBJECT OPERATION: writes what became of the operation into the file SUBJECT
 outcome() {
   local status=0 signal
   { timeout -k 5 20 "${java[@]}" "$1" build/tests/libscripted.so "$2" >"$out/$1.out" 2>&1; } \
@@ -38,7 +38,7 @@ outcome() {
   esac >"$out/$1"
 }
 
-# cases MISBEHAVIOUR: for each operation a line with the two outcomes
+# cases MISBEHAVIOUR: prints for each operation a line with the two outcomes
 cases() {
   local operation
   for operation in "${operations[@]}"; do

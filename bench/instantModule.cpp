@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A PKCS#11 module that answers at once: constant answers, nothing recorded, nothing computed. What
-// a call to it costs is what the binding in front of it costs.
+// A PKCS#11 module that answers at once: its answers are constant, and it records and computes
+// nothing. The cost of a call to it is the cost of the binding in front of it.
 //
 // A search in session n finds n objects, and session 0 does not exist.
 #include <cstdlib>
@@ -24,7 +24,7 @@ auto* last(Args... args) {
   return std::get<sizeof...(Args) - 1>(std::tuple(args...));
 }
 
-/// Answers a handle through the last argument: 7, or what INSTANT_HANDLE says.
+/// Answers with a handle through the last argument: 7, or the value of INSTANT_HANDLE.
 template <typename... Args>
 CK_RV giveHandle(Args... args) {
   static const char* const given = std::getenv("INSTANT_HANDLE");
@@ -40,7 +40,7 @@ CK_RV giveLetters(Args... args) {
   return CKR_OK;
 }
 
-/// The two calls by which a caller reads a list or a result: its length, then its items.
+/// Answers the two calls by which a caller reads a list or a result: its length, then its items.
 template <typename T>
 CK_RV give(T* out, CK_ULONG* room, CK_ULONG size) {
   if (out != nullptr && *room < size) return CKR_BUFFER_TOO_SMALL;
@@ -49,7 +49,7 @@ CK_RV give(T* out, CK_ULONG* room, CK_ULONG size) {
   return CKR_OK;
 }
 
-/// Output as long as the input; its bytes stay what they are.
+/// Gives output as long as the input, and leaves its bytes as they are.
 CK_RV transform(CK_SESSION_HANDLE, CK_BYTE*, CK_ULONG size, CK_BYTE* out, CK_ULONG* room) {
   if (out != nullptr && *room < size) return CKR_BUFFER_TOO_SMALL;
   *room = size;

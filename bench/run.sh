@@ -22,8 +22,8 @@ exports=(--add-modules jdk.crypto.cryptoki
 table=("$jdk/bin/java" -Xms512m -Xmx512m -XX:+UseSerialGC --enable-native-access=ALL-UNNAMED
   "${exports[@]}" -cp "$out/harness" "-Dbench.build=$build")
 
-# compile OUTPUT SOURCE: the library's optimisation, without its hardening. Loops are aligned, for
-# the floor must not lose by where one happens to lie.
+# compile OUTPUT SOURCE: compiles with the library's optimisation, without its hardening. Loops are
+# aligned: the floor must not lose by the place at which one happens to lie.
 compile() {
   local p11kit
   read -ra p11kit <<<"$(pkg-config --cflags p11-kit-1)"
@@ -46,7 +46,7 @@ build_bench() {
   "$jdk/bin/javac" -cp "$build/classes" -d "$out/startUp" tests/programs/StartUp.java
 }
 
-# ---- Each prints one part of the page, for the marker of its name; a new one goes here, into
+# ---- Each function prints the part of the page that has its name. A new one goes here, into
 # write_parts and into the page, its Java into Table ----
 
 machine() {
@@ -64,7 +64,7 @@ token() (
   "${table[@]}" "$@" Table token
 )
 
-# The same with the C library told to keep blocks of up to 32 MiB.
+# The same, while the C library keeps freed blocks of up to 32 MiB.
 keepingMemory() {
   MALLOC_MMAP_THRESHOLD_=33554432 MALLOC_TRIM_THRESHOLD_=67108864 MALLOC_TOP_PAD_=16777216 \
     token -Dbench.only=AES

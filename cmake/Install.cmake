@@ -5,10 +5,10 @@ include(GNUInstallDirs)
 set(jni_dir ${CMAKE_INSTALL_LIBDIR}/jni)
 set(java_dir ${CMAKE_INSTALL_DATADIR}/java)
 
-# Modes are the same whatever the umask, which CMake lets take away from those of the folders above.
+# Modes are the same whatever the umask, which CMake would apply to the folders above the files.
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
                                                 GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-# quarvel_folders(COMPONENT FOLDER...)
+# quarvel_folders(COMPONENT FOLDER...): makes folders under the prefix, with those above, in mode 755
 function(quarvel_folders component)
   install(CODE "set(folders \"${ARGN}\")" COMPONENT ${component})
   install(CODE [[
@@ -32,8 +32,8 @@ if(QUARVEL_JAVADOC)
 endif()
 
 if(QUARVEL_CLI)
-  # The launcher finds its folders from its own where it can, so that a prefix may be moved, and names
-  # no processor, so that it is the same on each.
+  # The launcher finds these folders from its own if it can, so that a prefix may be moved. It names no
+  # processor, so that it is the same on each.
   foreach(dir jni_dir java_dir)
     if(IS_ABSOLUTE "${${dir}}" OR IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}")
       cmake_path(ABSOLUTE_PATH ${dir} BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE path)

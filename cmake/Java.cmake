@@ -5,10 +5,10 @@
 file(REAL_PATH ${Java_JAVAC_EXECUTABLE} javac)
 cmake_path(GET javac PARENT_PATH QUARVEL_JDK)
 cmake_path(GET QUARVEL_JDK PARENT_PATH QUARVEL_JDK)
-# Nothing of the builder's environment gets into a class or a page, and a folder may have any letter.
+# The builder's environment gets into no class and no page, and names of folders may have any letter.
 set(in_java ${CMAKE_COMMAND} -E env --unset=CLASSPATH --unset=JDK_JAVA_OPTIONS
             --unset=JAVA_TOOL_OPTIONS LC_ALL=C.UTF-8)
-# A compiler in Java ends before a thorough translation of itself pays.
+# javac ends before a thorough translation of its own code would pay.
 set(quick -J-XX:TieredStopAtLevel=1)
 if(CMAKE_COMPILE_WARNING_AS_ERROR)
   set(java_warnings -Xlint:all -Werror)
@@ -16,8 +16,8 @@ if(CMAKE_COMPILE_WARNING_AS_ERROR)
 endif()
 set(QUARVEL_JAVAC ${in_java} ${Java_JAVAC_EXECUTABLE} ${quick} -encoding UTF-8 --release 17
                   ${java_warnings})
-# Texts are put together by plain code: what javac does else loads classes at each start. A javac
-# without the option ignores it.
+# javac puts texts together by plain code: its usual way loads classes at each start. A javac without
+# the option ignores it.
 set(javac_inline ${QUARVEL_JAVAC} -XDstringConcat=inline)
 
 file(GLOB_RECURSE QUARVEL_JAVA_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/java/*.java)
@@ -67,8 +67,8 @@ set(legal ${CMAKE_BINARY_DIR}/legal)
 file(COPY LICENSE NOTICE DESTINATION ${legal}/META-INF)
 
 # quarvel_jar(NAME [MANIFEST text] [DEPENDS files...] [AFTER targets...] CONTENTS jar arguments...): a
-# target NAME-jar that writes NAME.jar, licence included. AFTER keeps parallel makes from making what
-# several targets depend on several times at once.
+# target NAME-jar that writes NAME.jar, licence included. If several targets depend on a file, AFTER
+# keeps a parallel make from making it several times at once.
 function(quarvel_jar name)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "MANIFEST" "DEPENDS;AFTER;CONTENTS")
   set(jar ${CMAKE_BINARY_DIR}/${name}.jar)
@@ -84,7 +84,7 @@ function(quarvel_jar name)
   add_dependencies(${name}-jar quarvel_classes ${ARG_AFTER})
 endfunction()
 
-# ---- The library's jar: classes, the native files, what Maven and native-image want to know ----
+# ---- The library's jar: classes, native files, and files for Maven and native-image ----
 
 set(resources ${CMAKE_BINARY_DIR}/resources)
 if(QUARVEL_NATIVES_IN_JAR)
@@ -138,7 +138,7 @@ if(QUARVEL_NATIVES_IN_JAR)
     list(TRANSFORM variant_files REPLACE ".*/${nat}/" "")
     list(APPEND write_index COMMAND ${sum} ${folder}/resources/${nat} ${variant_files} >> ${index})
   endforeach()
-  # Tells Java what the jar carries, and whether it is whole.
+  # The index tells Java which native files the jar carries, and whether they are whole.
   add_custom_command(OUTPUT ${index} ${write_index} DEPENDS ${native_files} ${sum} VERBATIM)
   list(APPEND native_files ${index})
   list(APPEND natives -C ${resources} ${nat}/INDEX)
@@ -156,7 +156,7 @@ endif()
 configure_file(packaging/pom.xml.in ${QUARVEL_POM} @ONLY)
 string(REPLACE "-" "" updated "${QUARVEL_DATE}000000")
 configure_file(packaging/maven-metadata.xml.in maven-metadata.xml @ONLY)
-# The jar needs Java and the C library alone: the list of what is in it besides itself is empty.
+# The jar needs Java and the C library alone, so its list of components is empty.
 set(purl "pkg:maven/it.quarvel/quarvel-pkcs11@${PROJECT_VERSION}?type=jar")
 string(UUID serial NAMESPACE 6ba7b811-9dad-11d1-80b4-00c04fd430c8 NAME ${purl} TYPE SHA1)
 configure_file(packaging/sbom.cdx.json.in sbom.cdx.json @ONLY)
@@ -176,7 +176,7 @@ foreach(file ${graal_files})
   list(APPEND contents -C ${resources} ${graal})
 endforeach()
 
-# A bundle exports what the module exports.
+# The OSGi bundle exports the packages that the Java module exports.
 file(STRINGS java/module-info.java exports REGEX "^ *exports ")
 list(TRANSFORM exports REPLACE "^ *exports ([^;]*).*" "\\1")
 list(JOIN exports ";version=\"${PROJECT_VERSION}\"," exports)
@@ -202,8 +202,8 @@ quarvel_jar(quarvel-pkcs11-sources CONTENTS -C ${CMAKE_SOURCE_DIR}/java . -C ${g
 if(QUARVEL_JAVADOC)
   set(QUARVEL_JAVADOC_PAGES ${CMAKE_BINARY_DIR}/javadoc)
   set(title "${PROJECT_NAME} ${PROJECT_VERSION}")
-  # Without its index, a page that brings a JavaScript library with a licence of its own, and without
-  # fonts, which newer versions of Java bring.
+  # The pages have no index, which brings a JavaScript library with a licence of its own, and no fonts,
+  # which newer versions of Java bring.
   set(plain -noindex)
   if(Java_VERSION_MAJOR GREATER_EQUAL 23)
     list(APPEND plain --no-fonts)
@@ -226,7 +226,7 @@ if(NOT QUARVEL_CLI)
   return()
 endif()
 
-# ---- The inspector, with its completion and its manual page, which describe what its classes say ----
+# ---- The inspector, and its completion and manual page, which are made from its classes ----
 
 file(GLOB_RECURSE cli_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/cli/*.java)
 find_file(QUARVEL_PICOCLI picocli.jar PATHS /usr/share/java NO_DEFAULT_PATH)
@@ -261,7 +261,7 @@ set(QUARVEL_COMPLETION ${CMAKE_BINARY_DIR}/quarvel-pkcs11.bash)
 add_custom_command(
   OUTPUT ${QUARVEL_COMPLETION}
   COMMAND ${cli_java} it.quarvel.pkcs11.cli.Main generate-completion > ${QUARVEL_COMPLETION}
-  COMMAND sed -i "/^#!/d" ${QUARVEL_COMPLETION} # it is read, not run
+  COMMAND sed -i "/^#!/d" ${QUARVEL_COMPLETION} # shells read the file, none runs it
   DEPENDS ${QUARVEL_CLI_STAMP}
   VERBATIM)
 set(QUARVEL_MANUAL ${CMAKE_BINARY_DIR}/quarvel-pkcs11.1)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# How our releases are built: QUARVEL_RELEASE. Other builders have flags of their own.
+# The flags of our releases, for QUARVEL_RELEASE. Other builders have flags of their own.
 
 target_compile_options(quarvel_flags INTERFACE -Wall -Wextra -Wconversion -Wmissing-declarations
                                                -fstack-protector-strong
@@ -7,9 +7,9 @@ target_compile_options(quarvel_flags INTERFACE -Wall -Wextra -Wconversion -Wmiss
 target_link_options(quarvel_flags INTERFACE LINKER:--no-undefined LINKER:-z,relro LINKER:-z,now
                                             LINKER:-z,noexecstack)
 
-# Fortification needs an optimising build, and its checks are the sanitizers' there. Of its levels
-# the first, since every format is a literal and musl lacks the functions of the second; none in the
-# adapter, since its checked functions are not in every C library.
+# Fortification needs an optimising build; in a debug build the sanitizers check. The library takes
+# its first level, since every format is a literal and musl lacks the functions of the second. The
+# adapter takes none, since not every C library has the checked functions that it would call.
 target_compile_options(quarvel_fortified
                        INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
                                  $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=1>)
@@ -22,10 +22,11 @@ if(NOT lto)
 endif()
 set_target_properties(${QUARVEL_NATIVE_TARGETS} PROPERTIES INTERPROCEDURAL_OPTIMIZATION ON)
 
-# A call is a few hundred nanoseconds, so the small helpers between method and module count: inline
-# them although they carry trace texts, and clear structures without the slow start of "rep stos".
+# A call takes a few hundred nanoseconds, so the small helpers between method and module count. These
+# flags inline them although they carry trace texts, and clear structures without the slow start of
+# "rep stos".
 include(CheckCXXCompilerFlag)
-set(CMAKE_REQUIRED_FLAGS -Werror) # a compiler that ignores a flag does not know it
+set(CMAKE_REQUIRED_FLAGS -Werror) # a compiler that would ignore a flag fails
 foreach(flag -finline-functions --param=max-inline-insns-auto=100
              -mmemset-strategy=unrolled_loop:256:noalign,libcall:-1:noalign)
   string(MAKE_C_IDENTIFIER "QUARVEL_KNOWS_${flag}" known)
@@ -41,14 +42,14 @@ target_link_options(quarvelpkcs11 PRIVATE ${tuning})
 # ---- One file for every C library since glibc 2.17, and for musl ----
 
 # In glibc 2.34 the functions of libdl.so.2 moved into libc.so.6 under a new version, which no older
-# glibc knows, but libdl.so.2 stayed and the first version is answered for good. So this links against
-# an empty libdl.so.2 with these functions in their first version: no symbol is then wanted from where
-# it has not been always.
+# glibc knows. But libdl.so.2 stays, and answers to the first version for good. So the files are linked
+# against an empty libdl.so.2 with these functions in their first version, and want no symbol from a
+# place where it has not always been.
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
   set(first_version GLIBC_2.2.5)
 elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL aarch64)
   set(first_version GLIBC_2.17)
-  # Else atomics ask the processor for its abilities, by a function that musl lacks.
+  # Otherwise atomics ask for the processor's abilities by a function that musl lacks.
   target_compile_options(quarvel_flags INTERFACE -mno-outline-atomics)
 else()
   message(WARNING "The first version of dlopen on ${CMAKE_SYSTEM_PROCESSOR} is not known here: the "
@@ -68,8 +69,8 @@ set_target_properties(quarvel_libdl PROPERTIES OUTPUT_NAME dl SOVERSION 2
                                                LIBRARY_OUTPUT_DIRECTORY ${folder}
                                                LINK_DEPENDS ${folder}/libdl.map)
 target_link_options(quarvel_libdl PRIVATE -nostdlib LINKER:--version-script=${folder}/libdl.map)
-# Before all other libraries; and no path to the empty file gets into the target, which finds the
-# real one.
+# The empty file comes before all other libraries. Its path does not get into the targets, which so
+# find the real one.
 foreach(target ${QUARVEL_NATIVE_TARGETS})
   target_link_libraries(${target} PRIVATE quarvel_libdl)
   set_target_properties(${target} PROPERTIES SKIP_BUILD_RPATH ON)

@@ -1,7 +1,7 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# Writes the index of the jar's native files, a line for each: CRC-32 and bytes, which gzip writes last, and
-# the name: index.sh FOLDER NAME...
+# Writes the index of the jar's native files: index.sh FOLDER NAME... Each line has CRC-32 and bytes,
+# which gzip writes last, and the name.
 set -eu
 cd "$1"
 shift

@@ -9,13 +9,13 @@ import java.util.*;
 import java.util.stream.*;
 
 /**
- * Shows a token, signs with one of its RSA keys, and has Java's own cryptography verify it. Writes
- * nothing to the token; with {@code --write} a {@link Tour} does, which is meant for a token that
- * nobody needs.
+ * Shows a token, signs with one of its RSA keys, and has Java's own cryptography verify the
+ * signature. It writes nothing to the token, but with {@code --write} a {@link Tour} does, which is
+ * meant for a token that nobody needs.
  *
- * @param options the words of the command line by the option before them
- * @param write whether there is to be a tour
- * @param direct whether the module is used without the adapter
+ * @param options the words of the command line, each by the option before it
+ * @param write whether to make the tour
+ * @param direct whether to use the module without the adapter
  */
 public record Demo(Map<String, String> options, boolean write, boolean direct) {
   private static final String USAGE = "usage: java -cp quarvel-pkcs11.jar:CLASSES Demo"
@@ -48,7 +48,7 @@ public record Demo(Map<String, String> options, boolean write, boolean direct) {
     }
   }
 
-  /** Does it all, and returns what the last line is to say. */
+  /** Does it all, and returns the last line of the output. */
   private String run() throws PKCS11Exception, GeneralSecurityException {
     String file = options.get("--module");
     try (PKCS11Module module = direct ? PKCS11Module.openDirect(file) : PKCS11Module.open(file)) {
@@ -70,7 +70,7 @@ public record Demo(Map<String, String> options, boolean write, boolean direct) {
     }
   }
 
-  /** Shows every token, and returns the slot of the first or of the one that was asked for. */
+  /** Shows every token, and returns the slot of the one that --label names, else of the first. */
   private NativePKCS11Slot chooseSlot(PKCS11Module module) throws PKCS11Exception {
     List<NativePKCS11Slot> slots = module.tokens();
     for (NativePKCS11Slot slot : slots) {
@@ -88,7 +88,7 @@ public record Demo(Map<String, String> options, boolean write, boolean direct) {
     return chosen;
   }
 
-  /** Bytes can be wiped, which a String cannot: a real program reads them from the user. */
+  /** Logs in by bytes, which can be wiped as a String cannot. A real program asks the user. */
   private void login(NativePKCS11Session session) throws PKCS11Exception {
     byte[] pin = options.get("--pin").getBytes(StandardCharsets.UTF_8);
     try {
@@ -109,7 +109,7 @@ public record Demo(Map<String, String> options, boolean write, boolean direct) {
     byte[] signature = sign(session, key, data);
 
     Signature verifier = Signature.getInstance("SHA256withRSA");
-    // Its public key has the same id; a private RSA key mostly tells the public numbers as well.
+    // The public key has the same id; most private RSA keys tell the public numbers as well.
     PKCS11Template half = new PKCS11Template().put(CKA_CLASS, CKO_PUBLIC_KEY).put(CKA_ID, id);
     verifier.initVerify((id.length == 0 ? key : session.findFirst(half).orElse(key)).publicKey());
     verifier.update(data);
@@ -129,7 +129,7 @@ public record Demo(Map<String, String> options, boolean write, boolean direct) {
             + (label == null ? "that signs" : "labelled " + label) + ": name one by --key"));
   }
 
-  /** Lets the token digest the data where it can, and digests it here where it cannot. */
+  /** Signs data, which the token digests if it can, else Java. */
   private static byte[] sign(NativePKCS11Session session, NativePKCS11Object key, byte[] data)
       throws PKCS11Exception, GeneralSecurityException {
     int[] mechanisms = session.slot().getMechanismList();

@@ -14,11 +14,11 @@ import java.util.stream.Collectors;
 import javax.crypto.Cipher;
 
 /**
- * Makes keys, data and a certificate on a token, uses them, checks what comes of it, and destroys
- * them again, also when a step fails.
+ * Makes keys, data and a certificate on a token, uses them, checks the results, and destroys them
+ * again, also when a step fails.
  */
 class Tour implements AutoCloseable {
-  /** Without padding AES takes whole blocks only, and these are two. */
+  /** Two blocks: AES without padding takes whole blocks only. */
   private static final byte[] TEXT =
       "Two blocks of sixteen bytes each".getBytes(StandardCharsets.US_ASCII);
 
@@ -31,7 +31,7 @@ class Tour implements AutoCloseable {
     before = handles();
   }
 
-  /** Runs the tour in a read/write session of the user, behind the adapter: it completes OAEP. */
+  /** Runs the tour in a read/write session of the user; the adapter in front completes OAEP. */
   static void run(NativePKCS11Session session) throws PKCS11Exception {
     try (Tour tour = new Tour(session)) {
       step("make an RSA key pair, which decrypts what Java encrypted", tour::useRsaKeys);
@@ -46,7 +46,7 @@ class Tour implements AutoCloseable {
     }
   }
 
-  /** Runs a step, which returns whether it came out as it should. */
+  /** Runs a step, which returns whether its result is right. */
   private static void step(String what, Callable<Boolean> step) {
     boolean right;
     try {
@@ -115,7 +115,7 @@ class Tour implements AutoCloseable {
         new ByteArrayInputStream(certificate.getByteArrayAttributeValue(CKA_VALUE)));
   }
 
-  /** Destroys what the tour has made, the last first, and has a search tell whether all is gone. */
+  /** Destroys the objects of the tour, the last first, and searches whether all are gone. */
   @Override
   public void close() {
     List<String> refused = new ArrayList<>();
@@ -130,7 +130,7 @@ class Tour implements AutoCloseable {
         () -> handles().equals(before));
   }
 
-  /** What all objects of the tour have in common. Private ones show only to who has logged in. */
+  /** Makes a template with what all objects share. Private objects show after a login only. */
   private static PKCS11Template template(String label, boolean isPrivate) {
     return new PKCS11Template()
         .put(CKA_TOKEN, true).put(CKA_PRIVATE, isPrivate).put(CKA_LABEL, label);

@@ -13,8 +13,8 @@ import picocli.CommandLine.Model.CommandSpec;
 import picocli.CommandLine.Model.OptionSpec;
 
 /**
- * Prints the inspector's manual page: ManualPage.java TEMPLATE. What its commands and options say of
- * themselves replaces the lines .COMMANDS and .OPTIONS of the template.
+ * Prints the inspector's manual page: ManualPage.java TEMPLATE. The descriptions of its commands and
+ * options replace the lines .COMMANDS and .OPTIONS of the template.
  */
 final class ManualPage {
   public static void main(String[] args) throws Exception {

@@ -1,6 +1,6 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# The releases that CHANGELOG.md tells, as debian/changelog tells them.
+# Prints the releases of CHANGELOG.md in the form of debian/changelog.
 set -eu
 between=
 sed -nE 's/^## ([0-9.]+) - ([0-9-]+)$/\1 \2/p' "$(dirname "$0")/../CHANGELOG.md" |

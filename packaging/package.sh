@@ -1,9 +1,9 @@
 #!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
 # Makes a Maven repository and the tarball of a finished build, and the Debian packages of its sources:
-# package.sh BUILD VERSION DATE [VARIANT...], these being what the jar carries for other
-# architectures. The same sources give the same bytes: owners, modes, times and the order of files
-# are fixed.
+# package.sh BUILD VERSION DATE [VARIANT...]. The variants are the other architectures for which the
+# jar carries native files. The same sources give the same bytes: owners, modes, times and the order
+# of files are fixed.
 set -euo pipefail
 build=$1 version=$2 variants=("${@:4}")
 tree=$(dirname "$(dirname "$(readlink -f "$0")")")
@@ -55,7 +55,8 @@ cd "$work/$name"
 packaging/changelog.sh >debian/changelog
 export DEB_BUILD_PROFILES=pkg.quarvel-pkcs11.release DEB_BUILD_OPTIONS="noautodbgsym terse"
 
-# build_packages ARCHITECTURE WHICH: into ..
+# build_packages ARCHITECTURE KIND: builds packages and copies them into deb/ARCHITECTURE; KIND as
+# dpkg-buildpackage --build takes it
 build_packages() {
   dpkg-buildpackage --no-sign --no-check-builddeps "--host-arch=$1" "--build=$2" >"$work/$1.log" 2>&1 ||
     { cat "$work/$1.log"; return 1; }

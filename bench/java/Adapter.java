@@ -13,11 +13,11 @@ final class Adapter {
   private static final int ROUNDS = 21;
   private static final long WINDOW = 400_000_000; // nanoseconds
   private static final int STEP = 10; // calls between two looks at the clock
-  private static final int LONG_STEP = 10_000;
+  private static final int LONG_STEP = 10_000; // the same for calls of some nanoseconds
 
   private Adapter() {}
 
-  /** Prints what calls take a C program, directly and through the adapter, from one thread and two. */
+  /** Prints the times of a C program's calls, direct and adapted, of one thread and two. */
   static void onInstantModule(Rounds rounds) throws Exception {
     String module = Table.BENCH + "instantModule.so";
     Subject library = Subject.library(Table.LIBRARY, FILE);
@@ -47,7 +47,7 @@ final class Adapter {
         2e9 / rates[0][ROUNDS / 2] / calls, 2e9 / rates[1][ROUNDS / 2] / calls);
   }
 
-  /** Prints signatures a second, medians of rounds in which the subjects take turns. */
+  /** Prints signatures a second: the medians over rounds in which the subjects take turns. */
   static void onToken(String module, String pin) throws Exception {
     Subject through = Subject.library(Table.LIBRARY, FILE);
     JdkWrapper jdk = new JdkWrapper(module, false);
@@ -57,7 +57,7 @@ final class Adapter {
     for (Operation op : token.operations().subList(0, 2)) {
       for (int threads = 1; threads <= sessions.length; threads++) {
         double[][] rates = new double[3][ROUNDS];
-        for (int round = -1; round < ROUNDS; round++) { // one more, to warm up
+        for (int round = -1; round < ROUNDS; round++) { // one round more, to warm up
           int i = 0;
           for (Subject subject : List.of(through, Subject.of(jdk), bare)) {
             rates[i++][Math.max(round, 0)] = rate(subject, op, Arrays.copyOf(sessions, threads), STEP);
@@ -70,7 +70,7 @@ final class Adapter {
     }
   }
 
-  /** Runs an operation for a while in as many threads as there are sessions. */
+  /** Runs an operation for a while, a thread in each session, and returns the calls a second. */
   private static double rate(Subject subject, Operation op, int[] sessions, int step)
       throws Exception {
     ExecutorService pool = Executors.newFixedThreadPool(sessions.length);

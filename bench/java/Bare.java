@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** The bare C calls that stand beside the floor, in loops of their own. */
+/** Makes the calls of a C program, in the loops at the end of floor.cpp. */
 final class Bare implements Subject {
   private final String module;
 
@@ -13,7 +13,7 @@ final class Bare implements Subject {
   public Loop loop(Operation op) {
     char kind = op.kind().name().charAt(0); // the floor knows L, S, E and, for all others, D
     return n -> {
-      open(module); // anew, since there is but one at a time
+      open(module); // each time: the floor has one module at a time
       if (op.kind() == Operation.Kind.SEARCH) {
         search(op.session(), Operation.BATCH, n);
       } else {
@@ -24,7 +24,7 @@ final class Bare implements Subject {
 
   private static native void open(String module);
 
-  /** Logs out, signs, encrypts or decrypts, by the first letter. */
+  /** Logs out (L), signs (S), encrypts (E) or decrypts (D). */
   private static native void transform(
       char kind, long session, long key, long mechanism, byte[] in, int room, int calls);
 

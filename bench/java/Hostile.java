@@ -3,8 +3,8 @@ import it.quarvel.pkcs11.PKCS11Constants;
 import java.lang.reflect.Array;
 
 /**
- * One operation on a misbehaving module, in a virtual machine of its own: Hostile library | jdk
- * MODULE KIND. Prints what became of it as the last line.
+ * Runs one operation on a misbehaving module, in a virtual machine of its own: Hostile library |
+ * jdk MODULE KIND. Prints the outcome as the last line.
  */
 final class Hostile {
   public static void main(String[] args) {

@@ -10,7 +10,7 @@ import sun.security.pkcs11.wrapper.PKCS11;
 import sun.security.pkcs11.wrapper.PKCS11Constants;
 import sun.security.pkcs11.wrapper.PKCS11Exception;
 
-/** The operations through the wrapper that the JDK's own PKCS#11 provider is built on. */
+/** Runs the operations through the wrapper on which the JDK's own PKCS#11 provider is built. */
 final class JdkWrapper implements Function<Operation, Callable<?>> {
   private static final CK_ATTRIBUTE[] WANTED = attributes(Operation.WANTED);
 
@@ -69,7 +69,7 @@ final class JdkWrapper implements Function<Operation, Callable<?>> {
       case READ -> () -> {
         CK_ATTRIBUTE[] asked = {new CK_ATTRIBUTE(op.size())};
         p11.C_GetAttributeValue(session, key, asked);
-        return value(asked[0]); // a new one, which the call has put there
+        return value(asked[0]); // the call has put a new attribute there
       };
       case GENERATE_PAIR -> () ->
           p11.C_GenerateKeyPair(session, new CK_MECHANISM(mech), template, template);

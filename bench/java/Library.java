@@ -10,8 +10,8 @@ import java.util.concurrent.Callable;
 import java.util.function.Function;
 
 /**
- * The operations through this library's Java half. Loaded once for each native library under it,
- * with Java classes of its own.
+ * Runs the operations through this library's Java half. This class and those of the Java half are
+ * loaded once for each native library.
  */
 public final class Library implements Function<Operation, Callable<?>> {
   private static final Operation.Attributes WANTED = Operation.WANTED;

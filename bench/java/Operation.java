@@ -5,7 +5,7 @@ import java.util.ArrayList;
 import java.util.List;
 
 /**
- * One operation and its data: what every subject makes one lambda of.
+ * One operation and its data. Every subject makes one lambda of it.
  *
  * @param size the room for output in bytes, the number of attributes in a template, or the type of
  *     the attribute that is read
@@ -29,7 +29,7 @@ public record Operation(
       {CKA_SIGN, true}
     };
 
-    /** The first so many of the attributes of a private key, over and over. */
+    /** Returns so many attributes: those of a private key, over and over. */
     public static Attributes privateKey(int size) {
       Attributes result = new Attributes(new int[size], new Object[size]);
       for (int i = 0; i < size; i++) {
@@ -44,12 +44,12 @@ public record Operation(
   public static final Attributes WANTED =
       new Attributes(new int[] {CKA_CLASS}, new Object[] {CKO_SECRET_KEY});
 
-  /** How many handles a search asks for at once where its interface takes more than one. */
+  /** The number of handles that a search asks for at once, if its interface takes more than one. */
   public static final int BATCH = 100;
 
   public static final String PIN = "1234";
 
-  /** An operation on a module that looks neither at handles nor at data. */
+  /** Makes an operation on a module that looks neither at handles nor at data. */
   static Operation of(String label, Kind kind, int size) {
     byte[] in = new byte[kind == Kind.SIGN ? 32 : size];
     return new Operation(label, kind, 1, 1, CKM_RSA_PKCS, in, size);
@@ -59,7 +59,7 @@ public record Operation(
     return new Operation(label, kind, otherSession, key, mechanism, in, size);
   }
 
-  /** A search on the module that finds as many objects as its session's number says. */
+  /** Makes a search on the module that finds as many objects as the number of its session. */
   static Operation search(String label, int objects) {
     return new Operation(label, Kind.SEARCH, objects, 1, 0, new byte[0], 0);
   }
@@ -99,7 +99,7 @@ public record Operation(
         of("a refused call and its exception", Kind.REFUSED, 0));
   }
 
-  /** How cost grows with size: five searches, then six templates. */
+  /** Returns operations whose cost grows with size: five searches, then six templates. */
   static List<Operation> growth() {
     List<Operation> operations = new ArrayList<>();
     for (int size = 100; size <= 1_000_000; size *= 10) {

@@ -8,10 +8,10 @@ import java.util.stream.Stream;
 
 /**
  * Measures subjects against each other in rounds: every round runs one batch of each, a few
- * milliseconds apart, and the next round starts with another one. What disturbs the machine for
- * longer than a round disturbs all of them alike, so ratios within a round stay true. Times are
+ * milliseconds apart, and the next round starts with another one. A disturbance of the machine that
+ * is longer than a round hits all of them alike, so ratios within a round stay true. Times are
  * processor time of the calling thread, user and system, so that waiting for a processor does not
- * count; nothing that is measured here waits for anything else.
+ * count; the operations wait for nothing else.
  */
 final class Rounds {
   /** Nanoseconds per call, round by round. */
@@ -20,12 +20,12 @@ final class Rounds {
       return quantile(nanos, 2);
     }
 
-    /** The median of the ratios within each round. */
+    /** Returns the median of the ratios within each round. */
     double over(Times reference) {
       return quantile(ratios(reference), 2);
     }
 
-    /** Half the width of the middle half of the ratios: how far their median can be trusted. */
+    /** Returns half the width of the middle half of the ratios: how good their median is. */
     double spread(Times reference) {
       return (quantile(ratios(reference), 3) - quantile(ratios(reference), 1)) / 2;
     }
@@ -49,7 +49,7 @@ final class Rounds {
   private final long batchNanos;
   private final long warmUpNanos;
 
-  /** The property bench.quick makes all of it shorter. */
+  /** Takes the lengths of a measurement, a quarter of each with the property bench.quick. */
   Rounds(int rounds, long batchMicros, long warmUpMillis) {
     int part = Boolean.getBoolean("bench.quick") ? 4 : 1;
     this.rounds = rounds / part;
@@ -61,7 +61,7 @@ final class Rounds {
     return measure(Stream.of(subjects).map(s -> s.loop(op)).toArray(Subject.Loop[]::new));
   }
 
-  /** Warms all up, then measures them. */
+  /** Warms all loops up, then measures them. */
   Times[] measure(Subject.Loop... loops) throws Exception {
     int[] calls = new int[loops.length];
     Times[] times = new Times[loops.length];
@@ -82,7 +82,7 @@ final class Rounds {
     return times;
   }
 
-  /** Runs until the compiler has had nothing to do for some batches. */
+  /** Runs a loop until the compiler has had nothing to do for some batches. */
   private void warmUp(Subject.Loop loop) throws Exception {
     CompilationMXBean compiler = ManagementFactory.getCompilationMXBean();
     long start = System.nanoTime();

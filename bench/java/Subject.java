@@ -8,13 +8,13 @@ import java.util.function.Function;
 /** One way to call a module. */
 @FunctionalInterface
 interface Subject {
-  /** The folder of the built library; what run.sh builds is in its folder "bench". */
+  /** The folder of the built library; run.sh builds into its folder "bench". */
   String BUILD = System.getProperty("bench.build");
 
-  /** Keeps the results, so that the compiler cannot optimise their making away. */
+  /** Keeps the last result, so that the compiler cannot leave out the call that makes it. */
   Object[] KEPT = new Object[1];
 
-  /** One operation, over and over. */
+  /** Runs one operation, over and over. */
   @FunctionalInterface
   interface Loop {
     void run(int calls) throws Exception;
@@ -26,7 +26,7 @@ interface Subject {
     return op -> repeat(calls.apply(op));
   }
 
-  /** The one loop around every call from Java. */
+  /** Makes the loop around a call from Java, which is the same for all subjects. */
   static Loop repeat(Callable<?> call) {
     return calls -> {
       for (int i = 0; i < calls; i++) {
@@ -36,8 +36,8 @@ interface Subject {
   }
 
   /**
-   * The loop around nothing. To be made before anything is measured: it shows the compiler more
-   * kinds of calls than it tells apart, so that the loop will favour none of the subjects.
+   * Makes the loop around nothing. Call this before any measurement: it shows the compiler more
+   * kinds of calls than the compiler tells apart, so that the loop favours none of the subjects.
    */
   static Loop empty() throws Exception {
     Loop[] loops = {repeat(() -> null), repeat(() -> KEPT), repeat(() -> "")};
@@ -47,7 +47,7 @@ interface Subject {
     return loops[0];
   }
 
-  /** This library's Java half over a native library, in a class loader of its own. */
+  /** Returns this library's Java half over a native library, in a class loader of its own. */
   @SuppressWarnings("unchecked")
   static Subject library(String nativeLibrary, String module) throws Exception {
     URL[] classes = {

@@ -2,8 +2,9 @@
 import java.util.List;
 
 /**
- * Prints one table of docs/performance.md: Table instant | growth | token | adapter |
- * threads. A token is what tests/token.sh tells. The property bench.only picks operations by a word, bench.quick hurries.
+ * Prints one table of docs/performance.md: Table instant | growth | token | adapter | threads. The
+ * two tables on a token read the variables of tests/token.sh. The property bench.only picks
+ * operations by a word, bench.quick shortens the measurement.
  */
 final class Table {
   static final String LIBRARY = Subject.BUILD + "/libquarvelpkcs11.so";
@@ -46,8 +47,8 @@ final class Table {
   }
 
   /**
-   * Prints the rows of the subjects: this library, the reference, the reference again and the JDK's
-   * wrapper.
+   * Prints a row for each operation. The subjects are this library, the reference, the reference
+   * again and the JDK's wrapper.
    *
    * @return the geometric means of this library's ratios and of the noise
    */
