@@ -19,7 +19,7 @@ struct Shared {
   std::atomic<unsigned long> beginnings = 0;            // times that the module was initialised
   pthread_mutex_t turns = PTHREAD_MUTEX_INITIALIZER;    // also held in calls that take turns
   unsigned long copies = 0;                             // copies that have the last beginning
-  bool isForeign = false;                               // the last beginning is no copy's
+  bool isForeign = false;                               // the last beginning is somebody else's
   bool isSerial = false;                                // calls take turns
 };
 

@@ -315,7 +315,7 @@ CK_RV unwrapKey(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HA
 constexpr auto moduleLogin = call<&List::C_Login, Session, Length, Data, Length>;
 
 /// Logs in. A key that asks for the PIN at each use wants a CKU_CONTEXT_SPECIFIC login between the
-/// start and the end of an operation; callers who know only the user's login get it by that.
+/// start and the end of an operation. A caller who logs the user in again then gets that login.
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_BYTE* pin, CK_ULONG pinLength) {
   user = narrowed(user);
   bool operating = false;

@@ -31,8 +31,8 @@ struct NewObject;
 
 /// The state that the arguments of one call share.
 struct Context {
-  CK_RV rv = CKR_OK;                 // a refusal, or the value that the caller gets
-  CK_RV answer = CKR_OK;             // the module's value
+  CK_RV rv = CKR_OK;                 // a refusal, or the return value for the caller
+  CK_RV answer = CKR_OK;             // the module's return value
   CK_SLOT_ID slot = 0;               // the real slot, of a call for a slot
   CK_SESSION_HANDLE session = 0;     // the real session, of a call in a session
   CK_SESSION_HANDLE number = 0;      // the caller's number for the session

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The real module: finds, loads, initialises and ends it, counts the calls that are under way, and
-// gives them their turns. This part knows no handles.
+// The real module. This part finds, loads, initialises and ends it, notes the calls that are under
+// way, and gives them their turns. It knows no handles.
 #ifndef QUARVEL_ADAPTER_MODULE_H_
 #define QUARVEL_ADAPTER_MODULE_H_
 
@@ -15,7 +15,7 @@ namespace adapter {
 
 class Lock {
  public:
-  /// A null mutex needs no holding.
+  /// Holds nothing if the mutex is null.
   explicit Lock(pthread_mutex_t* mutex) : mutex_(mutex) {
     if (mutex_ != nullptr) pthread_mutex_lock(mutex_);
   }
@@ -63,8 +63,7 @@ inline Line& lineOf(const void* thread) {
   return lines[reinterpret_cast<CK_ULONG>(thread) * 0x9E3779B97F4A7C15U >> 59];
 }
 
-/// A call from its start to its return. Either it gets in, and the end of the module waits for it,
-/// or it does not get in.
+/// A call from its start to its return: the end of the module waits for it, or it does not get in.
 class Call {
  public:
   Call() {

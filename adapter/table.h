@@ -45,7 +45,7 @@ struct Entry {
 };
 
 /// The real object handles that a search has read ahead. The caller has yet to fetch those from
-/// `begin` to before `end`.
+/// `begin` on, up to the one before `end`.
 struct Ahead {
   static constexpr CK_ULONG kRoom = 64;
   CK_OBJECT_HANDLE handles[kRoom];

@@ -23,7 +23,7 @@ java=("$JAVA_HOME/bin/java" -Xmx1g -XX:TieredStopAtLevel=1 -XX:-CreateCoredumpOn
 # A subject may try to hold a list of 2^31 items twice, which must not exhaust the machine.
 ulimit -v 12582912
 
-# outcome SUBJECT OPERATION: writes what became of the operation into the file SUBJECT
+# outcome SUBJECT OPERATION: runs the operation and writes its outcome into the file SUBJECT
 outcome() {
   local status=0 signal
   { timeout -k 5 20 "${java[@]}" "$1" build/tests/libscripted.so "$2" >"$out/$1.out" 2>&1; } \

@@ -130,7 +130,7 @@ class Tour implements AutoCloseable {
         () -> handles().equals(before));
   }
 
-  /** Makes a template with what all objects share. Private objects show after a login only. */
+  /** Makes the template of a labelled token object. Private objects show after a login only. */
   private static PKCS11Template template(String label, boolean isPrivate) {
     return new PKCS11Template()
         .put(CKA_TOKEN, true).put(CKA_PRIVATE, isPrivate).put(CKA_LABEL, label);

@@ -29,7 +29,7 @@ public record Operation(
       {CKA_SIGN, true}
     };
 
-    /** Returns so many attributes: those of a private key, over and over. */
+    /** Returns {@code size} attributes: those of a private key, over and over. */
     public static Attributes privateKey(int size) {
       Attributes result = new Attributes(new int[size], new Object[size]);
       for (int i = 0; i < size; i++) {

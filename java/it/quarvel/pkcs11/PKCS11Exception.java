@@ -96,8 +96,8 @@ public class PKCS11Exception extends Exception {
   /**
    * Names the return value.
    *
-   * @return "CKR_PIN_INCORRECT" for instance, a text with the number where there is no name, or
-   *     empty when the exception carries only a message
+   * @return "CKR_PIN_INCORRECT" for instance, a text with the number if it has no name, or empty
+   *     when the exception carries only a message
    */
   public String name() {
     return errorCode == CKR_OK ? "" : nameOf(errorCode, vendorDefined);

@@ -346,13 +346,12 @@ public class NativePKCS11Object {
   }
 
   /**
-   * Reads several attributes. It leaves out an attribute that the object does not have, that has no
-   * value, or that the token keeps to itself.
+   * Reads several attributes ({@code C_GetAttributeValue}, for each). It leaves out an attribute
+   * that the object does not have, that has no value, or that the token keeps to itself.
    *
    * @param types {@code CKA_} constants
    * @return the values in the order of {@code types}: dates as {@link #getDate} reads them, others
-   *     as {@link #getAttributeValue} does, and as {@code byte[]} if the method cannot read the
-   *     value
+   *     as {@link #getAttributeValue} does, and a value that neither can read as {@code byte[]}
    * @throws PKCS11Exception when the module refuses for another reason
    */
   public Map<Integer, Object> attributes(int... types) throws PKCS11Exception {
@@ -374,7 +373,7 @@ public class NativePKCS11Object {
     return values;
   }
 
-  /** Reads an attribute; null for an empty value of a type that has no empty one, as numbers. */
+  /** Reads an attribute; null if it is empty and its Java type has no empty value. */
   private Object value(int type) throws PKCS11Exception {
     try {
       return type == CKA_START_DATE || type == CKA_END_DATE
@@ -391,7 +390,7 @@ public class NativePKCS11Object {
   }
 
   /**
-   * Changes several attributes in one call.
+   * Changes several attributes in one call ({@code C_SetAttributeValue}).
    *
    * @param template the attributes and their new values
    * @throws PKCS11Exception when the module refuses

@@ -681,12 +681,13 @@ public class NativePKCS11Session implements AutoCloseable {
 
   /**
    * Visits every object that matches, each as the module yields it, so that the caller needs to
-   * keep none. The search is open meanwhile, and some modules then refuse to sign in the session.
-   * It ends however the visits end.
+   * keep none ({@code C_FindObjectsInit}, {@code C_FindObjects}, {@code C_FindObjectsFinal}). The
+   * search is open meanwhile, and some modules then refuse to sign in the session. It ends however
+   * the visits end.
    *
    * @param <E> the visitor's exception
    * @param template the attributes to match; null or empty for every object
-   * @param visitor what to do with each object, and whether to go on
+   * @param visitor gets each object, and tells whether to go on
    * @throws PKCS11Exception when the module refuses
    * @throws E from the visitor
    */
@@ -704,11 +705,11 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Signs data. The call offers the module room for 1,024 bytes first; a longer signature costs two
-   * calls of the module more.
+   * Signs data ({@code C_SignInit}, {@code C_Sign}). The call offers the module room for 1,024
+   * bytes first; a longer signature costs two calls of the module more.
    *
    * @param mech a {@code CKM_} value
-   * @param key a private or secret key, see {@link #signInit} on those that want the PIN each time
+   * @param key a private or secret key; {@link #signInit} tells of keys that want the PIN each time
    * @param data the data
    * @return the signature
    * @throws PKCS11Exception when the module refuses
@@ -735,8 +736,8 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Encrypts data with a mechanism whose output is no longer than its input: raw RSA on a whole
-   * block, block ciphers without padding on whole blocks.
+   * Encrypts data ({@code C_EncryptInit}, {@code C_Encrypt}) with a mechanism whose output is no
+   * longer than its input: raw RSA on a whole block, block ciphers without padding on whole blocks.
    *
    * @param mech a {@code CKM_} value
    * @param key a public or secret key
@@ -752,11 +753,12 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Decrypts data. The call first offers the module room for as many bytes as {@code data} has, and
-   * at least 1,024; a longer result costs two calls of the module more.
+   * Decrypts data ({@code C_DecryptInit}, {@code C_Decrypt}). The call first offers the module room
+   * for as many bytes as {@code data} has, and at least 1,024; a longer result costs two calls of
+   * the module more.
    *
    * @param mech a {@code CKM_} value
-   * @param key a private or secret key, see {@link #signInit} on those that want the PIN each time
+   * @param key a private or secret key; {@link #signInit} tells of keys that want the PIN each time
    * @param data the encrypted data
    * @return the decrypted data
    * @throws PKCS11Exception when the module refuses
@@ -783,7 +785,7 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Creates an object.
+   * Creates an object ({@code C_CreateObject}).
    *
    * @param template its attributes
    * @return the object
@@ -794,7 +796,7 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Generates a secret key.
+   * Generates a secret key ({@code C_GenerateKey}).
    *
    * @param mech a {@code CKM_} value, {@code CKM_AES_KEY_GEN} for instance
    * @param template its attributes
@@ -806,7 +808,7 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Generates a key pair.
+   * Generates a key pair ({@code C_GenerateKeyPair}).
    *
    * @param mech a {@code CKM_} value, {@code CKM_RSA_PKCS_KEY_PAIR_GEN} for instance
    * @param pub attributes of the public key
@@ -823,7 +825,7 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Wraps a key, of up to 64 KiB in its wrapped form.
+   * Wraps a key ({@code C_WrapKey}), of up to 64 KiB in its wrapped form.
    *
    * @param mech a {@code CKM_} value
    * @param wrappingKey the key that wraps
@@ -846,11 +848,12 @@ public class NativePKCS11Session implements AutoCloseable {
   }
 
   /**
-   * Unwraps a key. In a module that {@link it.quarvel.pkcs11.PKCS11Module#open} opened, {@code
-   * CKM_ECDH1_DERIVE} and {@code CKM_ECDH1_COFACTOR_DERIVE} agree on a key instead ({@code
-   * C_DeriveKey} with {@code CKD_NULL}): the unwrapping key is the private EC key; the wrapped key
-   * is the other side's public point, bare or as a DER octet string, whichever the module takes;
-   * the secret becomes the new key's value.
+   * Unwraps a key ({@code C_UnwrapKey}). In a module that {@link
+   * it.quarvel.pkcs11.PKCS11Module#open} opened, {@code CKM_ECDH1_DERIVE} and {@code
+   * CKM_ECDH1_COFACTOR_DERIVE} agree on a key instead ({@code C_DeriveKey} with {@code CKD_NULL}):
+   * the unwrapping key is the private EC key; the wrapped key is the other side's public point,
+   * bare or as a DER octet string, whichever the module takes; the secret becomes the new key's
+   * value.
    *
    * @param mech a {@code CKM_} value
    * @param unwrappingKey the key that unwraps

@@ -84,8 +84,8 @@ public class NativePKCS11Slot {
    *
    * @param mech a {@code CKM_} value
    * @return key sizes and uses of the mechanism
-   * @throws PKCS11Exception when the module refuses, with CKR_MECHANISM_INVALID for one that is not
-   *     in the list
+   * @throws PKCS11Exception when the module refuses, with CKR_MECHANISM_INVALID for a mechanism
+   *     that it does not list
    */
   public native PKCS11MechanismInfo getMechanismInfo(int mech) throws PKCS11Exception;
 

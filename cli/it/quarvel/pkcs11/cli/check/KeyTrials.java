@@ -200,7 +200,7 @@ public final class KeyTrials {
         .formatted(LABEL, made.size()) + " removes them";
   }
 
-  /** Uses the key that is named, else the one that was made, else one that is on the token. */
+  /** Uses the key that the user names, else the one that was made, else one of the token. */
   private void use(Step step, NativePKCS11Object named, int use, KeyTrial trial) throws Failure {
     table.attempt(step, () -> {
       NativePKCS11Object key = named != null ? named : pair != null ? pair.privateKey()

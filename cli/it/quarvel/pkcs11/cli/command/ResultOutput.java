@@ -6,7 +6,7 @@ import java.io.IOException;
 import java.nio.file.*;
 import picocli.CommandLine.Option;
 
-/** The options that say where a command writes its one result. */
+/** The option that names the file for the result of a command. */
 public final class ResultOutput {
   @Option(names = {"-o", "--output"}, paramLabel = "FILE",
       description = "Where the result goes; without it, or with \"-\", standard output.")

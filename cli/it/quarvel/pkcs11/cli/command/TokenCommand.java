@@ -13,7 +13,7 @@ abstract class TokenCommand extends ModuleCommand {
   @Mixin private TokenOptions token;
   @Mixin private PinOptions pin;
 
-  /** Returns the URI of what the user names, {@link PKCS11Uri#ANY} when that is nothing. */
+  /** Returns the URI of the token or object that the user names, else {@link PKCS11Uri#ANY}. */
   PKCS11Uri uri() {
     return token.uri();
   }

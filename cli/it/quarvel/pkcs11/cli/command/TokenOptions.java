@@ -37,7 +37,7 @@ final class TokenOptions {
   @ArgGroup(exclusive = true)
   private Choice choice = new Choice();
 
-  /** Returns the URI of the token that the user names, {@link PKCS11Uri#ANY} without an option. */
+  /** Returns the URI of the token that the user names, else {@link PKCS11Uri#ANY}. */
   PKCS11Uri uri() {
     return choice.uri;
   }

@@ -4,7 +4,7 @@ package it.quarvel.pkcs11.cli.console;
 /**
  * Stands in the place of a value that cannot be read.
  *
- * @param reason why: "sensitive" for one that the token keeps to itself, else the failure
+ * @param reason "sensitive" for a value that the token keeps to itself, else the failure
  */
 public record Unread(String reason) {
   @Override

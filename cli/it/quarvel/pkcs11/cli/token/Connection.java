@@ -194,7 +194,7 @@ public final class Connection implements AutoCloseable {
     steps.run(Step.SEARCH, () -> session.forEach(template, visitor));
   }
 
-  /** Returns the first objects that match, at most so many. */
+  /** Returns the first objects that match, at most {@code most}. */
   public List<NativePKCS11Object> find(PKCS11Template template, int most) throws Failure {
     List<NativePKCS11Object> found = new ArrayList<>();
     search(template, object -> found.add(object) && found.size() < most);
