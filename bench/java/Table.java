@@ -18,7 +18,7 @@ final class Table {
       case "instant" -> {
         String means = onInstantModule(Operation.instant(), new Rounds(101, 4_000, 300));
         System.out.printf(
-            "%n%s%nOf the time of each call, %.1f ns are the loop around it.%n", means, loop);
+            "%n%s%nThe loop around each call takes %.1f ns of its time.%n", means, loop);
       }
       case "growth" -> onInstantModule(Operation.growth(), new Rounds(25, 4_000, 300));
       case "adapter" -> Adapter.onInstantModule(new Rounds(101, 4_000, 300));
