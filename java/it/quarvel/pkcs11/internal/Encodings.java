@@ -6,7 +6,7 @@ import java.nio.ByteBuffer;
 import java.security.MessageDigest;
 import java.util.Arrays;
 
-/** The forms of a signature that tokens leave to the caller. */
+/** Encodes signatures and digests in the forms that PKCS#11 leaves to the caller. */
 public final class Encodings {
   private static final byte INTEGER = 2;
   private static final byte SEQUENCE = 0x30;
@@ -15,7 +15,13 @@ public final class Encodings {
 
   private Encodings() {}
 
-  /** Makes the DER form of an ECDSA signature that is two numbers of one size. */
+  /**
+   * Encodes an ECDSA signature in DER.
+   *
+   * @param signature r and s as {@code C_Sign} returns them: two unsigned big-endian numbers of the
+   *     same size, at most 125 bytes in DER
+   * @return the SEQUENCE of the two INTEGERs
+   */
   public static byte[] derSignature(byte[] signature) {
     int size = signature.length / 2;
     byte[] r = new BigInteger(1, signature, 0, size).toByteArray();
@@ -31,11 +37,14 @@ public final class Encodings {
   }
 
   /**
-   * Pads a digest as EMSA-PSS does.
+   * Pads a digest for raw RSA ({@code CKM_RSA_X_509}) by EMSA-PSS of RFC 8017.
    *
-   * @param digest the message's digest
-   * @param bits bits of the modulus less one
-   * @return bytes for raw RSA, one fewer than the modulus where it has 8n + 1 bits
+   * @param digest the digest of the message
+   * @param bits one less than the bits of the modulus; their bytes hold digest, salt and two bytes
+   * @param hash the digest's hash function, in its initial state
+   * @param mask the hash function of MGF1, in its initial state
+   * @return the padded digest, as many bytes as {@code bits} need: one fewer than the modulus has
+   *     if that has 8n + 1 bits
    */
   public static byte[] pss(byte[] digest, byte[] salt, int bits, MessageDigest hash, MessageDigest mask) {
     hash.update(new byte[8]);

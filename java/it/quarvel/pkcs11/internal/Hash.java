@@ -10,7 +10,7 @@ import java.security.spec.MGF1ParameterSpec;
 import java.security.spec.PSSParameterSpec;
 import java.util.HexFormat;
 
-/** The hash functions of signatures. */
+/** The hash functions of signatures, with the names and numbers of each signature. */
 public enum Hash {
   SHA1("SHA-1", 20, "3021300906052b0e03021a05000414", "1.2.840.113549.1.1.5",
       "1.2.840.10045.4.1", "1.3.133.16.840.63.0.2", CKM_SHA1_RSA_PKCS,
@@ -39,36 +39,40 @@ public enum Hash {
   SHA3_512("SHA3-512", 64, "3051300d060960864801650304020a05000440", "2.16.840.1.101.3.4.3.16",
       "2.16.840.1.101.3.4.3.12", null, CKM_SHA3_512_RSA_PKCS,
       CKM_ECDSA_SHA3_512, CKM_SHA3_512_RSA_PKCS_PSS),
-  /** With PKCS #1 alone, as in Java; no mechanism hashes so. */
+  /** This hash and the next one sign by PKCS #1 alone, as in Java. No mechanism hashes by them. */
   SHA512_224("SHA-512/224", 28, "302d300d06096086480165030402050500041c", "1.2.840.113549.1.1.15",
       null, null, -1, -1, -1),
   SHA512_256("SHA-512/256", 32, "3031300d060960864801650304020605000420", "1.2.840.113549.1.1.16",
       null, null, -1, -1, -1);
 
-  /** The names of the digest in Java, and within the names of signatures. */
+  /** Java's name of the digest, {@code SHA-256} for instance. */
   public final String algorithm;
 
+  /** The digest within the names of signatures, {@code SHA256} for instance. */
   public final String shortName;
 
-  /** Object identifiers of the signature with RSA and with ECDSA, null where there is none. */
+  /** Object identifier of the signature by RSA PKCS #1. */
   public final String rsaId;
 
+  /** Object identifier of the signature by ECDSA, null if there is none. */
   public final String ecdsaId;
 
-  /** Object identifier of the CMS key agreement that derives keys with it, null where there is none. */
+  /** Object identifier of the CMS key agreement that derives keys by this hash, null if none. */
   public final String agreementId;
 
-  /** The {@code CKM_} that hash and sign, with PKCS #1 and with ECDSA, -1 where there is none. */
+  /** The {@code CKM_} that hashes and signs by RSA PKCS #1, -1 if there is none. */
   public final int rsaMechanism;
 
+  /** The {@code CKM_} that hashes and signs by ECDSA, -1 if there is none. */
   public final int ecdsaMechanism;
 
-  /** A salt as long as the hash, and its own mask generation. */
+  /** The usual parameters of RSASSA-PSS: MGF1 by the same hash, a salt as long as the digest. */
   public final PSSParameterSpec pss;
 
-  /** The {@code CKM_} that hashes and signs with these parameters, -1 where there is none. */
+  /** The {@code CKM_} that hashes and signs with {@link #pss}, -1 if there is none. */
   public final int pssMechanism;
 
+  /** The DER of a DigestInfo up to the digest. */
   private final byte[] digestInfo;
 
   Hash(String algorithm, int length, String digestInfo, String rsaId, String ecdsaId,
@@ -86,7 +90,7 @@ public enum Hash {
     this.pssMechanism = pssMechanism;
   }
 
-  /** Returns the hash of a mechanism that hashes and signs, null for another mechanism. */
+  /** Returns the hash of a {@code CKM_} that hashes and signs, null for any other number. */
   public static Hash of(int mechanism) {
     for (Hash hash : values()) {
       if (mechanism != -1 && (mechanism == hash.rsaMechanism || mechanism == hash.ecdsaMechanism
@@ -98,10 +102,11 @@ public enum Hash {
   }
 
   /**
-   * Returns the mechanism that signs what {@link #input} makes, for tokens that do not hash.
+   * Returns the mechanism that signs the result of {@link #input}, for tokens that do not hash.
    *
-   * @param mechanism the {@code CKM_} that hashes and signs
-   * @return CKM_RSA_PKCS or CKM_ECDSA; the mechanism itself where there is nothing else
+   * @param mechanism any {@code CKM_}
+   * @return {@code CKM_RSA_PKCS} or {@code CKM_ECDSA} for a mechanism that hashes and signs by
+   *     either, else {@code mechanism} itself, RSASSA-PSS included
    */
   public static int rest(int mechanism) {
     Hash hash = of(mechanism);
@@ -109,7 +114,13 @@ public enum Hash {
         : mechanism == hash.rsaMechanism ? CKM_RSA_PKCS : CKM_ECDSA;
   }
 
-  /** Makes of data what is left to be signed by {@link #rest}. */
+  /**
+   * Hashes data for the mechanism that {@link #rest} returns.
+   *
+   * @param mechanism any {@code CKM_}
+   * @return a DER DigestInfo for {@code CKM_RSA_PKCS}, a digest for {@code CKM_ECDSA}; the data
+   *     itself if {@code rest} returns {@code mechanism}
+   */
   public static byte[] input(int mechanism, byte[] data) {
     if (rest(mechanism) == mechanism) {
       return data;
@@ -119,16 +130,23 @@ public enum Hash {
     return mechanism == hash.rsaMechanism ? hash.digestInfo(digest) : digest;
   }
 
+  /** Returns Java's digest of this hash. */
   public MessageDigest digest() {
     return digest(algorithm);
   }
 
-  /** Wraps a digest as PKCS #1 has it: a DER DigestInfo. */
+  /** Wraps a digest in a DER DigestInfo, which PKCS #1 signs. */
   public byte[] digestInfo(byte[] digest) {
     return ByteBuffer.allocate(digestInfo.length + digest.length).put(digestInfo).put(digest)
         .array();
   }
 
+  /**
+   * Returns a digest of Java.
+   *
+   * @param algorithm its name, which need not be one of this enum
+   * @throws IllegalArgumentException when Java has no such digest
+   */
   public static MessageDigest digest(String algorithm) {
     try {
       return MessageDigest.getInstance(algorithm);

@@ -12,9 +12,12 @@ import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
 import java.util.Arrays;
 
-/** Makes a PIN the bytes that a token gets. Each copy but the result, which is the caller's, is wiped. */
+/**
+ * Makes the bytes of a PIN as {@code C_Login} takes them. Each method wipes its own copies; the
+ * result is the caller's to wipe.
+ */
 public final class Pin {
-  /** Bytes of a line; what is longer is another file, or has no end. */
+  /** The most bytes of a line: a longer one is no PIN, but another file or one without an end. */
   private static final int LONGEST = 4096;
 
   private static final byte[] BYTE_ORDER_MARK = {(byte) 0xEF, (byte) 0xBB, (byte) 0xBF};
@@ -22,14 +25,14 @@ public final class Pin {
   private Pin() {}
 
   /**
-   * Encodes what somebody typed.
+   * Encodes a PIN in UTF-8.
    *
-   * @param typed the characters, which stay the caller's
-   * @return their UTF-8, which the caller wipes
-   * @throws CharacterCodingException when half of a surrogate pair is among them
+   * @param typed the characters, which the caller wipes
+   * @return the bytes, which the caller wipes; none for no characters
+   * @throws CharacterCodingException when {@code typed} has half of a surrogate pair
    */
   public static byte[] of(char[] typed) throws CharacterCodingException {
-    // Not encode(CharBuffer), which may leave outgrown copies behind.
+    // CharsetEncoder.encode(CharBuffer) would not do: it may leave outgrown copies behind.
     CharsetEncoder encoder = StandardCharsets.UTF_8.newEncoder();
     ByteBuffer room = ByteBuffer.allocate((int) (typed.length * encoder.maxBytesPerChar()));
     try {
@@ -44,15 +47,16 @@ public final class Pin {
   }
 
   /**
-   * Reads the first line of a file. Nothing but a byte order mark and the end of the line is taken off.
+   * Reads a PIN from the first line of a file. The line ends at a line feed or a carriage return.
+   * The method takes off a byte order mark and that end, and nothing else: blanks are of the PIN.
    *
-   * @param file what has the PIN; a pipe is read no further than that line
-   * @return its bytes, at least one, which the caller wipes
-   * @throws IOException when it cannot be read; when the line is empty, longer than 4,096 bytes or no
-   *     UTF-8, with a message that begins "its first line"
+   * @param file the file; a pipe may stay open after the end of its first line
+   * @return the bytes of the PIN, at least one, which the caller wipes
+   * @throws IOException when the file cannot be read; when the line is empty, longer than 4,096
+   *     bytes or no UTF-8, with a message that begins "its first line"
    */
   public static byte[] ofFile(Path file) throws IOException {
-    // A channel puts into its own memory what goes into an array, and leaves it there.
+    // A channel fills an array by way of memory of its own, and would leave the PIN there.
     ByteBuffer read = ByteBuffer.allocateDirect(BYTE_ORDER_MARK.length + LONGEST + 1);
     byte[] line = {};
     boolean fits = false;
@@ -77,7 +81,13 @@ public final class Pin {
     }
   }
 
-  /** Returns where the line ends that was read so far, at the earliest at {@code from}. */
+  /**
+   * Returns the offset of the first line's end.
+   *
+   * @param read the bytes read so far, up to its position
+   * @param from the offset at which to begin
+   * @return at least {@code from}; the position of {@code read} if the line has not ended yet
+   */
   private static int endOfLine(ByteBuffer read, int from) {
     int end = from;
     while (end < read.position() && read.get(end) != '\n' && read.get(end) != '\r') {
@@ -86,6 +96,7 @@ public final class Pin {
     return end;
   }
 
+  /** Refuses a line that is no PIN; the messages tell nothing of its bytes. */
   private static void check(byte[] line) throws IOException {
     if (line.length == 0 || line.length > LONGEST) {
       throw new IOException(line.length == 0 ? "its first line is empty"
@@ -99,7 +110,7 @@ public final class Pin {
     }
   }
 
-  /** Overwrites a PIN; null is none. */
+  /** Overwrites a PIN with zeros; null does nothing. */
   public static void wipe(byte[] pin) {
     if (pin != null) {
       Arrays.fill(pin, (byte) 0);

@@ -3,11 +3,11 @@ package it.quarvel.pkcs11.internal;
 
 import java.util.HexFormat;
 
-/** Makes text that others have written fit to stand in a line on a terminal. */
+/** Makes foreign text, a label on a token for instance, safe to print in a line on a terminal. */
 public final class Printable {
   private Printable() {}
 
-  /** Shows what could steer a terminal, or turn its text around, as an escape. */
+  /** Returns the text with an {@link #escape} in place of each character that {@link #steers}. */
   public static String of(String text) {
     StringBuilder shown = new StringBuilder(text.length());
     for (int i = 0; i < text.length();) {
@@ -22,7 +22,13 @@ public final class Printable {
     return shown.toString();
   }
 
-  /** Tells whether a character does something else to a terminal than to stand there. */
+  /**
+   * Tells whether a terminal may obey a character rather than show it. True for control characters,
+   * separators of lines and paragraphs, and format characters, some of which turn text around; also
+   * for half of a surrogate pair.
+   *
+   * @param c a code point
+   */
   public static boolean steers(int c) {
     return switch (Character.getType(c)) {
       case Character.CONTROL, Character.FORMAT, Character.SURROGATE,
@@ -31,7 +37,7 @@ public final class Printable {
     };
   }
 
-  /** Writes the code units of a character as Java and JSON do. */
+  /** Returns a code point as Java and JSON escape it: backslash, u and hex for each UTF-16 unit. */
   public static String escape(int c) {
     StringBuilder escape = new StringBuilder();
     for (char unit : Character.toChars(c)) {

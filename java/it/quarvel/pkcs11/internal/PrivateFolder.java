@@ -18,29 +18,36 @@ import java.util.TreeSet;
 import java.util.zip.CRC32;
 
 /**
- * A folder that only its owner can look into, where native files lie while they are loaded. What is
- * mapped outlives its deleted file.
+ * A folder of the user's own (mode 700), which holds native files while the dynamic linker loads
+ * them. The caller closes it after the load: a mapped file outlives its name.
  */
 public final class PrivateFolder implements AutoCloseable {
-  /** The system property that says where such folders are made, instead of java.io.tmpdir. */
+  /** The system property that names the parent of such folders, in place of the usual ones. */
   public static final String TMPDIR_PROPERTY = "it.quarvel.pkcs11.tmpdir";
 
   private static final String NATIVES = "/it/quarvel/pkcs11/nat/";
 
-  /** The file in {@link #NATIVES} with a line for each native file: CRC-32, bytes, name. */
+  /**
+   * The file in {@link #NATIVES} with a line for each native file: CRC-32 and size in decimal, then
+   * the file's name with its folder.
+   */
   private static final String INDEX = "INDEX";
 
   private static final FileAttribute<?> OWNER_ONLY =
       PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------"));
 
-  /** How many parents are tried unless the property names one. */
+  /** The number of parents that {@link #create} tries unless the property names one. */
   private static final int PARENTS = 3;
 
-  /** Bits of a mode: group or others may write; in a folder, they may change only their own files. */
+  /** The mode bits by which the group and others may write. */
   private static final int WRITABLE = 0022;
+
+  /** The mode bit of a folder in which each user may change only the user's own files. */
   private static final int STICKY = 01000;
 
   private final Path path;
+
+  /** The files that {@link #close} deletes. */
   private final Set<String> names = new HashSet<>();
 
   private PrivateFolder(Path path) {
@@ -48,12 +55,12 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Makes a folder of a new name: in the folder of {@link #TMPDIR_PROPERTY}, or if it is not set, in
-   * {@code java.io.tmpdir}, {@code /dev/shm} or {@code XDG_RUNTIME_DIR}, the first in which one can
-   * be made that no other user but root can exchange.
+   * Makes a folder of a new name that no other user but root can exchange. Its parent is the folder
+   * of {@link #TMPDIR_PROPERTY}; if that is not set, the first of {@code java.io.tmpdir}, {@code
+   * /dev/shm} and the environment's {@code XDG_RUNTIME_DIR} that serves.
    *
    * @return the folder, which the caller closes
-   * @throws IOException that tells what was tried and why it failed
+   * @throws IOException when no parent serves; the message names each and the reason
    */
   public static PrivateFolder create() throws IOException {
     String named = System.getProperty(TMPDIR_PROPERTY);
@@ -74,7 +81,7 @@ public final class PrivateFolder implements AutoCloseable {
         + (named != null ? "" : ": name one with -D" + TMPDIR_PROPERTY + "=DIR"), failure);
   }
 
-  /** Returns the parent that is tried in the given turn, from 0; null where it has no name. */
+  /** Returns the parent that {@link #create} tries in a turn, from 0; null if it is not set. */
   private static String parent(int turn) {
     return switch (turn) {
       case 0 -> System.getProperty("java.io.tmpdir");
@@ -96,8 +103,9 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Refuses parents whose owner, or others who may write there, could exchange the folder. The owner of
-   * the root folder can do so anyway; in a user namespace without root that is not 0.
+   * Refuses the folder if another user could exchange it, as the owner of a folder above it or by
+   * the right to write to one. Root may own folders above, and so may the owner of the root folder,
+   * whose number is not 0 in a user namespace without root.
    */
   private void checkParents() throws IOException {
     Set<Object> trusted = new HashSet<>();
@@ -117,9 +125,10 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Makes the folder once more after it was closed, or one of a new name where its own is taken.
+   * Makes the folder once more after it was closed, or one of a new name if that fails because
+   * somebody has taken the name.
    *
-   * @return the folder, which the caller closes
+   * @return the folder, this one or a new one, which the caller closes
    * @throws IOException as {@link #create}
    */
   public PrivateFolder again() throws IOException {
@@ -132,10 +141,10 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Returns a file of the folder, which goes with it.
+   * Returns the path of a file in the folder. {@link #close} will delete the file.
    *
    * @param name the file's name
-   * @return its absolute path, whether or not it is there
+   * @return its absolute path, whether or not the file is there
    */
   public Path file(String name) {
     names.add(name);
@@ -143,14 +152,14 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Copies a native file out of the jar. One that was changed on its way, as tools do that take a
-   * resource for a text, could end the process when it is loaded. The checksum is against such tools
-   * alone: who means harm changes the index too.
+   * Copies a native file from the jar into the folder, after a comparison with the jar's index:
+   * tools that take a resource for text damage it, and the load of a damaged file could end the
+   * process. The checksum detects such damage alone: an attacker would change the index too.
    *
    * @param name the file's name, in the jar and in the folder
-   * @return the copy
-   * @throws IOException when the jar has none for this architecture, when the file is not as it was
-   *     built, or when it cannot be written
+   * @return the absolute path of the copy
+   * @throws IOException when the jar has no such file for this architecture, when the file differs
+   *     from the index, or when the copy cannot be written
    */
   public Path copy(String name) throws IOException {
     byte[] content = read(resource(name));
@@ -168,11 +177,12 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Writes a file of the folder, which goes with it.
+   * Writes a file in the folder. {@link #close} will delete the file.
    *
    * @param name the file's name
+   * @param content its bytes
    * @return its absolute path
-   * @throws IOException when it cannot be written
+   * @throws IOException when the file cannot be written
    */
   public Path write(String name, byte[] content) throws IOException {
     Path file = file(name);
@@ -183,9 +193,10 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Tells for what the jar has native files.
+   * Names the systems for which the jar has native files, for a message.
    *
-   * @return names of systems and architectures
+   * @return "linux-amd64 and linux-aarch64" for instance, "no native files", or the failure to read
+   *     the index
    */
   public static String carried() {
     try {
@@ -201,7 +212,7 @@ public final class PrivateFolder implements AutoCloseable {
     return new String(read(NATIVES + INDEX), StandardCharsets.UTF_8);
   }
 
-  /** Reads a resource, which is empty when it is not there. */
+  /** Reads a resource; none counts as an empty one. */
   private static byte[] read(String resource) throws IOException {
     try (InputStream in = PrivateFolder.class.getResourceAsStream(resource)) {
       return in == null ? new byte[0] : in.readAllBytes();
@@ -209,16 +220,16 @@ public final class PrivateFolder implements AutoCloseable {
   }
 
   /**
-   * Tells where the jar has a native file, if it carries any.
+   * Names the resource of a native file for this architecture, whether or not the jar has it.
    *
    * @param name the file's name
-   * @return name of the resource for this architecture
+   * @return the absolute name of the resource
    */
   public static String resource(String name) {
     return NATIVES + "linux-" + System.getProperty("os.arch") + "/" + name;
   }
 
-  /** Deletes the folder with its files, as far as that can be done. */
+  /** Deletes the folder and the files that this object has named, as far as the system lets it. */
   @Override
   public void close() {
     if (Files.isDirectory(path, LinkOption.NOFOLLOW_LINKS)) {

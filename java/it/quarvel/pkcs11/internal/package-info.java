@@ -1,3 +1,3 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Classes that this library shares with the inspector alone. */
+/** Helpers of this library and of the inspector, for no other program. */
 package it.quarvel.pkcs11.internal;
