@@ -23,47 +23,56 @@ import javax.security.auth.callback.UnsupportedCallbackException;
 import javax.security.auth.login.LoginException;
 
 /**
- * Gets the PIN of a token from a callback handler or a file, or from nobody, for a reader with a PIN
- * pad. Each wrong try brings a token nearer to its lock, so that nobody tries what has just failed
- * for somebody else. Whoever asks holds the locks of the provider's token and of {@link #turn}, until
- * the token has answered the login.
+ * Gets the PIN of a token from a callback handler or from a file; with neither, the reader's PIN
+ * pad has to ask. A token locks after a few wrong PINs, so a login that has waited for another one
+ * sends no PIN once that one has failed. Callers of {@link #ask} hold the lock of their {@link
+ * Token} and that of {@link #turn}, until the token has answered the login.
  */
 final class Asker {
-  /** The last login that has failed with a PIN from one source. */
+  /** The last failed login with a PIN from one source. */
   private static final class Failures {
-    /** The number that it has in {@link #COUNT}, 0 for none. */
+    /** The value of {@link #COUNT} at that login, 0 if none has failed. */
     private int last;
+
+    /** The message of the failure. */
     private String why;
   }
 
-  /** The PIN in a file. */
+  /** The logins at one token with the PIN in one file. */
   private static final class FilePin {
     private final Failures failures = new Failures();
 
-    /** Why the token has refused it, null if it has not. */
+    /** The message by which the token refused the PIN that was read last, null if it did not. */
     private String refusal;
 
-    /** The file's time and length when the token refused it. */
+    /** The file's time of modification, in milliseconds, and length when it was read last. */
     private long modified;
     private long length;
   }
 
-  /** The failed logins of all providers of the process at one token. */
+  /** The failed logins of all providers at one token; also the lock of {@link #turn}. */
   private static final class Logins {
     private final Failures ofHandlers = new Failures();
+
+    /** The PIN files, by their paths without "." and "..". */
     private final Map<Path, FilePin> files = new HashMap<>();
   }
 
-  /** Counts the failures of all sources. */
+  /** The number of failed logins with any source, at any token. */
   private static final AtomicInteger COUNT = new AtomicInteger();
 
+  /** The logins of each token, by module path, label, manufacturer, model and serial number. */
   private static final Map<List<String>, Logins> LOGINS = new ConcurrentHashMap<>();
 
   private final String module;
+
+  /** The handler, null if there is none. */
   private final CallbackHandler handler;
+
+  /** The file of {@code pin-source}, null if there is none. */
   private final Path file;
 
-  /** The failures after which a file may be read all the same. */
+  /** The value of {@link #COUNT} up to which failures do not keep the file from being read. */
   private volatile int pardoned;
 
   private Asker(String module, CallbackHandler handler, Path file) {
@@ -72,27 +81,35 @@ final class Asker {
     this.file = file;
   }
 
-  /** Makes one that asks a handler. */
+  /** Makes an asker for a handler. */
   static Asker of(PKCS11Uri uri, CallbackHandler handler) {
     return new Asker(uri.modulePath(), handler, null);
   }
 
-  /** Makes one that reads the URI's {@code pin-source}, and asks nobody where there is none. */
+  /** Makes an asker for the {@code pin-source} of the URI, without a source if the URI has none. */
   static Asker of(PKCS11Uri uri) {
     return new Asker(uri.modulePath(), null, uri.pinFile());
   }
 
-  /** Returns what {@link #ask} takes, before the token's lock is waited for. */
+  /**
+   * Starts a login.
+   *
+   * @return the number of failures that {@link #ask} lets pass. Callers get it before they wait for
+   *     the lock of the token, so that {@code ask} counts the failures that happen while they wait
+   */
   int begin() {
     return file == null ? COUNT.get() : pardoned;
   }
 
-  /** Lets those who begin from now on read a file again after a login has failed. */
+  /**
+   * Lets later logins read the file again although one with it has failed. A PIN that the token
+   * refused stays refused until the file changes.
+   */
   void pardon() {
     pardoned = COUNT.get();
   }
 
-  /** Returns the lock of all who log in to a token, by whichever provider. */
+  /** Returns the lock that every login to the token holds, whichever provider it comes from. */
   Object turn(PKCS11TokenInfo token) {
     return logins(token);
   }
@@ -107,9 +124,9 @@ final class Asker {
   }
 
   /**
-   * Notes that a login has failed, which may have cost a try whatever the module calls it.
+   * Notes that a login has failed. It may have used up a try, whatever the return value says.
    *
-   * @param refused the token has named the PIN as the reason
+   * @param refused whether the return value names the PIN, {@code CKR_PIN_INCORRECT} for instance
    */
   void failed(PKCS11TokenInfo token, PKCS11Exception failure, boolean refused) {
     if (file != null && refused) {
@@ -121,7 +138,7 @@ final class Asker {
     }
   }
 
-  /** Notes that a login has succeeded: the PIN of a file is the right one, whatever failed before. */
+  /** Notes that a login has succeeded: the PIN in the file is right, whatever failed earlier. */
   void succeeded(PKCS11TokenInfo token) {
     if (file != null) {
       failures(token).last = 0;
@@ -135,10 +152,13 @@ final class Asker {
   /**
    * Asks for the PIN.
    *
-   * @param token whose PIN it is
-   * @param begun what {@link #begin} has returned
-   * @return its bytes, which the caller wipes; null when the token has a path of its own for it
-   * @throws LoginException when there is none, or when a login with it has failed since
+   * @param token the token that the PIN is for
+   * @param begun the result of {@link #begin}
+   * @return the PIN in UTF-8, which the caller wipes; null if there is none and the token has a PIN
+   *     pad ({@code CKF_PROTECTED_AUTHENTICATION_PATH})
+   * @throws LoginException when there is no PIN, when the handler or the file fails, when a login
+   *     with this source has failed since {@code begun}, and when the token has refused the file's
+   *     PIN and the file has not changed since
    */
   byte[] ask(PKCS11TokenInfo token, int begun) throws LoginException {
     Failures noted = failures(token);
@@ -162,7 +182,7 @@ final class Asker {
     return pin;
   }
 
-  /** A PIN that was refused is not read again from the same file: it would use up the token's tries. */
+  /** Reads the PIN file, unless the token has refused its PIN: each try brings the lock nearer. */
   private byte[] read(FilePin known) throws IOException, LoginException {
     long modified = file.toFile().lastModified();
     long length = file.toFile().length();
@@ -170,14 +190,14 @@ final class Asker {
       throw new LoginException("the PIN of " + file + " was refused: " + known.refusal
           + ": it is tried again when the file has changed");
     }
-    byte[] pin = Pin.ofFile(file); // which it may fail to be for a while without a change
+    byte[] pin = Pin.ofFile(file); // If this fails, the refusal stays: the PIN may be the same.
     known.refusal = null;
     known.modified = modified;
     known.length = length;
     return pin;
   }
 
-  /** Returns null for no answer and for an empty one, which no token has for a PIN. */
+  /** Asks the handler; returns null for no answer and for an empty one, since no PIN is empty. */
   private byte[] answer(String label) throws IOException, UnsupportedCallbackException {
     PasswordCallback question = new PasswordCallback("PIN of \"" + Printable.of(label) + "\": ", false);
     char[] typed = {};

@@ -4,9 +4,9 @@ package it.quarvel.pkcs11.security;
 import it.quarvel.pkcs11.PKCS11Exception;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 
-/** A token from one login to the next. Object handles of one connection are of no use in another. */
+/** The time from one login to the next. An object handle is good in its own connection only. */
 final class Connection {
-  /** A piece of work in a session. */
+  /** Work in a session; {@link Token#run} may do it again in another connection. */
   interface Work<T> {
     T in(NativePKCS11Session session, Connection connection) throws PKCS11Exception;
   }
@@ -17,7 +17,7 @@ final class Connection {
     this.sessions = sessions;
   }
 
-  /** Does some work in a session that nobody else uses meanwhile. */
+  /** Does work in a read-only session that no other thread uses meanwhile. */
   <T> T run(Work<T> work) throws PKCS11Exception {
     try (Sessions.Use use = sessions.take(false)) {
       T result = work.in(use.session(), this);
@@ -26,7 +26,7 @@ final class Connection {
     }
   }
 
-  /** Does some work in a read/write session of its own. */
+  /** Does work in a read/write session of its own ({@code CKF_RW_SESSION}). */
   <T> T change(Work<T> work) throws PKCS11Exception {
     try (Sessions.Use use = sessions.take(true)) {
       return work.in(use.session(), this);

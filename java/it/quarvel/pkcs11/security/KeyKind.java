@@ -13,8 +13,9 @@ import java.security.spec.PSSParameterSpec;
 import java.util.HexFormat;
 
 /**
- * The kinds of keys that the provider offers. The encoding of the public half tells them apart: its
- * class, and the name of its algorithm, are the choice of whichever provider has made the object.
+ * The kinds of keys that the provider offers. The object identifier in the encoding of the public
+ * key tells them apart: each provider makes public keys of its own classes, and names the algorithm
+ * in its own way.
  */
 enum KeyKind {
   RSA("RSA", CKK_RSA, "2a864886f70d010101"),
@@ -29,6 +30,7 @@ enum KeyKind {
   /** The {@code CKK_} value. */
   final int type;
 
+  /** The content of the algorithm's object identifier in DER. */
   private final ByteBuffer id;
 
   KeyKind(String algorithm, int type, String id) {
@@ -37,7 +39,7 @@ enum KeyKind {
     this.id = ByteBuffer.wrap(HexFormat.of().parseHex(id));
   }
 
-  /** Returns the kind of a key; null for any other kind, a key without an encoding, and null. */
+  /** Returns the kind of a key; null for another kind, a key without an encoding, and null. */
   static KeyKind of(PublicKey key) {
     if (key != null && key.getEncoded() != null) {
       ByteBuffer id = content(algorithm(key));
@@ -51,9 +53,10 @@ enum KeyKind {
   }
 
   /**
-   * Returns the parameters that a key of RSASSA-PSS is limited to, null where it is not.
+   * Returns the parameters to which a key of RSASSA-PSS is limited.
    *
-   * @throws InvalidKeyException for parameters that Java does not know
+   * @return the parameters, with the salt's minimum length in bytes; null if the key has no limits
+   * @throws InvalidKeyException when Java cannot read the parameters
    */
   static PSSParameterSpec limits(PublicKey key) throws InvalidKeyException {
     ByteBuffer algorithm = algorithm(key);
@@ -72,12 +75,15 @@ enum KeyKind {
     }
   }
 
-  /** Returns the identifier of the algorithm and its parameters, which stand first in a key. */
+  /** Returns the first element of a key in DER: the algorithm's identifier, then its parameters. */
   private static ByteBuffer algorithm(PublicKey key) {
     return content(content(ByteBuffer.wrap(key.getEncoded())));
   }
 
-  /** Takes the first value off some DER. */
+  /**
+   * Returns the content of the first DER value in a buffer, and moves the buffer's position behind
+   * that value.
+   */
   private static ByteBuffer content(ByteBuffer der) {
     der.get();
     int length = der.get();

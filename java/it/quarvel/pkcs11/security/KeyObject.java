@@ -24,25 +24,29 @@ import java.util.Map;
 /**
  * A private key on the token.
  *
- * @param object it, good while the user stays logged in
- * @param id its {@code CKA_ID}, empty where it has none
- * @param label the bytes of its {@code CKA_LABEL}, none where it has none
- * @param publicKey its public half
- * @param alwaysAuthenticate whether it wants the PIN each time
+ * @param object the key's handle, good within the connection it was found in
+ * @param id the {@code CKA_ID}, empty if the key has none
+ * @param label the bytes of the {@code CKA_LABEL}, empty if the key has none
+ * @param publicKey the public half as Java's own key
+ * @param alwaysAuthenticate whether each use wants the PIN ({@code CKA_ALWAYS_AUTHENTICATE})
  */
 record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey publicKey,
     boolean alwaysAuthenticate) {
 
   /**
-   * Finds the private keys that have a public half that Java knows.
+   * Finds the private keys whose public half can be found and is of a kind that Java has.
    *
-   * @param id those with this {@code CKA_ID}, null for all
+   * @param id the {@code CKA_ID} to look for, null for all keys
    */
   static List<KeyObject> find(NativePKCS11Session session, byte[] id) throws PKCS11Exception {
     return find(session, id, new ArrayList<>());
   }
 
-  /** The same; {@code leftOut} gets a text of each that has none, with the reason. */
+  /**
+   * Finds the private keys as {@link #find(NativePKCS11Session, byte[])} does.
+   *
+   * @param leftOut gets a text on each key that is left out: its name and the reason
+   */
   static List<KeyObject> find(NativePKCS11Session session, byte[] id, List<String> leftOut)
       throws PKCS11Exception {
     List<KeyObject> keys = new ArrayList<>();
@@ -66,11 +70,17 @@ record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey p
     return keys;
   }
 
+  /** Returns the {@code CKA_ID} among the attributes of an object, empty if it has none. */
   static byte[] id(Map<Integer, Object> attributes) {
     return (byte[]) attributes.getOrDefault(CKA_ID, new byte[0]);
   }
 
-  /** Reads the bytes of an object's label: a String ends at a zero and need not be the same. */
+  /**
+   * Reads the bytes of an object's {@code CKA_LABEL}. A String would not do: it ends at the first
+   * zero, and may lose characters.
+   *
+   * @return the bytes, empty if the object has no label, or one that the library cannot read
+   */
   static byte[] label(NativePKCS11Object object) throws PKCS11Exception {
     try {
       return object.getByteArrayAttributeValue(CKA_LABEL);
@@ -86,7 +96,7 @@ record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey p
     return new String(label, StandardCharsets.UTF_8);
   }
 
-  /** Names an object for people. */
+  /** Names an object in messages, by its label and its id in hex. */
   static String name(byte[] label, byte[] id) {
     return "\"" + Printable.of(text(label)) + "\" (id " + HexFormat.of().formatHex(id) + ")";
   }
@@ -95,7 +105,12 @@ record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey p
     return attributes.get(type) instanceof byte[] value && value[0] != 0;
   }
 
-  /** Tells whether two keys are one, whichever providers have made the objects, or one made none. */
+  /**
+   * Tells whether two public keys are the same key, whatever classes they have. RSA keys compare by
+   * the modulus, EC keys by the point, others by their encoding.
+   *
+   * @param one a key; null equals no key
+   */
   static boolean same(PublicKey one, PublicKey other) {
     if (one instanceof RSAPublicKey rsa && other instanceof RSAPublicKey otherRsa) {
       return rsa.getModulus().equals(otherRsa.getModulus());
@@ -106,7 +121,13 @@ record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey p
     return one != null && Arrays.equals(one.getEncoded(), other.getEncoded());
   }
 
-  /** Takes it from the key itself, else from the public key or a certificate of its id. */
+  /**
+   * Returns the public half of a private key, as the key itself shows it, else a public key, else a
+   * certificate, of the same id and type.
+   *
+   * @param type the {@code CKA_KEY_TYPE}, null if the key does not show it
+   * @throws InvalidKeyException when none of them shows it; the message says why
+   */
   private static PublicKey publicKey(
       NativePKCS11Session session, NativePKCS11Object key, Integer type, byte[] id)
       throws PKCS11Exception, InvalidKeyException {
@@ -118,7 +139,7 @@ record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey p
       } catch (InvalidKeyException e) {
         refusal = e.getMessage();
       } catch (PKCS11Exception e) {
-        // Few private keys show it.
+        // Few private keys show their public half: look on.
       }
       if (i == 0 && type != null) {
         halves.addAll(session.findAll(new PKCS11Template()
@@ -136,6 +157,7 @@ record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey p
     throw new InvalidKeyException(refusal);
   }
 
+  /** Returns the public key of a certificate, null if the certificate cannot be read. */
   private static PublicKey certified(NativePKCS11Object certificate) {
     try {
       return certificate.certificate().getPublicKey();

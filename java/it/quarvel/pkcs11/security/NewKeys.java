@@ -22,20 +22,24 @@ import java.security.spec.ECParameterSpec;
 import java.security.spec.NamedParameterSpec;
 import java.util.Arrays;
 
-/** The attributes of key pairs that are put on a token. */
+/** The templates of keys that a token generates or takes in ({@code CKA_TOKEN} is true in all). */
 final class NewKeys {
-  /** The object identifier 1.3.101.112 in DER, which {@code CKA_EC_PARAMS} is. */
+  /** The {@code CKA_EC_PARAMS} of Ed25519: the object identifier 1.3.101.112 in DER. */
   static final byte[] ED25519_PARAMS = {6, 3, 43, 101, 112};
 
+  /** Bytes of a new {@code CKA_ID}. */
   private static final int ID_LENGTH = 8;
+
+  /** Bytes of a public key of Ed25519. */
   private static final int ED25519_SIZE = 32;
+
   private static final byte OCTET_STRING = 4;
   private static final byte UNCOMPRESSED = 4;
   private static final byte ONE_LENGTH_BYTE = (byte) 0x81;
 
   private NewKeys() {}
 
-  /** Returns a {@code CKA_ID} that no other key has. */
+  /** Returns a new {@code CKA_ID}: eight random bytes, so that no other key has the same. */
   static byte[] id() {
     byte[] id = new byte[ID_LENGTH];
     new SecureRandom().nextBytes(id);
@@ -43,9 +47,11 @@ final class NewKeys {
   }
 
   /**
-   * Makes the template of a private key, which never leaves the token in any form.
+   * Makes the template of a private key that never leaves the token, not even wrapped ({@code
+   * CKA_SENSITIVE}, not {@code CKA_EXTRACTABLE}). It signs; RSA also decrypts, and EC derives.
    *
    * @param type a {@code CKK_} value
+   * @param id the {@code CKA_ID}
    */
   static PKCS11Template privateKey(int type, byte[] id) {
     PKCS11Template key = key(CKO_PRIVATE_KEY, type, id).put(CKA_PRIVATE, true)
@@ -57,7 +63,12 @@ final class NewKeys {
     };
   }
 
-  /** Makes the template of the public half, which everybody may read. */
+  /**
+   * Makes the template of a public key, which everybody may read (not {@code CKA_PRIVATE}).
+   *
+   * @param type a {@code CKK_} value
+   * @param id the {@code CKA_ID}
+   */
   static PKCS11Template publicKey(int type, byte[] id) {
     PKCS11Template key = key(CKO_PUBLIC_KEY, type, id).put(CKA_PRIVATE, false)
         .put(CKA_VERIFY, true);
@@ -70,9 +81,11 @@ final class NewKeys {
   }
 
   /**
-   * Makes the template of a copy of a private key.
+   * Makes the template that copies a private key of software to the token.
    *
-   * @throws InvalidKeyException for a key that is not RSA, EC or Ed25519, or keeps its numbers
+   * @param id the {@code CKA_ID} of the copy
+   * @throws InvalidKeyException for a key that is not RSA, EC or Ed25519, that does not show its
+   *     numbers, or whose curve Java does not have; RSA keys need their primes
    */
   static PKCS11Template copy(PrivateKey key, byte[] id) throws InvalidKeyException {
     if (key instanceof RSAPrivateCrtKey rsa) {
@@ -96,7 +109,13 @@ final class NewKeys {
     throw new InvalidKeyException("a key of RSA, EC or Ed25519 that shows its numbers is wanted");
   }
 
-  /** Makes the template of a copy of a public key, as {@link #copy(PrivateKey, byte[])} does. */
+  /**
+   * Makes the template that copies a public key to the token.
+   *
+   * @param id the {@code CKA_ID} of the copy
+   * @throws InvalidKeyException for a key that is not RSA, EC or Ed25519, or whose curve Java does
+   *     not have
+   */
   static PKCS11Template copy(PublicKey key, byte[] id) throws InvalidKeyException {
     if (key instanceof RSAPublicKey rsa) {
       return publicKey(CKK_RSA, id).put(CKA_MODULUS, rsa.getModulus())
@@ -113,13 +132,14 @@ final class NewKeys {
     throw new InvalidKeyException("a public key of RSA, EC or Ed25519 is wanted");
   }
 
-  /** Returns the point of a key in the uncompressed form of SEC 1. */
+  /** Returns the point of a key uncompressed, as SEC 1 has it: the byte 4, then x and y. */
   static byte[] point(ECPublicKey key) {
     int size = (key.getParams().getCurve().getField().getFieldSize() + 7) / 8;
     return ByteBuffer.allocate(1 + 2 * size).put(UNCOMPRESSED)
         .put(fixed(key.getW().getAffineX(), size)).put(fixed(key.getW().getAffineY(), size)).array();
   }
 
+  /** Returns an unsigned number in big-endian bytes of a given size. */
   private static byte[] fixed(BigInteger number, int size) {
     byte[] padded = new byte[size + 1];
     byte[] bytes = number.toByteArray();
@@ -131,7 +151,7 @@ final class NewKeys {
     return Arrays.copyOfRange(bytes, bytes.length - size, bytes.length);
   }
 
-  /** Makes an OCTET STRING of up to 255 bytes. */
+  /** Wraps up to 255 bytes in a DER OCTET STRING. */
   private static byte[] octets(byte[] bytes) {
     ByteBuffer der = ByteBuffer.allocate(3 + bytes.length).put(OCTET_STRING);
     if (bytes.length > Byte.MAX_VALUE) {
@@ -142,7 +162,7 @@ final class NewKeys {
   }
 
   /**
-   * Names a curve as {@code CKA_EC_PARAMS} does.
+   * Returns the {@code CKA_EC_PARAMS} of a curve: its object identifier in DER.
    *
    * @throws InvalidKeyException for a curve that Java does not have
    */

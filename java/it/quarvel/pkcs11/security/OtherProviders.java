@@ -8,10 +8,11 @@ import java.security.Provider;
 import java.security.Security;
 
 /**
- * Whoever is chosen before the key is known has to take every key: what is not the token's goes on
- * to another provider.
+ * Hands work on to other providers. Java may choose a provider before it knows the key, so that the
+ * provider has to take every key: those that are not on its token go on to the next provider.
  */
 final class OtherProviders {
+  /** Work that a provider does or refuses. */
   interface Attempt<T> {
     T with(Provider provider) throws GeneralSecurityException;
   }
@@ -19,11 +20,13 @@ final class OtherProviders {
   private OtherProviders() {}
 
   /**
-   * Returns what the first provider makes that can.
+   * Tries the providers in Java's order until one does the work.
    *
-   * @param own the provider that hands on; others of its kind are left out, for other tokens or of
-   *     another copy of the jar, which would hand back what it cannot do
-   * @throws InvalidKeyException when none can, with the first refusal as its cause
+   * @param own the provider that hands on. The method leaves out every provider whose class has the
+   *     same name, for other tokens or from another copy of the jar: it would hand the work back
+   * @return the result of the first provider that does the work
+   * @throws InvalidKeyException when no provider does it, with the first refusal as its cause; the
+   *     lack of the algorithm is no refusal
    */
   static <T> T first(Provider own, Attempt<T> attempt) throws InvalidKeyException {
     Exception refusal = null;
@@ -32,7 +35,7 @@ final class OtherProviders {
         try {
           return attempt.with(provider);
         } catch (NoSuchAlgorithmException e) {
-          // Not what it is there for.
+          // This provider does not have the algorithm.
         } catch (GeneralSecurityException | RuntimeException e) {
           refusal = refusal == null ? e : refusal;
         }

@@ -33,44 +33,47 @@ import javax.security.auth.login.LoginException;
  * PrivateKey key = (PrivateKey) keys.getKey("signing", null);
  * }</pre>
  *
- * <p><b>Key store</b> {@code PKCS11}, read-only unless the URI says otherwise: what the token holds at each {@code load}. A key's
- * alias is the label of its certificate, else its own; those that share one have their id behind
- * it. A certificate belongs to a key when both have one {@code CKA_ID} and one public key; the
- * newest valid one counts, and its chain is made of the token's certificates. Trusted are those
- * with {@code CKA_TRUSTED} only. A PIN is tried once.
+ * <p><b>Key store</b> {@code PKCS11}. Each {@code load} reads the keys and certificates of the
+ * token; the key store is read-only unless the URI says otherwise. The alias of a key is the label
+ * of its certificate, else the key's own; keys with the same label have their id behind it. A
+ * certificate belongs to a key when both have the same {@code CKA_ID} and the same public key. Of
+ * several, the newest valid one counts. The key store builds its chain from the token's
+ * certificates, and trusts only certificates with {@code CKA_TRUSTED}. A load tries a PIN once.
  *
- * <p><b>With {@code x-writable=yes}</b> in the URI the key store stores keys of the token and of
- * software with their certificates, renames and deletes them, and there is a <b>KeyPairGenerator</b>
- * for {@code RSA}, {@code EC} and {@code Ed25519} (or {@code EdDSA}), whose keys are on the token at
- * once. Such a provider must not stand first: TLS would make its passing keys there. A <b>
- * MessageDigest</b> hands on to another provider.
+ * <p><b>With {@code x-writable=yes}</b> in the URI the key store stores keys, of the token and of
+ * software, with their certificates; it also renames and deletes them. A <b>KeyPairGenerator</b>
+ * for {@code RSA}, {@code EC} and {@code Ed25519} (or {@code EdDSA}) makes keys on the token at
+ * once. Such a provider must not stand first: TLS would make the key of each handshake on the
+ * token. A
+ * <b>MessageDigest</b> hands its work on to another provider.
  *
- * <p><b>Signatures</b> {@code NONEwithRSA}, {@code SHA1withRSA}, {@code RSASSA-PSS}, {@code
+ * <p><b>Signature</b> {@code NONEwithRSA}, {@code SHA1withRSA}, {@code RSASSA-PSS}, {@code
  * SHA1withRSASSA-PSS} (or {@code SHA1withRSAandMGF1}), {@code NONEwithECDSA} and {@code
- * SHA1withECDSA}, both also {@code inP1363Format}; with {@code SHA224}, {@code SHA256}, {@code
- * SHA384}, {@code SHA512} and {@code SHA3-224} to {@code SHA3-512} alike; {@code
- * SHA512/224withRSA} and {@code SHA512/256withRSA}; and {@code Ed25519} (or {@code EdDSA}). PSS takes any
- * parameters where the token has {@code CKM_RSA_X_509}, else those of the token's own {@code
- * CKM_SHA256_RSA_PKCS_PSS} and its like: a salt as long as the digest.
+ * SHA1withECDSA}, the last two also {@code inP1363Format}; the same with {@code SHA224}, {@code
+ * SHA256}, {@code SHA384}, {@code SHA512} and {@code SHA3-224} to {@code SHA3-512}; {@code
+ * SHA512/224withRSA} and {@code SHA512/256withRSA}; {@code Ed25519} (or {@code EdDSA}). If the
+ * token has {@code CKM_RSA_X_509}, PSS takes any parameters. Otherwise it takes those of the
+ * token's own {@code CKM_SHA256_RSA_PKCS_PSS} and its like: a salt as long as the digest.
  *
  * <p><b>Cipher</b> {@code RSA/ECB/PKCS1Padding}, {@code OAEPPadding}, {@code
- * OAEPWithSHA-256AndMGF1Padding} and its like, and {@code NoPadding}, to decrypt and to unwrap secret
- * keys: by the token's own mechanisms, so that nobody can watch a padding being taken off.
+ * OAEPWithSHA-256AndMGF1Padding} and its like, and {@code NoPadding}, to decrypt and to unwrap
+ * secret keys. The token takes the padding off by its own mechanism, so that nobody can watch it.
  *
- * <p><b>KeyAgreement</b> {@code ECDH}, and by their object identifiers those of CMS, which derive a
- * key of the secret (RFC 5753, {@code dhSinglePass-stdDH}). The token has to give the secret away.
+ * <p><b>KeyAgreement</b> {@code ECDH}, and under their object identifiers those of CMS, which
+ * derive a key from the secret (RFC 5753, {@code dhSinglePass-stdDH}). The token has to give the
+ * secret away.
  *
- * <p>Whatever is to be verified or encrypted, and every key that is not a token's, goes on to
- * another provider, so that this one can stand first. It should: libraries that set parameters
- * before the key choose a provider before they have seen the key.
+ * <p>The provider hands verification, encryption and every key that is not a token's on to another
+ * provider, so that it can stand first. It should: a library that sets parameters before the key
+ * makes Java choose a provider before Java has seen the key.
  *
- * <p>A key finds its token again, after a logout, after a card was pulled and put back, after a
- * server was started anew. The PIN is kept nowhere: it is asked for again, of the callback handler
- * or the {@code pin-source}, as it is at each use of a key with {@code CKA_ALWAYS_AUTHENTICATE}.
+ * <p>A key finds its token again: after a logout, after a card was pulled and put back, after a
+ * server was started anew. The provider keeps no PIN. It asks the callback handler or the {@code
+ * pin-source} again, and also at each use of a key with {@code CKA_ALWAYS_AUTHENTICATE}.
  *
- * <p>All providers of this class share one module, so they have to name the same one; every thread
- * may use them. {@link #logout} closes what a provider has open, and the module with the last one;
- * nothing is finalised when the process ends.
+ * <p>Any thread may use a provider. All providers of this class share one module, so that their
+ * URIs have to name the same one. {@link #logout} closes the sessions of a provider, and the module
+ * with the last provider. When the process ends, nobody calls {@code C_Finalize}.
  */
 public final class QuarvelProvider extends AuthProvider {
   private static final long serialVersionUID = 1L;
@@ -78,10 +81,10 @@ public final class QuarvelProvider extends AuthProvider {
   private static final String NAME = "Quarvel";
   private static final String OAEP_ID = "1.2.840.113549.1.1.7";
 
-  /** The end of the names of RSASSA-PSS with a hash. */
+  /** The end of the names of RSASSA-PSS with a hash, {@code SHA256withRSASSA-PSS} for instance. */
   private static final String PSS = "withRSASSA-PSS";
 
-  /** Null until it is configured. */
+  /** The token, null in a provider that is not configured. */
   private final transient Token token;
 
   /** Makes a provider that names no token yet; {@link #configure} makes one that does. */
@@ -95,7 +98,8 @@ public final class QuarvelProvider extends AuthProvider {
     offer("KeyStore", "PKCS11");
     offer("Cipher", TokenCipher.NAME, "RSA");
     putService(new TokenService("Cipher", TokenCipher.OAEP_NAME, aliases(OAEP_ID), null, null));
-    // Without them whoever names one provider for all would decrypt as if there were none.
+    // A caller that names this provider for all its work gets the parameters from it too. Without
+    // them it would decrypt as if there were none.
     putService(new HandedOn(this, "AlgorithmParameters", "OAEP", aliases(OAEP_ID)));
     offer("KeyAgreement", "ECDH");
     offerSignature("NONEwithRSA", Scheme.PKCS1, null);
@@ -123,7 +127,7 @@ public final class QuarvelProvider extends AuthProvider {
       offer("KeyPairGenerator", "EC");
       offer("KeyPairGenerator", "Ed25519");
       offer("KeyPairGenerator", "EdDSA");
-      // Those who name one provider for all that they do want digests of it too.
+      // A caller that names this provider for all its work wants digests from it too.
       for (Hash hash : Hash.values()) {
         putService(new HandedOn(this, "MessageDigest", hash.algorithm,
             hash.algorithm.equals(hash.shortName) ? List.of() : List.of(hash.shortName)));
@@ -149,14 +153,14 @@ public final class QuarvelProvider extends AuthProvider {
   }
 
   /**
-   * Makes the objects of one algorithm, and tells which keys it is there for. It names their class
-   * without loading it: most programs use one algorithm of all these.
+   * Makes the objects of one algorithm, and tells which keys they take. The service names their
+   * class without loading it: most programs use one algorithm of all these.
    */
   private final class TokenService extends Provider.Service {
-    /** Null unless it is a signature. */
+    /** The scheme of a signature, null for another type. */
     private final Scheme scheme;
 
-    /** Null where the algorithm has none. */
+    /** The algorithm's hash, null if it has none. */
     private final Hash hash;
 
     TokenService(String type, String algorithm, List<String> aliases, Scheme scheme, Hash hash) {
@@ -184,7 +188,7 @@ public final class QuarvelProvider extends AuthProvider {
     @Override
     public boolean supportsParameter(Object key) {
       return switch (getType()) {
-        // No other provider of the JDK has PSS by the name of a hash, so that it takes every key.
+        // The JDK has no PSS under the name of a hash, so these services take every key.
         case "Signature" -> scheme == Scheme.PSS && hash != null || scheme.takes(key);
         case "Cipher" -> TokenKey.decrypts(key);
         case "KeyAgreement" -> key instanceof TokenKey.Ec;
@@ -193,7 +197,7 @@ public final class QuarvelProvider extends AuthProvider {
     }
   }
 
-  /** Has the objects of one algorithm from another provider. */
+  /** Gets the objects of one algorithm from the first other provider that has it. */
   private static final class HandedOn extends Provider.Service {
     HandedOn(Provider provider, String type, String algorithm, List<String> aliases) {
       super(provider, type, algorithm, "java.security." + type + "Spi", aliases, Map.of());
@@ -216,15 +220,16 @@ public final class QuarvelProvider extends AuthProvider {
   }
 
   /**
-   * Makes a provider for a token. Only the text is read: the module is opened when a key store is
-   * loaded.
+   * Makes a provider for a token. The method only reads the text: the first load of a key store, or
+   * {@link #login}, opens the module.
    *
    * @param uri a PKCS#11 URI with {@code module-path}, and as much of {@code token}, {@code serial}
-   *     and {@code slot-id} as it takes to name one token; {@code object}, {@code id} and {@code
-   *     type} limit which keys are offered; {@code pin-source} names a file with the PIN in its first line
-   * @return a new provider, named "Quarvel-" and the token, the serial number or the slot. Java
-   *     keeps one provider of a name
-   * @throws InvalidParameterException for a text that is no such URI, with the reason
+   *     and {@code slot-id} as it takes to name one token. The key store offers only the keys of
+   *     {@code object}, {@code id} and {@code type}; {@code pin-source} names a file with the PIN
+   *     in its first line; with {@code x-writable=yes} the key store stores keys
+   * @return a new provider, named "Quarvel-" and the token, else the serial number, else the slot,
+   *     else "token". Java keeps only one provider of each name
+   * @throws InvalidParameterException when {@code uri} is no such URI; the message says why
    */
   @Override
   public Provider configure(String uri) {
@@ -253,16 +258,16 @@ public final class QuarvelProvider extends AuthProvider {
         + " behind the module " + parsed.modulePath());
   }
 
-  /** Names the token and the module too, which are the same for many a provider of this class. */
+  /** Adds the token and the module, since providers for different ones may have the same name. */
   @Override
   public String toString() {
     return super.toString() + ": " + getInfo();
   }
 
   /**
-   * Tells whether there is a token.
+   * Tells whether the provider names a token.
    *
-   * @return true for what {@link #configure} has made
+   * @return true if {@link #configure} has made this provider
    */
   @Override
   public boolean isConfigured() {
@@ -270,11 +275,14 @@ public final class QuarvelProvider extends AuthProvider {
   }
 
   /**
-   * Opens the token and logs in ({@code C_Login}), unless that has been done.
+   * Opens the module and logs in to the token ({@code C_Login}), unless somebody has logged in.
    *
    * @param subject not read
-   * @param handler asks for the PIN, in a {@code PasswordCallback}; null: the one that was set
-   * @throws LoginException when the token cannot be had or refuses, with its reason as the cause
+   * @param handler asks for the PIN, in a {@code PasswordCallback}; null for the handler that was
+   *     set, else the {@code pin-source}
+   * @throws LoginException when there is no PIN, when the token cannot be found, or when the module
+   *     refuses, then with its {@code PKCS11Exception} as the cause; a {@code FailedLoginException}
+   *     when the token refuses the PIN
    */
   @Override
   public void login(Subject subject, CallbackHandler handler) throws LoginException {
@@ -286,9 +294,9 @@ public final class QuarvelProvider extends AuthProvider {
   }
 
   /**
-   * Closes the sessions of this provider, which logs out unless the process has others with the
-   * token, and the module unless another provider uses it ({@code C_Finalize}). Keys stay of use:
-   * they log in again.
+   * Closes the sessions of this provider. The token ends the login with the last session that the
+   * process has with it. Unless another provider uses the module, the method closes that too
+   * ({@code C_Finalize}). Keys may be used afterwards: they log in again.
    *
    * @throws LoginException when the provider is not configured
    */
@@ -298,9 +306,10 @@ public final class QuarvelProvider extends AuthProvider {
   }
 
   /**
-   * Sets who asks for the PIN.
+   * Sets the handler that asks for the PIN, in place of the URI's {@code pin-source}. A provider
+   * that names no token ignores the call.
    *
-   * @param handler gets a {@code PasswordCallback}; null: the {@code pin-source} of the URI alone
+   * @param handler gets a {@code PasswordCallback}; null for the {@code pin-source}
    */
   @Override
   public void setCallbackHandler(CallbackHandler handler) {
