@@ -12,12 +12,13 @@ import java.util.concurrent.ConcurrentLinkedQueue;
 import java.util.concurrent.Semaphore;
 
 /**
- * The sessions with a token in its slot: one that lasts, since the login ends with the last one,
- * and as many beside it as threads are at work. Any of those is closed when a call in it fails, for
- * an operation may still be active in it.
+ * The sessions of one connection. The lasting one keeps the login, which ends with the last
+ * session. Beside it, each thread at work has a session of its own. A session is closed after a
+ * call in it has failed, since an operation may still be active in it; otherwise another thread
+ * gets it next.
  */
 final class Sessions {
-  /** A session that one thread has for itself, and keeps the module open with, until it closes this. */
+  /** A session for one thread, which keeps the module open until the thread closes this object. */
   final class Use implements AutoCloseable {
     private NativePKCS11Session session;
     private boolean entered;
@@ -27,7 +28,7 @@ final class Sessions {
       return session;
     }
 
-    /** Lets others have the session next; otherwise it is closed. */
+    /** Lets another thread have the session next. Without this call, {@link #close} closes it. */
     void succeeded() {
       succeeded = true;
     }
@@ -37,7 +38,7 @@ final class Sessions {
       entered = true;
       NativePKCS11Session pooled = writing ? null : idle.poll();
       session = pooled != null ? pooled : slot.openSession(writing);
-      // One that was opened after the login had ended would find no private object.
+      // A session that was opened after the login had ended would find no private object.
       if (closed) {
         throw new PKCS11Exception(PKCS11Constants.CKR_SESSION_CLOSED);
       }
@@ -57,17 +58,26 @@ final class Sessions {
     }
   }
 
+  /** The most sessions beside the lasting one. */
   private static final int MOST = 64;
 
   final PKCS11Module module;
   final NativePKCS11Session lasting;
 
   private final NativePKCS11Slot slot;
+
+  /** Read-only sessions that no thread uses. */
   private final Queue<NativePKCS11Session> idle = new ConcurrentLinkedQueue<>();
+
+  /** Has a permit for each session that may still be opened or taken from {@link #idle}. */
   private final Semaphore room;
   private volatile boolean closed;
 
-  /** Opens the session that lasts, by a thread that has entered the module. */
+  /**
+   * Opens the lasting session ({@code C_OpenSession}). The calling thread has entered the module.
+   *
+   * @param token its description, which limits the number of sessions ({@code ulMaxSessionCount})
+   */
   Sessions(PKCS11Module module, NativePKCS11Slot slot, PKCS11TokenInfo token)
       throws PKCS11Exception {
     this.module = module;
@@ -78,10 +88,12 @@ final class Sessions {
   }
 
   /**
-   * Waits for a session.
+   * Takes an idle session or opens one. The call waits while all are in use.
    *
-   * @param writing for a read/write session ({@code CKF_RW_SESSION}), which is never used again
-   * @throws PKCS11Exception when none can be opened, or all were closed
+   * @param writing true for a new read/write session ({@code CKF_RW_SESSION})
+   * @return the use, which the caller closes
+   * @throws PKCS11Exception when no session can be opened, and with {@code CKR_SESSION_CLOSED}
+   *     after {@link Sessions#close}
    */
   Use take(boolean writing) throws PKCS11Exception {
     room.acquireUninterruptibly();
@@ -95,7 +107,11 @@ final class Sessions {
     }
   }
 
-  /** Returns the state of the session that lasts: {@code CKS_RO_USER_FUNCTIONS} after the login. */
+  /**
+   * Returns the state of the lasting session ({@code C_GetSessionInfo}).
+   *
+   * @return a {@code CKS_} value, {@code CKS_RO_USER_FUNCTIONS} after the login
+   */
   int state() throws PKCS11Exception {
     SharedModule.enter(module);
     try {
@@ -105,18 +121,20 @@ final class Sessions {
     }
   }
 
-  /** Tells whether {@link #close} was called, as it is by a logout. */
+  /** Tells whether {@link #close} was called, by a logout for instance. */
   boolean isClosed() {
     return closed;
   }
 
-  /** Closes all sessions, also those that are in use, when they are given back. */
+  /**
+   * Closes the idle sessions and the lasting one; a session in use is closed at the end of its use.
+   */
   void close() {
     closed = true;
     try {
       SharedModule.enter(module);
     } catch (PKCS11Exception e) {
-      return; // the module has gone, and they with it
+      return; // The module is closed, and its sessions with it.
     }
     try {
       idle.forEach(Sessions::close);
@@ -130,7 +148,7 @@ final class Sessions {
     try {
       session.close();
     } catch (PKCS11Exception e) {
-      // It has gone already, with its token for instance.
+      // The session is gone already, with its token for instance.
     }
   }
 }

@@ -9,25 +9,35 @@ import java.util.Set;
 import java.util.concurrent.locks.ReentrantReadWriteLock;
 
 /**
- * The one module of the process, which all tokens share. Nobody may be in a call when it is closed:
- * those who call hold a lock together, whoever opens or closes holds it alone.
+ * The module that all providers share, since only one can be open. No call may be under way when it
+ * is closed: threads that call share a lock ({@link #enter}), and a thread that opens or closes the
+ * module holds it alone.
  */
 final class SharedModule {
   private static final ReentrantReadWriteLock LOCK = new ReentrantReadWriteLock();
+
+  /** The tokens that need the module. */
   private static final Set<Object> USERS = new HashSet<>();
 
+  /** The module, null while none is open. */
   private static PKCS11Module open;
+
+  /** The path of the module that was opened last. */
   private static String path;
+
+  /** Why the native library or the adapter cannot be loaded, null unless that has failed. */
   private static LinkageError broken;
 
   private SharedModule() {}
 
   /**
-   * Opens the module, unless it is.
+   * Opens the module, unless it is open.
    *
-   * @param user who needs it until {@link #release}
-   * @throws PKCS11Exception that tells which other module is open, why this one cannot be, or why
-   *     there is no native library
+   * @param wanted the path of the module
+   * @param user needs the module until {@link #release}
+   * @return the module, which its last user closes
+   * @throws PKCS11Exception when another module is open, or when this one, the native library or
+   *     the adapter cannot be loaded; the message says which and why
    */
   static PKCS11Module acquire(String wanted, Object user) throws PKCS11Exception {
     LOCK.writeLock().lock();
@@ -46,7 +56,7 @@ final class SharedModule {
     }
   }
 
-  /** Closes the module with its last user. */
+  /** Takes a user off the module, and closes the module if no user is left ({@code C_Finalize}). */
   static void release(Object user) {
     LOCK.writeLock().lock();
     try {
@@ -58,7 +68,14 @@ final class SharedModule {
     }
   }
 
-  /** Starts a module over that has lost what is behind it, unless another thread has. */
+  /**
+   * Closes and opens a module that has lost the server or reader behind it, unless another thread
+   * has done so.
+   *
+   * @param lost the module that the caller used
+   * @return the module that is open now
+   * @throws PKCS11Exception as {@link #acquire}
+   */
   static PKCS11Module reopen(PKCS11Module lost) throws PKCS11Exception {
     LOCK.writeLock().lock();
     try {
@@ -77,8 +94,8 @@ final class SharedModule {
   /**
    * Keeps a module open until this thread calls {@link #leave}.
    *
-   * @throws PKCS11Exception with CKR_CRYPTOKI_NOT_INITIALIZED when this module is open no more, so
-   *     that its handles are of no use; there is nothing to leave then
+   * @throws PKCS11Exception with {@code CKR_CRYPTOKI_NOT_INITIALIZED} when this module has been
+   *     closed, so that its handles are of no use; the caller does not call {@code leave} then
    */
   static void enter(PKCS11Module module) throws PKCS11Exception {
     LOCK.readLock().lock();
@@ -99,7 +116,10 @@ final class SharedModule {
     }
   }
 
-  /** A library that could not be loaded says why at the first use of its classes alone. */
+  /**
+   * Opens a module. The method keeps the first failure to load the native library, since Java says
+   * the reason only at the first use of the class.
+   */
   private static PKCS11Module load(String wanted) throws PKCS11Exception {
     try {
       if (broken == null) {

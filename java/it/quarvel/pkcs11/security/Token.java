@@ -19,11 +19,12 @@ import javax.security.auth.login.FailedLoginException;
 import javax.security.auth.login.LoginException;
 
 /**
- * The token that a URI names. It is opened and logged in to at the first need, and again whenever
- * it has gone and come back: a card that was pulled, a server that was started anew, a logout.
+ * The token that a URI names. It connects at the first need: it opens the module and a session, and
+ * logs in. It connects again when the connection is lost: after a card was pulled and put back,
+ * after a server was started anew, after a logout.
  */
 final class Token {
-  /** A piece of work in a session, with a login of its own in the middle. */
+  /** Work in a session that runs {@code login} once the module wants the PIN for the key. */
   interface PinWork<T> {
     T in(NativePKCS11Session session, Connection connection, NativePKCS11Session.Login login)
         throws PKCS11Exception;
@@ -31,20 +32,25 @@ final class Token {
 
   final PKCS11Uri uri;
 
+  /** How often {@link #run} tries its work before it gives up a token that is lost each time. */
   private static final int MOST_ATTEMPTS = 3;
 
-  /** The lock of all who change a token, since several providers may have the same one. */
+  /** The lock of all changes to any token, since several providers may have the same token. */
   static final Object CHANGING = new Object();
 
   /** The source of the PIN when no handler is set. */
   private final Asker byUri;
 
+  /** The source of the PIN. */
   private volatile Asker asker;
 
-  /** The token that the URI named first, as it said then. */
+  /** The description of the token at the first connection, null before. No other token will do. */
   private volatile PKCS11TokenInfo info;
 
+  /** The mechanisms of {@link #signsWith}, null before the first connection. */
   private volatile Set<Integer> mechanisms;
+
+  /** The connection, null before the first one, after a logout and after a failure to connect. */
   private volatile Connection connection;
 
   Token(PKCS11Uri uri) {
@@ -53,31 +59,40 @@ final class Token {
     asker = byUri;
   }
 
-  /** Sets who asks for the PIN; null: what the URI says. */
+  /** Sets the handler that asks for the PIN; null for the {@code pin-source} of the URI. */
   void setHandler(CallbackHandler handler) {
     asker = handler == null ? byUri : Asker.of(uri, handler);
   }
 
+  /** Tells whether there is a connection, which may have been lost since. */
   boolean isOpen() {
     return connection != null;
   }
 
-  /** Returns the label as people may see it, null before the token has been seen. */
+  /** Returns the label for messages, null before the first connection. */
   String label() {
     return info == null ? null : Printable.of(info.trimmedLabel());
   }
 
-  /** Tells whether the token signs with raw RSA or with a PSS of its own ({@code CKF_SIGN}). */
+  /**
+   * Tells whether the token signs with a mechanism ({@code CKF_SIGN}).
+   *
+   * @param mechanism {@code CKM_RSA_X_509}, or the {@code CKM_} of RSASSA-PSS with a hash; false
+   *     for any other
+   */
   boolean signsWith(int mechanism) {
     return mechanisms.contains(mechanism);
   }
 
   /**
-   * Logs in, unless that has been done.
+   * Connects, unless there is a connection that is alive and logged in. After a failed login, a PIN
+   * file is read again.
    *
-   * @param once asks for the PIN this time; null: whoever was set
-   * @throws PKCS11Exception when the token cannot be had; nothing is left open then
-   * @throws LoginException when there is no PIN or the token refuses it, which is the cause then
+   * @param once asks for the PIN this time; null for the handler or file of the token
+   * @throws PKCS11Exception when the token is not found or the module refuses; the token leaves
+   *     nothing open then
+   * @throws LoginException when there is no PIN; a {@code FailedLoginException} when the token
+   *     refuses the PIN, with the module's failure as the cause
    */
   void login(CallbackHandler once) throws PKCS11Exception, LoginException {
     Asker chosen = asker(once);
@@ -89,19 +104,32 @@ final class Token {
     return once == null ? asker : Asker.of(uri, once);
   }
 
-  /** Logs out, and closes the module unless another token needs it. */
+  /**
+   * Closes the sessions, and the module unless another token needs it ({@code C_Finalize}). The
+   * login ends with the last session that the process has with the token.
+   */
   synchronized void logout() {
     close(connection);
     connection = null;
     SharedModule.release(this);
   }
 
-  /** Does some work in a session; anew when the token has gone, or somebody has logged out. */
+  /**
+   * Does work in a session. When the connection is lost or somebody logs out, the token connects
+   * again and starts the work afresh.
+   *
+   * @throws PKCS11Exception when the work or the connection fails
+   * @throws LoginException as {@link #login}
+   */
   <T> T run(Connection.Work<T> work) throws PKCS11Exception, LoginException {
     return run(work, null);
   }
 
-  /** The same; {@code once} asks for the PIN this time, unless it is null. */
+  /**
+   * Does work in a session as {@link #run(Connection.Work)} does.
+   *
+   * @param once asks for the PIN this time; null for the handler or file of the token
+   */
   <T> T run(Connection.Work<T> work, CallbackHandler once) throws PKCS11Exception, LoginException {
     Asker chosen = asker(once);
     int begun = chosen.begin();
@@ -113,21 +141,26 @@ final class Token {
       try {
         return current.run(work);
       } catch (PKCS11Exception e) {
-        // A logout in another thread is no fault of the token's.
+        // A logout by another thread is no failure of the token's.
         failures += current.sessions.isClosed() ? 0 : 1;
         if (!isGone(e) || failures == MOST_ATTEMPTS) {
           throw e;
         }
         if (e.errorCode() == CKR_DEVICE_REMOVED) {
-          current.sessions.close(); // some modules go on to tell of a session with what has gone
+          current.sessions.close(); // Some modules still tell the state of such a session.
         }
       }
     }
   }
 
   /**
-   * Does some work that logs in once more, for a key that wants that. Until it is done nobody else is
-   * asked for a PIN or logs in: who waits for that learns from a refusal.
+   * Does work with a key that wants a login at each use ({@code CKA_ALWAYS_AUTHENTICATE}). Until
+   * the work is done, no other thread asks for the PIN of this token or logs in to it, so that a
+   * thread that waits sees a refusal before it sends the same PIN.
+   *
+   * @throws PKCS11Exception when the work or the connection fails, or the token refuses the PIN for
+   *     the key
+   * @throws LoginException when there is no PIN for the key; as {@link #login}
    */
   <T> T runWithPin(PinWork<T> work) throws PKCS11Exception, LoginException {
     Asker chosen = asker;
@@ -139,7 +172,7 @@ final class Token {
         try {
           return run((session, connection) -> work.in(session, connection, () -> {
             if (refused[0] != null) {
-              throw refused[0]; // and the PIN is not sent again, however often the work is
+              throw refused[0]; // A refused PIN is sent once, however often the work starts.
             }
             try {
               authenticate(connection.sessions, session, pin, chosen);
@@ -156,8 +189,11 @@ final class Token {
   }
 
   /**
-   * Does some work in a read/write session of its own ({@code CKF_RW_SESSION}). It is never done
-   * again by itself: when it fails, half of it may be done.
+   * Does work once in a read/write session of its own ({@code CKF_RW_SESSION}). The token never
+   * starts the work again: when it fails, half of it may be done.
+   *
+   * @throws PKCS11Exception when the work or the connection fails
+   * @throws LoginException as {@link #login}
    */
   <T> T change(Connection.Work<T> work) throws PKCS11Exception, LoginException {
     Connection current = run((session, connection) -> {
@@ -171,7 +207,9 @@ final class Token {
     }
   }
 
-  /** Tells whether a failure may be one of the connection rather than of the work. */
+  /**
+   * Tells whether a failure may mean that the connection is lost, and not that the work is refused.
+   */
   static boolean isGone(PKCS11Exception failure) {
     return switch (failure.errorCode()) {
       case CKR_USER_NOT_LOGGED_IN, CKR_SESSION_HANDLE_INVALID, CKR_SESSION_CLOSED,
@@ -182,7 +220,12 @@ final class Token {
     };
   }
 
-  /** Logs in, provided that it is still this token that gets the PIN. */
+  /**
+   * Logs in ({@code C_Login}), after a look whether the token is still in the slot of the session,
+   * for the PIN must go to no other token.
+   *
+   * @param pin the PIN, null for the reader's PIN pad
+   */
   private void authenticate(Sessions sessions, NativePKCS11Session session, byte[] pin, Asker asked)
       throws PKCS11Exception {
     if (!choose(sessions.module).equals(session.slot())) {
@@ -204,6 +247,7 @@ final class Token {
     }
   }
 
+  /** Tells whether a login has failed for the PIN, rather than for another reason. */
   private static boolean namesThePin(PKCS11Exception failure) {
     return switch (failure.errorCode()) {
       case CKR_PIN_INCORRECT, CKR_PIN_INVALID, CKR_PIN_LEN_RANGE, CKR_PIN_EXPIRED, CKR_PIN_LOCKED ->
@@ -212,7 +256,13 @@ final class Token {
     };
   }
 
-  /** Connects anew, unless another thread has done so since the connection was seen to fail. */
+  /**
+   * Connects, unless another thread has done so since the caller took the connection. If the
+   * sessions of the old connection are alive, the new one logs in through them.
+   *
+   * @param failed the connection that the caller used, null for none
+   * @param begun the result of {@link Asker#begin}
+   */
   private synchronized Connection connect(Connection failed, Asker asker, int begun)
       throws PKCS11Exception, LoginException {
     if (connection == null || connection == failed) {
@@ -221,7 +271,7 @@ final class Token {
       connection = null;
       try {
         logIn(sessions, asker, begun);
-        if (connection == null) { // unless the handler itself has loaded a key store
+        if (connection == null) { // The handler may have loaded a key store, and so have connected.
           connection = new Connection(sessions);
         }
       } finally {
@@ -237,6 +287,7 @@ final class Token {
     return connection;
   }
 
+  /** Tells whether the module still knows the lasting session. */
   private static boolean isAlive(Connection connection) {
     try {
       connection.sessions.state();
@@ -252,6 +303,7 @@ final class Token {
     }
   }
 
+  /** Opens the module and the lasting session, in place of the old connection. */
   private Sessions attach() throws PKCS11Exception {
     close(connection);
     connection = null;
@@ -263,7 +315,7 @@ final class Token {
       if (e.errorCode() != CKR_DEVICE_ERROR) {
         throw e;
       }
-      // A server that has come back knows nothing of who was there before.
+      // A server that was started anew does not know its clients: start the module anew too.
       sessions = open(SharedModule.reopen(module));
     } finally {
       if (sessions == null) {
@@ -287,6 +339,7 @@ final class Token {
     }
   }
 
+  /** Finds the slot of the token: the one that the URI names, and no other than at first. */
   private NativePKCS11Slot choose(PKCS11Module module) throws PKCS11Exception {
     try {
       return module.token(identity());
@@ -299,12 +352,15 @@ final class Token {
     }
   }
 
-  /** Returns the URI, completed by what the token said of itself when it was seen first. */
+  /** Returns the URI; after the first connection, with all that describes the token of then. */
   private PKCS11Uri identity() {
     return info == null ? uri : uri.with(info);
   }
 
-  /** Returns which of raw RSA and RSASSA-PSS the token signs with: a token with RSA may lack them. */
+  /**
+   * Returns those mechanisms of raw RSA and RSASSA-PSS by which the token signs. A token that signs
+   * by RSA PKCS #1 may lack any of them.
+   */
   private static Set<Integer> signing(NativePKCS11Slot slot) throws PKCS11Exception {
     Set<Integer> signing = new HashSet<>();
     for (int mechanism : slot.getMechanismList()) {
@@ -317,7 +373,7 @@ final class Token {
     return signing;
   }
 
-  /** Tells whether a connection is of use, whatever has failed in it. */
+  /** Tells whether a connection is alive and logged in. */
   boolean isLoggedIn(Connection connection) {
     try {
       return isLoggedIn(connection.sessions);
@@ -332,6 +388,10 @@ final class Token {
         || state == CKS_RW_USER_FUNCTIONS;
   }
 
+  /**
+   * Logs in through the lasting session, unless somebody in the process has logged in to the token:
+   * then it asks for no PIN.
+   */
   private void logIn(Sessions sessions, Asker asker, int begun)
       throws PKCS11Exception, LoginException {
     synchronized (asker.turn(info)) {
@@ -351,7 +411,7 @@ final class Token {
           throw (LoginException) new FailedLoginException("the token \"" + label()
               + "\" refuses the login: " + e.getMessage()).initCause(e);
         }
-        // The JDK's provider may have been quicker, or a copy of ours in another class loader.
+        // The JDK's provider, or this one in another class loader, may have logged in meanwhile.
         if (e.errorCode() != CKR_USER_ALREADY_LOGGED_IN) {
           throw e;
         }

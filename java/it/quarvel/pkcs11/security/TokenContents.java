@@ -29,15 +29,29 @@ import java.util.concurrent.ConcurrentHashMap;
 
 /** The keys and certificates that a token held at one time. */
 final class TokenContents {
-  /** A certificate on the token. */
+  /**
+   * A certificate on the token.
+   *
+   * @param object the handle, good within its connection
+   * @param id the {@code CKA_ID}, empty if the certificate has none
+   * @param label the bytes of the {@code CKA_LABEL}, empty if the certificate has none
+   * @param trusted the {@code CKA_TRUSTED}
+   * @param certificate the certificate itself
+   */
   record Stored(NativePKCS11Object object, byte[] id, byte[] label, boolean trusted,
       X509Certificate certificate) {
+    /** Tells whether the certificate is a key's: id and public key are the same. */
     boolean isOf(KeyObject key) {
       return Arrays.equals(id, key.id())
           && KeyObject.same(certificate.getPublicKey(), key.publicKey());
     }
 
-    /** Tells whether this one is to be preferred: to none, to one that is not valid, to an older. */
+    /**
+     * Tells whether this certificate counts rather than another one: valid before not valid today,
+     * then newer before older.
+     *
+     * @param other the other one; null comes last
+     */
     boolean comesBefore(Stored other) {
       return other == null || (isValid(certificate) != isValid(other.certificate)
           ? isValid(certificate)
@@ -46,26 +60,40 @@ final class TokenContents {
   }
 
   /**
-   * A key, or a certificate that the token calls trusted.
+   * An entry of the key store: a key, or a certificate that the token trusts.
    *
-   * @param label the certificate's as text, else the key's
+   * @param label the label of the certificate, else of the key, as text; empty if both have none
+   * @param id the {@code CKA_ID} of the key or the trusted certificate
    * @param found the key on the token, null for a trusted certificate
-   * @param key the same as Java has it, null for a trusted certificate
-   * @param own the certificate, null for a key without one
+   * @param key the key for Java, null for a trusted certificate
+   * @param own the trusted certificate, or that of the key; null for a key without one
    */
   record Entry(String label, byte[] id, KeyObject found, TokenKey key, Stored own) {}
 
-  /** The warnings that the process has logged: each object's once. */
+  /** The warnings logged so far: each is logged once in a process. */
   private static final Set<String> TOLD = ConcurrentHashMap.newKeySet();
 
+  /** All certificates that Java can read, those of issuers included. */
   final List<Stored> certificates = new ArrayList<>();
+
+  /** The keys, then the trusted certificates. */
   final List<Entry> entries = new ArrayList<>();
 
-  /** The chains asked for so far. Keys compare by identity: the first hash of a record slows a start. */
+  /**
+   * The chains found so far. The map compares by identity: the first hash of a record slows a
+   * start.
+   */
   private final Map<Entry, List<Stored>> chains =
       Collections.synchronizedMap(new IdentityHashMap<>());
 
-  /** Reads what is visible in the session. */
+  /**
+   * Reads the keys and certificates that are visible in a session ({@code C_FindObjects}, {@code
+   * C_GetAttributeValue}). The log of this package gets one warning for each object that is left
+   * out.
+   *
+   * @param connection the connection of the session
+   * @throws PKCS11Exception when the module refuses
+   */
   TokenContents(Token token, NativePKCS11Session session, Connection connection)
       throws PKCS11Exception {
     List<String> leftOut = new ArrayList<>();
@@ -99,6 +127,7 @@ final class TokenContents {
     }
   }
 
+  /** Reads the certificates; {@code leftOut} gets a text on each that Java cannot read. */
   private void readCertificates(NativePKCS11Session session, List<String> leftOut)
       throws PKCS11Exception {
     for (NativePKCS11Object object :
@@ -121,8 +150,9 @@ final class TokenContents {
   }
 
   /**
-   * Returns the entries that the URI names, by their aliases. An alias is the label; of those with
-   * the same one each gets its id too.
+   * Returns the entries that the URI names, by their aliases. An alias is the label. Entries with
+   * the same label, or none, add their id in hex; entries that still share an alias are numbered
+   * from 2.
    */
   Map<String, Entry> named(PKCS11Uri uri) {
     List<Entry> wanted = new ArrayList<>();
@@ -149,8 +179,8 @@ final class TokenContents {
   }
 
   /**
-   * Tells whether the URI names a key. Its label is the key's or the certificate's, unless the type
-   * says which.
+   * Tells whether the URI names an entry. Its {@code object} is the label of the key or that of the
+   * certificate; with a {@code type}, that of the one only. Trusted certificates always count.
    */
   private static boolean isWanted(PKCS11Uri uri, Entry entry) {
     if (entry.key == null) {
@@ -174,7 +204,7 @@ final class TokenContents {
     }
   }
 
-  /** Returns an entry's certificates, from its own up to the last issuer that the token has. */
+  /** Returns an entry's certificates, from its own up to the last issuer on the token. */
   List<Stored> chain(Entry entry) {
     List<Stored> chain = chains.get(entry);
     if (chain == null) {
@@ -193,6 +223,7 @@ final class TokenContents {
     return chain;
   }
 
+  /** Returns the certificate on the token that has signed another one, null if there is none. */
   private Stored issuer(Stored issued) {
     List<Stored> named = new ArrayList<>();
     for (Stored other : certificates) {
@@ -202,7 +233,7 @@ final class TokenContents {
       }
     }
     if (named.size() == 1 && named.get(0) == issued) {
-      return null; // whether it has signed itself, which takes long to learn, changes nothing
+      return null; // The chain ends here either way; to verify the signature would take long.
     }
     Stored issuer = null;
     for (Stored other : named) {
@@ -213,6 +244,7 @@ final class TokenContents {
     return issuer;
   }
 
+  /** Tells whether the key of one certificate has signed another one. */
   static boolean hasSigned(X509Certificate issuer, X509Certificate issued) {
     try {
       issued.verify(issuer.getPublicKey());

@@ -27,19 +27,23 @@ import javax.crypto.BadPaddingException;
 import javax.security.auth.login.LoginException;
 
 /**
- * A private key that stays on its token. It is known by its id and its public half, by which it is
- * found again whenever its handle is of no more use.
+ * A private key that stays on its token. When a connection ends, so does the handle of the key: the
+ * key finds itself again by its id and its public half.
  */
 abstract class TokenKey implements PrivateKey {
   private static final long serialVersionUID = 1L;
 
+  /** The key's handle, and the connection in which it is good. */
   private record Located(NativePKCS11Object object, Connection connection) {}
 
   final transient Token token;
   final transient KeyKind kind;
 
+  /** The key as the token showed it first; its handle may be out of date. */
   private final transient KeyObject found;
   private final transient PublicKey publicKey;
+
+  /** The handle that was used last. */
   private transient volatile Located located;
 
   private TokenKey(KeyKind kind, Token token, KeyObject found, PublicKey publicKey,
@@ -52,11 +56,13 @@ abstract class TokenKey implements PrivateKey {
   }
 
   /**
-   * Makes Java's key of one on the token.
+   * Makes Java's key for a private key on the token.
    *
-   * @param publicKey its public half, as the certificate has it where there is one
-   * @param connection in which it was found
-   * @throws InvalidKeyException for a key of another kind than {@link KeyKind} has
+   * @param found the key on the token
+   * @param publicKey the public half, that of the certificate if there is one: it may limit the key
+   * @param connection the connection in which the key was found
+   * @throws InvalidKeyException for a key of none of the kinds of {@link KeyKind}, and for
+   *     parameters of RSASSA-PSS that Java cannot read
    */
   static TokenKey of(Token token, KeyObject found, PublicKey publicKey,
       Connection connection) throws InvalidKeyException {
@@ -73,7 +79,7 @@ abstract class TokenKey implements PrivateKey {
     return new Rsa(kind, token, found, rsa, connection);
   }
 
-  /** Tells whether a key is one of ours that decrypts. */
+  /** Tells whether a key is an RSA key of this provider that may decrypt: RSASSA-PSS may not. */
   static boolean decrypts(Object key) {
     return key instanceof TokenKey own && own.kind == KeyKind.RSA;
   }
@@ -82,18 +88,28 @@ abstract class TokenKey implements PrivateKey {
    * Signs ({@code C_SignInit}, {@code C_Sign}).
    *
    * @param mechanism a {@code CKM_} value
-   * @throws LoginException when a PIN is needed and cannot be had
+   * @param data the input of the mechanism
+   * @return the signature as {@code C_Sign} returns it
+   * @throws PKCS11Exception when the module refuses, or the token no longer has the key
+   * @throws LoginException when the token wants a PIN and there is none, or it is refused
    */
   byte[] sign(int mechanism, byte[] data) throws PKCS11Exception, LoginException {
     return operate(null, mechanism, data);
   }
 
   /**
-   * Decrypts ({@code C_DecryptInit}, {@code C_Decrypt}), as {@link #sign} signs. Modules answer bad
-   * padding in many ways, and who sends it must not learn which: {@code C_Decrypt} is not tried again
-   * unless the connection is seen to be gone.
+   * Decrypts ({@code C_DecryptInit}, {@code C_Decrypt}). Modules answer bad padding in many ways,
+   * and the sender of the data must not learn in which. So every failure of {@code C_Decrypt} looks
+   * the same, and the method calls it again only if the connection is lost.
    *
-   * @throws BadPaddingException when {@code C_Decrypt} was called, without a cause
+   * @param mechanism a {@code CKM_} value
+   * @param data the encrypted data
+   * @return the decrypted data
+   * @throws PKCS11Exception when the module refuses before {@code C_Decrypt}, or the token no
+   *     longer has the key
+   * @throws LoginException as {@link #sign}
+   * @throws BadPaddingException for every failure once {@code C_Decrypt} was called; it has no
+   *     cause
    */
   byte[] decrypt(int mechanism, byte[] data)
       throws PKCS11Exception, LoginException, BadPaddingException {
@@ -108,7 +124,11 @@ abstract class TokenKey implements PrivateKey {
     }
   }
 
-  /** Decrypts, and notes when it has begun to; signs where {@code begun} is null. */
+  /**
+   * Signs or decrypts.
+   *
+   * @param begun null to sign; to decrypt, its one element becomes true before {@code C_Decrypt}
+   */
   private byte[] operate(boolean[] begun, int mechanism, byte[] data)
       throws PKCS11Exception, LoginException {
     return found.alwaysAuthenticate()
@@ -137,6 +157,13 @@ abstract class TokenKey implements PrivateKey {
     }
   }
 
+  /**
+   * Returns the key's handle in a connection, and looks for the key if it has none there yet.
+   *
+   * @param session any session of the connection
+   * @throws PKCS11Exception with {@code CKR_KEY_HANDLE_INVALID} when the token no longer has the
+   *     key
+   */
   NativePKCS11Object in(NativePKCS11Session session, Connection connection)
       throws PKCS11Exception {
     Located last = located;
@@ -152,7 +179,10 @@ abstract class TokenKey implements PrivateKey {
     return last.object;
   }
 
-  /** The parameters; a method of its own, since interfaces of Java 22 have several of this name. */
+  /**
+   * Returns the parameters of the key, null if it has none. The class has to declare the method,
+   * since it inherits several defaults of the same name from the interfaces of Java 22.
+   */
   public abstract AlgorithmParameterSpec getParams();
 
   @Override
@@ -170,7 +200,9 @@ abstract class TokenKey implements PrivateKey {
     return null;
   }
 
-  /** A key that was loaded twice is one; that of another provider is another. */
+  /**
+   * A key equals itself when it is loaded twice by one provider, but not through another provider.
+   */
   @Override
   public boolean equals(Object other) {
     return other instanceof TokenKey key && key.token == token
@@ -182,7 +214,7 @@ abstract class TokenKey implements PrivateKey {
     return Arrays.hashCode(found.id());
   }
 
-  /** It is of use with its token alone. */
+  /** Refuses to serialise the key: it is of no use without its token. */
   protected Object writeReplace() throws NotSerializableException {
     throw new NotSerializableException("a key on a token");
   }
@@ -193,7 +225,7 @@ abstract class TokenKey implements PrivateKey {
         + token.label() + "\"";
   }
 
-  /** The token that has come back may be another, which says the same of itself. */
+  /** The token has no such key: it may be another one that describes itself in the same way. */
   private static final class Gone extends PKCS11Exception {
     private static final long serialVersionUID = 1L;
 
@@ -228,13 +260,13 @@ abstract class TokenKey implements PrivateKey {
       return modulus;
     }
 
-    /** The parameters that the certificate limits the key to, null where it does not. */
+    /** Returns the parameters to which the certificate limits the key, null for no limits. */
     @Override
     public PSSParameterSpec getParams() {
       return limits;
     }
 
-    /** Bytes of the modulus. */
+    /** Returns the size of the modulus in bytes. */
     int size() {
       return (getModulus().bitLength() + 7) / 8;
     }
@@ -256,9 +288,13 @@ abstract class TokenKey implements PrivateKey {
     }
 
     /**
-     * Agrees on a secret ({@code CKM_ECDH1_DERIVE}), which does not stay on the token.
+     * Agrees on a secret ({@code C_DeriveKey} with {@code CKM_ECDH1_DERIVE}), reads it and destroys
+     * it on the token.
      *
-     * @param point the other side's, uncompressed
+     * @param point the point of the other side's key, uncompressed
+     * @return the secret, which the caller wipes
+     * @throws PKCS11Exception when the module refuses to derive the secret or to show it
+     * @throws LoginException as {@link TokenKey#sign}
      */
     byte[] agree(byte[] point) throws PKCS11Exception, LoginException {
       return token.run((session, connection) -> {
@@ -274,13 +310,13 @@ abstract class TokenKey implements PrivateKey {
       });
     }
 
-    /** Bytes of the order. */
+    /** Returns the size of the order in bytes: half of a signature. */
     int size() {
       return (curve.getOrder().bitLength() + 7) / 8;
     }
   }
 
-  /** An Edwards key of Java has bytes, if need be none: {@code jarsigner} asks for the class. */
+  /** Java's interface, which {@code jarsigner} asks for, lets a key have no bytes to show. */
   static final class Ed25519 extends TokenKey implements EdECPrivateKey {
     private static final long serialVersionUID = 1L;
 
