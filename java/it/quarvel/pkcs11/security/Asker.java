@@ -33,8 +33,6 @@ final class Asker {
   private static final class Failures {
     /** The value of {@link #COUNT} at that login, 0 if none has failed. */
     private int last;
-
-    /** The message of the failure. */
     private String why;
   }
 

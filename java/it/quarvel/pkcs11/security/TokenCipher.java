@@ -33,8 +33,8 @@ import javax.crypto.spec.SecretKeySpec;
 import javax.security.auth.login.LoginException;
 
 /**
- * Decrypts and unwraps with an RSA key on a token. What is to be encrypted, and what is to be
- * decrypted with another key, is another provider's.
+ * Decrypts and unwraps with an RSA key on a token. It hands encryption, and every other key, on to
+ * another provider.
  */
 final class TokenCipher extends CipherSpi {
   static final String NAME = "RSA/ECB/PKCS1Padding";
@@ -43,28 +43,39 @@ final class TokenCipher extends CipherSpi {
   private static final Pattern OAEP =
       Pattern.compile("OAEP(With(.+)AndMGF1)?Padding", Pattern.CASE_INSENSITIVE);
 
+  /** Initialises the cipher of another provider. */
   private interface Start {
     void start(Cipher cipher) throws GeneralSecurityException;
   }
 
   private final Provider provider;
+
   private final ByteArrayOutputStream data = new ByteArrayOutputStream();
+
+  /** The key on a token, null before the first one. */
   private TokenKey.Rsa key;
+
+  /** The padding as the caller named it. */
   private String padding;
 
-  /** {@code CKM_RSA_X_509} for no padding; for OAEP, a number that stands for its parameters too. */
+  /** The {@code CKM_} for the padding; for OAEP, the number of {@link PKCS11Mechanisms#oaep}. */
   private int mechanism = CKM_RSA_PKCS;
 
-  /** The OAEP parameters that the name of the padding implies; null for another padding. */
+  /** The OAEP parameters that the name of the padding implies, null for another padding. */
   private OAEPParameterSpec standard;
 
-  /** The OAEP parameters that are used: the caller's, else the standard ones. */
+  /** The OAEP parameters in use: those of the caller, else {@link #standard}. */
   private OAEPParameterSpec oaep;
 
-  /** The other provider's, null unless it has been handed the key. */
+  /** The cipher of another provider, null unless the key went on to one. */
   private Cipher other;
 
-  /** Makes a cipher without a key; {@code OAEPPadding} is that with SHA-1. */
+  /**
+   * Makes a cipher without a key.
+   *
+   * @param provider the provider of this cipher
+   * @param padding a name for {@link #engineSetPadding}
+   */
   TokenCipher(Provider provider, String padding) {
     this.provider = provider;
     try {
@@ -81,11 +92,15 @@ final class TokenCipher extends CipherSpi {
     }
   }
 
+  /**
+   * Takes {@code PKCS1Padding}, {@code NoPadding}, {@code OAEPPadding} (that is with SHA-1) or
+   * {@code OAEPWith<digest>AndMGF1Padding}.
+   */
   @Override
   protected void engineSetPadding(String wanted) throws NoSuchPaddingException {
     Matcher name = OAEP.matcher(wanted);
     if (name.matches()) {
-      // Java's own cipher makes the mask with SHA-1, whatever the digest.
+      // As in Java's own cipher, the name implies a mask by SHA-1, whatever the digest.
       String digest = name.group(2) == null ? "SHA-1" : name.group(2);
       standard = new OAEPParameterSpec(
           digest, "MGF1", MGF1ParameterSpec.SHA1, PSource.PSpecified.DEFAULT);
@@ -130,9 +145,10 @@ final class TokenCipher extends CipherSpi {
     }
   }
 
+  /** Takes OAEP parameters; refuses any parameters if the padding is another one. */
   private void take(AlgorithmParameterSpec parameters) throws InvalidAlgorithmParameterException {
     if (standard == null) {
-      // JSSE does without its parameters when, and only when, it sees this exception.
+      // After this exception, and no other, JSSE goes on without its parameters.
       throw new UnsupportedOperationException("a key on a token takes no parameters but OAEP's");
     }
     try {
@@ -263,7 +279,7 @@ final class TokenCipher extends CipherSpi {
     }
   }
 
-  /** Puts zeros in front of what is shorter than the modulus. */
+  /** Returns a number of raw RSA in as many bytes as the modulus has, with zeros in front. */
   private byte[] block(byte[] bytes) {
     byte[] block = new byte[key.size()];
     System.arraycopy(bytes, 0, block, block.length - bytes.length, bytes.length);

@@ -244,7 +244,6 @@ final class TokenContents {
     return issuer;
   }
 
-  /** Tells whether the key of one certificate has signed another one. */
   static boolean hasSigned(X509Certificate issuer, X509Certificate issued) {
     try {
       issued.verify(issuer.getPublicKey());

@@ -27,33 +27,38 @@ import javax.crypto.spec.SecretKeySpec;
 import javax.security.auth.login.LoginException;
 
 /**
- * Agrees on a secret with an EC key on a token. The secret is made there, read and destroyed. What is
- * to be agreed on with another key is another provider's.
+ * Agrees on a secret with an EC key on a token, which makes the secret, shows it and destroys it.
+ * The agreement hands every other key on to another provider.
  */
 final class TokenKeyAgreement extends KeyAgreementSpi {
+  /** The beginning of the object identifiers of AES. */
   private static final String AES_IDS = "2.16.840.1.101.3.4.1.";
 
   private final Provider provider;
   private final String name;
 
-  /** Makes a key of the secret as X9.63 does; null where the secret itself is wanted. */
+  /** The hash by which X9.63 derives a key from the secret, null for the secret itself. */
   private final Hash hash;
 
+  /** The key on a token, null before the first one. */
   private TokenKey.Ec key;
+
+  /** The information that both sides share, null without {@link #hash}. */
   private byte[] info;
 
-  /** Null until {@link #engineDoPhase}. */
+  /** The secret between {@link #engineDoPhase} and the call that returns it, else null. */
   private byte[] secret;
 
-  /** The other provider's, null unless it has been handed the key. */
+  /** The agreement of another provider, null unless the key went on to one. */
   private KeyAgreement other;
 
   /**
    * Makes an agreement without a key.
    *
-   * @param provider ours
-   * @param name what other providers call the algorithm
-   * @param hash that of X9.63's derivation of keys, as CMS wants it (RFC 5753); null without one
+   * @param provider the provider of this agreement
+   * @param name the algorithm, by which another provider is asked for it
+   * @param hash the hash by which X9.63 derives a key for CMS (RFC 5753); null for the secret
+   *     itself
    */
   TokenKeyAgreement(Provider provider, String name, Hash hash) {
     this.provider = provider;
@@ -94,7 +99,10 @@ final class TokenKeyAgreement extends KeyAgreementSpi {
     other = null;
   }
 
-  /** Java has no class for it, and BouncyCastle's is no dependency of this provider. */
+  /**
+   * Returns the shared information among the parameters. Java has no class for them, and the
+   * provider does not depend on BouncyCastle, which has one: reflection calls its method.
+   */
   private static byte[] sharedInfo(AlgorithmParameterSpec parameters)
       throws InvalidAlgorithmParameterException {
     try {
@@ -128,7 +136,10 @@ final class TokenKeyAgreement extends KeyAgreementSpi {
     return null;
   }
 
-  /** Not all tokens look, and points of other curves would tell of the key. */
+  /**
+   * Tells whether a point is on a curve over a prime field. Not all tokens check it, and the
+   * results for points of other curves would reveal the private key.
+   */
   private static boolean isOnCurve(ECPoint point, EllipticCurve curve) {
     if (!(curve.getField() instanceof ECFieldFp field) || point.equals(ECPoint.POINT_INFINITY)) {
       return false;
@@ -155,7 +166,10 @@ final class TokenKeyAgreement extends KeyAgreementSpi {
     return result;
   }
 
-  /** Derives as many bits as the last four bytes say: so RFC 5753 ends what both sides share. */
+  /**
+   * Derives a key from the secret by X9.63. Its size in bits is in the last four bytes of the
+   * shared information, where RFC 5753 puts it.
+   */
   private byte[] derive() {
     int size = ByteBuffer.wrap(info).getInt(info.length - Integer.BYTES) / Byte.SIZE;
     MessageDigest digest = hash.digest();
@@ -183,7 +197,11 @@ final class TokenKeyAgreement extends KeyAgreementSpi {
     return result.length;
   }
 
-  /** CMS names the cipher by its object identifier. */
+  /**
+   * Makes a key of the secret.
+   *
+   * @param algorithm the cipher; CMS names it by an object identifier, which becomes "AES" for AES
+   */
   @Override
   protected SecretKey engineGenerateSecret(String algorithm)
       throws NoSuchAlgorithmException, InvalidKeyException {

@@ -29,11 +29,12 @@ import java.util.List;
 import javax.security.auth.login.LoginException;
 
 /**
- * Makes key pairs that are on the token from the start, since no token lets a key of a session
- * become one of its own. They have an id and no label until the key store gives them an alias.
+ * Generates key pairs as token objects ({@code C_GenerateKeyPair}), since no token lets a key of a
+ * session become a token object later. The keys have an id, and no label until the key store gives
+ * them an alias.
  */
 final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
-  /** The keys that can be made; the default size suits every token. */
+  /** The keys that can be generated, with a default size in bits that suits every token. */
   enum Kind {
     RSA(CKK_RSA, CKM_RSA_PKCS_KEY_PAIR_GEN, 2048), EC(CKK_EC, CKM_EC_KEY_PAIR_GEN, 256),
     ED25519(CKK_EC_EDWARDS, CKM_EC_EDWARDS_KEY_PAIR_GEN, 255);
@@ -49,12 +50,13 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
     }
   }
 
+  /** The fewest bits of an RSA key. */
   private static final int SHORTEST_RSA = 2048;
 
   private final Token token;
   private final Kind kind;
 
-  /** The public key's attributes that the size or the curve sets; null until it is known. */
+  /** The template of the public key with its size or curve, null until {@link #initialize}. */
   private PKCS11Template wanted;
 
   /** Makes a generator for {@code RSA}, {@code EC}, {@code Ed25519} or {@code EdDSA}. */
@@ -80,7 +82,11 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
     }
   }
 
-  /** The token has random numbers of its own. */
+  /**
+   * Takes the size or the curve, if the token can generate such a key.
+   *
+   * @param random not read: the token has random numbers of its own
+   */
   @Override
   public void initialize(AlgorithmParameterSpec spec, SecureRandom random)
       throws InvalidAlgorithmParameterException {
@@ -122,9 +128,10 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
   }
 
   /**
-   * Asks the token ({@code C_GetMechanismInfo}).
+   * Asks the token whether it generates keys of a size ({@code C_GetMechanismInfo}).
    *
-   * @param bits 0 where there is one size, which tokens count in several ways
+   * @param bits the size; 0 for the one size of Ed25519, which tokens count in several ways
+   * @throws InvalidAlgorithmParameterException when it does not, or when the token cannot be asked
    */
   private void checkSize(int bits) throws InvalidAlgorithmParameterException {
     PKCS11MechanismInfo info;

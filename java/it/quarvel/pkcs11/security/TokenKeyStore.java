@@ -29,17 +29,25 @@ import javax.security.auth.login.FailedLoginException;
 import javax.security.auth.login.LoginException;
 
 /**
- * Holds what the token had when it was loaded: keys with the chains of their certificates, and the
- * certificates that the token calls trusted.
+ * The keys of a token with their chains of certificates, and the certificates that the token trusts
+ * ({@code CKA_TRUSTED}), as they were at the last load or change.
  */
 final class TokenKeyStore extends KeyStoreSpi {
-  /** A key without a certificate: a {@code PrivateKeyEntry} cannot be one. */
+  /** A key without a certificate, for which a {@code PrivateKeyEntry} would not do. */
   private record BareKey(TokenKey key) implements KeyStore.Entry {}
 
   private final Provider provider;
+
+  /** The token, null in a provider that is not configured. */
   private final Token token;
+
+  /** The contents of the token, null before the first load. */
   private TokenContents contents;
+
+  /** The entries that the URI names, by their aliases. */
   private Map<String, Entry> entries = Map.of();
+
+  /** The time of the last load or change, in place of the unknown dates of the entries. */
   private Date loaded = new Date();
 
   TokenKeyStore(Provider provider, Token token) {
@@ -49,7 +57,15 @@ final class TokenKeyStore extends KeyStoreSpi {
 
   // ---- Loading ----
 
-  /** Ignores the stream: some programs always give one. */
+  /**
+   * Logs in and reads the token.
+   *
+   * @param stream not read: some programs always give one
+   * @param pin the PIN, which a {@code pin-source} in the URI overrides; null for the callback
+   *     handler of the provider, the {@code pin-source} or the PIN pad
+   * @throws IOException when that fails; the cause is an {@code UnrecoverableKeyException} when the
+   *     token refuses the PIN
+   */
   @Override
   public void engineLoad(InputStream stream, char[] pin) throws IOException {
     try {
@@ -62,7 +78,14 @@ final class TokenKeyStore extends KeyStoreSpi {
     }
   }
 
-  /** A wrong PIN has another cause here, or {@code KeyStore.Builder} tries it three times. */
+  /**
+   * Logs in and reads the token.
+   *
+   * @param parameter holds the PIN, or a handler that asks for it; null as no PIN
+   * @throws IOException when that fails; the cause is a {@code FailedLoginException} when the token
+   *     refuses the PIN. After an {@code UnrecoverableKeyException}, {@code KeyStore.Builder} would
+   *     try a handler's PIN three times
+   */
   @Override
   public void engineLoad(KeyStore.LoadStoreParameter parameter) throws IOException {
     KeyStore.ProtectionParameter protection =
@@ -95,7 +118,12 @@ final class TokenKeyStore extends KeyStoreSpi {
     return new IOException("the token cannot be loaded: " + cause.getMessage(), cause);
   }
 
-  /** A pin-source counts more than {@code given}, which may be the default password of a program. */
+  /**
+   * Logs in and reads the token; a token that this call has opened is closed if the call fails.
+   *
+   * @param given asks for the PIN, null for none. A {@code pin-source} in the URI counts more: many
+   *     a program gives every key store its default password
+   */
   private void load(CallbackHandler given) throws PKCS11Exception, LoginException {
     if (token == null) {
       throw new PKCS11Exception("the provider names no token: configure it with a PKCS#11 URI");
@@ -184,7 +212,7 @@ final class TokenKeyStore extends KeyStoreSpi {
         .filter(alias -> certificate.equals(engineGetCertificate(alias))).findFirst().orElse(null);
   }
 
-  /** No password is wanted beside the PIN. */
+  /** Ignores the protection: the PIN of the token is enough. */
   @Override
   public KeyStore.Entry engineGetEntry(String alias, KeyStore.ProtectionParameter protection) {
     Entry entry = entries.get(alias);
@@ -198,7 +226,7 @@ final class TokenKeyStore extends KeyStoreSpi {
         : new KeyStore.PrivateKeyEntry(entry.key(), engineGetCertificateChain(alias));
   }
 
-  /** A key without a certificate is a private key, and not a secret key for want of a chain. */
+  /** Calls every key a private key. The default takes one without a chain for a secret key. */
   @Override
   public boolean engineEntryInstanceOf(String alias, Class<? extends KeyStore.Entry> kind) {
     return kind == KeyStore.PrivateKeyEntry.class && engineIsKeyEntry(alias)
@@ -209,15 +237,24 @@ final class TokenKeyStore extends KeyStoreSpi {
 
   @Override
   public void engineStore(OutputStream stream, char[] password) {
-    // The keys are on the token, and nowhere else.
+    // The stream gets nothing: the keys are on the token, and nowhere else.
   }
 
   @Override
   public void engineStore(KeyStore.LoadStoreParameter parameter) {
-    // Each change is stored when it is made.
+    // Each change is on the token as soon as it is made.
   }
 
-  /** No password is wanted beside the PIN. */
+  /**
+   * Gives a private key an alias and a chain. A key of this token stays; a key of software is
+   * copied to the token.
+   *
+   * @param password not read: the PIN of the token is enough
+   * @param chain the certificate of the key, then those of issuers in any order
+   * @throws KeyStoreException when the URI lacks {@code x-writable=yes}, when the certificate is
+   *     not the key's, and when the token does not store them; then nothing has changed, as far as
+   *     the token could undo it
+   */
   @Override
   public void engineSetKeyEntry(String alias, Key key, char[] password, Certificate[] chain)
       throws KeyStoreException {
@@ -247,7 +284,10 @@ final class TokenKeyStore extends KeyStoreSpi {
     throw new KeyStoreException("a token takes no key that is encrypted by other means");
   }
 
-  /** The default refuses to do without a password, and knows of no key without a certificate. */
+  /**
+   * Stores an entry, as the default does, but without a password; also gives another alias to a key
+   * without a certificate, of which the default knows nothing.
+   */
   @Override
   public void engineSetEntry(String alias, KeyStore.Entry entry,
       KeyStore.ProtectionParameter protection) throws KeyStoreException {
@@ -288,7 +328,10 @@ final class TokenKeyStore extends KeyStoreSpi {
     }
   }
 
-  /** Reads the token anew, also after a failure, of which half may be done. */
+  /**
+   * Makes a change and reads the token again, also after a failure, since half of the change may be
+   * done.
+   */
   private void change(Change change) throws KeyStoreException {
     Exception failure = null;
     try {
@@ -297,7 +340,7 @@ final class TokenKeyStore extends KeyStoreSpi {
       failure = e;
     }
     try {
-      synchronized (Token.CHANGING) { // some modules make no object while another thread reads
+      synchronized (Token.CHANGING) { // Some modules make no object while another thread reads.
         read(null);
       }
     } catch (PKCS11Exception | LoginException e) {

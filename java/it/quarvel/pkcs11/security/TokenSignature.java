@@ -30,8 +30,8 @@ import java.util.List;
 import javax.security.auth.login.LoginException;
 
 /**
- * Signs with a key on a token. What is to be verified, and what is to be signed with another key,
- * is another provider's.
+ * Signs with a key on a token. It hands verification, and signatures with every other key, on to
+ * another provider.
  */
 final class TokenSignature extends SignatureSpi {
   /** The kinds of signatures, with the kinds of keys that make them. */
@@ -39,53 +39,64 @@ final class TokenSignature extends SignatureSpi {
     PKCS1(KeyKind.RSA), PSS(KeyKind.RSA, KeyKind.RSASSA_PSS), ECDSA_DER(KeyKind.EC),
     ECDSA_P1363(KeyKind.EC), EDDSA(KeyKind.ED25519);
 
+    /** The kinds of keys that sign in this way. */
     private final List<KeyKind> kinds;
 
     Scheme(KeyKind... kinds) {
       this.kinds = List.of(kinds);
     }
 
+    /** Tells whether a key is on a token and of a kind that signs in this way. */
     boolean takes(Object key) {
       return key instanceof TokenKey tokenKey && kinds.contains(tokenKey.kind);
     }
   }
 
-  /** The longest digest that Java's own raw ECDSA takes. */
+  /** The most bytes that raw ECDSA takes for a digest, as in Java's own. */
   private static final int LONGEST_DIGEST = 64;
 
   /** The fewest bytes that PKCS #1 puts around the data. */
   private static final int PKCS1_PADDING = 11;
 
   private final Provider provider;
+
+  /** The algorithm, by which another provider is asked for it. */
   private final String name;
+
   private final Scheme scheme;
 
-  /** Null where the caller hashes, or the token does, or the parameters tell. */
+  /**
+   * The hash in the name. If it is null, the caller or the token hashes, or the parameters tell.
+   */
   private final Hash hash;
 
+  /** The parameters of RSASSA-PSS, null before they are set and for another scheme. */
   private AlgorithmParameterSpec parameters;
+
+  /** The key on a token, null without one. */
   private TokenKey key;
 
-  /** Data has come that is not yet signed. */
+  /** Whether data has come that is not yet signed. */
   private boolean underWay;
 
-  /** Hashes what is signed; where it is null, all of it is kept for the token. */
+  /** Hashes the data; null if the token gets the data itself. */
   private MessageDigest digest;
 
+  /** The data so far, empty if {@link #digest} hashes it; null before the first key on a token. */
   private ByteArrayOutputStream data;
 
-  /** The last signature has failed, and no data has come since. */
+  /** Whether the last signature has failed, and no data has come since. */
   private boolean failed;
 
-  /** The other provider's, null unless it has been handed the key. */
+  /** The signature of another provider, null unless the key went on to one. */
   private Signature other;
 
   /**
    * Makes a signature without a key.
    *
-   * @param provider ours
-   * @param name what other providers call the algorithm
-   * @param hash null without one, and for RSASSA-PSS, whose parameters name it
+   * @param provider the provider of this signature
+   * @param name the algorithm, by which another provider is asked for it
+   * @param hash the hash in the algorithm's name, null for a name without one
    */
   TokenSignature(Provider provider, String name, Scheme scheme, Hash hash) {
     this.provider = provider;
@@ -153,6 +164,7 @@ final class TokenSignature extends SignatureSpi {
     parameters = wanted;
   }
 
+  /** Refuses parameters that RSASSA-PSS does not take, or that name another hash than the name. */
   private void check(AlgorithmParameterSpec wanted) throws InvalidAlgorithmParameterException {
     if (!(wanted instanceof PSSParameterSpec pss)
         || !pss.getMGFAlgorithm().equalsIgnoreCase("MGF1")
@@ -166,7 +178,12 @@ final class TokenSignature extends SignatureSpi {
     }
   }
 
-  /** Makes ready for a key of the token's, or refuses what it cannot do. */
+  /**
+   * Makes ready to sign with a key on a token.
+   *
+   * @throws InvalidAlgorithmParameterException when the key is too short, or when the scheme, the
+   *     token or the key's certificate does not allow the parameters
+   */
   private void prepare(TokenKey tokenKey, AlgorithmParameterSpec wanted)
       throws InvalidAlgorithmParameterException {
     MessageDigest first = null;
@@ -188,7 +205,12 @@ final class TokenSignature extends SignatureSpi {
     failed = false;
   }
 
-  /** Returns null where the token hashes. */
+  /**
+   * Returns the digest for RSASSA-PSS by raw RSA, with which any parameters will do. Without raw
+   * RSA on the token, returns null: the token hashes the data by a mechanism of its own.
+   *
+   * @throws InvalidAlgorithmParameterException as {@link #prepare}
+   */
   private static MessageDigest pssDigest(TokenKey.Rsa rsa, PSSParameterSpec pss)
       throws InvalidAlgorithmParameterException {
     MessageDigest digest;
@@ -218,7 +240,10 @@ final class TokenSignature extends SignatureSpi {
     return null;
   }
 
-  /** The encodings are compared, since a digest has several names. */
+  /**
+   * Tells whether the limits of a key allow some parameters: the salt is as long or longer, and all
+   * else is the same. The method compares encodings, since a digest has several names.
+   */
   private static boolean allows(PSSParameterSpec limits, PSSParameterSpec wanted)
       throws InvalidAlgorithmParameterException {
     PSSParameterSpec salted = new PSSParameterSpec(limits.getDigestAlgorithm(),
@@ -232,6 +257,7 @@ final class TokenSignature extends SignatureSpi {
     }
   }
 
+  /** Returns the bits that EMSA-PSS fills: one less than the modulus has. */
   private static int pssBits(TokenKey.Rsa rsa) {
     return rsa.getModulus().bitLength() - 1;
   }
@@ -240,7 +266,10 @@ final class TokenSignature extends SignatureSpi {
     return ((MGF1ParameterSpec) pss.getMGFParameters()).getDigestAlgorithm();
   }
 
-  /** Returns the token's mechanism for the usual salt and mask, or -1, which none is. */
+  /**
+   * Returns the {@code CKM_} of RSASSA-PSS with a hash, for {@link Hash#pss}; -1, by which no token
+   * signs, for other parameters.
+   */
   private static int pssMechanism(PSSParameterSpec pss) {
     for (Hash each : Hash.values()) {
       if (each.pss.getDigestAlgorithm().equals(pss.getDigestAlgorithm())
@@ -252,7 +281,7 @@ final class TokenSignature extends SignatureSpi {
     return -1;
   }
 
-  /** Without it JSSE does without PSS altogether. */
+  /** Returns the parameters of RSASSA-PSS, without which JSSE would not use it, null for none. */
   @Override
   protected AlgorithmParameters engineGetParameters() {
     if (other != null) {
@@ -351,6 +380,7 @@ final class TokenSignature extends SignatureSpi {
     return rsa.sign(CKM_RSA_PKCS, input);
   }
 
+  /** Signs a digest by raw RSA, or data that the token hashes. */
   private byte[] signPss(TokenKey.Rsa rsa, byte[] input)
       throws PKCS11Exception, LoginException, SignatureException {
     if (!(parameters instanceof PSSParameterSpec pss)) {
@@ -367,7 +397,7 @@ final class TokenSignature extends SignatureSpi {
     return rsa.sign(CKM_RSA_X_509, block);
   }
 
-  /** Cuts off a digest that is longer than the order, which not every token does. */
+  /** Signs a digest, cut to the size of the order, since not every token cuts it. */
   private byte[] signEcdsa(TokenKey.Ec ec, byte[] input)
       throws PKCS11Exception, LoginException, SignatureException {
     if (input.length > LONGEST_DIGEST) {

@@ -39,10 +39,11 @@ import javax.crypto.Cipher;
 import javax.security.auth.login.LoginException;
 
 /**
- * Changes what a token holds, in one read/write session for each change. When a step fails, those
- * before it are undone, as far as the token still answers.
+ * Changes the keys and certificates on a token, with one read/write session for each change. When a
+ * step fails, the writer undoes the steps before it, as far as the token still answers.
  */
 final class TokenWriter {
+  /** A step that undoes another one. */
   private interface Step {
     void run() throws PKCS11Exception;
   }
@@ -51,13 +52,20 @@ final class TokenWriter {
     void by(TokenWriter writer) throws PKCS11Exception;
   }
 
+  /** The data that a key signs or decrypts to prove that it belongs to a certificate. */
   private static final byte[] PROBE = "one pair".getBytes(StandardCharsets.UTF_8);
 
   private final Token token;
   private final NativePKCS11Session session;
   private final Connection connection;
+
+  /** The contents of the token before the change. */
   private final TokenContents contents;
+
+  /** The entries that the URI names, by their aliases. */
   private final Map<String, Entry> named;
+
+  /** The steps that undo the change, the last one first. */
   private final Deque<Step> undoing = new ArrayDeque<>();
 
   private TokenWriter(Token token, NativePKCS11Session session, Connection connection)
@@ -70,10 +78,13 @@ final class TokenWriter {
   }
 
   /**
-   * Has a key sign what a certificate verifies; an RSA key that does not sign decrypts.
+   * Proves that a key belongs to a certificate: the key signs, and the certificate's key verifies.
+   * An RSA key on a token that may not sign ({@code CKR_KEY_FUNCTION_NOT_PERMITTED}) decrypts.
    *
-   * @param provider ours
-   * @throws KeyStoreException when the certificate is another key's, or nothing can be proved
+   * @param provider this library's provider
+   * @param key a key of a token or of software
+   * @throws KeyStoreException when the certificate is another key's, and when the key can prove
+   *     nothing
    */
   static void prove(Provider provider, PrivateKey key, X509Certificate certificate)
       throws KeyStoreException {
@@ -87,6 +98,10 @@ final class TokenWriter {
     }
   }
 
+  /**
+   * Tells whether a public key verifies a signature of a private key; for an RSA key on a token
+   * that may not sign, whether the private key decrypts.
+   */
   private static boolean signs(Provider provider, PrivateKey key, PublicKey publicKey)
       throws GeneralSecurityException {
     KeyKind kind = KeyKind.of(publicKey);
@@ -123,6 +138,7 @@ final class TokenWriter {
     return verifier.verify(signature);
   }
 
+  /** Tells whether a private key decrypts what a public key has encrypted (RSA PKCS #1). */
   private static boolean decrypts(Provider provider, PrivateKey key, PublicKey publicKey)
       throws GeneralSecurityException {
     Cipher cipher = Cipher.getInstance(TokenCipher.NAME, provider);
@@ -132,7 +148,10 @@ final class TokenWriter {
     return Arrays.equals(PROBE, cipher.doFinal(encrypted));
   }
 
-  /** Refuses an issuer that no chain would lead to, so that no deletion would remove it either. */
+  /**
+   * Refuses a chain with a certificate that issued none of the others: it would be in no chain that
+   * the key store builds, and no deletion would remove it.
+   */
   static void checkIssuers(List<X509Certificate> chain) throws KeyStoreException {
     for (X509Certificate issuer : chain) {
       if (!issuer.equals(chain.get(0)) && chain.stream().noneMatch(
@@ -144,11 +163,13 @@ final class TokenWriter {
   }
 
   /**
-   * Gives a key an alias and a chain. A key of the token's stays and loses its earlier
-   * certificates; any other is copied to the token. Issuers are added that are not there.
+   * Gives a key an alias and a chain. A key of the token stays, and loses its earlier certificates;
+   * a key of software is copied to the token. The method adds the issuers that the token lacks.
    *
-   * @param chain of which the first certificate is the key's, as has been proved
-   * @throws PKCS11Exception that tells why nothing has changed
+   * @param chain the certificate of the key, which the caller has proved, then those of issuers
+   * @throws PKCS11Exception when the change fails; the writer has undone it then, as far as the
+   *     token still answers
+   * @throws LoginException when the token wants a PIN and there is none, or it is refused
    */
   static void setKey(Token token, String alias, PrivateKey key, List<X509Certificate> chain)
       throws PKCS11Exception, LoginException {
@@ -164,7 +185,12 @@ final class TokenWriter {
     });
   }
 
-  /** Gives a key of the token's, which has no certificate, another alias. */
+  /**
+   * Gives another alias to a key of the token that has no certificate.
+   *
+   * @throws PKCS11Exception as {@link #setKey}
+   * @throws LoginException as {@link #setKey}
+   */
   static void rename(Token token, String alias, TokenKey key)
       throws PKCS11Exception, LoginException {
     change(token, writer -> {
@@ -175,7 +201,13 @@ final class TokenWriter {
     });
   }
 
-  /** Removes a key and what belongs to it alone. */
+  /**
+   * Removes a key with its public key, its certificates and those of issuers in no other chain. An
+   * alias that names no entry changes nothing.
+   *
+   * @throws PKCS11Exception as {@link #setKey}; nothing can undo the loss of the private key
+   * @throws LoginException as {@link #setKey}
+   */
   static void delete(Token token, String alias) throws PKCS11Exception, LoginException {
     change(token, writer -> {
       Entry entry = writer.named.get(alias);
@@ -185,6 +217,7 @@ final class TokenWriter {
     });
   }
 
+  /** Makes a change, and undoes it when it fails. */
   private static void change(Token token, Change change) throws PKCS11Exception, LoginException {
     token.change((session, connection) -> {
       TokenWriter writer = new TokenWriter(token, session, connection);
@@ -206,12 +239,18 @@ final class TokenWriter {
       try {
         undoing.pop().run();
       } catch (PKCS11Exception e) {
-        // The caller has to know the first failure.
+        // The caller gets the failure of the change, which matters more.
       }
     }
   }
 
-  /** Returns the entry of a key, null for one that is not the token's. */
+  /**
+   * Returns the entry of a key, null for a key of software that is not on the token.
+   *
+   * @param publicKey its public half; not read for a key of the token
+   * @throws PKCS11Exception when a key of the token is gone, and when a key of software is on the
+   *     token under another alias
+   */
   private Entry entry(String alias, PrivateKey key, PublicKey publicKey) throws PKCS11Exception {
     Entry found = null;
     for (Entry entry : contents.entries) {
@@ -229,6 +268,12 @@ final class TokenWriter {
     return found;
   }
 
+  /**
+   * Refuses an alias that UTF-8 cannot hold, that another entry has, or under which the URI would
+   * not show the key.
+   *
+   * @param own the entry of the key, null for a new one
+   */
   private void checkAlias(String alias, Entry own) throws PKCS11Exception {
     if (alias.isEmpty() || !alias.equals(new String(bytes(alias), StandardCharsets.UTF_8))) {
       throw new PKCS11Exception("the alias is no text that a label can be");
@@ -246,7 +291,12 @@ final class TokenWriter {
     }
   }
 
-  /** Some tokens cut labels off, or keep less than they say where there is no room. */
+  /**
+   * Reads the token again and refuses a change that it does not show. Some tokens cut labels off;
+   * some that have no room left keep less than they say.
+   *
+   * @param certificate the certificate of the key, null for none
+   */
   private void checkShown(String alias, PublicKey key, X509Certificate certificate)
       throws PKCS11Exception {
     Entry shown =
@@ -262,6 +312,7 @@ final class TokenWriter {
     return alias.getBytes(StandardCharsets.UTF_8);
   }
 
+  /** Gives a key of the token an alias and a chain, in place of its earlier certificates. */
   private void certify(String alias, KeyObject key, List<X509Certificate> chain)
       throws PKCS11Exception {
     addIssuers(chain);
@@ -283,7 +334,10 @@ final class TokenWriter {
     destroy(earlier);
   }
 
-  /** Some cards have room for one certificate of a key: there the earlier one goes first. */
+  /**
+   * Stores the certificate of a key. If the token refuses it, the method removes the earlier ones
+   * and tries again: some cards have room for one certificate of a key.
+   */
   private void renew(PKCS11Template certificate, List<Stored> earlier) throws PKCS11Exception {
     try {
       create(certificate);
@@ -296,6 +350,7 @@ final class TokenWriter {
     }
   }
 
+  /** Copies a key of software with its chain to the token. */
   private void importKey(String alias, PrivateKey key, List<X509Certificate> chain)
       throws PKCS11Exception {
     byte[] id = NewKeys.id();
@@ -310,6 +365,7 @@ final class TokenWriter {
     addIssuers(chain);
   }
 
+  /** Stores the certificates of issuers that the token lacks. */
   private void addIssuers(List<X509Certificate> chain) throws PKCS11Exception {
     Set<X509Certificate> there = new HashSet<>(chain.subList(0, 1));
     for (Stored stored : contents.certificates) {
@@ -322,6 +378,7 @@ final class TokenWriter {
     }
   }
 
+  /** Makes the template of a certificate that everybody may read. */
   private static PKCS11Template certificate(X509Certificate certificate) throws PKCS11Exception {
     try {
       return PKCS11Template.of(certificate).put(CKA_TOKEN, true).put(CKA_PRIVATE, false);
@@ -330,6 +387,7 @@ final class TokenWriter {
     }
   }
 
+  /** Makes an object ({@code C_CreateObject}). */
   private void create(PKCS11Template template) throws PKCS11Exception {
     Set<NativePKCS11Object> before = new HashSet<>(session.findAll(null));
     try {
@@ -340,7 +398,12 @@ final class TokenWriter {
     }
   }
 
-  /** Some tokens leave a part of an object behind that they refuse to make. */
+  /**
+   * Destroys the new objects without an id. Some tokens refuse to make an object and leave a part
+   * of it behind.
+   *
+   * @param before the objects that were there before
+   */
   private void destroyRemains(Set<NativePKCS11Object> before) throws PKCS11Exception {
     for (NativePKCS11Object object : session.findAll(null)) {
       if (!before.contains(object) && KeyObject.id(object.attributes(CKA_ID)).length == 0) {
@@ -349,6 +412,7 @@ final class TokenWriter {
     }
   }
 
+  /** Destroys certificates, and takes each off the collection. */
   private void destroy(Collection<Stored> certificates) throws PKCS11Exception {
     for (Iterator<Stored> each = certificates.iterator(); each.hasNext(); each.remove()) {
       Stored stored = each.next();
@@ -359,6 +423,7 @@ final class TokenWriter {
     }
   }
 
+  /** Gives a private key and its public key the label of an alias. */
   private void label(KeyObject key, String alias) throws PKCS11Exception {
     label(key.object(), alias);
     for (NativePKCS11Object half : publicHalves(key)) {
@@ -374,6 +439,7 @@ final class TokenWriter {
     }
   }
 
+  /** Finds the public keys on the token with the id and the public half of a private key. */
   private List<NativePKCS11Object> publicHalves(KeyObject key) throws PKCS11Exception {
     List<NativePKCS11Object> halves = new ArrayList<>();
     for (NativePKCS11Object object : session.findAll(
@@ -383,13 +449,17 @@ final class TokenWriter {
           halves.add(object);
         }
       } catch (InvalidKeyException e) {
-        // This object is the half of another key.
+        // Java cannot read this key, so it belongs to another private key.
       }
     }
     return halves;
   }
 
-  /** All is found before any of it goes, and what can be made again goes first. */
+  /**
+   * Removes a key as {@link #delete(Token, String)} does. The method finds all objects before it
+   * destroys any, and begins with the certificates, which it can make again when a later step
+   * fails.
+   */
   private void delete(Entry entry) throws PKCS11Exception {
     if (entry.key() == null) {
       throw new PKCS11Exception("trusted certificates are the security officer's");
@@ -413,12 +483,12 @@ final class TokenWriter {
         if (e.errorCode() != CKR_OBJECT_HANDLE_INVALID) {
           throw e;
         }
-        // On some cards it goes with the private key.
+        // Some cards destroy the public key with the private one.
       }
     }
   }
 
-  /** Returns the chain, and the earlier certificates of the key. */
+  /** Returns the chain of an entry and, for a key, its other certificates. */
   private Set<Stored> certificates(Entry entry) {
     Set<Stored> all = new HashSet<>(contents.chain(entry));
     for (Stored stored : contents.certificates) {
