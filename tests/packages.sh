@@ -90,6 +90,10 @@ END
     <(jar --describe-module --file $jar | sed -n 's/^exports //p' | sort)
 
   quarvel-pkcs11 slots --module "$QUARVEL_PKCS11_MODULE" | grep demo >/dev/null
+  mkdir -p stub/bin
+  ln -s /bin/echo stub/bin/java
+  JAVA_HOME=$PWD/stub quarvel-pkcs11 slots | grep -e ' -XX:TieredStopAtLevel=1 ' >/dev/null
+  JDK_JAVA_OPTIONS=-XX:+UseParallelGC quarvel-pkcs11 --version 2>/dev/null # Java takes one collector
   bash -c '. /usr/share/bash-completion/completions/quarvel-pkcs11
     COMP_WORDS=(quarvel-pkcs11 me) COMP_CWORD=1
     "_complete_quarvel-pkcs11" 2>/dev/null

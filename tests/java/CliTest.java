@@ -219,7 +219,7 @@ class CliTest {
     "1|CKR_PIN_INCORRECT \\(0xA0\\): login; .*|objects --pin-source DIR/wrong",
     "2|.*a module-path: .*|objects --uri pkcs11:?module-path=/x",
     "1|libc.so.6 is a library, but no PKCS#11 module|info --module libc.so.6",
-    "1|.*/none: there is no such file|info --direct --module DIR/none",
+    "1|.*/none: there is no such file that this user can reach|info --direct --module DIR/none",
     "1|.*above U\\+FFFF.*|info --direct --module DIR/\ud83d\ude00"})
   void saysInOneLineWhatIsWrong(int status, String message, String arguments) {
     Run run = run(arguments);

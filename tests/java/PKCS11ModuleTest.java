@@ -45,7 +45,7 @@ class PKCS11ModuleTest {
   @ParameterizedTest
   @CsvSource(delimiter = '|', value = {
     "the path of the module is empty.*|''", "DIR is no file|DIR",
-    "DIR/none: there is no such file|DIR/none", "DIR/text is no library|DIR/text",
+    "DIR/none: there is no such file that this user can reach|DIR/none", "DIR/text is no library|DIR/text",
     "/proc/self/mem is no library|/proc/self/mem", "DIR/cut.so is cut short.*|DIR/cut.so",
     "DIR/foreign.so is a library for another architecture|DIR/foreign.so",
     "DIR/lacking.so cannot be loaded as a .*; \"ldd -r\" shows .*|DIR/lacking.so",

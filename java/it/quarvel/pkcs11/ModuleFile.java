@@ -163,7 +163,7 @@ final class ModuleFile {
 
   private static String whyNotLoaded(File file) {
     if (!file.exists()) {
-      return file + ": there is no such file";
+      return file + ": there is no such file that this user can reach";
     }
     if (!file.canRead()) {
       return file + " cannot be read: permission denied";
