@@ -91,8 +91,10 @@ final class ElfFile {
    */
   boolean isCutShort() {
     for (int at = 0; at + SEGMENT <= segments.limit(); at += SEGMENT) {
-      if (segments.getInt(at) == LOADED
-          && segments.getLong(at + OFFSET) + segments.getLong(at + LENGTH) > length) {
+      long offset = segments.getLong(at + OFFSET);
+      long size = segments.getLong(at + LENGTH);
+      if (segments.getInt(at) == LOADED && (Long.compareUnsigned(size, length) > 0
+          || Long.compareUnsigned(offset, length - size) > 0)) {
         return true;
       }
     }

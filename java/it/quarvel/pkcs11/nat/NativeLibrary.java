@@ -4,6 +4,7 @@ package it.quarvel.pkcs11.nat;
 import it.quarvel.pkcs11.internal.PrivateFolder;
 import java.io.File;
 import java.io.IOException;
+import java.io.UncheckedIOException;
 import java.nio.file.Files;
 import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
@@ -121,7 +122,7 @@ final class NativeLibrary {
           .map(Matcher::group)
           .findFirst()
           .orElse("a file of another name");
-    } catch (IOException e) {
+    } catch (IOException | UncheckedIOException e) {
       return e.toString();
     }
   }
