@@ -19,7 +19,7 @@ public final class Encodings {
    * Encodes an ECDSA signature in DER.
    *
    * @param signature r and s as {@code C_Sign} returns them: two unsigned big-endian numbers of the
-   *     same size, at most 125 bytes in DER
+   *     same size, each at most 125 bytes in DER
    * @return the SEQUENCE of the two INTEGERs
    */
   public static byte[] derSignature(byte[] signature) {

@@ -195,7 +195,7 @@ public final class PrivateFolder implements AutoCloseable {
   /**
    * Names the systems for which the jar has native files, for a message.
    *
-   * @return "linux-amd64 and linux-aarch64" for instance, "no native files", or the failure to read
+   * @return "linux-aarch64 and linux-amd64" for instance, "no native files", or the failure to read
    *     the index
    */
   public static String carried() {

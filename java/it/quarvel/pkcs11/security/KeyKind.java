@@ -53,7 +53,7 @@ enum KeyKind {
   }
 
   /**
-   * Returns the parameters to which a key of RSASSA-PSS is limited.
+   * Returns the parameters to which its certificate limits a key of RSASSA-PSS.
    *
    * @return the parameters, with the salt's minimum length in bytes; null if the key has no limits
    * @throws InvalidKeyException when Java cannot read the parameters

@@ -125,7 +125,8 @@ record KeyObject(NativePKCS11Object object, byte[] id, byte[] label, PublicKey p
    * Returns the public half of a private key, as the key itself shows it, else a public key, else a
    * certificate, of the same id and type.
    *
-   * @param type the {@code CKA_KEY_TYPE}, null if the key does not show it
+   * @param type the {@code CKA_KEY_TYPE}; null if the key does not show it, and then nothing but
+   *     the key itself is read
    * @throws InvalidKeyException when none of them shows it; the message says why
    */
   private static PublicKey publicKey(

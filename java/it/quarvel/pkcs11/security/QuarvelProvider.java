@@ -44,8 +44,7 @@ import javax.security.auth.login.LoginException;
  * software, with their certificates; it also renames and deletes them. A <b>KeyPairGenerator</b>
  * for {@code RSA}, {@code EC} and {@code Ed25519} (or {@code EdDSA}) makes keys on the token at
  * once. Such a provider must not stand first: TLS would make the key of each handshake on the
- * token. A
- * <b>MessageDigest</b> hands its work on to another provider.
+ * token. A <b>MessageDigest</b> hands its work on to another provider.
  *
  * <p><b>Signature</b> {@code NONEwithRSA}, {@code SHA1withRSA}, {@code RSASSA-PSS}, {@code
  * SHA1withRSASSA-PSS} (or {@code SHA1withRSAandMGF1}), {@code NONEwithECDSA} and {@code
@@ -71,8 +70,8 @@ import javax.security.auth.login.LoginException;
  * server was started anew. The provider keeps no PIN. It asks the callback handler or the {@code
  * pin-source} again, and also at each use of a key with {@code CKA_ALWAYS_AUTHENTICATE}.
  *
- * <p>Any thread may use a provider. All providers of this class share one module, so that their
- * URIs have to name the same one. {@link #logout} closes the sessions of a provider, and the module
+ * <p>Any thread may use a provider. All providers of this class share one module, so their URIs
+ * have to name the same one. {@link #logout} closes the sessions of a provider, and the module
  * with the last provider. When the process ends, nobody calls {@code C_Finalize}.
  */
 public final class QuarvelProvider extends AuthProvider {

@@ -148,7 +148,7 @@ final class TokenCipher extends CipherSpi {
   /** Takes OAEP parameters; refuses any parameters if the padding is another one. */
   private void take(AlgorithmParameterSpec parameters) throws InvalidAlgorithmParameterException {
     if (standard == null) {
-      // After this exception, and no other, JSSE goes on without its parameters.
+      // JSSE goes on without its parameters after this exception, but not after the declared one.
       throw new UnsupportedOperationException("a key on a token takes no parameters but OAEP's");
     }
     try {

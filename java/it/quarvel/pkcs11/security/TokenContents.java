@@ -204,7 +204,7 @@ final class TokenContents {
     }
   }
 
-  /** Returns an entry's certificates, from its own up to the last issuer on the token. */
+  /** Returns an entry's certificates, from its own up to the last issuer on the token, or none. */
   List<Stored> chain(Entry entry) {
     List<Stored> chain = chains.get(entry);
     if (chain == null) {

@@ -167,8 +167,8 @@ final class TokenKeyAgreement extends KeyAgreementSpi {
   }
 
   /**
-   * Derives a key from the secret by X9.63. Its size in bits is in the last four bytes of the
-   * shared information, where RFC 5753 puts it.
+   * Derives a key from the secret by X9.63. The last four bytes of the shared information hold the
+   * size of the key in bits, as in RFC 5753.
    */
   private byte[] derive() {
     int size = ByteBuffer.wrap(info).getInt(info.length - Integer.BYTES) / Byte.SIZE;

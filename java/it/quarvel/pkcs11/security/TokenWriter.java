@@ -43,7 +43,7 @@ import javax.security.auth.login.LoginException;
  * step fails, the writer undoes the steps before it, as far as the token still answers.
  */
 final class TokenWriter {
-  /** A step that undoes another one. */
+  /** A step that undoes an earlier one. */
   private interface Step {
     void run() throws PKCS11Exception;
   }
@@ -399,8 +399,8 @@ final class TokenWriter {
   }
 
   /**
-   * Destroys the new objects without an id. Some tokens refuse to make an object and leave a part
-   * of it behind.
+   * Destroys new objects that have no id: some tokens refuse to make an object and leave a part of
+   * it behind.
    *
    * @param before the objects that were there before
    */
