@@ -68,7 +68,8 @@ import javax.security.auth.login.LoginException;
  *
  * <p>A key finds its token again: after a logout, after a card was pulled and put back, after a
  * server was started anew. The provider keeps no PIN. It asks the callback handler or the {@code
- * pin-source} again, and also at each use of a key with {@code CKA_ALWAYS_AUTHENTICATE}.
+ * pin-source} again, and for each signature or decryption by a key with {@code
+ * CKA_ALWAYS_AUTHENTICATE} too.
  *
  * <p>Any thread may use a provider. All providers of this class share one module, so their URIs
  * have to name the same one. {@link #logout} closes the sessions of a provider, and the module

@@ -48,6 +48,9 @@ final class Sessions {
     public void close() {
       if (succeeded && !closed) {
         idle.add(session);
+        if (closed) {
+          closeIdle(); // Sessions.close may have looked before the session was there.
+        }
       } else if (session != null) {
         Sessions.close(session);
       }
@@ -137,10 +140,17 @@ final class Sessions {
       return; // The module is closed, and its sessions with it.
     }
     try {
-      idle.forEach(Sessions::close);
+      closeIdle();
       close(lasting);
     } finally {
       SharedModule.leave();
+    }
+  }
+
+  /** Closes each idle session once: its handle may be another session's afterwards. */
+  private void closeIdle() {
+    for (NativePKCS11Session each = idle.poll(); each != null; each = idle.poll()) {
+      close(each);
     }
   }
 

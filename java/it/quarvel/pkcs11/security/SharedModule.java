@@ -25,7 +25,7 @@ final class SharedModule {
   /** The path of the module that was opened last. */
   private static String path;
 
-  /** Why the native library or the adapter cannot be loaded, null unless that has failed. */
+  /** The last failure to load the native library or the adapter, null before one. */
   private static LinkageError broken;
 
   private SharedModule() {}
@@ -117,20 +117,20 @@ final class SharedModule {
   }
 
   /**
-   * Opens a module. The method keeps the first failure to load the native library, since Java says
-   * the reason only at the first use of the class.
+   * Opens a module. The method keeps a failure to load the native library, since Java says the
+   * reason only at the first use of the class.
    */
   private static PKCS11Module load(String wanted) throws PKCS11Exception {
     try {
-      if (broken == null) {
-        return PKCS11Module.open(wanted);
-      }
+      return PKCS11Module.open(wanted);
     } catch (IllegalStateException e) {
       throw failure(e);
+    } catch (NoClassDefFoundError e) {
+      throw failure(broken != null ? broken : e);
     } catch (LinkageError e) {
       broken = e;
+      throw failure(e);
     }
-    throw failure(broken);
   }
 
   private static PKCS11Exception failure(Throwable cause) {

@@ -282,6 +282,9 @@ final class TokenCipher extends CipherSpi {
   /** Returns a number of raw RSA in as many bytes as the modulus has, with zeros in front. */
   private byte[] block(byte[] bytes) {
     byte[] block = new byte[key.size()];
+    if (bytes.length > block.length) {
+      throw new ProviderException("the token's answer is longer than the modulus");
+    }
     System.arraycopy(bytes, 0, block, block.length - bytes.length, bytes.length);
     return block;
   }

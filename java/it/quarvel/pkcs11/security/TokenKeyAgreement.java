@@ -34,6 +34,9 @@ final class TokenKeyAgreement extends KeyAgreementSpi {
   /** The beginning of the object identifiers of AES. */
   private static final String AES_IDS = "2.16.840.1.101.3.4.1.";
 
+  /** The longest key that is derived, in bytes: what is longer is no key. */
+  private static final int LONGEST_KEY = 1024;
+
   private final Provider provider;
   private final String name;
 
@@ -94,6 +97,10 @@ final class TokenKeyAgreement extends KeyAgreementSpi {
     if ((hash == null) != (info == null)) {
       throw new InvalidAlgorithmParameterException(name + (hash == null ? " takes no parameters"
           : " wants the key material that it takes beside the secret"));
+    }
+    if (info != null && (info.length < Integer.BYTES || size() < 1 || size() > LONGEST_KEY)) {
+      throw new InvalidAlgorithmParameterException("the key material does not end in the size of a"
+          + " key");
     }
     key = ec;
     other = null;
@@ -167,11 +174,16 @@ final class TokenKeyAgreement extends KeyAgreementSpi {
   }
 
   /**
-   * Derives a key from the secret by X9.63. The last four bytes of the shared information hold the
-   * size of the key in bits, as in RFC 5753.
+   * Returns the size of the key that is derived, in bytes. The last four bytes of the shared
+   * information hold it in bits (RFC 5753).
    */
+  private int size() {
+    return ByteBuffer.wrap(info).getInt(info.length - Integer.BYTES) / Byte.SIZE;
+  }
+
+  /** Derives a key from the secret by X9.63. */
   private byte[] derive() {
-    int size = ByteBuffer.wrap(info).getInt(info.length - Integer.BYTES) / Byte.SIZE;
+    int size = size();
     MessageDigest digest = hash.digest();
     ByteBuffer derived = ByteBuffer.allocate(size + digest.getDigestLength());
     for (int counter = 1; derived.position() < size; counter++) {

@@ -181,8 +181,13 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
       throw (PKCS11Exception) new PKCS11Exception(e.getMessage()).initCause(e);
     } finally {
       if (result == null) {
-        made.privateKey().destroy();
-        made.publicKey().destroy();
+        for (NativePKCS11Object half : List.of(made.privateKey(), made.publicKey())) {
+          try {
+            half.destroy();
+          } catch (PKCS11Exception e) {
+            // The failure that has led here tells more.
+          }
+        }
       }
     }
   }
