@@ -110,51 +110,13 @@ class PKCS11ModuleTest {
   }
 
   @Test
-  void servesThreadsUntilItIsClosed() throws Exception {
-    PKCS11Module module = token.open();
-    NativePKCS11Session login = module.token("demo").openSession();
-    login.login(PIN);
-    NativePKCS11Session.KeyPair pair = login.generateKeyPair(CKM_RSA_PKCS_KEY_PAIR_GEN,
-        new PKCS11Template().put(CKA_MODULUS_BITS, 2048), new PKCS11Template());
-    CountDownLatch rounds = new CountDownLatch(160);
-    List<Callable<Object>> threads = new ArrayList<>();
-    for (int i = 0; i < 8; i++) {
-      String label = "thread " + i;
-      threads.add(() -> {
-        assertThrows(PKCS11Exception.class, () -> {
-          for (int round = 0;; round++) {
-            use(login.slot(), label, pair, round % 2 == 0);
-            rounds.countDown();
-          }
-        });
-        assertEquals(0, rounds.getCount());
-        return null;
-      });
-    }
-    threads.set(0, () -> {
-      assertTrue(rounds.await(60, TimeUnit.SECONDS));
-      module.close();
-      return null;
-    });
-    TestToken.inEightThreads(threads);
-  }
-
-  /** The object is private: SoftHSM2 lets a search see others when they are half made, and fail. */
-  private static void use(NativePKCS11Slot slot, String label, NativePKCS11Session.KeyPair pair,
-      boolean isToDestroy) throws Exception {
-    PKCS11Template mine = new PKCS11Template().put(CKA_LABEL, label);
-    try (NativePKCS11Session session = slot.openSession()) {
-      NativePKCS11Object object = session.createObject(new PKCS11Template()
-          .put(CKA_CLASS, CKO_DATA).put(CKA_LABEL, label).put(CKA_PRIVATE, true));
-      assertEquals(List.of(object), session.findAll(mine));
-      TestToken.assertVerifies("SHA256withRSA", pair.publicKey().publicKey(),
-          session.sign(CKM_SHA256_RSA_PKCS,
-              new NativePKCS11Object(session, pair.privateKey().objectID()), TestToken.DATA));
-      if (isToDestroy) {
-        object.destroy();
-        assertEquals(List.of(), session.findAll(mine));
-      }
-    }
+  void tellsOfAModuleThatDoesNotEnd() throws Throwable {
+    TestToken.logged.clear();
+    TestToken.calls("C_Finalize", "C_Finalize=0x30", () -> PKCS11Module.open(TestToken.SHIM).close());
+    PKCS11Module.open(TestToken.SHIM).close();
+    assertEquals(List.of(TestToken.SHIM + " is closed, but was not ended: CKR_DEVICE_ERROR (0x30)",
+        TestToken.SHIM + " was not ended when it was closed before, and may be as it was left"),
+        TestToken.logged);
   }
 
   // ---- Modules with ways that real ones have, see native/odd.cpp ----

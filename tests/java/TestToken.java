@@ -12,6 +12,7 @@ import java.security.cert.X509Certificate;
 import java.security.interfaces.RSAPrivateCrtKey;
 import java.util.*;
 import java.util.concurrent.*;
+import java.util.logging.*;
 import org.junit.jupiter.api.extension.*;
 import org.junit.jupiter.api.function.Executable;
 
@@ -30,6 +31,20 @@ class TestToken implements AfterEachCallback, AfterAllCallback {
   static final byte[] DATA = "Whole blocks, to sign or to hide".getBytes(UTF_8);
   static final byte[] ID = {0, 'i', (byte) 0xFF};
   static final Date END = new GregorianCalendar(2031, Calendar.FEBRUARY, 28).getTime();
+
+  /** What the library has logged. */
+  static final List<String> logged = new CopyOnWriteArrayList<>();
+
+  private static final Logger LOGGER = Logger.getLogger("it.quarvel.pkcs11");
+
+  static {
+    LOGGER.addHandler(new StreamHandler() {
+      @Override
+      public void publish(LogRecord left) {
+        logged.add(left.getMessage());
+      }
+    });
+  }
 
   private final Queue<AutoCloseable> open = new ArrayDeque<>();
 

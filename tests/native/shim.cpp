@@ -117,6 +117,10 @@ extern "C" CK_RV C_GetFunctionList(CK_FUNCTION_LIST** given) {
     return answer(
         "C_Login:" + std::to_string(user), [=] { return module->C_Login(session, user, pin...); });
   };
+  list.C_Finalize = [](void* reserved) {
+    const CK_RV rv = module->C_Finalize(reserved);
+    return answer("C_Finalize", [=] { return rv; });  // it has ended, whatever it answers
+  };
   QUARVEL_NOTED(C_SetPIN);
   QUARVEL_NOTED(C_DecryptInit);
   QUARVEL_NOTED(C_Decrypt);

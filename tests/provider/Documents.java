@@ -5,8 +5,6 @@ import java.nio.file.*;
 import java.security.*;
 import java.security.cert.X509Certificate;
 import java.util.*;
-import org.apache.pdfbox.pdmodel.*;
-import org.apache.pdfbox.pdmodel.interactive.digitalsignature.PDSignature;
 import org.bouncycastle.cert.jcajce.*;
 import org.bouncycastle.cms.*;
 import org.bouncycastle.cms.jcajce.*;
@@ -14,8 +12,8 @@ import org.bouncycastle.jce.provider.BouncyCastleProvider;
 import org.bouncycastle.operator.jcajce.*;
 
 /**
- * Signs CMS and PDF documents, and decrypts a CMS one, as programs do that know nothing of tokens:
- * Documents URI PIN. OpenSSL judges what it leaves in the folder where it runs.
+ * Signs CMS documents and decrypts some, as programs do that know nothing of tokens: Documents URI
+ * PIN. OpenSSL judges what it leaves in the folder where it runs.
  */
 class Documents {
   public static void main(String[] args) throws Exception {
@@ -31,7 +29,6 @@ class Documents {
     for (String name : List.of("rsa2048", "rsa2048-oaep", "agreeing", "agreeing-1")) {
       decrypt(store, name);
     }
-    signPdf(store);
     // It then makes public keys of its own classes.
     Security.insertProviderAt(new BouncyCastleProvider(), 1);
     store.load(null, args[1].toCharArray());
@@ -65,34 +62,5 @@ class Documents {
             (X509Certificate) store.getCertificate(alias)));
     generator.addCertificates(new JcaCertStore(List.of(store.getCertificateChain(alias))));
     return generator.generate(new CMSProcessableByteArray(content), false).getEncoded();
-  }
-
-  private static void signPdf(KeyStore store) throws Exception {
-    ByteArrayOutputStream unsigned = new ByteArrayOutputStream();
-    try (PDDocument page = new PDDocument()) {
-      page.addPage(new PDPage());
-      page.save(unsigned);
-    }
-    ByteArrayOutputStream signed = new ByteArrayOutputStream();
-    try (PDDocument page = PDDocument.load(unsigned.toByteArray())) {
-      PDSignature signature = new PDSignature();
-      signature.setFilter(PDSignature.FILTER_ADOBE_PPKLITE);
-      signature.setSubFilter(PDSignature.SUBFILTER_ADBE_PKCS7_DETACHED);
-      signature.setSignDate(Calendar.getInstance());
-      page.addSignature(signature, content -> {
-        try {
-          return sign(store, "rsa2048", "SHA256withRSA", content.readAllBytes());
-        } catch (Exception e) {
-          throw new IOException(e);
-        }
-      });
-      page.saveIncremental(signed);
-    }
-    byte[] bytes = signed.toByteArray();
-    try (PDDocument page = PDDocument.load(bytes)) {
-      PDSignature signature = page.getLastSignatureDictionary();
-      write("pdf.cms", signature.getContents(bytes));
-      write("pdf", signature.getSignedContent(bytes));
-    }
   }
 }
