@@ -10,7 +10,7 @@ import java.security.cert.CertificateFactory;
 import java.security.interfaces.ECPublicKey;
 import java.security.spec.*;
 import java.util.*;
-import java.util.concurrent.*;
+import java.util.concurrent.Callable;
 import javax.crypto.KeyAgreement;
 import javax.crypto.spec.*;
 import org.junit.jupiter.api.*;
@@ -134,10 +134,7 @@ class KeyStoreWriterTest {
       open(WRITABLE.replace("?", ";object=rsa?"));
       store.setKeyEntry("x", store.getKey("rsa", null), null, own);
     }, "URI");
-    changes.forEach((change, why) -> {
-      String told = assertThrows(KeyStoreException.class, change).getMessage();
-      assertTrue(told.contains(why), told);
-    });
+    changes.forEach((change, why) -> TestToken.assertTells(why, KeyStoreException.class, change));
     assertEquals(before, objects());
   }
 
@@ -153,9 +150,7 @@ class KeyStoreWriterTest {
       }
       return null;
     }));
-    for (Future<Void> change : new ForkJoinPool(2).invokeAll(changes)) {
-      change.get();
-    }
+    TestToken.inEightThreads(changes);
     assertEquals(before, objects());
   }
 
@@ -211,8 +206,7 @@ class KeyStoreWriterTest {
         new ECPoint(point.getW().getAffineX(), BigInteger.ONE), point.getParams()));
     agreement.init(own.getPrivate());
     // The provider refuses it: a token might agree.
-    String told = assertThrows(
-        InvalidKeyException.class, () -> agreement.doPhase(beside, true)).getMessage();
-    assertTrue(told.contains("of the curve"), told);
+    TestToken.assertTells(
+        "of the curve", InvalidKeyException.class, () -> agreement.doPhase(beside, true));
   }
 }

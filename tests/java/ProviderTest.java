@@ -165,8 +165,8 @@ class ProviderTest {
           signer.setParameter(own);
         }
         for (byte[] signature : List.of(signed(signer), signed(signer))) {
-          assertVerifies(Signature.getInstance(jdks), publicKey, parameters, signature);
-          assertVerifies(Signature.getInstance(ours, provider), publicKey, own, signature);
+          TestToken.assertVerifies(Signature.getInstance(jdks), publicKey, parameters, signature);
+          TestToken.assertVerifies(Signature.getInstance(ours, provider), publicKey, own, signature);
         }
       }
     }
@@ -174,21 +174,22 @@ class ProviderTest {
 
   @Test
   void hasTheObjectIdentifiersOfTheJdk() {
-    assertEquals(identifiers("SunRsaSign", "SunEC"), identifiers(copy.getName()));
+    assertEquals(identifiers(Security.getProvider("SunRsaSign"), Security.getProvider("SunEC")),
+        identifiers(provider));
   }
 
   /**
    * Returns the object identifiers of our signatures, each with a name. For one the JDK knows another
    * too, which is out of use.
    */
-  static Map<Object, Object> identifiers(String... providers) {
+  Map<Object, Object> identifiers(Provider... providers) {
     Map<Object, Object> names = new TreeMap<>();
-    for (String provider : providers) {
-      names.putAll(Security.getProvider(provider));
+    for (Provider each : providers) {
+      names.putAll(each);
     }
     names.keySet().removeIf(
         key -> !((String) key).matches("Alg.Alias.Signature.(OID.)?[12].(?!3.14)[0-9.]+"));
-    names.values().removeIf(name -> copy.getService("Signature", (String) name) == null);
+    names.values().removeIf(name -> provider.getService("Signature", (String) name) == null);
     return names;
   }
 
@@ -196,20 +197,6 @@ class ProviderTest {
     signer.update(DATA[0]);
     signer.update(DATA, 1, DATA.length - 1);
     return signer.sign();
-  }
-
-  /** The verifier takes the signature for this data, and refuses it for other data. */
-  static void assertVerifies(Signature verifier, PublicKey key, AlgorithmParameterSpec parameters,
-      byte[] signature) throws Exception {
-    verifier.initVerify(key);
-    if (parameters != null) {
-      verifier.setParameter(parameters);
-    }
-    for (int added = 0; added < 2; added++) {
-      verifier.update(new byte[] {1}, 0, added);
-      verifier.update(DATA);
-      assertEquals(added == 0, verifier.verify(signature), () -> key + " " + verifier);
-    }
   }
 
   /** The JDK refuses such a key of its own at the same time. */
@@ -305,7 +292,7 @@ class ProviderTest {
     for (Executable write : List.<Executable>of(() -> store.deleteEntry("rsa2048"),
         () -> store.setCertificateEntry("x", certificates.get("ca")),
         () -> store.setKeyEntry("x", key("rsa2048"), null, store.getCertificateChain("rsa2048")))) {
-      assertTrue(assertThrows(KeyStoreException.class, write).getMessage().contains("read-only"));
+      TestToken.assertTells("read-only", KeyStoreException.class, write);
     }
   }
 
@@ -505,8 +492,7 @@ class ProviderTest {
   }
 
   static void assertNotSigned(Signature signer, String why) {
-    String told = assertThrows(SignatureException.class, () -> signed(signer)).getMessage();
-    assertTrue(told.contains(why), told);
+    TestToken.assertTells(why, SignatureException.class, () -> signed(signer));
   }
 
   @Test
@@ -592,15 +578,13 @@ class ProviderTest {
   }
 
   void assertNotLoaded(String uri, String why) {
-    String told = assertThrows(IOException.class, () -> load(token.configured(uri), PIN)).getMessage();
-    assertTrue(told.contains(why), told);
+    TestToken.assertTells(why, IOException.class, () -> load(token.configured(uri), PIN));
   }
 
   @Test
   void refusesWhatCannotBe() throws Exception {
     for (String uri : List.of("/etc/pkcs11.cfg", "pkcs11:token=demo")) {
-      assertTrue(assertThrows(InvalidParameterException.class, () -> token.configured(uri)).getMessage()
-          .startsWith("wanted is"));
+      TestToken.assertTells("wanted is", InvalidParameterException.class, () -> token.configured(uri));
     }
     Signature pss = Signature.getInstance("RSASSA-PSS", provider);
     pss.initSign(key("rsa1025"));

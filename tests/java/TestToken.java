@@ -10,6 +10,7 @@ import java.nio.file.*;
 import java.security.*;
 import java.security.cert.X509Certificate;
 import java.security.interfaces.RSAPrivateCrtKey;
+import java.security.spec.AlgorithmParameterSpec;
 import java.util.*;
 import java.util.concurrent.*;
 import java.util.logging.*;
@@ -164,16 +165,16 @@ class TestToken implements AfterEachCallback, AfterAllCallback {
   }
 
   static <T> List<T> inEightThreads(List<Callable<T>> tasks) throws Exception {
-    ExecutorService threads = Executors.newFixedThreadPool(8);
     List<T> results = new ArrayList<>();
-    try {
-      for (Future<T> task : threads.invokeAll(tasks)) {
-        results.add(task.get());
-      }
-    } finally {
-      threads.shutdown();
+    for (Future<T> task : new ForkJoinPool(8).invokeAll(tasks)) {
+      results.add(task.get());
     }
     return results;
+  }
+
+  static void assertTells(String why, Class<? extends Throwable> failure, Executable call) {
+    String told = assertThrows(failure, call).getMessage();
+    assertTrue(told.contains(why), told);
   }
 
   static void assertFails(String message, Executable call) {
@@ -181,9 +182,20 @@ class TestToken implements AfterEachCallback, AfterAllCallback {
   }
 
   static void assertVerifies(String algorithm, PublicKey key, byte[] signature) throws Exception {
-    Signature verifier = Signature.getInstance(algorithm);
+    assertVerifies(Signature.getInstance(algorithm), key, null, signature);
+  }
+
+  /** The verifier takes the signature for this data, and refuses it for other data. */
+  static void assertVerifies(Signature verifier, PublicKey key, AlgorithmParameterSpec parameters,
+      byte[] signature) throws Exception {
     verifier.initVerify(key);
-    verifier.update(DATA);
-    assertTrue(verifier.verify(signature), algorithm);
+    if (parameters != null) {
+      verifier.setParameter(parameters);
+    }
+    for (int added = 0; added < 2; added++) {
+      verifier.update(new byte[] {1}, 0, added);
+      verifier.update(DATA);
+      assertEquals(added == 0, verifier.verify(signature), () -> key + " " + verifier);
+    }
   }
 }
