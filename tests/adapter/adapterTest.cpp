@@ -160,8 +160,6 @@ TEST_F(Adapter, NumbersHandlesThatDoNotFit) {
 }
 
 TEST_F(Adapter, RefusesNumbersThatItNeverGaveOut) {
-  module.C_SetOperationState = succeed;
-  module.C_WaitForSlotEvent = succeed;
   const H s = open(kWide), key = make(s, kWide), none = 0x7FFFFFF0;
   calls.clear();
   EXPECT_EQ(use(none, key), kNoSession);
@@ -360,6 +358,25 @@ TEST_F(Adapter, NarrowsTypes) {
   EXPECT_EQ(attributes[1].type, 0xFFFFFFFF80000201) << "the caller's own";
   EXPECT_EQ(p11->C_Login(session, 0xFFFFFFFF80000001, nullptr, 0), CKR_OK);
   EXPECT_EQ(calls.back(), "C_Login(0x7F0000000010, 0x80000001, null/0)");
+
+  // Each function with a template. What is made of it gets a number.
+  CK_ATTRIBUTE* wide = &attributes[1];
+  H numbers[7];
+  script.handle = kWide;
+  calls.clear();
+  for (const CK_RV rv :
+       {p11->C_SetAttributeValue(session, key, wide, 1), p11->C_FindObjectsInit(session, wide, 1),
+        p11->C_CreateObject(session, wide, 1, &numbers[0]),
+        p11->C_CopyObject(session, key, wide, 1, &numbers[1]),
+        p11->C_GenerateKey(session, &mechanism, wide, 1, &numbers[2]),
+        p11->C_GenerateKeyPair(session, &mechanism, wide, 1, wide, 1, &numbers[3], &numbers[4]),
+        p11->C_UnwrapKey(session, &mechanism, key, bytes, 1, wide, 1, &numbers[5]),
+        p11->C_DeriveKey(session, &mechanism, key, wide, 1, &numbers[6])}) {
+    EXPECT_EQ(rv, CKR_OK);
+  }
+  EXPECT_EQ(calls.size(), 8);
+  for (const auto& call : calls) EXPECT_EQ(call.find("ffffffff"), std::string::npos) << call;
+  for (const H number : numbers) EXPECT_LT(number, 0x80000000);
 }
 
 TEST_F(Adapter, CompletesMechanisms) {
