@@ -8,6 +8,7 @@ import it.quarvel.pkcs11.cli.Main;
 import it.quarvel.pkcs11.internal.Hash;
 import it.quarvel.pkcs11.nat.NativePKCS11Session;
 import java.io.*;
+import java.math.BigInteger;
 import java.nio.file.*;
 import java.security.*;
 import java.security.cert.*;
@@ -59,6 +60,8 @@ class CliTest {
         found("(?m)^CKO_(DATA|CERT|PRIVATE_K)", ours));
     assertEquals(found("  (?:label|ID): +((?=cl|00).+)", theirs),
         found("  (?:label|id) +((?=cl|00).+)", ours));
+    assertEquals(certificate.getSerialNumber(),
+        new BigInteger(found(" serial: +(.+)", theirs).get(0), 16));
     assertTrue(ours.contains("  \"\\\\u000A\\u202E\ud83d\ude00*"), ours);
     assertTrue(ours.matches("(?s).*\n  subject +CN=Test\n  issuer +CN=Test\n.*"), ours);
     String slots = TestToken.openSc("--show-info --list-slots");
