@@ -168,7 +168,7 @@ class CliTest {
     Process check = start("made", "check --write --pin-source " + dir.resolve("pin"));
     BufferedReader rows = check.inputReader();
     for (String row = ""; !row.startsWith("generate key "); row = rows.readLine()) {}
-    check.destroy();
+    check.toHandle().destroy(); // Process.destroy closes the output too, of which the command ends
     assertEquals(143, check.waitFor());
     // How far it has come by then depends on the machine.
     long made = calls("made", "C_CreateObject|C_GenerateKey|C_UnwrapKey")

@@ -22,11 +22,16 @@ import javax.crypto.spec.*;
 import javax.net.ssl.*;
 import javax.security.auth.callback.*;
 import javax.security.auth.login.FailedLoginException;
+import javax.xml.crypto.dsig.*;
+import javax.xml.crypto.dsig.dom.*;
+import javax.xml.crypto.dsig.spec.*;
+import javax.xml.parsers.DocumentBuilderFactory;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.extension.RegisterExtension;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.*;
+import org.w3c.dom.Document;
 
 /**
  * Has the JDK judge the provider, with the keys of provider/keys.sh, which both {@link
@@ -517,8 +522,8 @@ class ProviderTest {
   // ---- Libraries of the JDK ----
 
   /**
-   * The token is at both ends. Some rows take mechanisms away from it; SoftHSM2 keeps the first one
-   * all the same.
+   * The token is at both ends, then OpenSSL at the other one. Some rows take mechanisms away from
+   * the token; SoftHSM2 keeps the first one all the same.
    */
   @ParameterizedTest
   @CsvSource({"TLSv1.3,rsa2048,", "TLSv1.2,rsa2048,", "TLSv1.3,prime256v1,", "TLSv1.2,prime256v1,",
@@ -547,19 +552,49 @@ class ProviderTest {
     try (SSLServerSocket listening =
             (SSLServerSocket) context.getServerSocketFactory().createServerSocket(0)) {
       listening.setNeedClientAuth(true);
-      FutureTask<Certificate> server = new FutureTask<>(() -> {
-        try (SSLSocket socket = (SSLSocket) listening.accept()) {
-          socket.getOutputStream().write(42);
-          return socket.getSession().getPeerCertificates()[0];
+      FutureTask<List<Object>> server = new FutureTask<>(() -> {
+        List<Object> peers = new ArrayList<>();
+        while (peers.size() < 2) {
+          try (SSLSocket socket = (SSLSocket) listening.accept()) {
+            socket.getOutputStream().write(42);
+            peers.add(socket.getSession().getPeerCertificates()[0]);
+          }
         }
+        return peers;
       });
       new Thread(server).start();
       int port = listening.getLocalPort();
       try (Socket client = context.getSocketFactory().createSocket("localhost", port)) {
         assertEquals(42, client.getInputStream().read());
       }
-      assertEquals(certificates.get(name), server.get());
+      TestToken.output("openssl s_client -connect localhost:%d -CAstore %s/ca.der -cert %2$s/%s.der"
+          .formatted(port, DIR, name) + " -verify_return_error -key %s/%s.key -%s".formatted(DIR, name,
+              protocol.replace("TLSv1.", "tls1_")));
+      assertEquals(Collections.nCopies(2, certificates.get(name)), server.get());
     }
+  }
+
+  @ParameterizedTest
+  @CsvSource({"rsa2048,2001/04/xmldsig-more#rsa-sha256",
+      "rsa2048,2007/05/xmldsig-more#sha256-rsa-MGF1", "rsa2048,2007/05/xmldsig-more#rsa-pss",
+      "prime256v1,2001/04/xmldsig-more#ecdsa-sha256"})
+  void signsXml(String name, String method) throws Exception {
+    XMLSignatureFactory xml = XMLSignatureFactory.getInstance("DOM");
+    SignatureMethodParameterSpec parameters = !method.endsWith("rsa-pss") ? null
+        : new RSAPSSParameterSpec(pss("SHA-256", "SHA-256", 32));
+    Document document =
+        DocumentBuilderFactory.newDefaultNSInstance().newDocumentBuilder().newDocument();
+    xml.newXMLSignature(
+        xml.newSignedInfo(
+            xml.newCanonicalizationMethod(CanonicalizationMethod.EXCLUSIVE,
+                (C14NMethodParameterSpec) null),
+            xml.newSignatureMethod("http://www.w3.org/" + method, parameters),
+            List.of(xml.newReference("#order", xml.newDigestMethod(DigestMethod.SHA256, null)))),
+        null, List.of(xml.newXMLObject(null, "order", null, null)), null, null)
+        .sign(new DOMSignContext(key(name), document));
+    DOMValidateContext judge =
+        new DOMValidateContext(publicKey(name), document.getDocumentElement());
+    assertTrue(xml.unmarshalXMLSignature(judge).validate(judge));
   }
 
   // ---- Bad input ----
