@@ -21,7 +21,7 @@ trap 'rm -rf "$work"' EXIT
 # column MODULE PACKAGE: what stands under its name, as {module: {operation: result}}; nothing for a
 # module that cannot be had here
 column() {
-  local module=$1 write=(--write --yes) status=0
+  local module=$1 write=(--write --yes) status=0 package
   [ "$module" != trust ] || write=() # a list of certificates: there is nothing to write to
   (
     set -e
@@ -35,8 +35,11 @@ column() {
   ) >"$work/out" 2>"$work/err" || status=$?
   if [ "$status" -eq 77 ]; then
     echo "$module: not run, $(cat "$work/out")" >&2
-  elif ! jq -ne --arg name "$module" --arg package "$(dpkg-query -W -f '${Package} ${Version}' "$2")" \
-    --arg date "$(date -u +%F)" 'input | select(.error == null)
+    return
+  fi
+  package=$(dpkg-query -W -f '${Package} ${Version}' "$2")
+  if ! jq -ne --arg name "$module" --arg package "$package" --arg date "$(date -u +%F)" \
+    'input | select(.error == null)
       | {($name): ({checked: $date, package: $package} + (.operations | map({(.operation):
         (.result + if .result == "refused" or .result == "not made" then " \(.detail)" else "" end)})
         | add))}' "$work/out"; then
