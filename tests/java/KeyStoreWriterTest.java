@@ -54,9 +54,9 @@ class KeyStoreWriterTest {
     store = ProviderTest.load(provider, ProviderTest.PIN);
   }
 
-  KeyPair generated(String algorithm, AlgorithmParameterSpec spec) throws Exception {
+  KeyPair generated(String algorithm, AlgorithmParameterSpec parameters) throws Exception {
     KeyPairGenerator generator = KeyPairGenerator.getInstance(algorithm, provider);
-    generator.initialize(spec);
+    generator.initialize(parameters);
     return generator.generateKeyPair();
   }
 

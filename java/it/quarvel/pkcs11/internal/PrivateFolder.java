@@ -36,8 +36,12 @@ public final class PrivateFolder implements AutoCloseable {
   private static final FileAttribute<?> OWNER_ONLY =
       PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------"));
 
-  /** The number of parents that {@link #create} tries unless the property names one. */
-  private static final int PARENTS = 3;
+  /** The environment variable that names the last parent. */
+  private static final String RUNTIME = "XDG_RUNTIME_DIR";
+
+  /** The parents that {@link #create} tries in turn, unless the property names one. */
+  private static final String[] PARENTS = {
+      System.getProperty("java.io.tmpdir"), "/dev/shm", RUNTIME};
 
   /** The mode bits by which the group and others may write. */
   private static final int WRITABLE = 0022;
@@ -66,8 +70,9 @@ public final class PrivateFolder implements AutoCloseable {
     String named = System.getProperty(TMPDIR_PROPERTY);
     IOException failure = new IOException();
     String tried = "";
-    for (int i = 0; i < (named != null ? 1 : PARENTS); i++) {
-      String parent = named != null ? named : parent(i);
+    for (String next : named != null ? new String[] {named} : PARENTS) {
+      // Most starts do without the environment, whose classes take their time.
+      String parent = RUNTIME.equals(next) ? System.getenv(RUNTIME) : next;
       try {
         if (parent != null) {
           return create(Path.of(parent).toRealPath());
@@ -79,15 +84,6 @@ public final class PrivateFolder implements AutoCloseable {
     }
     throw new IOException("no folder can be made" + tried
         + (named != null ? "" : ": name one with -D" + TMPDIR_PROPERTY + "=DIR"), failure);
-  }
-
-  /** Returns the parent that {@link #create} tries in a turn, from 0; null if it is not set. */
-  private static String parent(int turn) {
-    return switch (turn) {
-      case 0 -> System.getProperty("java.io.tmpdir");
-      case 1 -> "/dev/shm";
-      default -> System.getenv("XDG_RUNTIME_DIR");
-    };
   }
 
   private static PrivateFolder create(Path parent) throws IOException {

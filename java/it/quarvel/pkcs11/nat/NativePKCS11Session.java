@@ -66,7 +66,9 @@ public class NativePKCS11Session implements AutoCloseable {
     boolean visit(NativePKCS11Object object) throws E;
   }
 
-  /** The login between the start and the end of {@link #sign(int, NativePKCS11Object, byte[], Login)}. */
+  /**
+   * The login between the start and the end of {@link #sign(int, NativePKCS11Object, byte[], Login)}.
+   */
   @FunctionalInterface
   public interface Login {
     /**

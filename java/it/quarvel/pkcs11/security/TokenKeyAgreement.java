@@ -34,7 +34,7 @@ final class TokenKeyAgreement extends KeyAgreementSpi {
   /** The beginning of the object identifiers of AES. */
   private static final String AES_IDS = "2.16.840.1.101.3.4.1.";
 
-  /** The longest key that is derived, in bytes: what is longer is no key. */
+  /** The longest key that is derived, in bytes: far more than a cipher or MAC takes. */
   private static final int LONGEST_KEY = 1024;
 
   private final Provider provider;

@@ -88,10 +88,10 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
    * @param random not read: the token has random numbers of its own
    */
   @Override
-  public void initialize(AlgorithmParameterSpec spec, SecureRandom random)
+  public void initialize(AlgorithmParameterSpec parameters, SecureRandom random)
       throws InvalidAlgorithmParameterException {
     PKCS11Template pub = NewKeys.publicKey(kind.type, NewKeys.id());
-    if (kind == Kind.RSA && spec instanceof RSAKeyGenParameterSpec rsa
+    if (kind == Kind.RSA && parameters instanceof RSAKeyGenParameterSpec rsa
         && rsa.getKeyParams() == null) {
       if (rsa.getKeysize() < SHORTEST_RSA) {
         throw new InvalidAlgorithmParameterException("RSA keys have 2,048 bits and more");
@@ -103,28 +103,30 @@ final class TokenKeyPairGenerator extends KeyPairGeneratorSpi {
       checkSize(rsa.getKeysize());
       pub.put(CKA_MODULUS_BITS, rsa.getKeysize()).put(CKA_PUBLIC_EXPONENT, exponent);
     } else if (kind == Kind.EC
-        && (spec instanceof ECGenParameterSpec || spec instanceof ECParameterSpec)) {
+        && (parameters instanceof ECGenParameterSpec || parameters instanceof ECParameterSpec)) {
       try {
         AlgorithmParameters curve = AlgorithmParameters.getInstance("EC");
-        curve.init(spec);
+        curve.init(parameters);
         checkSize(curve.getParameterSpec(ECParameterSpec.class).getCurve().getField()
             .getFieldSize());
         pub.put(CKA_EC_PARAMS, curve.getEncoded());
       } catch (NoSuchAlgorithmException | InvalidParameterSpecException | IOException e) {
-        throw new InvalidAlgorithmParameterException("Java has no curve " + name(spec), e);
+        throw new InvalidAlgorithmParameterException("Java has no curve " + name(parameters), e);
       }
-    } else if (kind == Kind.ED25519 && spec instanceof NamedParameterSpec named
+    } else if (kind == Kind.ED25519 && parameters instanceof NamedParameterSpec named
         && named.getName().equalsIgnoreCase(NamedParameterSpec.ED25519.getName())) {
       checkSize(0);
       pub.put(CKA_EC_PARAMS, NewKeys.ED25519_PARAMS);
     } else {
-      throw new InvalidAlgorithmParameterException("no parameters of a key of " + kind + ": " + name(spec));
+      throw new InvalidAlgorithmParameterException(
+          "no parameters of a key of " + kind + ": " + name(parameters));
     }
     wanted = pub;
   }
 
-  private static String name(AlgorithmParameterSpec spec) {
-    return spec instanceof NamedParameterSpec named ? named.getName() : String.valueOf(spec);
+  private static String name(AlgorithmParameterSpec parameters) {
+    return parameters instanceof NamedParameterSpec named ? named.getName()
+        : String.valueOf(parameters);
   }
 
   /**
